@@ -1,0 +1,12 @@
+# One target that carries the compiler settings every part of the house is built with.
+add_library(korvane_options INTERFACE)
+target_compile_options(korvane_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
+    -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wimplicit-fallthrough -Werror)
+target_include_directories(korvane_options INTERFACE ${PROJECT_SOURCE_DIR}/src)
+
+if(KORVANE_SANITIZE)
+    target_compile_options(korvane_options INTERFACE
+        -fsanitize=${KORVANE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    target_link_options(korvane_options INTERFACE -fsanitize=${KORVANE_SANITIZE})
+endif()

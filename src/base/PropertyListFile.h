@@ -1,0 +1,55 @@
+// Property lists in files that several programs rewrite in place. One write keeps the file's inode,
+// and a kill or a full disk at any moment leaves the old or the new contents to the next reader.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "base/PropertyList.h"
+#include "base/Result.h"
+
+namespace korvane {
+
+enum class Durability {
+    process,   // survives the end of this process
+    powerLoss  // is on the disk before the call returns
+};
+
+// The hidden file beside `path` that holds the new contents while they are written.
+[[nodiscard]] std::string savingSiblingOf(const std::string& path);
+
+// Rewrites the regular file at `path` in place (or creates it) and gives it the permissions `mode`
+// whatever the umask. The new text first goes whole to the sibling; then into the file, its first
+// byte last, so that no mixture of old and new ever parses; then the file is cut to its length and
+// the sibling removed. On an error the old contents stand, or the sibling does and the next read
+// restores it. Never follows a link at `path` or at the sibling.
+[[nodiscard]] Result<std::monostate> writeInPlace(const std::string& path, std::string_view text,
+                                                  mode_t mode, Durability durability);
+
+// Reads and writes property lists at paths, and remembers what it last read or wrote at each: a
+// file that has not changed since (device, inode, size, change time) is not parsed again. One
+// thread at a time.
+class PropertyListFiles {
+  public:
+    PropertyListFiles();
+    ~PropertyListFiles();
+    PropertyListFiles(const PropertyListFiles&) = delete;
+    PropertyListFiles& operator=(const PropertyListFiles&) = delete;
+
+    // The parsed file. A file that does not parse while a complete sibling stands is restored from
+    // it; without one it stays as it is, byte for byte, and the error says what is wrong.
+    [[nodiscard]] Result<PropertyList> read(const std::string& path);
+    [[nodiscard]] Result<std::monostate> write(const std::string& path, const PropertyList& value,
+                                               mode_t mode, Durability durability);
+
+  private:
+    struct Remembered;
+    std::map<std::string, Remembered> remembered_;
+};
+
+}  // namespace korvane

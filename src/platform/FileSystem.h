@@ -1,0 +1,73 @@
+// Files and folders as the daemon needs them. Paths are absolute and in the file system's own
+// bytes. Every call may block on a dying disk; none follows a link in the last component unless its
+// comment says so.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/PropertyList.h"
+#include "base/PropertyListFile.h"
+#include "base/Result.h"
+#include "platform/Clock.h"
+
+namespace korvane {
+
+enum class ItemKind { file, folder, link, other };
+
+struct ItemAttributes {
+    ItemKind kind = ItemKind::other;
+    std::uint64_t sizeBytes = 0;
+    Time modificationDate{};
+    std::uint32_t ownerId = 0;
+    mode_t permissions = 0;
+};
+
+class FileSystem {
+  public:
+    virtual ~FileSystem() = default;
+
+    // Whether something is there, and whether it is a folder. Both follow links.
+    [[nodiscard]] virtual bool exists(const std::string& path) = 0;
+    [[nodiscard]] virtual bool isFolder(const std::string& path) = 0;
+
+    // The names in a folder, without "." and "..", in no particular order; nothing when it cannot
+    // be listed.
+    [[nodiscard]] virtual std::optional<std::vector<std::string>> list(const std::string& path) = 0;
+    // The paths of everything below a folder, relative to it, a folder before its contents. Folders
+    // that cannot be read are passed over; links are not followed. Empty when there is none.
+    [[nodiscard]] virtual std::vector<std::string> enumerate(const std::string& path) = 0;
+
+    [[nodiscard]] virtual std::optional<ItemAttributes> attributes(const std::string& path) = 0;
+
+    // Creates the folder and the folders above it, those that it makes owned by the named account.
+    // True when the folder is there afterwards.
+    virtual bool createFolders(const std::string& path, const std::string& ownerName) = 0;
+    // Creates an empty file, or empties the one that is there, with these permissions whatever the
+    // umask. The folder must exist. False, and nothing changed, when a link or a folder is there.
+    virtual bool createEmptyFile(const std::string& path, mode_t permissions) = 0;
+    // Removes an item, a folder with its contents; links below are removed, not followed. A folder
+    // that cannot be emptied wholly keeps what could not be removed.
+    virtual Result<std::monostate> remove(const std::string& path) = 0;
+    virtual bool setPermissions(const std::string& path, mode_t permissions) = 0;
+
+    // A property list in a file, and its rewriting in place: PropertyListFile.h says how. What is
+    // there when a write fails is what was there before, or is restored at the next read.
+    [[nodiscard]] virtual Result<PropertyList> readPropertyList(const std::string& path) = 0;
+    [[nodiscard]] virtual Result<std::monostate> writePropertyList(const std::string& path,
+                                                                   const PropertyList& value,
+                                                                   mode_t permissions,
+                                                                   Durability durability) = 0;
+
+    // The name a person knows the item by: on a machine without such names the last path component
+    // and, for "/", "System".
+    [[nodiscard]] virtual std::string displayName(const std::string& path) = 0;
+    // The login name of the account the daemon runs as.
+    [[nodiscard]] virtual std::string userName() = 0;
+};
+
+}  // namespace korvane

@@ -1,0 +1,54 @@
+// The main thread's run loop and the application that lives on it: timers, posts from other
+// threads, background work that is waited for, becoming active, and termination.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+namespace korvane {
+
+// A pending timer. Destroying it takes it off the loop; a timer may destroy itself
+// from its own callback.
+class Timer {
+  public:
+    virtual ~Timer() = default;
+};
+
+enum class Repeat { once, every };
+
+class RunLoop {
+  public:
+    using Callback = std::function<void()>;
+
+    virtual ~RunLoop() = default;
+
+    // Calls back on the loop's thread after `delay`, which counts the time the machine sleeps. A
+    // delay of 0 or less fires at the next pass of the loop. A repeating timer is re-armed from its
+    // planned time and skips the firings it has missed. Called on the loop's thread, or on a
+    // runInBackgroundAndWait() thread while that is waited for.
+    [[nodiscard]] virtual std::unique_ptr<Timer> startTimer(std::chrono::microseconds delay,
+                                                            Repeat repeat, Callback callback) = 0;
+
+    // Calls back on the loop's thread, in the order of the posts. From any thread.
+    virtual void post(Callback callback) = 0;
+
+    // Runs the work on a thread of background priority and waits for it, so that it never overlaps
+    // the loop's own work. On the loop's thread only. An exception from the work is rethrown here.
+    virtual void runInBackgroundAndWait(const Callback& work) = 0;
+
+    // What happens when the application becomes active (the user turns to it, or the machine
+    // returns from sleep), and, once, before run() ends. On the loop's thread.
+    virtual void setWillBecomeActive(Callback callback) = 0;
+    virtual void setWillTerminate(Callback callback) = 0;
+
+    // Asks the application to quit: the will-terminate callback runs once, at the next pass of the
+    // loop, and then run() returns; nothing else is called back after that. May be asked again,
+    // without effect.
+    virtual void terminate() = 0;
+
+    // Runs until terminate().
+    virtual void run() = 0;
+};
+
+}  // namespace korvane
