@@ -1,0 +1,322 @@
+#include "platform/linux/LinuxRunLoop.h"
+
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace korvane {
+
+namespace {
+
+// sd-event reads an accuracy of 0 as 250 ms.
+constexpr std::uint64_t kTimerAccuracyMicroseconds = 1000;
+// Far beyond any uptime, and far from the end of the arithmetic.
+constexpr std::chrono::microseconds kLongestDelay = std::chrono::hours{24 * 365 * 100};
+// Half of the range of nice values: behind interactive work, yet not starved by every other batch
+// job while the main thread waits.
+constexpr int kBackgroundNiceIncrease = 10;
+constexpr int kLowestNice = 19;
+
+std::uint64_t boottimeMicrosecondsNow() {
+    timespec time{};
+    (void)::clock_gettime(CLOCK_BOOTTIME, &time);  // cannot fail for a clock that exists
+    return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000 +
+           static_cast<std::uint64_t>(time.tv_nsec) / 1000;
+}
+
+// sd-event answers with negative error numbers.
+void require(int result, const char* what) {
+    if (result < 0) throw std::system_error(-result, std::generic_category(), what);
+}
+
+void lowerThisThread() {
+    const auto thread = static_cast<id_t>(::gettid());
+    errno = 0;
+    const int nice = ::getpriority(PRIO_PROCESS, thread);
+    if (nice == -1 && errno != 0) return;
+    // A refusal leaves the work at its ordinary priority, which is no reason not to do it.
+    (void)::setpriority(PRIO_PROCESS, thread,
+                        std::min(nice + kBackgroundNiceIncrease, kLowestNice));
+}
+
+}  // namespace
+
+class LinuxRunLoop::LoopTimer final : public Timer {
+  public:
+    LoopTimer(LinuxRunLoop& loop, Repeat repeat, std::uint64_t period, Callback callback)
+        : loop_(loop),
+          repeat_(repeat),
+          period_(period),
+          callback_(std::make_shared<const Callback>(std::move(callback))) {}
+    ~LoopTimer() override {
+        if (pending_) loop_.dequeue(key_);
+    }
+    LoopTimer(const LoopTimer&) = delete;
+    LoopTimer& operator=(const LoopTimer&) = delete;
+
+    void arm(std::uint64_t boottimeMicroseconds) {
+        key_ = loop_.enqueue(*this, boottimeMicroseconds);
+        pending_ = true;
+    }
+
+    // The timer has been taken off the queue. The callback is handed out, since it may destroy
+    // this object.
+    [[nodiscard]] std::shared_ptr<const Callback> fired(std::uint64_t now) {
+        pending_ = false;
+        if (repeat_ == Repeat::every) {
+            const std::uint64_t planned = key_.boottimeMicroseconds;
+            const std::uint64_t missed = period_ == 0 ? 0 : (now - planned) / period_;
+            arm(period_ == 0 ? now : planned + (missed + 1) * period_);
+        }
+        return callback_;
+    }
+
+  private:
+    LinuxRunLoop& loop_;
+    Repeat repeat_;
+    std::uint64_t period_;
+    std::shared_ptr<const Callback> callback_;
+    TimerKey key_;
+    bool pending_ = false;
+};
+
+LinuxRunLoop::SignalMask::SignalMask() {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) sigaddset(&blocked, signal);
+    const int error = ::pthread_sigmask(SIG_BLOCK, &blocked, &previous);
+    if (error != 0) throw std::system_error(error, std::generic_category(), "blocking signals");
+}
+
+LinuxRunLoop::SignalMask::~SignalMask() {
+    (void)::pthread_sigmask(SIG_SETMASK, &previous, nullptr);  // a mask it gave out itself
+}
+
+LinuxRunLoop::LinuxRunLoop(SystemLog& systemLog) : systemLog_(systemLog) {
+    sd_event* event = nullptr;
+    require(sd_event_new(&event), "event loop");
+    event_.reset(event);
+    postsFd_ = UniqueFd{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    if (!postsFd_) throw std::system_error(errno, std::generic_category(), "eventfd");
+    addSources();
+    // Answers the service manager in time when it asked for it in the environment, else nothing.
+    require(sd_event_set_watchdog(event_.get(), 1), "watchdog");
+}
+
+LinuxRunLoop::~LinuxRunLoop() = default;
+
+void LinuxRunLoop::addSources() {
+    sd_event_source* source = nullptr;
+    require(sd_event_add_time(event_.get(), &source, CLOCK_BOOTTIME, 0, kTimerAccuracyMicroseconds,
+                              onTimers, this),
+            "timer source");
+    timerSource_.reset(source);
+    require(sd_event_source_set_enabled(source, SD_EVENT_OFF), "timer source");
+
+    require(sd_event_add_defer(event_.get(), &source, onTimersDueNow, this), "defer source");
+    dueNowSource_.reset(source);
+    require(sd_event_source_set_enabled(source, SD_EVENT_OFF), "defer source");
+
+    require(sd_event_add_io(event_.get(), &source, postsFd_.get(), EPOLLIN, onPosts, this),
+            "post source");
+    postsSource_.reset(source);
+
+    require(sd_event_add_defer(event_.get(), &source, onTerminate, this), "defer source");
+    terminateSource_.reset(source);
+    require(sd_event_source_set_enabled(source, SD_EVENT_OFF), "defer source");
+    require(sd_event_source_set_priority(source, kPriorityTerminate), "defer source");
+
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        require(sd_event_add_signal(event_.get(), &source, signal, onSignal, this),
+                "signal source");
+        signalSources_.emplace_back(source);
+        require(sd_event_source_set_priority(source, kPrioritySignals), "signal source");
+    }
+}
+
+std::unique_ptr<Timer> LinuxRunLoop::startTimer(std::chrono::microseconds delay, Repeat repeat,
+                                                Callback callback) {
+    delay = std::clamp(delay, std::chrono::microseconds{0}, kLongestDelay);
+    const auto period = static_cast<std::uint64_t>(delay.count());
+    auto timer = std::make_unique<LoopTimer>(*this, repeat, period, std::move(callback));
+    timer->arm(boottimeMicrosecondsNow() + period);
+    armForEarliestTimer();
+    return timer;
+}
+
+LinuxRunLoop::TimerKey LinuxRunLoop::enqueue(LoopTimer& timer, std::uint64_t boottimeMicroseconds) {
+    const TimerKey key{boottimeMicroseconds, nextSequence_++};
+    timers_.emplace(key, &timer);
+    return key;
+}
+
+void LinuxRunLoop::dequeue(const TimerKey& key) {
+    timers_.erase(key);
+    armForEarliestTimer();
+}
+
+void LinuxRunLoop::armForEarliestTimer() {
+    // None of these calls can fail on a live source; the kernel's timer is set once a pass, by
+    // sd-event, however often it changes here.
+    if (timers_.empty()) {
+        (void)sd_event_source_set_enabled(timerSource_.get(), SD_EVENT_OFF);
+        (void)sd_event_source_set_enabled(dueNowSource_.get(), SD_EVENT_OFF);
+        return;
+    }
+    const std::uint64_t earliest = timers_.begin()->first.boottimeMicroseconds;
+    const bool dueNow = earliest <= boottimeMicrosecondsNow();
+    (void)sd_event_source_set_enabled(dueNowSource_.get(),
+                                      dueNow ? SD_EVENT_ONESHOT : SD_EVENT_OFF);
+    if (dueNow) {
+        (void)sd_event_source_set_enabled(timerSource_.get(), SD_EVENT_OFF);
+    } else {
+        (void)sd_event_source_set_time(timerSource_.get(), earliest);
+        (void)sd_event_source_set_enabled(timerSource_.get(), SD_EVENT_ONESHOT);
+    }
+}
+
+void LinuxRunLoop::fireDueTimers() {
+    const std::uint64_t now = boottimeMicrosecondsNow();
+    // A timer started by one of these callbacks waits for the next pass, even with a delay of 0.
+    const std::uint64_t startedLater = nextSequence_;
+    while (!timers_.empty() && !terminating_) {
+        const auto [key, timer] = *timers_.begin();
+        if (key.boottimeMicroseconds > now || key.sequence >= startedLater) break;
+        timers_.erase(timers_.begin());
+        const std::shared_ptr<const Callback> callback = timer->fired(now);
+        callBack("a timer", *callback);
+    }
+    armForEarliestTimer();
+}
+
+int LinuxRunLoop::onTimers(sd_event_source*, std::uint64_t, void* self) noexcept {
+    static_cast<LinuxRunLoop*>(self)->fireDueTimers();
+    return 0;
+}
+
+int LinuxRunLoop::onTimersDueNow(sd_event_source*, void* self) noexcept {
+    static_cast<LinuxRunLoop*>(self)->fireDueTimers();
+    return 0;
+}
+
+void LinuxRunLoop::post(Callback callback) {
+    bool wasEmpty = false;
+    {
+        const std::lock_guard lock(postsMutex_);
+        wasEmpty = posts_.empty();
+        posts_.push_back(std::move(callback));
+    }
+    // Whoever finds the queue empty wakes the loop; a write of 1 to an eventfd that is read at
+    // every wake-up cannot overflow it.
+    if (wasEmpty) (void)eventfd_write(postsFd_.get(), 1);
+}
+
+void LinuxRunLoop::runPosts() {
+    std::vector<Callback> posts;
+    eventfd_t ignoredCount = 0;
+    (void)eventfd_read(postsFd_.get(), &ignoredCount);
+    {
+        const std::lock_guard lock(postsMutex_);
+        posts.swap(posts_);
+    }
+    for (const Callback& callback : posts) callBack("a posted call", callback);
+}
+
+int LinuxRunLoop::onPosts(sd_event_source*, int, std::uint32_t, void* self) noexcept {
+    static_cast<LinuxRunLoop*>(self)->runPosts();
+    return 0;
+}
+
+// The thread is made for each piece of work: that takes some 30 µs, against the stack and the
+// malloc arena that a parked one would keep from the rest of the machine all day.
+void LinuxRunLoop::runInBackgroundAndWait(const Callback& work) {
+    std::exception_ptr failure;
+    const auto body = [&work, &failure] {
+        lowerThisThread();
+        try {
+            work();
+        } catch (...) {
+            failure = std::current_exception();
+        }
+    };
+    std::thread thread;
+    try {
+        thread = std::thread(body);
+    } catch (const std::system_error&) {
+        // No thread to be had: the work matters more than its priority.
+        work();
+        return;
+    }
+    thread.join();
+    if (failure) std::rethrow_exception(std::exchange(failure, nullptr));
+}
+
+void LinuxRunLoop::setWillBecomeActive(Callback callback) {
+    willBecomeActive_ = std::move(callback);
+}
+
+void LinuxRunLoop::setWillTerminate(Callback callback) { willTerminate_ = std::move(callback); }
+
+void LinuxRunLoop::becomeActive() {
+    // A copy, since it may set another one.
+    const Callback callback = willBecomeActive_;
+    if (callback) callBack("becoming active", callback);
+}
+
+int LinuxRunLoop::onSignal(sd_event_source*, const signalfd_siginfo* info, void* self) noexcept {
+    auto* const loop = static_cast<LinuxRunLoop*>(self);
+    if (info->ssi_signo == static_cast<std::uint32_t>(SIGHUP)) {
+        loop->becomeActive();
+    } else {
+        loop->terminate();
+    }
+    return 0;
+}
+
+void LinuxRunLoop::terminate() {
+    if (std::exchange(terminating_, true)) return;
+    (void)sd_event_source_set_enabled(terminateSource_.get(), SD_EVENT_ONESHOT);
+}
+
+int LinuxRunLoop::onTerminate(sd_event_source*, void* self) noexcept {
+    auto* const loop = static_cast<LinuxRunLoop*>(self);
+    (void)sd_notify(0, "STOPPING=1");  // nobody may be listening
+    try {
+        if (loop->willTerminate_) loop->willTerminate_();
+    } catch (const std::exception& failure) {
+        loop->logFailure("terminating", failure.what());
+    } catch (...) {
+        loop->logFailure("terminating", "an unknown exception");
+    }
+    (void)sd_event_exit(loop->event_.get(), 0);
+    return 0;
+}
+
+void LinuxRunLoop::run() {
+    (void)sd_notify(0, "READY=1");  // nobody may be listening
+    const int result = sd_event_loop(event_.get());
+    if (result < 0) logFailure("the event loop", std::generic_category().message(-result));
+}
+
+void LinuxRunLoop::logFailure(std::string_view where, std::string_view what) noexcept {
+    try {
+        std::string line{where};
+        line.append(" failed: ").append(what);
+        systemLog_.write(LogLevel::error, line);
+    } catch (...) {
+        // Out of memory while saying so: there is nobody left to tell.
+    }
+}
+
+}  // namespace korvane
