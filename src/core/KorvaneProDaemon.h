@@ -1,0 +1,157 @@
+// The protection daemon: the one owner of state, the application's delegate and the root object of
+// the control connection. This header is the table of contents of the system: first everything the
+// daemon knows, then everything it does, under one heading a folder. Operations are thin: they
+// gather, ask a decision or a pass what is to be done, and apply it. Everything here runs on the
+// loop's thread, or on a background thread that the loop's thread waits for.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/PropertyList.h"
+#include "core/SystemVersion.h"
+#include "platform/Machine.h"
+
+namespace korvane {
+
+class VolumeEntry;
+
+class KorvaneProDaemon final : public ControlTarget {
+    // ---- State ----------------------------------------------------------------------------------
+
+    // The machine's parts; they outlive the daemon.
+    const Machine machine_;
+
+    // Settings and inventories. The arrays are kept apart from the dictionary and put into it for
+    // the length of a write. No dictionary: nothing has been loaded, or the file does not parse.
+    std::optional<Dictionary> preferenceDictionary;
+    PropertyListArray driveArray;   // drive entries
+    PropertyListArray volumeArray;  // volume entries
+    // The start-up volume is not among the directory backup locations, as of the last load.
+    bool rootSaveDisabled = false;
+
+    // Life cycle. From awakeFromNib() to the end of doStartup().
+    bool startupInProgress = false;
+
+    // Flags of the running checks, told to the main application.
+    bool smartActive = false;   // a SMART check is due or runs
+    bool backupActive = false;  // a directory backup is due or runs
+
+    // What the main application has asked for.
+    bool ignoreMountedOstrand = false;  // leave a mounted emergency volume alone
+    bool ignoreFreeSpaceUsage = false;  // the volume usage check does nothing
+
+    // Polls made without finding the emergency volume since its timer was armed.
+    std::uint16_t ostrandTryCount = 0;
+
+    // The vended connection on which the main application talks to the daemon, or null.
+    std::unique_ptr<RegisteredConnection> destConnection;
+
+    // Timers. To cancel one is to reset its field; one that has fired may stay in its field.
+    std::unique_ptr<Timer> clockTimer;       // the next tick and, once, the delayed start
+    std::unique_ptr<Timer> outTimer;         // the tick at which the next check falls due
+    std::unique_ptr<Timer> stepTimer_usage;  // starts the usage check of one volume
+    std::unique_ptr<Timer> ostrandTimer;     // polls for the emergency volume
+
+  public:
+    // ---- The process ----------------------------------------------------------------------------
+
+    explicit KorvaneProDaemon(const Machine& machine);
+    ~KorvaneProDaemon() override;
+    KorvaneProDaemon(const KorvaneProDaemon&) = delete;
+    KorvaneProDaemon& operator=(const KorvaneProDaemon&) = delete;
+
+    // First stage: takes its place on the run loop, vends itself, loads the preferences, and arms
+    // the emergency-volume watch and the delayed start. Once, before the loop runs.
+    void awakeFromNib();
+
+    // Performs the action of a command word, if it is one, and answers its question: YES but for
+    // the question words while what they ask about is under way.
+    bool messageXmitRcvr(const std::string& word) override;
+
+  private:
+    // ---- core/: life cycle (LifeCycle.cpp) ------------------------------------------------------
+
+    // Second stage, two minutes after boot at the earliest.
+    void doStartup();
+    void applicationWillBecomeActive();
+    void applicationWillTerminate();
+    void didTerminateApplicationNotification(const std::string& bundleIdentifier);
+    // Whether the suite's main application runs.
+    [[nodiscard]] bool isKorvaneProRunning();
+    // Asks the application to quit. Whoever calls this does nothing more.
+    void quit();
+    void quitWithoutSupportFolder();
+
+    // ---- core/: preferences (Preferences.cpp) ---------------------------------------------------
+
+    void loadPreferences();
+    // Forces every default over what is loaded, and writes.
+    void createPreferences();
+    // Puts the arrays into the dictionary and rewrites the file; failures are ignored.
+    void writePreferences();
+    // Writes and asks for a tick in a second; quits when the support folder is no longer a folder.
+    void savePreferences();
+    // Reloads everything and re-arms; quits as savePreferences() does.
+    void preferencesUpdated();
+    // A setting, or null; null too while no dictionary is loaded.
+    [[nodiscard]] const PropertyList* preference(std::string_view key) const;
+    // "/Volumes/" and the start-up volume's display name: its form among the backup locations.
+    [[nodiscard]] std::string startUpVolumeLocation();
+
+    // ---- core/: inventories (Inventory.cpp) -----------------------------------------------------
+
+    void updateVolumePreferences();
+
+    // ---- core/: scheduler (Scheduler.cpp) -------------------------------------------------------
+
+    // One tick: refreshes the inventories, starts what is due, and arms the next one.
+    void updateClock();
+    // Arms the tick at which the earliest check falls due.
+    void setOutTimer();
+    [[nodiscard]] bool runningOnBattery();
+    // Whether protection is on: only a switch that is there and NO turns it off.
+    [[nodiscard]] bool daemonIsOn() const;
+    void startDueUsageCheck();
+    void armClockTimer(std::chrono::microseconds delay);
+
+    // ---- core/: control messages (ControlMessages.cpp) ------------------------------------------
+
+    // Tests the word against the vocabulary and acts on it; the answer.
+    bool dispatchControlWord(std::string_view word);
+    void doIgnoreOstrand();
+    void doUnMountOstrand();
+    void doIgnoreFreeSpace();
+    void doCheckFreeSpace();
+
+    // ---- core/: emergency-volume watch (EmergencyVolume.cpp) ------------------------------------
+
+    // One poll: unmounts the emergency volume unless the main application needs it.
+    void checkForOstrand();
+    void volumeMountHandler();
+    void volumeUnmountHandler();
+    void armOstrandTimer(std::chrono::microseconds interval);
+
+    // ---- core/: system version (SystemVersion.cpp) ----------------------------------------------
+
+    [[nodiscard]] std::string getCurrentSystemString();
+    [[nodiscard]] ComparisonResult compareCurrentSystemVersionWith(std::string_view version);
+
+    // ---- monitors/ ------------------------------------------------------------------------------
+
+    // Measures the volume whose entry has this index in volumeArray (VolumeUsageCheck.cpp).
+    void volumeUsageCheck(std::size_t index);
+    // Whether the volume is mounted, can be filled, and is not the emergency volume.
+    [[nodiscard]] bool canMeasureUsage(const std::string& path);
+    void measureVolumeUsage(const std::string& path, VolumeEntry& entry, std::size_t index);
+    // Adds one entry to the history log of a drive or a volume (HistoryLog.cpp). The index of the
+    // drive's or volume's own entry is not needed for it.
+    void updateLog(std::int16_t kind, const Dictionary& logDict, std::size_t index);
+};
+
+}  // namespace korvane

@@ -1,0 +1,116 @@
+// The settings document: loading it, completing it, writing it back, and what follows a change.
+
+#include <utility>
+
+#include "base/Format.h"
+#include "core/DefaultPreferences.h"
+#include "core/KorvaneProDaemon.h"
+
+namespace korvane {
+
+using std::chrono::seconds;
+
+namespace {
+
+// Moves the array under the key out of the dictionary; one that is absent, or no array, is empty.
+PropertyListArray takeArray(Dictionary& dictionary, std::string_view key) {
+    PropertyList* value = dictionary.find(key);
+    PropertyListArray* array = value ? value->array() : nullptr;
+    return array ? std::exchange(*array, {}) : PropertyListArray{};
+}
+
+}  // namespace
+
+void KorvaneProDaemon::loadPreferences() {
+    if (preferenceDictionary) {
+        preferenceDictionary.reset();
+        driveArray.clear();
+        volumeArray.clear();
+    }
+    FileSystem& files = machine_.fileSystem;
+    if (files.exists(kSupportFolder) && files.exists(kPreferencesFile)) {
+        Result<PropertyList> document = files.readPropertyList(kPreferencesFile);
+        if (document && document->dictionary()) {
+            preferenceDictionary = std::move(*document->dictionary());
+            if (preferenceDictionary->size() < kFewestPreferences) {
+                // Whatever the file holds, the arrays in memory are what is written and kept.
+                createPreferences();
+            } else {
+                driveArray = takeArray(*preferenceDictionary, kDriveArray);
+                volumeArray = takeArray(*preferenceDictionary, kVolumeArray);
+            }
+        } else {
+            const std::string reason =
+                document ? "it holds no dictionary" : document.error().message;
+            machine_.systemLog.write(LogLevel::error,
+                                     formatText("\"%@\" cannot be used and is left as it is: %@.",
+                                                {std::string_view(kPreferencesFile), reason}));
+        }
+    } else {
+        preferenceDictionary.emplace();
+        createPreferences();
+    }
+    if (!preferenceDictionary) return;
+
+    const std::string startUpVolume = startUpVolumeLocation();
+    completeBackupLocations(*preferenceDictionary, startUpVolume);
+    rootSaveDisabled = backupLocationsLack(*preferenceDictionary, startUpVolume);
+}
+
+void KorvaneProDaemon::createPreferences() {
+    forceDefaultPreferences(*preferenceDictionary);
+    completeBackupLocations(*preferenceDictionary, startUpVolumeLocation());
+    writePreferences();
+}
+
+void KorvaneProDaemon::writePreferences() {
+    if (!preferenceDictionary) return;
+    FileSystem& files = machine_.fileSystem;
+    if (!files.exists(kSupportFolder)) {
+        // Nothing can be done about a failure here: the write below fails too, and the next save
+        // that finds no folder ends the daemon.
+        (void)files.createFolders(kSupportFolder, files.userName());
+    }
+    // Lent to the dictionary rather than copied: the arrays can be large.
+    preferenceDictionary->set(kDriveArray, std::move(driveArray));
+    preferenceDictionary->set(kVolumeArray, std::move(volumeArray));
+    PropertyList document(std::move(*preferenceDictionary));
+    // A failed write leaves the last complete state on disk, and the next one tries again.
+    (void)files.writePropertyList(kPreferencesFile, document, kSharedFilePermissions,
+                                  Durability::powerLoss);
+    preferenceDictionary = std::move(*document.dictionary());
+    driveArray = takeArray(*preferenceDictionary, kDriveArray);
+    volumeArray = takeArray(*preferenceDictionary, kVolumeArray);
+}
+
+void KorvaneProDaemon::savePreferences() {
+    if (!machine_.fileSystem.isFolder(kSupportFolder)) {
+        quitWithoutSupportFolder();
+        return;
+    }
+    writePreferences();
+    outTimer.reset();
+    armClockTimer(seconds(1));
+}
+
+void KorvaneProDaemon::preferencesUpdated() {
+    if (!machine_.fileSystem.isFolder(kSupportFolder)) {
+        quitWithoutSupportFolder();
+        return;
+    }
+    loadPreferences();
+    updateVolumePreferences();
+    outTimer.reset();
+    clockTimer.reset();
+    setOutTimer();
+}
+
+const PropertyList* KorvaneProDaemon::preference(std::string_view key) const {
+    return preferenceDictionary ? preferenceDictionary->find(key) : nullptr;
+}
+
+std::string KorvaneProDaemon::startUpVolumeLocation() {
+    return "/Volumes/" + machine_.fileSystem.displayName("/");
+}
+
+}  // namespace korvane
