@@ -1,7 +1,7 @@
 // The one formatter for texts that come from files (strings tables) or are handed to the system
 // log. Knows "%@", "%s", "%d", "%ld", "%zd", "%.0f" and "%%", takes typed arguments, and never
 // reaches printf: a format that asks for more than it is given, or for something else, shows the
-// directive as it stands.
+// directive as it stands. An argument of the wrong kind counts as used all the same.
 #pragma once
 
 #include <cstdint>

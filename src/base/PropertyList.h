@@ -34,6 +34,8 @@ class Dictionary {
 
     Dictionary();
     Dictionary(std::initializer_list<Entry> entries);
+    // Takes entries in any order; of those with equal keys the last one stands.
+    explicit Dictionary(std::vector<Entry> entries);
     Dictionary(const Dictionary&);
     Dictionary(Dictionary&&) noexcept;
     Dictionary& operator=(const Dictionary&);
@@ -95,6 +97,8 @@ class PropertyList {
     [[nodiscard]] const Dictionary* dictionary() const;
     [[nodiscard]] Dictionary* dictionary();
 
+    // Equal kinds with equal contents; two reals that are not a number count as equal, so that a
+    // comparison can tell whether something changed.
     friend bool operator==(const PropertyList&, const PropertyList&);
 
   private:
@@ -118,6 +122,7 @@ struct Dictionary::Entry {
 // A number counts as YES when it is not 0; a text when it begins with Y, y, T, t or a digit 1-9
 // (after white space, a sign and zeros).
 [[nodiscard]] bool booleanValue(const PropertyList* value);
+// A number is shown in decimal, a boolean as "0" or "1".
 [[nodiscard]] std::string stringValue(const PropertyList* value);
 
 }  // namespace korvane

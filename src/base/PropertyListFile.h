@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -44,11 +45,21 @@ class PropertyListFiles {
     // The parsed file. A file that does not parse while a complete sibling stands is restored from
     // it; without one it stays as it is, byte for byte, and the error says what is wrong.
     [[nodiscard]] Result<PropertyList> read(const std::string& path);
-    [[nodiscard]] Result<std::monostate> write(const std::string& path, const PropertyList& value,
+    // Hand the value over by std::move where it is not needed any more: that saves a copy.
+    [[nodiscard]] Result<std::monostate> write(const std::string& path, PropertyList value,
                                                mode_t mode, Durability durability);
+    // Reads, lets `edit` change what was read, and writes the result, without copying it: the way
+    // to touch one record of many. `edit` is not called when the file cannot be read; false
+    // from it says that it changed nothing, and nothing is written.
+    [[nodiscard]] Result<std::monostate> change(const std::string& path,
+                                                const std::function<bool(PropertyList&)>& edit,
+                                                mode_t mode, Durability durability);
 
   private:
     struct Remembered;
+    // The value remembered for the path, or else `loaded` with what the file holds.
+    Result<const PropertyList*> load(const std::string& path, PropertyList& loaded);
+
     std::map<std::string, Remembered> remembered_;
 };
 
