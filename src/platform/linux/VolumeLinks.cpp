@@ -1,0 +1,112 @@
+#include "platform/linux/VolumeLinks.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <optional>
+#include <set>
+
+#include "platform/linux/Sysfs.h"
+#include "platform/linux/UniqueFd.h"
+
+namespace korvane {
+namespace {
+
+constexpr char kNameOfRoot[] = "System";
+constexpr mode_t kFolderMode = 0755;
+
+std::optional<std::string> targetOfLink(int folder, const std::string& name) {
+    std::array<char, PATH_MAX> target;
+    const ssize_t length = ::readlinkat(folder, name.c_str(), target.data(), target.size());
+    if (length < 0) {
+        return std::nullopt;
+    }
+    return std::string(target.data(), static_cast<std::size_t>(length));
+}
+
+bool isAbsent(int folder, const std::string& name) {
+    struct stat status {};
+    return ::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+}
+
+}  // namespace
+
+std::map<std::string, std::string> linksForVolumes(
+    const std::string& folder, const std::vector<std::string>& mountPoints,
+    const std::map<std::string, std::string>& standing,
+    const std::function<bool(const std::string& name)>& isTaken) {
+    std::set<std::string> wanted;
+    std::set<std::string> taken;
+    for (const std::string& mountPoint : mountPoints) {
+        if (parentFolder(mountPoint) == folder && mountPoint != "/") {
+            taken.insert(lastComponent(mountPoint));
+        } else {
+            wanted.insert(mountPoint);
+        }
+    }
+    std::map<std::string, std::string> links;
+    for (const auto& [name, target] : standing) {
+        if (wanted.contains(target) && !taken.contains(name)) {
+            links.emplace(name, target);
+            wanted.erase(target);
+        }
+    }
+    for (const std::string& mountPoint : mountPoints) {
+        if (wanted.erase(mountPoint) == 0) {
+            continue;
+        }
+        const std::string name = mountPoint == "/" ? kNameOfRoot : lastComponent(mountPoint);
+        std::string free = name;
+        for (int number = 1; links.contains(free) || taken.contains(free) || isTaken(free);
+             ++number) {
+            free = name + " " + std::to_string(number);
+        }
+        links.emplace(std::move(free), mountPoint);
+    }
+    return links;
+}
+
+bool VolumeLinks::update(const std::vector<std::string>& mountPoints) {
+    if (folder_.empty() || (isCurrent_ && mountPoints == current_)) {
+        return true;
+    }
+    // Refused where something else stands in its place; then opening it is, too.
+    (void)::mkdir(folder_.c_str(), kFolderMode);
+    const UniqueFd folder{::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    if (!folder) {
+        return true;
+    }
+    std::map<std::string, std::string> standing;
+    for (const auto& [name, target] : memory_.links()) {
+        if (isAbsent(folder.get(), name) || targetOfLink(folder.get(), name) == target) {
+            standing.emplace(name, target);
+        }
+    }
+    const std::map<std::string, std::string> links =
+        linksForVolumes(folder_, mountPoints, standing, [&](const std::string& name) {
+            return !standing.contains(name) && !isAbsent(folder.get(), name);
+        });
+    for (const auto& [name, target] : standing) {
+        const auto stays = links.find(name);
+        if (stays == links.end() || stays->second != target) {
+            (void)::unlinkat(folder.get(), name.c_str(), 0);  // gone already is as good
+        }
+    }
+    memory_.setLinks(links);
+    if (!memory_.save()) {
+        return false;
+    }
+    for (const auto& [name, target] : links) {
+        // Stands already, or cannot be made and is tried again at the next change.
+        (void)::symlinkat(target.c_str(), folder.get(), name.c_str());
+    }
+    current_ = mountPoints;
+    isCurrent_ = true;
+    return true;
+}
+
+}  // namespace korvane
