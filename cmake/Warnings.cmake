@@ -10,3 +10,9 @@ if(KORVANE_SANITIZE)
         -fsanitize=${KORVANE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     target_link_options(korvane_options INTERFACE -fsanitize=${KORVANE_SANITIZE})
 endif()
+
+if(KORVANE_FUZZ)
+    # Counts edges everywhere, so that libFuzzer sees which inputs reach new code.
+    target_compile_options(korvane_options INTERFACE -fsanitize=fuzzer-no-link)
+    target_link_options(korvane_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
