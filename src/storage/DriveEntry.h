@@ -1,0 +1,49 @@
+// A drive entry: a typed view over the string-keyed dictionary that stands for one drive in
+// `driveArray`. Owns nothing and must not outlive the dictionary; keys that it does not know are
+// left alone.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "base/Calendar.h"
+#include "base/PropertyList.h"
+#include "storage/EntryFields.h"
+
+namespace korvane {
+
+// For reading. Its operations have the names of the keys.
+class ConstDriveEntry {
+  public:
+    explicit ConstDriveEntry(const Dictionary& fields) : fields_(&fields) {}
+    // The view over an element of `driveArray`; nothing when that is no dictionary.
+    [[nodiscard]] static std::optional<ConstDriveEntry> over(const PropertyList& element);
+
+    // The two halves of the entry's identity; empty when they are no texts. They hold until the
+    // dictionary next changes.
+    [[nodiscard]] const std::string& driveModel() const;
+    [[nodiscard]] const std::string& driveSerial() const;
+    [[nodiscard]] bool smartOnOff() const;
+
+    [[nodiscard]] EntryStatus smartStatus() const;
+    [[nodiscard]] Time executionTimeSmart() const;
+    [[nodiscard]] CheckInterval executionIntervalSmart() const;
+
+  private:
+    const Dictionary* fields_;
+};
+
+// For reading and changing.
+class DriveEntry : public ConstDriveEntry {
+  public:
+    explicit DriveEntry(Dictionary& fields) : ConstDriveEntry(fields), fields_(&fields) {}
+    [[nodiscard]] static std::optional<DriveEntry> over(PropertyList& element);
+
+    void setSmartStatus(EntryStatus status);
+    void setExecutionTimeSmart(Time due);
+
+  private:
+    Dictionary* fields_;
+};
+
+}  // namespace korvane

@@ -1,0 +1,56 @@
+// The names of the folders below the support folder, made from what volumes and drives call
+// themselves.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "storage/SupportFolder.h"
+
+namespace korvane {
+namespace {
+
+TEST(SupportFolder, HoldsAVolumesFolderUnderItsDisplayName) {
+    EXPECT_EQ(volumeFolder("System"), "/Library/Application Support/Korvane Protection/System");
+}
+
+TEST(SupportFolder, IsNeverLeftByAVolumesName) {
+    const struct {
+        const char* displayName;
+        const char* folderName;
+    } rows[] = {
+        {"Data", "Data"},
+        {"My Data 2", "My Data 2"},
+        {"a/b", "a/b"},
+        {"..", "%2E%2E"},
+        {".", "%2E"},
+        {"", "%"},
+        {"/", "%"},
+        {"../../etc", "%2E%2E/%2E%2E/etc"},
+        {"a/../b", "a/%2E%2E/b"},
+        {"/etc", "etc"},
+        {"a//b/", "a/b"},
+        {"...", "..."},
+        {"a..b", "a..b"},
+        {".hidden", ".hidden"},
+        {"two\\012lines", "two\\012lines"},
+        {"broken\\377", "broken\\377"},
+        {"two\nlines", "two\nlines"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(volumeFolderName(row.displayName), row.folderName) << row.displayName;
+        EXPECT_EQ(volumeFolder(row.displayName),
+                  std::string(kSupportFolder) + '/' + row.folderName);
+    }
+}
+
+TEST(SupportFolder, HoldsADrivesFolderUnderItsModelAndSerial) {
+    const std::string support = std::string(kSupportFolder) + '/';
+    EXPECT_EQ(driveFolder("KD-1", "S1"), support + "KD-1 - S1");
+    EXPECT_EQ(driveFolder("A/B", "../x"), support + "A%2FB - %2E%2E%2Fx");
+    EXPECT_EQ(driveFolder("", ""), support + " - ");
+    EXPECT_EQ(driveFolder("v1.0", "..."), support + "v1.0 - %2E%2E.");
+}
+
+}  // namespace
+}  // namespace korvane
