@@ -146,7 +146,7 @@ TEST(HouseRules, EveryFileIncludesOnlyItsOwnRoomAndLowerFloors) {
 }
 
 TEST(HouseRules, ToolsRunNoCheckAndKnowNoSimulatedMachine) {
-    for (const std::string& folder : {"tools", "helpers"}) {
+    for (const std::string folder : {"tools", "helpers"}) {
         for (const fs::path& file : sourcesBelow(folder)) {
             for (const std::string& included : quotedIncludes(textOf(kRoot / file))) {
                 const auto room = roomOf(included);
@@ -160,7 +160,7 @@ TEST(HouseRules, ToolsRunNoCheckAndKnowNoSimulatedMachine) {
 
 TEST(HouseRules, NothingAsksWhetherTheMachineIsSimulated) {
     const std::regex question{"is_?simulated", std::regex::icase};
-    for (const std::string& folder : {"src", "tools", "helpers"}) {
+    for (const std::string folder : {"src", "tools", "helpers"}) {
         for (const fs::path& file : sourcesBelow(folder)) {
             EXPECT_FALSE(std::regex_search(textOf(kRoot / file), question)) << file;
         }
@@ -168,7 +168,7 @@ TEST(HouseRules, NothingAsksWhetherTheMachineIsSimulated) {
 }
 
 TEST(HouseRules, EveryHeaderBeginsWithWhatItIs) {
-    for (const std::string& folder : {"src", "tools", "helpers", "tests", "bench"}) {
+    for (const std::string folder : {"src", "tools", "helpers", "tests", "bench"}) {
         for (const fs::path& file : sourcesBelow(folder)) {
             if (file.extension() == ".h") {
                 EXPECT_THAT(textOf(kRoot / file), StartsWith("// ")) << file;
