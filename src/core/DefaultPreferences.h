@@ -1,5 +1,5 @@
-// What a settings document holds before anybody has set anything, and where it lies. The keys are
-// shared with the main application.
+// What a settings document holds before anybody has set anything. The keys are shared with the main
+// application.
 #pragma once
 
 #include <cstddef>
@@ -10,18 +10,9 @@
 
 namespace korvane {
 
-// The folder that the daemon and the main application share; the daemon's life line.
-inline constexpr char kSupportFolder[] = "/Library/Application Support/Korvane Protection";
-// The settings document in it.
-inline constexpr char kPreferencesFile[] =
-    "/Library/Application Support/Korvane Protection/KorvaneProtection.plist";
-
 // A document with fewer top-level entries counts as incomplete: even without the mail settings a
 // whole one holds more.
 inline constexpr std::size_t kFewestPreferences = 10;
-
-// Everything the main application may rewrite, as any user, has these permissions.
-inline constexpr unsigned kSharedFilePermissions = 0666;
 
 // Keys that the daemon itself reads or writes.
 inline constexpr char kDaemonOn[] = "DAEMON_ON";

@@ -5,6 +5,7 @@
 #include "base/Format.h"
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
+#include "storage/SupportFolder.h"
 
 namespace korvane {
 

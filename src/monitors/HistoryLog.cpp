@@ -8,6 +8,7 @@
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
 #include "monitors/HistoryEntries.h"
+#include "storage/SupportFolder.h"
 
 namespace korvane {
 
@@ -63,8 +64,7 @@ void KorvaneProDaemon::updateLog(std::int16_t kind, const Dictionary& logDict,
     if (!files.exists(kSupportFolder)) {
         (void)files.createFolders(kSupportFolder, files.userName());
     }
-    const std::string folder =
-        std::string(kSupportFolder) + '/' + stringValue(logDict.find(history->folderKey));
+    const std::string folder = volumeFolder(stringValue(logDict.find(history->folderKey)));
     if (!files.exists(folder)) (void)files.createFolders(folder, files.userName());
 
     const std::string path = folder + '/' + history->fileName;

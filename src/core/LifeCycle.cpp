@@ -1,0 +1,127 @@
+// How the daemon comes up, in two stages, what it does when applications come and go, and how it
+// goes down.
+
+#include <string_view>
+
+#include "base/Format.h"
+#include "core/KorvaneProDaemon.h"
+#include "core/Schedule.h"
+#include "storage/DriveEntry.h"
+#include "storage/SupportFolder.h"
+#include "storage/VolumeEntry.h"
+
+namespace korvane {
+
+using std::chrono::microseconds;
+using std::chrono::seconds;
+
+namespace {
+
+// The bundle identifiers of the applications whose end the daemon heeds. The main application's is
+// a beginning: applications that belong to it extend it.
+constexpr std::string_view kFinder = "com.apple.finder";
+constexpr std::string_view kMainApplication = "com.quorlen.korvanepro";
+// The beginning of the main application's process name; its version follows the blank.
+constexpr std::string_view kMainProcess = "Korvane Pro ";
+
+// What the last run of the daemon found is not known to be so any more.
+void markNotYetExamined(PropertyListArray& driveArray, PropertyListArray& volumeArray) {
+    for (PropertyList& element : driveArray) {
+        if (auto drive = DriveEntry::over(element)) drive->setSmartStatus(kStatusNotExamined);
+    }
+    for (PropertyList& element : volumeArray) {
+        if (auto volume = VolumeEntry::over(element)) {
+            volume->setDirectoryStatus(kStatusNotExamined);
+            volume->setUsageStatus(kStatusNotExamined);
+        }
+    }
+}
+
+}  // namespace
+
+KorvaneProDaemon::KorvaneProDaemon(const Machine& machine) : machine_(machine) {}
+
+KorvaneProDaemon::~KorvaneProDaemon() = default;
+
+void KorvaneProDaemon::awakeFromNib() {
+    machine_.runLoop.setWillBecomeActive([this] { applicationWillBecomeActive(); });
+    machine_.runLoop.setWillTerminate([this] { applicationWillTerminate(); });
+    // Without its connection, the name being taken say, the daemon still protects.
+    destConnection = machine_.controlConnection.registerName(*this);
+
+    loadPreferences();
+
+    armOstrandTimer(seconds(2));
+
+    startupInProgress = true;
+    const seconds delay = startUpDelay(microseconds(machine_.clock.microsecondsSinceBoot()));
+    clockTimer = machine_.runLoop.startTimer(delay, Repeat::once, [this] { doStartup(); });
+    machine_.systemLog.write(LogLevel::info, formatText("Protection begins in %ld seconds.",
+                                                        {std::int64_t{delay.count()}}));
+}
+
+void KorvaneProDaemon::doStartup() {
+    loadPreferences();
+    updateVolumePreferences();
+    markNotYetExamined(driveArray, volumeArray);
+    writePreferences();
+
+    machine_.processes.setDidTerminateApplication(
+        [this](const std::string& identifier) { didTerminateApplicationNotification(identifier); });
+    machine_.volumes.setDidMount([this] { volumeMountHandler(); });
+    machine_.volumes.setDidUnmount([this] { volumeUnmountHandler(); });
+
+    armClockTimer(seconds(1));
+    startupInProgress = false;
+}
+
+void KorvaneProDaemon::applicationWillBecomeActive() {
+    if (startupInProgress) return;
+    outTimer.reset();
+    armClockTimer(seconds(1));
+}
+
+// Saves nothing: the preferences are written in the course of the work alone.
+void KorvaneProDaemon::applicationWillTerminate() {
+    destConnection.reset();
+    machine_.volumes.setDidMount(nullptr);
+    machine_.volumes.setDidUnmount(nullptr);
+    machine_.processes.setDidTerminateApplication(nullptr);
+}
+
+void KorvaneProDaemon::didTerminateApplicationNotification(const std::string& bundleIdentifier) {
+    if (bundleIdentifier == kFinder) {
+        quit();
+        return;
+    }
+    if (std::string_view(bundleIdentifier).starts_with(kMainApplication)) {
+        // Its permission to keep the emergency volume mounted ends with it.
+        doUnMountOstrand();
+        checkForOstrand();
+    }
+}
+
+bool KorvaneProDaemon::isKorvaneProRunning() {
+    bool found = false;
+    machine_.processes.forEachName([&](std::string_view name) {
+        found = name.starts_with(kMainProcess);
+        return !found;
+    });
+    return found;
+}
+
+// Sent twice, once through each of the application's two names, as ever; the second send has no
+// effect of its own.
+void KorvaneProDaemon::quit() {
+    machine_.runLoop.terminate();
+    machine_.runLoop.terminate();
+}
+
+// The folder is the daemon's life line: its removal means that the suite has been removed.
+void KorvaneProDaemon::quitWithoutSupportFolder() {
+    machine_.systemLog.write(LogLevel::info, formatText("\"%@\" is gone: quitting.",
+                                                        {std::string_view(kSupportFolder)}));
+    quit();
+}
+
+}  // namespace korvane

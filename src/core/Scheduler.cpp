@@ -1,0 +1,82 @@
+// The scheduler: a tick starts at most one due check of each kind and then arms a single timer for
+// the moment at which the next one falls due. It keeps no schedule of its own; the entries do.
+
+#include "core/DefaultPreferences.h"
+#include "core/KorvaneProDaemon.h"
+#include "core/Schedule.h"
+#include "storage/SupportFolder.h"
+#include "storage/VolumeEntry.h"
+
+namespace korvane {
+
+using std::chrono::microseconds;
+using std::chrono::seconds;
+
+void KorvaneProDaemon::updateClock() {
+    if (!machine_.fileSystem.exists(kSupportFolder)) {
+        quitWithoutSupportFolder();
+        return;
+    }
+    // At rest until a reload.
+    if (!daemonIsOn()) return;
+
+    // The permission to keep the emergency volume mounted ends with the main application, even when
+    // its quitting was missed.
+    if (ignoreMountedOstrand && !isKorvaneProRunning()) {
+        ignoreMountedOstrand = false;
+        armOstrandTimer(seconds(5));
+    }
+
+    updateVolumePreferences();
+    if (booleanValue(preference(kVolumeUsageOnOff))) startDueUsageCheck();
+
+    outTimer.reset();
+    clockTimer.reset();
+    setOutTimer();
+}
+
+void KorvaneProDaemon::startDueUsageCheck() {
+    const auto index = usageCheckToStart(volumeArray, machine_.clock.now());
+    if (!index) return;
+    VolumeEntry entry(*volumeArray[*index].dictionary());
+    // A warning that has been given stays noted, or it would be given again.
+    if (entry.usageStatus() != kStatusFailing) entry.setUsageStatus(kStatusRunning);
+    stepTimer_usage = machine_.runLoop.startTimer(
+        seconds(0), Repeat::once, [this, started = *index] { volumeUsageCheck(started); });
+}
+
+void KorvaneProDaemon::setOutTimer() {
+    clockTimer.reset();
+    outTimer.reset();
+    if (!machine_.fileSystem.exists(kSupportFolder)) {
+        quitWithoutSupportFolder();
+        return;
+    }
+    if (!daemonIsOn()) return;
+
+    const PropertyList* usage = preference(kVolumeUsageOnOff);
+    const PropertyList* directory = preference(kDirectoryBackupOnOff);
+    const PropertyList* smart = preference(kSmartCheckOnOff);
+    // On battery power ticks come from events alone.
+    if (!usage || !directory || !smart || runningOnBattery()) return;
+
+    const CheckSwitches switches{.usage = booleanValue(usage),
+                                 .directory = booleanValue(directory),
+                                 .smart = booleanValue(smart)};
+    const auto interval = outTimerInterval(volumeArray, driveArray, switches, machine_.clock.now());
+    outTimer = machine_.runLoop.startTimer(std::chrono::duration_cast<microseconds>(interval),
+                                           Repeat::once, [this] { updateClock(); });
+}
+
+bool KorvaneProDaemon::runningOnBattery() { return isOnBattery(machine_.powerSources.states()); }
+
+bool KorvaneProDaemon::daemonIsOn() const {
+    const PropertyList* daemonOn = preference(kDaemonOn);
+    return !daemonOn || booleanValue(daemonOn);
+}
+
+void KorvaneProDaemon::armClockTimer(microseconds delay) {
+    clockTimer = machine_.runLoop.startTimer(delay, Repeat::once, [this] { updateClock(); });
+}
+
+}  // namespace korvane
