@@ -1,0 +1,80 @@
+#include "platform/linux/LinuxSystemLog.h"
+
+#include <sys/uio.h>
+#include <syslog.h>
+// Every line comes from this file: its name and line number in the journal would say nothing.
+#define SD_JOURNAL_SUPPRESS_LOCATION
+#include <systemd/sd-journal.h>
+#include <unistd.h>
+
+#include <array>
+#include <ctime>
+#include <string>
+
+#include "platform/linux/LogLine.h"
+
+namespace korvane {
+
+namespace {
+
+constexpr char kIdentifier[] = "KorvaneProDaemon";
+// sd_journal_sendv(3) and syslog(3): the sockets that they write to.
+constexpr char kJournalSocket[] = "/run/systemd/journal/socket";
+constexpr char kSyslogSocket[] = "/dev/log";
+
+int priorityOf(LogLevel level) {
+    switch (level) {
+        case LogLevel::error:
+            return LOG_ERR;
+        case LogLevel::warning:
+            return LOG_WARNING;
+        case LogLevel::info:
+            break;
+    }
+    return LOG_INFO;
+}
+
+iovec fieldOf(std::string& text) { return {text.data(), text.size()}; }
+
+void writeToJournal(LogLevel level, const std::string& line) {
+    std::string message = "MESSAGE=" + line;
+    std::string priority = "PRIORITY=" + std::to_string(priorityOf(level));
+    std::string identifier = std::string("SYSLOG_IDENTIFIER=") + kIdentifier;
+    const std::array fields{fieldOf(message), fieldOf(priority), fieldOf(identifier)};
+    // A log that cannot be written has nowhere to say so.
+    (void)sd_journal_sendv(fields.data(), static_cast<int>(fields.size()));
+}
+
+// One write, so that lines of several processes on one terminal do not mix.
+void writeToStandardError(const std::string& line) {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    std::array<char, 16> clock{};
+    std::string text;
+    if (::localtime_r(&now, &local) != nullptr &&
+        std::strftime(clock.data(), clock.size(), "%H:%M:%S ", &local) != 0) {
+        text = clock.data();
+    }
+    text += line;
+    text += '\n';
+    [[maybe_unused]] const ssize_t ignoredCount = ::write(STDERR_FILENO, text.data(), text.size());
+}
+
+}  // namespace
+
+LinuxSystemLog::LinuxSystemLog()
+    : sink_(::access(kJournalSocket, W_OK) == 0  ? Sink::journal
+            : ::access(kSyslogSocket, W_OK) == 0 ? Sink::syslog
+                                                 : Sink::none),
+      toStandardError_(sink_ == Sink::none || ::isatty(STDERR_FILENO) == 1) {
+    if (sink_ == Sink::syslog) ::openlog(kIdentifier, LOG_PID, LOG_DAEMON);
+}
+
+void LinuxSystemLog::write(LogLevel level, std::string_view line) {
+    const std::string shown = escapedForLog(line);
+    if (sink_ == Sink::journal) writeToJournal(level, shown);
+    if (sink_ == Sink::syslog) ::syslog(priorityOf(level), "%s", shown.c_str());
+    if (toStandardError_) writeToStandardError(shown);
+}
+
+}  // namespace korvane

@@ -1,0 +1,18 @@
+// A system log that keeps its lines for the test to look at.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/SystemLog.h"
+
+namespace korvane {
+
+class RecordingLog final : public SystemLog {
+  public:
+    void write(LogLevel, std::string_view line) override { lines.emplace_back(line); }
+    std::vector<std::string> lines;
+};
+
+}  // namespace korvane
