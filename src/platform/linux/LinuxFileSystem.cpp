@@ -202,14 +202,14 @@ bool LinuxFileSystem::createEmptyFile(const std::string& path, mode_t permission
 
 Result<std::monostate> LinuxFileSystem::remove(const std::string& path) {
     // Without its slashes a link at the end is removed, not followed.
-    const std::string place = withoutTrailingSlashes(located(path));
+    const std::string item = withoutTrailingSlashes(path);
+    const std::string place = located(item);
     if (place.empty()) return errorFrom(ENOENT);
-    const std::size_t slash = place.rfind('/');
-    const std::string name = place.substr(slash + 1);
+    const std::string name = item.substr(item.rfind('/') + 1);
     if (name.empty() || name == "." || name == "..") return errorFrom(EINVAL);
     // The way to the item is resolved once; whatever moves on it meanwhile leads nowhere else.
-    const UniqueFd parent{
-        ::open(place.substr(0, slash + 1).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
+    const UniqueFd parent{::open(place.substr(0, place.size() - name.size()).c_str(),
+                                 O_PATH | O_DIRECTORY | O_CLOEXEC)};
     if (!parent) return errorFrom(errno);
 
     if (::unlinkat(parent.get(), name.c_str(), 0) == 0) return std::monostate{};
