@@ -1,0 +1,46 @@
+// The desktop's notification service, org.freedesktop.Notifications (Desktop Notifications
+// Specification 1.2): shows one notice and stays until it is off the screen.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/Result.h"
+#include "platform/AlertDialogs.h"
+
+namespace korvane {
+
+class NotificationService {
+  public:
+    // Connects; the caller bounds the time that this and show() may take.
+    [[nodiscard]] static Result<NotificationService> connect(const std::string& busAddress);
+
+    [[nodiscard]] Result<std::monostate> show(const Alert& alert);
+    // Waits until the service says that the notice is closed, its button is pressed, its time is
+    // up or SIGTERM arrives (blocked, taken through `terminateFd`, a signalfd); in the last three
+    // cases the notice is closed here.
+    void waitUntilClosed(std::chrono::milliseconds timeOut, int terminateFd);
+
+  private:
+    struct BusCloser {
+        void operator()(sd_bus* bus) const { (void)sd_bus_flush_close_unref(bus); }
+    };
+
+    explicit NotificationService(sd_bus* bus) : bus_(bus) {}
+    [[nodiscard]] Result<std::vector<std::string>> capabilities();
+    // Whether the message ends the notice.
+    [[nodiscard]] bool handle(sd_bus_message* message);
+    [[nodiscard]] bool processMessages();
+    void close();
+
+    std::unique_ptr<sd_bus, BusCloser> bus_;
+    std::uint32_t id_ = 0;
+    bool closedByService_ = false;
+};
+
+}  // namespace korvane

@@ -1,0 +1,190 @@
+// The daemon's side of its dialogs: who is spoken to, what the notice program is given, and what is
+// said of one that was not shown. Needs root: it hides the machine's login sessions behind files of
+// its own, in a mount namespace of its own.
+#include <gmock/gmock.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "platform/linux/ConsoleSession.h"
+#include "platform/linux/LinuxAlertDialogs.h"
+#include "platform/linux/LinuxBundle.h"
+#include "platform/linux/NoticeProtocol.h"
+
+namespace korvane {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr uid_t kUser = 65534;
+
+class LinesLog final : public SystemLog {
+  public:
+    void write(LogLevel, std::string_view line) override { lines.emplace_back(line); }
+    std::vector<std::string> lines;
+};
+
+class AlertDialogsTest : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << "needs root";
+        ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        std::filesystem::create_directories("/run/systemd");
+        ASSERT_EQ(::mount("tmpfs", "/run/systemd", "tmpfs", 0, nullptr), 0);
+    }
+
+    void SetUp() override {
+        folder_ = testing::TempDir() + "dialogs." + std::to_string(::getpid());
+        std::filesystem::create_directories(folder_ + "/PlugIns");
+        logIn("user");
+    }
+    void TearDown() override {
+        std::filesystem::remove_all(folder_);
+        std::filesystem::remove_all("/run/systemd/seats");
+        std::filesystem::remove_all("/run/systemd/sessions");
+    }
+
+    static void logIn(const std::string& sessionClass) {
+        std::filesystem::create_directories("/run/systemd/seats");
+        std::filesystem::create_directories("/run/systemd/sessions");
+        std::ofstream("/run/systemd/seats/seat0")
+            << "IS_SEAT0=1\nACTIVE=7\nACTIVE_UID=" << kUser << "\n";
+        std::ofstream("/run/systemd/sessions/7")
+            << "UID=" << kUser << "\nACTIVE=1\nSTATE=active\nCLASS=" << sessionClass << "\n";
+    }
+    // A notice program that notes its argument and its input and then does `rest`.
+    void installProgram(const std::string& rest) {
+        const std::string path = folder_ + "/PlugIns/KorvaneProNotice";
+        std::ofstream(path) << "#!/bin/sh\necho $* >" << folder_ << "/argument\ncat >" << folder_
+                            << "/input\ntouch " << folder_ << "/started\n"
+                            << rest << "\n";
+        ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
+    }
+    [[nodiscard]] std::string contents(const std::string& name) const {
+        std::ifstream file(folder_ + "/" + name);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    // Runs the loop until the condition holds, looked at every few milliseconds.
+    void runUntil(std::function<bool()> condition) {
+        const auto poll = loop_.startTimer(milliseconds{5}, Repeat::every, [&] {
+            if (condition()) loop_.terminate();
+        });
+        const auto limit = loop_.startTimer(std::chrono::seconds{10}, Repeat::once, [&] {
+            ADD_FAILURE() << "what was waited for did not happen";
+            loop_.terminate();
+        });
+        loop_.run();
+    }
+
+    std::string folder_;
+    LinesLog log_;
+    LinuxRunLoop loop_{log_};
+    const Alert alert_{"Korvane Pro Warning", "Low", "OK", AlertLevel::caution, milliseconds{0}};
+};
+
+TEST_F(AlertDialogsTest, SpeaksToTheUserAtTheConsole) {
+    installProgram("");
+    LinuxBundle bundle{folder_, {}};
+    LinuxAlertDialogs dialogs{loop_, bundle, log_};
+    ASSERT_NE(dialogs.show(alert_), nullptr);
+    runUntil([&] { return !contents("input").empty() && contents("argument") == "65534\n"; });
+    const Result<Alert> received = parseNotice(contents("input"));
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->message, "Low");
+    EXPECT_THAT(log_.lines, IsEmpty());
+}
+
+TEST_F(AlertDialogsTest, ALoginScreenIsNotAUser) {
+    installProgram("");
+    logIn("greeter");
+    EXPECT_EQ(consoleUser(), std::nullopt);
+    LinuxBundle bundle{folder_, {}};
+    LinuxAlertDialogs dialogs{loop_, bundle, log_};
+    EXPECT_EQ(dialogs.show(alert_), nullptr);
+    EXPECT_THAT(log_.lines,
+                ElementsAre("The dialog \"Korvane Pro Warning\" is not shown: nobody is "
+                            "logged in at the console."));
+}
+
+TEST_F(AlertDialogsTest, AMachineWithoutSessionsIsToldOnceADialog) {
+    std::filesystem::remove_all("/run/systemd/seats");
+    LinuxBundle bundle{folder_, {}};
+    LinuxAlertDialogs dialogs{loop_, bundle, log_};
+    EXPECT_EQ(dialogs.show(alert_), nullptr);
+    EXPECT_EQ(log_.lines.size(), 1U);
+}
+
+TEST_F(AlertDialogsTest, AMissingProgramIsTold) {
+    LinuxBundle bundle{folder_, {}};
+    LinuxAlertDialogs dialogs{loop_, bundle, log_};
+    EXPECT_EQ(dialogs.show(alert_), nullptr);
+    EXPECT_THAT(log_.lines, ElementsAre("The dialog \"Korvane Pro Warning\" is not shown: "
+                                        "KorvaneProNotice is missing."));
+}
+
+TEST_F(AlertDialogsTest, ADesktopThatDoesNotShowItIsOneLine) {
+    const std::vector<std::pair<std::string, std::string>> ends{
+        {"exit 3", "the console user's session could not be reached"},
+        {"exit 4", "the session has no notification service that takes it"},
+        {"exit 2", "the notice program failed with status 2"},
+        {"kill -ALRM $$", "the desktop did not answer"}};
+    LinuxBundle bundle{folder_, {}};
+    LinuxAlertDialogs dialogs{loop_, bundle, log_};
+    std::size_t index = 0;
+    std::unique_ptr<AlertDialog> dialog;
+    const auto next = [&] {
+        installProgram(ends[index].first);
+        dialog = dialogs.show(alert_);
+        ASSERT_NE(dialog, nullptr);
+    };
+    next();
+    runUntil([&] {
+        if (log_.lines.size() == index) return false;
+        if (++index == ends.size()) return true;
+        next();
+        return false;
+    });
+    ASSERT_EQ(log_.lines.size(), ends.size());
+    for (std::size_t end = 0; end < ends.size(); ++end) {
+        EXPECT_EQ(log_.lines[end],
+                  "The dialog \"Korvane Pro Warning\" is not shown: " + ends[end].second + ".");
+    }
+}
+
+TEST_F(AlertDialogsTest, CancellingEndsTheProgramSilently) {
+    installProgram("trap 'touch " + folder_ + "/cancelled; exit 0' TERM\nsleep 30 & wait $!");
+    LinuxBundle bundle{folder_, {}};
+    LinuxAlertDialogs dialogs{loop_, bundle, log_};
+    const std::unique_ptr<AlertDialog> dialog = dialogs.show(alert_);
+    ASSERT_NE(dialog, nullptr);
+    runUntil([&] {
+        if (!std::filesystem::exists(folder_ + "/started")) return false;
+        dialog->cancel();
+        return std::filesystem::exists(folder_ + "/cancelled");
+    });
+    dialog->cancel();
+    EXPECT_THAT(log_.lines, IsEmpty());
+}
+
+TEST_F(AlertDialogsTest, ADialogMayOutliveTheOneThatShowedIt) {
+    installProgram("sleep 1");
+    LinuxBundle bundle{folder_, {}};
+    std::unique_ptr<AlertDialog> dialog;
+    {
+        LinuxAlertDialogs dialogs{loop_, bundle, log_};
+        dialog = dialogs.show(alert_);
+    }
+    ASSERT_NE(dialog, nullptr);
+    dialog->cancel();
+    EXPECT_THAT(log_.lines, IsEmpty());
+}
+
+}  // namespace
+}  // namespace korvane
