@@ -159,7 +159,7 @@ TEST_F(AlertDialogsTest, ADesktopThatDoesNotShowItIsOneLine) {
 }
 
 TEST_F(AlertDialogsTest, CancellingEndsTheProgramSilently) {
-    installProgram("trap 'touch " + folder_ + "/cancelled; exit 0' TERM\nsleep 30 & wait $!");
+    installProgram("trap 'touch " + folder_ + "/cancelled; exit 0' TERM\nwhile :; do sleep 0.02; done");
     LinuxBundle bundle{folder_, {}};
     LinuxAlertDialogs dialogs{loop_, bundle, log_};
     const std::unique_ptr<AlertDialog> dialog = dialogs.show(alert_);
@@ -174,7 +174,7 @@ TEST_F(AlertDialogsTest, CancellingEndsTheProgramSilently) {
 }
 
 TEST_F(AlertDialogsTest, ADialogMayOutliveTheOneThatShowedIt) {
-    installProgram("sleep 1");
+    installProgram("");
     LinuxBundle bundle{folder_, {}};
     std::unique_ptr<AlertDialog> dialog;
     {
