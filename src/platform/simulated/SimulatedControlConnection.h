@@ -1,0 +1,37 @@
+// The control connection without a bus: the test is the main application that calls.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/ControlConnection.h"
+#include "platform/simulated/SimulatedJournal.h"
+
+namespace korvane {
+
+class SimulatedControlConnection final : public ControlConnection {
+  public:
+    enum class Caller { root, daemonUser, other };
+    enum class Answer { yes, no, refused, nobody };
+
+    explicit SimulatedControlConnection(SimulatedJournal& journal);
+
+    [[nodiscard]] std::unique_ptr<RegisteredConnection> registerName(
+        ControlTarget& target) override;
+
+    // Another process holds the name, or there is no bus: registering fails.
+    void setUnavailable(bool isUnavailable);
+    // Delivers the word as a call from outside, on the loop's thread. `nobody`: no name is
+    // registered.
+    Answer send(const std::string& word, Caller caller = Caller::root);
+    [[nodiscard]] bool isRegistered() const;
+
+  private:
+    class Registration;
+
+    SimulatedJournal& journal_;
+    ControlTarget* target_ = nullptr;
+    bool isUnavailable_ = false;
+};
+
+}  // namespace korvane

@@ -1,0 +1,126 @@
+// Files and folders in memory: owners, permissions, dates, links and mounted volumes. Property
+// lists go through the real codec, but only when bytes are put or looked at. Faults are set by the
+// test: a write that fails, a folder or volume that is full or read-only, a kill while writing.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/FileSystem.h"
+#include "platform/simulated/SimulatedClock.h"
+#include "platform/simulated/SimulatedJournal.h"
+#include "platform/simulated/SimulatedNode.h"
+
+namespace korvane {
+
+// Thrown out of a write by killAtNextWrite(): the process is gone. Nothing but a test catches it.
+struct SimulatedKill {};
+
+// How far a killed write had come.
+enum class KillMoment {
+    beforeWriting,   // nothing is written
+    siblingPartial,  // the sibling is cut short, the old contents stand
+    siblingWhole,    // the sibling holds the new contents, the old contents stand
+    fileTorn,        // the sibling holds the new contents, the file neither
+    written          // the new contents stand, the sibling is still there
+};
+
+class SimulatedFileSystem final : public FileSystem {
+  public:
+    // `accounts` gives the number of each login name; the daemon runs as `userName`.
+    SimulatedFileSystem(SimulatedClock& clock, SimulatedJournal& journal, std::uint64_t seed,
+                        std::string userName, std::map<std::string, std::uint32_t> accounts);
+    ~SimulatedFileSystem() override;
+
+    [[nodiscard]] bool exists(const std::string& path) override;
+    [[nodiscard]] bool isFolder(const std::string& path) override;
+    [[nodiscard]] std::optional<std::vector<std::string>> list(const std::string& path) override;
+    [[nodiscard]] std::vector<std::string> enumerate(const std::string& path) override;
+    [[nodiscard]] std::optional<ItemAttributes> attributes(const std::string& path) override;
+    bool createFolders(const std::string& path, const std::string& ownerName) override;
+    bool createEmptyFile(const std::string& path, mode_t permissions) override;
+    Result<std::monostate> remove(const std::string& path) override;
+    bool setPermissions(const std::string& path, mode_t permissions) override;
+    [[nodiscard]] Result<PropertyList> readPropertyList(const std::string& path) override;
+    [[nodiscard]] Result<std::monostate> writePropertyList(const std::string& path,
+                                                           const PropertyList& value,
+                                                           mode_t permissions,
+                                                           Durability durability) override;
+    [[nodiscard]] std::string displayName(const std::string& path) override;
+    [[nodiscard]] std::string userName() override;
+
+    // What other programs do. They make the folders above as they need them, are never short of
+    // space, and return whether the machine let them.
+    bool put(const std::string& path, std::string bytes, mode_t permissions = 0644);
+    bool putLink(const std::string& path, const std::string& target);
+    bool removeItem(const std::string& path);
+    // The bytes of a file, links followed.
+    [[nodiscard]] std::optional<std::string> bytes(const std::string& path);
+    // Every path there is, sorted, folders with a closing "/".
+    [[nodiscard]] std::vector<std::string> paths();
+
+    void setDisplayName(const std::string& path, const std::string& name);
+
+    // Volumes: the tree on `volume` covers the folder at `path` (made if need be) from here on.
+    void attach(const std::string& path, const std::string& volume);
+    void detach(const std::string& path);
+    void setFull(const std::string& volume, bool isFull);
+    void setReadOnly(const std::string& volume, bool isReadOnly);
+
+    // Faults.
+    void failNextWrites(int count);
+    void killAtNextWrite(KillMoment moment);
+    void setFolderImmutable(const std::string& path, bool isImmutable);
+    void setFolderUnreadable(const std::string& path, bool isUnreadable);
+
+    // How many property lists were written to the path so far.
+    [[nodiscard]] std::uint64_t writeCount(const std::string& path) const;
+
+  private:
+    // Where a path leads: its folder and, when there is one, the item.
+    struct Place {
+        SimulatedNode* folder = nullptr;
+        SimulatedTree* tree = nullptr;
+        std::string name;               // empty for the root of all
+        SimulatedNode* node = nullptr;  // null when nothing is there
+        bool isMountPoint = false;      // the node is the root of a mounted volume
+    };
+    enum class LastLink { followed, kept };
+
+    std::optional<Place> find(std::string_view path, LastLink lastLink);
+    SimulatedNode* folderAt(const std::string& path);
+    SimulatedTree& treeOf(const std::string& volume);
+    SimulatedNode& add(SimulatedNode& folder, std::string_view name, ItemKind kind,
+                       mode_t permissions);
+    void enumerateInto(SimulatedNode& folder, const std::string& prefix,
+                       std::vector<std::string>& paths);
+    void pathsInto(SimulatedNode& folder, const std::string& prefix,
+                   std::vector<std::string>& paths);
+    bool removeTree(SimulatedNode& folder, const SimulatedName& name);
+    [[nodiscard]] std::optional<Error> refusal(const Place& place, bool needsSpace);
+    void store(Place& place, const PropertyList& value, mode_t permissions);
+    void killDuring(Place& place, const std::string& path, const PropertyList& value,
+                    mode_t permissions);
+    void putBytes(SimulatedNode& folder, std::string_view name, std::string bytes,
+                  mode_t permissions);
+
+    SimulatedClock& clock_;
+    SimulatedJournal& journal_;
+    std::uint64_t seed_;
+    std::string userName_;
+    std::map<std::string, std::uint32_t> accounts_;
+    std::map<std::string, std::unique_ptr<SimulatedTree>> trees_;
+    SimulatedTree* rootTree_;
+    std::map<std::string, std::string> displayNames_;
+    std::unordered_map<std::string, std::uint64_t> writeCounts_;
+    int failingWrites_ = 0;
+    std::optional<KillMoment> kill_;
+};
+
+}  // namespace korvane
