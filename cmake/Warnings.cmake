@@ -8,6 +8,10 @@ target_link_options(korvane_options INTERFACE -Wl,--as-needed)
 target_include_directories(korvane_options INTERFACE ${PROJECT_SOURCE_DIR}/src)
 
 if(KORVANE_SANITIZE)
+    # With a sanitizer's checks in between, GCC sees uninitialized values in the standard library.
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+        target_compile_options(korvane_options INTERFACE -Wno-maybe-uninitialized)
+    endif()
     target_compile_options(korvane_options INTERFACE
         -fsanitize=${KORVANE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     target_link_options(korvane_options INTERFACE -fsanitize=${KORVANE_SANITIZE})
