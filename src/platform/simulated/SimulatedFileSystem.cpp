@@ -12,7 +12,9 @@ namespace {
 
 // The kernel gives up after as many links (ELOOP).
 constexpr int kLinkLimit = 40;
+// What mkdir and open make with the usual umask of 022.
 constexpr mode_t kFolderPermissions = 0755;
+constexpr mode_t kNewFilePermissions = 0644;
 constexpr char kRootVolume[] = "/";
 
 // The components of a path, empty ones left out.
@@ -223,7 +225,8 @@ std::string SimulatedFileSystem::displayName(const std::string& path) {
 
 std::string SimulatedFileSystem::userName() { return userName_; }
 
-bool SimulatedFileSystem::put(const std::string& path, std::string bytes, mode_t permissions) {
+bool SimulatedFileSystem::put(const std::string& path, std::string bytes,
+                              std::optional<mode_t> permissions) {
     const std::size_t slash = path.rfind('/');
     if (slash == std::string::npos || !createFolders(path.substr(0, slash + 1), userName_)) {
         return false;
@@ -513,13 +516,13 @@ void SimulatedFileSystem::killDuring(Place& place, const std::string& path,
 }
 
 void SimulatedFileSystem::putBytes(SimulatedNode& folder, std::string_view name, std::string bytes,
-                                   mode_t permissions) {
+                                   std::optional<mode_t> permissions) {
     const auto child = folder.children.find(SimulatedName(seed_, name));
     SimulatedNode& file = child != folder.children.end()
                               ? *child->second
-                              : add(folder, name, ItemKind::file, permissions);
+                              : add(folder, name, ItemKind::file, kNewFilePermissions);
     file.contents.setBytes(std::move(bytes));
-    file.permissions = permissions;
+    file.permissions = permissions.value_or(file.permissions);
     file.modificationDate = clock_.now();
 }
 

@@ -55,9 +55,10 @@ class SimulatedFileSystem final : public FileSystem {
     [[nodiscard]] std::string displayName(const std::string& path) override;
     [[nodiscard]] std::string userName() override;
 
-    // What other programs do. They make the folders above as they need them, are never short of
-    // space, and return whether the machine let them.
-    bool put(const std::string& path, std::string bytes, mode_t permissions = 0644);
+    // What other programs do. They make the folders above as they need them and return whether the
+    // machine let them. A file that is there keeps its permissions unless others are named.
+    bool put(const std::string& path, std::string bytes,
+             std::optional<mode_t> permissions = std::nullopt);
     bool putLink(const std::string& path, const std::string& target);
     bool removeItem(const std::string& path);
     // The bytes of a file, links followed.
@@ -108,7 +109,7 @@ class SimulatedFileSystem final : public FileSystem {
     void killDuring(Place& place, const std::string& path, const PropertyList& value,
                     mode_t permissions);
     void putBytes(SimulatedNode& folder, std::string_view name, std::string bytes,
-                  mode_t permissions);
+                  std::optional<mode_t> permissions);
 
     SimulatedClock& clock_;
     SimulatedJournal& journal_;
