@@ -159,7 +159,8 @@ TEST_F(AlertDialogsTest, ADesktopThatDoesNotShowItIsOneLine) {
 }
 
 TEST_F(AlertDialogsTest, CancellingEndsTheProgramSilently) {
-    installProgram("trap 'touch " + folder_ + "/cancelled; exit 0' TERM\nwhile :; do sleep 0.02; done");
+    installProgram("trap 'touch " + folder_ +
+                   "/cancelled; exit 0' TERM\nwhile :; do sleep 0.02; done");
     LinuxBundle bundle{folder_, {}};
     LinuxAlertDialogs dialogs{loop_, bundle, log_};
     const std::unique_ptr<AlertDialog> dialog = dialogs.show(alert_);
