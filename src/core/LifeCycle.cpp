@@ -56,8 +56,10 @@ void KorvaneProDaemon::awakeFromNib() {
     startupInProgress = true;
     const seconds delay = startUpDelay(microseconds(machine_.clock.microsecondsSinceBoot()));
     clockTimer = machine_.runLoop.startTimer(delay, Repeat::once, [this] { doStartup(); });
-    machine_.systemLog.write(LogLevel::info, formatText("Protection begins in %ld seconds.",
-                                                        {std::int64_t{delay.count()}}));
+    machine_.systemLog.write(
+        LogLevel::info,
+        formatText("Started on system version %@: protection begins in %ld seconds.",
+                   {getCurrentSystemString(), std::int64_t{delay.count()}}));
 }
 
 void KorvaneProDaemon::doStartup() {

@@ -1,0 +1,21 @@
+// The inventories in the preferences, brought in line with the machine.
+
+#include "core/DefaultPreferences.h"
+#include "core/KorvaneProDaemon.h"
+#include "storage/VolumeInventory.h"
+
+namespace korvane {
+
+void KorvaneProDaemon::updateVolumePreferences() {
+    const VolumePassSettings settings{
+        .now = machine_.clock.now(),
+        .systemVersionAgainst10_7 = static_cast<int>(compareCurrentSystemVersionWith("10.7")),
+        .rootSaveDisabled = rootSaveDisabled,
+        .directoryBackupLocations = preference(kDirectoryBackupLocations)};
+    if (refreshVolumeEntries(machine_.deviceRegistry, machine_.volumes, machine_.fileSystem,
+                             volumeArray, settings)) {
+        writePreferences();
+    }
+}
+
+}  // namespace korvane
