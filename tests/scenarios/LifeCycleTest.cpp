@@ -1,0 +1,230 @@
+// How the daemon comes up, what it does when applications come and go, and how it goes down.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "scenarios/DaemonFiles.h"
+#include "support/Scenario.h"
+
+namespace korvane {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using std::chrono::minutes;
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+MachineDescription twoVolumesUpFor(std::chrono::microseconds uptime) {
+    MachineDescription description = Scenario::describe("two-volumes");
+    description.uptime = uptime;
+    return description;
+}
+
+// Entries are made by the second stage and not before.
+bool hasStarted(Scenario& scenario) { return !volumePathsIn(scenario).empty(); }
+
+TEST(StartUp, WaitsUntilTheMachineHasBeenUpForTwoMinutes) {
+    Scenario s(twoVolumesUpFor(seconds(45)));
+    s.run(milliseconds(74'999));
+    EXPECT_FALSE(hasStarted(s));
+    s.run(milliseconds(1));
+    EXPECT_TRUE(hasStarted(s));
+}
+
+TEST(StartUp, ComesAtOnceOnAMachineThatHasBeenUpLonger) {
+    Scenario s(twoVolumesUpFor(hours(5)));
+    s.start();
+    EXPECT_FALSE(hasStarted(s));
+    s.run(seconds(0));
+    EXPECT_TRUE(hasStarted(s));
+}
+
+TEST(StartUp, CountsWholeSecondsOfUptime) {
+    Scenario s(twoVolumesUpFor(milliseconds(119'900)));
+    s.run(milliseconds(999));
+    EXPECT_FALSE(hasStarted(s));
+    s.run(milliseconds(1));
+    EXPECT_TRUE(hasStarted(s));
+}
+
+TEST(StartUp, MakesAnEntryOfEveryVolume) {
+    Scenario s("two-volumes");
+    s.run(seconds(0));
+    EXPECT_THAT(volumePathsIn(s), ElementsAre("/", "/Volumes/Data"));
+}
+
+TEST(StartUp, MarksEveryEntryAsNotYetExaminedBeforeTheFirstTick) {
+    Scenario s("two-volumes");
+    Dictionary preferences = completePreferences();
+    preferences.set("driveArray", PropertyListArray{Dictionary{{"smartStatus", "4"}}, "no entry",
+                                                    Dictionary{{"smartStatus", 2}}});
+    preferences.set("volumeArray",
+                    PropertyListArray{Dictionary{{"volumeMountToName", "/Volumes/Data"},
+                                                 {"usageStatus", "2"},
+                                                 {"directoryStatus", "1"}},
+                                      7,
+                                      Dictionary{{"volumeMountToName", "/Volumes/Gone"},
+                                                 {"usageStatus", "5"},
+                                                 {"directoryStatus", "5"}}});
+    putPreferences(s, preferences);
+    s.run(milliseconds(999));
+    const Dictionary stored = s.preferences();
+    EXPECT_EQ(*stored.find("driveArray"),
+              PropertyList(PropertyListArray{Dictionary{{"smartStatus", "0"}}, "no entry",
+                                             Dictionary{{"smartStatus", "0"}}}));
+    for (const char* path : {"/Volumes/Data", "/Volumes/Gone", "/"}) {
+        EXPECT_EQ(*s.volumeEntry(path).find("usageStatus"), PropertyList("0")) << path;
+        EXPECT_EQ(*s.volumeEntry(path).find("directoryStatus"), PropertyList("0")) << path;
+    }
+}
+
+TEST(StartUp, AsksForTheFirstTickASecondLater) {
+    Scenario s("two-volumes");
+    Dictionary preferences = completePreferences();
+    preferences.set("volumeArray",
+                    PropertyListArray{Dictionary{{"volumeMountToName", "/Volumes/Data"},
+                                                 {"freeSpaceWarningLevel", 15}}});
+    putPreferences(s, preferences);
+    s.run(milliseconds(999));
+    EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
+    s.run(milliseconds(1));
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed"));
+}
+
+TEST(StartUp, GoesOnInSilenceWhenTheServiceNameIsTaken) {
+    Scenario s("two-volumes");
+    s.machine().controlConnection.setUnavailable(true);
+    s.run(minutes(1));
+    EXPECT_FALSE(s.machine().controlConnection.isRegistered());
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed"));
+    for (const auto& line : s.machine().systemLog.lines()) EXPECT_EQ(line.level, LogLevel::info);
+}
+
+TEST(StartUp, IsCancelledForGoodByAReloadInTheMeantime) {
+    Scenario s(twoVolumesUpFor(seconds(0)));
+    s.run(seconds(30));
+    s.send("daemonPreferencesUpdatedNotification");
+    // The reload made the entries, due in 10 seconds; the ticks come from the out timer alone.
+    s.run(seconds(15));
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed"));
+    EXPECT_EQ(usageStatusIn(s, "/Volumes/Data"), "3");
+
+    // Nobody listens to mounts: the new volume shows only when a check's time has come.
+    s.run(seconds(60));
+    s.plug("stick");
+    s.run(seconds(30));
+    EXPECT_THAT(volumePathsIn(s), ElementsAre("/", "/Volumes/Data"));
+    s.run(minutes(5));
+    EXPECT_THAT(volumePathsIn(s), ElementsAre("/", "/Volumes/Data", "/Volumes/Stick"));
+
+    // Nor to applications, nor to the user.
+    s.endApplication("com.apple.finder");
+    s.becomeActive();
+    s.run(seconds(10));
+    EXPECT_FALSE(s.hasEnded());
+}
+
+TEST(StartUp, ServesControlMessagesWhileItWaits) {
+    Scenario s(twoVolumesUpFor(seconds(0)));
+    s.run(seconds(1));
+    s.send("isSMARTExecuteComplete");
+    EXPECT_EQ(s.answer(), Scenario::Answer::yes);
+}
+
+TEST(StartUp, IncludesAVolumeMountedDuringTheWait) {
+    Scenario s(twoVolumesUpFor(seconds(0)));
+    s.run(seconds(60));
+    s.plug("stick");
+    s.run(seconds(59));
+    EXPECT_FALSE(hasStarted(s));
+    s.run(seconds(1));
+    EXPECT_THAT(volumePathsIn(s), ElementsAre("/", "/Volumes/Data", "/Volumes/Stick"));
+}
+
+TEST(StartUp, SaysOnceInTheLogWhenProtectionBegins) {
+    Scenario s(twoVolumesUpFor(seconds(45)));
+    s.start();
+    ASSERT_EQ(s.machine().systemLog.lines().size(), 1u);
+    EXPECT_EQ(s.machine().systemLog.lines()[0].text,
+              "Started on system version 11.0.0: protection begins in 75 seconds.");
+}
+
+TEST(BecomingActive, ChangesNothingDuringTheStart) {
+    Scenario s(twoVolumesUpFor(seconds(100)));
+    s.run(seconds(10));
+    s.becomeActive();
+    s.run(milliseconds(9'999));
+    EXPECT_FALSE(hasStarted(s));
+    s.run(milliseconds(1));
+    EXPECT_TRUE(hasStarted(s));
+}
+
+TEST(BecomingActive, ForcesATickASecondLater) {
+    Scenario s("two-volumes");
+    s.run(minutes(1));
+    ASSERT_EQ(usageResultsIn(s, "Data").size(), 1u);
+    // The wall clock jumps over the next due time; only a tick notices.
+    s.stepClock(minutes(10));
+    s.becomeActive();
+    s.run(milliseconds(999));
+    EXPECT_EQ(usageResultsIn(s, "System").size(), 1u);
+    s.run(milliseconds(1));
+    EXPECT_EQ(usageResultsIn(s, "System").size(), 2u);
+}
+
+TEST(BecomingActive, FollowsTheMachinesSleep) {
+    Scenario s("two-volumes");
+    s.run(minutes(1));
+    s.suspend(hours(8));
+    s.run(seconds(2));
+    EXPECT_EQ(usageResultsIn(s, "Data").size(), 2u);
+}
+
+TEST(ApplicationsEnding, TheFinderEndsTheDaemon) {
+    Scenario s("two-volumes");
+    s.run(minutes(1));
+    s.endApplication("com.apple.finder");
+    s.run(seconds(1));
+    EXPECT_TRUE(s.hasEnded());
+    EXPECT_EQ(s.terminateSends(), 2);
+}
+
+TEST(ApplicationsEnding, NoOtherEndsTheDaemon) {
+    Scenario s("two-volumes");
+    s.run(minutes(1));
+    for (const char* identifier :
+         {"com.apple.finder2", "com.apple.Finder", "finder", "", "org.example.editor",
+          "com.quorlen.korvanepro", "com.quorlen.korvanepro.uninstaller"}) {
+        s.endApplication(identifier);
+    }
+    s.run(minutes(1));
+    EXPECT_FALSE(s.hasEnded());
+    EXPECT_EQ(s.terminateSends(), 0);
+}
+
+TEST(Termination, SavesNothing) {
+    Scenario s("two-volumes");
+    s.run(minutes(1));
+    const auto writes = s.preferenceWrites();
+    s.machine().runLoop.terminate();
+    s.run(minutes(10));
+    EXPECT_TRUE(s.hasEnded());
+    EXPECT_EQ(s.preferenceWrites(), writes);
+}
+
+TEST(Termination, GivesTheServiceNameBack) {
+    Scenario s("two-volumes");
+    s.run(minutes(1));
+    EXPECT_TRUE(s.machine().controlConnection.isRegistered());
+    s.machine().runLoop.terminate();
+    s.run(seconds(1));
+    EXPECT_FALSE(s.machine().controlConnection.isRegistered());
+}
+
+}  // namespace
+}  // namespace korvane
