@@ -1,5 +1,6 @@
 #include "platform/linux/LinuxHost.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstddef>
@@ -46,7 +47,7 @@ SystemVersion versionFromOsRelease(std::string_view text) {
     return {numbers[0], numbers[1], numbers[2]};
 }
 
-LinuxHost::LinuxHost(std::string rootFolder) {
+LinuxHost::LinuxHost(const std::string& rootFolder) {
     // os-release(5): the one in /etc goes before the vendor's.
     std::optional<std::string> text = readSmallFile(rootFolder + "/etc/os-release");
     if (!text) text = readSmallFile(rootFolder + "/usr/lib/os-release");

@@ -15,7 +15,7 @@ namespace korvane {
 class LinuxHost final : public Host {
   public:
     // `rootFolder` stands before /etc and /usr/lib: empty for the machine's own.
-    explicit LinuxHost(std::string rootFolder = "");
+    explicit LinuxHost(const std::string& rootFolder = "");
 
     // Read once: a system is not replaced under a running process.
     [[nodiscard]] SystemVersion systemVersion() override;

@@ -2,11 +2,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -195,23 +197,29 @@ TEST_F(LinuxFileSystemTest, SaysWhyNothingWasRemoved) {
 }
 
 TEST_F(LinuxFileSystemTest, RemovesATreeDeeperThanThereAreDescriptors) {
-    std::string path = root / "deep";
+    constexpr int kLevels = 200;
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit few{.rlim_cur = 64, .rlim_max = limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    const std::string path = root / "deep";
     ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
     int folder = ::open(path.c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC);
-    for (int level = 0; level < 3000; ++level) {
+    for (int level = 0; level < kLevels; ++level) {
         ASSERT_EQ(::mkdirat(folder, "below", 0700), 0);
         const int next = ::openat(folder, "below", O_DIRECTORY | O_RDONLY | O_CLOEXEC);
         ::close(folder);
         folder = next;
     }
     ::close(folder);
-    EXPECT_EQ(files.enumerate("/deep").size(), 3000U);
+    EXPECT_EQ(files.enumerate("/deep").size(), std::size_t{kLevels});
     EXPECT_TRUE(files.remove("/deep"));
     EXPECT_FALSE(files.exists("/deep"));
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
 }
 
 TEST_F(LinuxFileSystemTest, RemovesNothingOutsideWhileFoldersAreSwappedForLinks) {
-    constexpr int kRounds = 200;
+    constexpr int kRounds = 40;
     root.write("outside/precious", "contents");
     std::atomic<bool> stop = false;
     const std::string inside = root / "tree/inside";

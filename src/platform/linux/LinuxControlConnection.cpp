@@ -1,0 +1,168 @@
+#include "platform/linux/LinuxControlConnection.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace korvane {
+
+namespace {
+
+// The name is the interface's too.
+constexpr char kName[] = "com.quorlen.KorvaneProDaemon";
+constexpr char kObjectPath[] = "/com/quorlen/KorvaneProDaemon";
+// Callers come and go; a full table is begun anew, which costs each one question more.
+constexpr std::size_t kMostRememberedSenders = 64;
+
+struct CredentialsCloser {
+    void operator()(sd_bus_creds* credentials) const { (void)sd_bus_creds_unref(credentials); }
+};
+
+// The user that the caller's connection belongs to, asked of the bus; nothing when the caller has
+// already gone.
+std::optional<uid_t> effectiveUserOf(sd_bus_message* message) {
+    sd_bus_creds* asked = nullptr;
+    if (sd_bus_query_sender_creds(message, SD_BUS_CREDS_EUID, &asked) < 0) return std::nullopt;
+    const std::unique_ptr<sd_bus_creds, CredentialsCloser> credentials(asked);
+    uid_t user = 0;
+    if (sd_bus_creds_get_euid(asked, &user) < 0) return std::nullopt;
+    return user;
+}
+
+class Registration final : public RegisteredConnection, public BusUser {
+  public:
+    Registration(LinuxRunLoop& loop, LinuxBus& bus, SystemLog& systemLog, ControlTarget& target)
+        : loop_(loop), bus_(bus), systemLog_(systemLog), target_(target) {}
+    ~Registration() override;
+    Registration(const Registration&) = delete;
+    Registration& operator=(const Registration&) = delete;
+
+    // The first time, when the answer matters: false when the name cannot be had.
+    [[nodiscard]] bool registerNow();
+    // Again: whoever has taken the name meanwhile keeps it.
+    void busCame(sd_bus* bus) override;
+    void busWent() override;
+
+  private:
+    static int onMessageXmitRcvr(sd_bus_message* message, void* self, sd_bus_error* error) noexcept;
+    static const std::array<sd_bus_vtable, 3> kVtable;
+
+    [[nodiscard]] bool exportObject(sd_bus* bus);
+    [[nodiscard]] bool isServed(sd_bus_message* message);
+    int serve(sd_bus_message* message, sd_bus_error* error);
+
+    LinuxRunLoop& loop_;
+    LinuxBus& bus_;
+    SystemLog& systemLog_;
+    ControlTarget& target_;
+    BusSlot object_;
+    BusSlot nameRequest_;
+    std::map<std::string, bool> servedSenders_;  // by unique name, which a bus never gives twice
+};
+
+// Open to every caller as far as sd-bus is concerned: who is served is decided here.
+const std::array<sd_bus_vtable, 3> Registration::kVtable{
+    {SD_BUS_VTABLE_START(0),
+     SD_BUS_METHOD_WITH_ARGS("messageXmitRcvr", SD_BUS_ARGS("s", word), SD_BUS_RESULT("b", answer),
+                             onMessageXmitRcvr, SD_BUS_VTABLE_UNPRIVILEGED),
+     SD_BUS_VTABLE_END}};
+
+Registration::~Registration() {
+    bus_.leave(*this);
+    // Should this not get through any more, the end of the connection gives the name back.
+    if (sd_bus* const bus = bus_.connection()) {
+        (void)sd_bus_release_name_async(bus, nullptr, kName, ignoreBusAnswer, nullptr);
+    }
+}
+
+bool Registration::exportObject(sd_bus* bus) {
+    sd_bus_slot* slot = nullptr;
+    if (sd_bus_add_object_vtable(bus, &slot, kObjectPath, kName, kVtable.data(), this) < 0) {
+        return false;
+    }
+    object_.reset(slot);
+    return true;
+}
+
+bool Registration::registerNow() {
+    sd_bus* const bus = bus_.connection();
+    if (bus == nullptr || !exportObject(bus) || sd_bus_request_name(bus, kName, 0) < 0) {
+        return false;
+    }
+    bus_.joinSetUp(*this);
+    return true;
+}
+
+void Registration::busCame(sd_bus* bus) {
+    sd_bus_slot* slot = nullptr;
+    if (!exportObject(bus) ||
+        sd_bus_request_name_async(bus, &slot, kName, 0, ignoreBusAnswer, nullptr) < 0) {
+        return;
+    }
+    nameRequest_.reset(slot);
+}
+
+void Registration::busWent() {
+    object_.reset();
+    nameRequest_.reset();
+    servedSenders_.clear();
+}
+
+bool Registration::isServed(sd_bus_message* message) {
+    const char* const sender = sd_bus_message_get_sender(message);
+    if (sender == nullptr) return false;
+    if (const auto known = servedSenders_.find(sender); known != servedSenders_.end()) {
+        return known->second;
+    }
+    const std::optional<uid_t> user = effectiveUserOf(message);
+    const bool served = user && (*user == 0 || *user == ::geteuid());
+    if (!served) {
+        const std::string who = user ? "user " + std::to_string(*user) : "a caller that has gone";
+        systemLog_.write(LogLevel::warning,
+                         std::string("control message refused: it came from ") + who);
+    }
+    if (servedSenders_.size() >= kMostRememberedSenders) servedSenders_.clear();
+    servedSenders_.emplace(sender, served);
+    return served;
+}
+
+int Registration::serve(sd_bus_message* message, sd_bus_error* error) {
+    if (!isServed(message)) {
+        return sd_bus_error_set(error, SD_BUS_ERROR_ACCESS_DENIED,
+                                "only root and the daemon's own user are served");
+    }
+    const char* word = nullptr;
+    if (const int result = sd_bus_message_read(message, "s", &word); result < 0) return result;
+    const bool answer = target_.messageXmitRcvr(word);
+    return sd_bus_reply_method_return(message, "b", answer ? 1 : 0);
+}
+
+int Registration::onMessageXmitRcvr(sd_bus_message* message, void* self,
+                                    sd_bus_error* error) noexcept {
+    auto* const registration = static_cast<Registration*>(self);
+    // What the caller is told when an exception ends the work.
+    int result = -EIO;
+    registration->loop_.callBack("a control message", [&result, registration, message, error] {
+        result = registration->serve(message, error);
+    });
+    return result;
+}
+
+}  // namespace
+
+LinuxControlConnection::LinuxControlConnection(LinuxRunLoop& loop, LinuxBus& bus,
+                                               SystemLog& systemLog)
+    : loop_(loop), bus_(bus), systemLog_(systemLog) {}
+
+std::unique_ptr<RegisteredConnection> LinuxControlConnection::registerName(ControlTarget& target) {
+    auto registration = std::make_unique<Registration>(loop_, bus_, systemLog_, target);
+    if (!registration->registerNow()) return nullptr;
+    return registration;
+}
+
+}  // namespace korvane

@@ -1,0 +1,48 @@
+// Other programs: their names from /proc, and the end of applications from the bus that the daemon
+// runs on, where an application's bundle identifier is its bus name.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/Processes.h"
+#include "platform/linux/LinuxBus.h"
+
+namespace korvane {
+
+// The command name in the text of /proc/PID/stat; nothing when it is not such a text, or when the
+// process is dead and only waits to be reaped.
+[[nodiscard]] std::optional<std::string> runningNameOf(std::string_view stat);
+
+class LinuxProcesses final : public Processes, private BusUser {
+  public:
+    LinuxProcesses(LinuxRunLoop& loop, LinuxBus& bus, std::string processFolder = "/proc");
+    ~LinuxProcesses() override;
+    LinuxProcesses(const LinuxProcesses&) = delete;
+    LinuxProcesses& operator=(const LinuxProcesses&) = delete;
+
+    // The kernel keeps 15 bytes of a name; a longer one is taken from the command line when that
+    // goes on where the kernel's cut.
+    void forEachName(const std::function<bool(std::string_view name)>& visit) override;
+    // The end of a session bus counts as the end of the desktop's file manager: the user has
+    // logged out.
+    void setDidTerminateApplication(
+        std::function<void(const std::string& bundleIdentifier)> callback) override;
+
+  private:
+    static int onNameOwnerChanged(sd_bus_message* message, void* self,
+                                  sd_bus_error* error) noexcept;
+    void busCame(sd_bus* bus) override;
+    void busWent() override;
+    void tell(const std::string& bundleIdentifier);
+
+    LinuxRunLoop& loop_;
+    LinuxBus& bus_;
+    std::string processFolder_;
+    std::function<void(const std::string&)> didTerminateApplication_;
+    BusSlot nameOwnerChanged_;
+};
+
+}  // namespace korvane

@@ -1,0 +1,261 @@
+// The control connection and the other users of the bus, on a real dbus-daemon.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "integration/PrivateBus.h"
+#include "platform/linux/LinuxBus.h"
+#include "platform/linux/LinuxControlConnection.h"
+#include "platform/linux/LinuxProcesses.h"
+#include "platform/linux/LinuxRunLoop.h"
+#include "platform/linux/SleepWatch.h"
+#include "unit/platform/RecordingLog.h"
+
+namespace korvane {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+struct RecordingTarget final : ControlTarget {
+    bool messageXmitRcvr(const std::string& word) override {
+        words.push_back(word);
+        if (word == "throw") throw std::runtime_error("no such thing");
+        return word != "no";
+    }
+    std::vector<std::string> words;
+};
+
+struct OnPrivateBus : testing::Test {
+    OnPrivateBus() { privateBus.start(); }
+
+    // Runs a command while the loop serves.
+    CommandResult serveDuring(const std::string& command) {
+        CommandResult result;
+        serveUntilDone([&] { result = runCommand(command); });
+        return result;
+    }
+    // A loop runs once, so each wait has its own nested turns of it.
+    void serveUntilDone(const std::function<void()>& work) {
+        bool done = false;
+        std::thread worker([&] {
+            work();
+            loop.post([&done] { done = true; });
+        });
+        while (!done) ASSERT_GE(sd_event_run(loop.event(), UINT64_MAX), 0);
+        worker.join();
+    }
+    // Bounded: false when it did not come about within 10 seconds.
+    [[nodiscard]] bool serveUntil(const std::function<bool()>& condition) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds{10};
+        while (!condition() && std::chrono::steady_clock::now() < end) {
+            if (sd_event_run(loop.event(), 10'000) < 0) return false;
+        }
+        return condition();
+    }
+    [[nodiscard]] std::string call(const std::string& word, const std::string& as = "") {
+        return serveDuring(as +
+                           "busctl --system --timeout=10 call com.quorlen.KorvaneProDaemon "
+                           "/com/quorlen/KorvaneProDaemon com.quorlen.KorvaneProDaemon "
+                           "messageXmitRcvr s '" +
+                           word + "'")
+            .output;
+    }
+    [[nodiscard]] bool nameIsOwned() {
+        return serveDuring("busctl --system --no-pager list")
+                   .output.find("com.quorlen.KorvaneProDaemon") != std::string::npos;
+    }
+
+    PrivateBus privateBus;
+    RecordingLog log;
+    LinuxRunLoop loop{log};
+    RecordingTarget target;
+};
+
+struct ControlConnectionTest : OnPrivateBus {
+    ControlConnectionTest() {
+        bus.connect();
+        registered = connection.registerName(target);
+    }
+    LinuxBus bus{loop, LinuxBus::Kind::system};
+    LinuxControlConnection connection{loop, bus, log};
+    std::unique_ptr<RegisteredConnection> registered;
+};
+
+TEST_F(ControlConnectionTest, DeliversWordsAndReturnsTheAnswer) {
+    ASSERT_NE(registered, nullptr);
+    EXPECT_EQ(call("isSMARTExecuteComplete"), "b true\n");
+    EXPECT_EQ(call("no"), "b false\n");
+    EXPECT_EQ(call(""), "b true\n");
+    EXPECT_THAT(target.words, ElementsAre("isSMARTExecuteComplete", "no", ""));
+    EXPECT_THAT(log.lines, IsEmpty());
+}
+
+TEST_F(ControlConnectionTest, ShowsItsMethodWithTheNamesOfItsArguments) {
+    const std::string xml =
+        serveDuring(
+            "busctl --system --xml-interface introspect com.quorlen.KorvaneProDaemon "
+            "/com/quorlen/KorvaneProDaemon")
+            .output;
+    EXPECT_THAT(xml, HasSubstr("<interface name=\"com.quorlen.KorvaneProDaemon\">"));
+    EXPECT_THAT(xml, HasSubstr("<method name=\"messageXmitRcvr\">"));
+    EXPECT_THAT(xml, HasSubstr("<arg type=\"s\" name=\"word\" direction=\"in\"/>"));
+    EXPECT_THAT(xml, HasSubstr("<arg type=\"b\" name=\"answer\" direction=\"out\"/>"));
+}
+
+TEST_F(ControlConnectionTest, RefusesOtherUsersWithOneLogLineACaller) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can call as somebody else";
+    EXPECT_THAT(call("no", "setpriv --reuid=65534 --clear-groups "), HasSubstr("Access denied"));
+    EXPECT_THAT(target.words, IsEmpty());
+    EXPECT_THAT(log.lines, ElementsAre("control message refused: it came from user 65534"));
+}
+
+TEST_F(ControlConnectionTest, AnExceptionIsAnErrorForTheCallerAndOneLogLine) {
+    EXPECT_THAT(call("throw"), HasSubstr("Call failed"));
+    EXPECT_THAT(log.lines, ElementsAre("a control message failed: no such thing"));
+    EXPECT_EQ(call("word"), "b true\n");
+}
+
+TEST_F(ControlConnectionTest, RefusesArgumentsOfTheWrongKind) {
+    const CommandResult result = serveDuring(
+        "busctl --system call com.quorlen.KorvaneProDaemon /com/quorlen/KorvaneProDaemon "
+        "com.quorlen.KorvaneProDaemon messageXmitRcvr as 1 x");
+    EXPECT_NE(result.status, 0);
+    EXPECT_THAT(target.words, IsEmpty());
+}
+
+TEST_F(ControlConnectionTest, ASecondOneFindsTheNameTakenAndSaysNothing) {
+    LinuxBus otherBus(loop, LinuxBus::Kind::system);
+    otherBus.connect();
+    LinuxControlConnection other(loop, otherBus, log);
+    RecordingTarget otherTarget;
+    EXPECT_EQ(other.registerName(otherTarget), nullptr);
+    EXPECT_THAT(log.lines, IsEmpty());
+    EXPECT_EQ(call("word"), "b true\n");
+    EXPECT_THAT(otherTarget.words, IsEmpty());
+}
+
+TEST_F(ControlConnectionTest, GivesTheNameBackAtItsEnd) {
+    EXPECT_TRUE(nameIsOwned());
+    registered.reset();
+    EXPECT_FALSE(nameIsOwned());
+}
+
+TEST_F(ControlConnectionTest, TakesTheNameAgainWhenTheBusIsBack) {
+    privateBus.kill();
+    ASSERT_TRUE(serveUntil([this] { return bus.connection() == nullptr; }));
+    privateBus.start();
+    ASSERT_TRUE(serveUntil([this] { return bus.connection() != nullptr; }));
+    ASSERT_TRUE(serveUntil([this] { return nameIsOwned(); }));
+    EXPECT_EQ(call("word"), "b true\n");
+}
+
+TEST_F(ControlConnectionTest, SleepsWhileTheBusIsAwayAndWakesWhenItIsBack) {
+    privateBus.kill();
+    // The attempts end after some six seconds, the last one 3.2 s after the one before; then
+    // nothing is left to wake for.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds{12};
+    int turned = 1;
+    while (turned > 0 && std::chrono::steady_clock::now() < end) {
+        turned = sd_event_run(loop.event(), 4'000'000);
+    }
+    EXPECT_EQ(turned, 0);
+    privateBus.start();
+    EXPECT_TRUE(serveUntil([this] { return bus.connection() != nullptr; }));
+    EXPECT_EQ(call("word"), "b true\n");
+}
+
+TEST_F(OnPrivateBus, RegistersNothingWithoutABus) {
+    privateBus.kill();
+    LinuxBus bus(loop, LinuxBus::Kind::system);
+    bus.connect();
+    LinuxControlConnection connection(loop, bus, log);
+    EXPECT_EQ(connection.registerName(target), nullptr);
+    EXPECT_THAT(log.lines, IsEmpty());
+}
+
+TEST_F(OnPrivateBus, DoesNotWaitLongForABusThatHangs) {
+    privateBus.kill();
+    // It takes connections and never says a word.
+    const UniqueFd listener{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    privateBus.socketPath().copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+              0);
+    ASSERT_EQ(::listen(listener.get(), 4), 0);
+    const auto started = std::chrono::steady_clock::now();
+    LinuxBus bus(loop, LinuxBus::Kind::system);
+    bus.connect();
+    EXPECT_EQ(bus.connection(), nullptr);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds{4});
+}
+
+TEST_F(OnPrivateBus, TellsOfTheEndOfAnApplicationByItsBusName) {
+    LinuxBus bus(loop, LinuxBus::Kind::system);
+    bus.connect();
+    LinuxProcesses processes(loop, bus);
+    std::vector<std::string> ended;
+    processes.setDidTerminateApplication([&](const std::string& name) { ended.push_back(name); });
+    LinuxBus application(loop, LinuxBus::Kind::system);
+    application.connect();
+    for (const char* const name : {"com.quorlen.korvanepro", "com.quorlen.korvanepro.ctl",
+                                   "com.quorlen.korvaneprofessional", "com.example.other"}) {
+        ASSERT_GE(sd_bus_request_name(application.connection(), name, 0), 0);
+        ASSERT_GE(sd_bus_release_name(application.connection(), name), 0);
+    }
+    EXPECT_TRUE(serveUntil([&] { return ended.size() == 3; }));
+    EXPECT_THAT(ended, ElementsAre("com.quorlen.korvanepro", "com.quorlen.korvanepro.ctl",
+                                   "com.quorlen.korvaneprofessional"));
+}
+
+TEST_F(OnPrivateBus, TheEndOfASessionBusIsTheEndOfTheFileManager) {
+    LinuxBus session(loop, LinuxBus::Kind::session);
+    LinuxBus system(loop, LinuxBus::Kind::system);
+    session.connect();
+    system.connect();
+    LinuxProcesses onSession(loop, session);
+    LinuxProcesses onSystem(loop, system);
+    std::vector<std::string> ended;
+    onSession.setDidTerminateApplication([&](const std::string& name) { ended.push_back(name); });
+    onSystem.setDidTerminateApplication([&](const std::string&) { ended.emplace_back("system"); });
+    privateBus.kill();
+    EXPECT_TRUE(serveUntil([&] { return system.connection() == nullptr && !ended.empty(); }));
+    EXPECT_THAT(ended, ElementsAre("com.apple.finder"));
+}
+
+TEST_F(OnPrivateBus, BecomesActiveWhenTheMachineReturnsFromSleep) {
+    LinuxBus bus(loop, LinuxBus::Kind::system);
+    bus.connect();
+    const SleepWatch watch(loop, bus);
+    int active = 0;
+    loop.setWillBecomeActive([&active] { ++active; });
+    LinuxBus logins(loop, LinuxBus::Kind::system);
+    logins.connect();
+    ASSERT_GE(sd_bus_request_name(logins.connection(), "org.freedesktop.login1", 0), 0);
+    const auto sleep = [&logins](int goes) {
+        return sd_bus_emit_signal(logins.connection(), "/org/freedesktop/login1",
+                                  "org.freedesktop.login1.Manager", "PrepareForSleep", "b", goes);
+    };
+    ASSERT_GE(sleep(1), 0);
+    ASSERT_GE(sleep(0), 0);
+    EXPECT_TRUE(serveUntil([&active] { return active > 0; }));
+    EXPECT_EQ(active, 1);
+}
+
+}  // namespace
+}  // namespace korvane
