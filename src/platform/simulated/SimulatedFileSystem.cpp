@@ -16,6 +16,13 @@ constexpr int kLinkLimit = 40;
 constexpr mode_t kFolderPermissions = 0755;
 constexpr mode_t kNewFilePermissions = 0644;
 constexpr char kRootVolume[] = "/";
+// What the name of a sibling ends in while it is being written.
+constexpr char kPartSuffix[] = ".part";
+
+std::string siblingNameOf(const std::string& path) {
+    const std::string sibling = savingSiblingOf(path);
+    return sibling.substr(sibling.rfind('/') + 1);
+}
 
 // The components of a path, empty ones left out.
 std::deque<std::string> componentsOf(std::string_view path) {
@@ -29,6 +36,14 @@ std::deque<std::string> componentsOf(std::string_view path) {
         start = end + 1;
     }
     return components;
+}
+
+// A link named with a slash behind it is still the link.
+std::string withoutTrailingSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+    }
+    return path;
 }
 
 }  // namespace
@@ -76,7 +91,7 @@ std::vector<std::string> SimulatedFileSystem::enumerate(const std::string& path)
 }
 
 std::optional<ItemAttributes> SimulatedFileSystem::attributes(const std::string& path) {
-    const std::optional<Place> place = find(path, LastLink::kept);
+    const std::optional<Place> place = find(withoutTrailingSlashes(path), LastLink::kept);
     if (!place || !place->node) {
         return std::nullopt;
     }
@@ -96,17 +111,12 @@ bool SimulatedFileSystem::createFolders(const std::string& path, const std::stri
     std::string reached;
     for (const std::string& component : componentsOf(path)) {
         reached += "/" + component;
-        const std::optional<Place> place = find(reached, LastLink::followed);
-        if (!place) {
-            return false;
-        }
-        if (place->node) {
-            if (place->node->kind != ItemKind::folder) {
-                return false;
-            }
+        if (isFolder(reached)) {
             continue;
         }
-        if (refusal(*place, true)) {
+        // Anything else in the way, a link to nowhere too, stays.
+        const std::optional<Place> place = find(reached, LastLink::kept);
+        if (!place || place->node || refusal(*place, true)) {
             return false;
         }
         SimulatedNode& made =
@@ -132,7 +142,7 @@ bool SimulatedFileSystem::createEmptyFile(const std::string& path, mode_t permis
 }
 
 Result<std::monostate> SimulatedFileSystem::remove(const std::string& path) {
-    const std::optional<Place> place = find(path, LastLink::kept);
+    const std::optional<Place> place = find(withoutTrailingSlashes(path), LastLink::kept);
     if (!place || !place->node) {
         return Error{path + ": no such file or folder"};
     }
@@ -209,6 +219,7 @@ Result<std::monostate> SimulatedFileSystem::writePropertyList(const std::string&
         killDuring(*place, path, value, permissions);
     }
     store(*place, value, permissions);
+    dropSibling(*place, path);
     ++writeCounts_[path];
     journal_.note(durability == Durability::powerLoss ? "write and sync" : "write", path);
     return std::monostate{};
@@ -430,9 +441,9 @@ void SimulatedFileSystem::enumerateInto(SimulatedNode& folder, const std::string
     }
     for (const auto& [key, child] : folder.children) {
         paths.push_back(prefix + key.name);
-        SimulatedNode& node = child->mounted ? *child->mounted->root : *child;
-        if (node.kind == ItemKind::folder) {
-            enumerateInto(node, prefix + key.name + "/", paths);
+        // What is mounted further down is another volume's.
+        if (child->kind == ItemKind::folder && !child->mounted) {
+            enumerateInto(*child, prefix + key.name + "/", paths);
         }
     }
 }
@@ -492,24 +503,31 @@ void SimulatedFileSystem::store(Place& place, const PropertyList& value, mode_t 
     file.modificationDate = clock_.now();
 }
 
+void SimulatedFileSystem::dropSibling(const Place& place, const std::string& path) {
+    for (const std::string& name : {siblingNameOf(path), siblingNameOf(path) + kPartSuffix}) {
+        place.folder->children.erase(SimulatedName(seed_, name));
+    }
+}
+
 void SimulatedFileSystem::killDuring(Place& place, const std::string& path,
                                      const PropertyList& value, mode_t permissions) {
     const KillMoment moment = *std::exchange(kill_, std::nullopt);
     const std::string text = formatPropertyList(value);
-    const std::string sibling = savingSiblingOf(path);
-    const std::string siblingName = sibling.substr(sibling.rfind('/') + 1);
-    if (moment == KillMoment::siblingPartial) {
-        putBytes(*place.folder, siblingName, text.substr(0, text.size() / 2), permissions);
-    } else if (moment != KillMoment::beforeWriting) {
-        putBytes(*place.folder, siblingName, text, permissions);
-    }
-    if (moment == KillMoment::fileTorn) {
-        // The first byte is written last, and until then it is one that begins no document.
-        std::string torn = text.substr(0, text.size() / 2);
-        torn.front() = '\0';
-        putBytes(*place.folder, place.name, torn, permissions);
-    } else if (moment == KillMoment::written) {
+    if (moment == KillMoment::partCut) {
+        putBytes(*place.folder, siblingNameOf(path) + kPartSuffix, text.substr(0, text.size() / 2),
+                 permissions);
+    } else if (moment != KillMoment::beforeWriting && !place.node) {
+        // A new file is the part file renamed: it appears whole.
         store(place, value, permissions);
+    } else if (moment != KillMoment::beforeWriting) {
+        putBytes(*place.folder, siblingNameOf(path), text, permissions);
+        if (moment == KillMoment::fileTorn) {
+            std::string torn = text.substr(0, text.size() / 2);
+            torn.front() = '\0';
+            putBytes(*place.folder, place.name, std::move(torn), permissions);
+        } else if (moment == KillMoment::written) {
+            store(place, value, permissions);
+        }
     }
     journal_.note("killed while writing", path);
     throw SimulatedKill{};

@@ -22,13 +22,13 @@ namespace korvane {
 // Thrown out of a write by killAtNextWrite(): the process is gone. Nothing but a test catches it.
 struct SimulatedKill {};
 
-// How far a killed write had come.
+// How far a killed write had come: the steps of PropertyListFile.cpp.
 enum class KillMoment {
-    beforeWriting,   // nothing is written
-    siblingPartial,  // the sibling is cut short, the old contents stand
-    siblingWhole,    // the sibling holds the new contents, the old contents stand
-    fileTorn,        // the sibling holds the new contents, the file neither
-    written          // the new contents stand, the sibling is still there
+    beforeWriting,  // nothing is written
+    partCut,        // half of the new contents are in the part file, the old ones stand
+    siblingWhole,   // the sibling holds the new contents, the old ones stand
+    fileTorn,       // the sibling holds the new contents, the file begins with NUL
+    written         // the new contents stand, the sibling is still there
 };
 
 class SimulatedFileSystem final : public FileSystem {
@@ -106,6 +106,7 @@ class SimulatedFileSystem final : public FileSystem {
     bool removeTree(SimulatedNode& folder, const SimulatedName& name);
     [[nodiscard]] std::optional<Error> refusal(const Place& place, bool needsSpace);
     void store(Place& place, const PropertyList& value, mode_t permissions);
+    void dropSibling(const Place& place, const std::string& path);
     void killDuring(Place& place, const std::string& path, const PropertyList& value,
                     mode_t permissions);
     void putBytes(SimulatedNode& folder, std::string_view name, std::string bytes,

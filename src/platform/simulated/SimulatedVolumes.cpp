@@ -116,7 +116,9 @@ bool SimulatedVolumes::unmount(std::int16_t referenceNumber) {
         journal_.note("unmount refused", fmt::format("volume {}", referenceNumber));
         return false;
     }
-    return forceUnmount(found->second->description.path).has_value();
+    // A copy: the volume that has the path goes.
+    const std::string path = found->second->description.path;
+    return forceUnmount(path).has_value();
 }
 
 void SimulatedVolumes::setDidMount(std::function<void()> callback) {
@@ -273,7 +275,9 @@ const SimulatedVolumes::Tables& SimulatedVolumes::tables() {
         made->byPath.emplace(mount.path, mounted.get());
         if (mount.kind == MountKind::local) {
             made->localPaths.push_back(mount.path);
-            made->byDevice.emplace(bsdNameOf(mount), mounted.get());
+            if (std::string bsdName = bsdNameOf(mount); !bsdName.empty()) {
+                made->byDevice.emplace(std::move(bsdName), mounted.get());
+            }
         }
     }
     tables_ = std::move(made);

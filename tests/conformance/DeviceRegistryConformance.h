@@ -1,0 +1,144 @@
+// What every device tree promises, whatever devices the machine has.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "conformance/Implementation.h"
+#include "platform/DeviceRegistry.h"
+
+namespace korvane {
+
+class DeviceRegistrySubject {
+  public:
+    virtual ~DeviceRegistrySubject() = default;
+    virtual DeviceRegistry& registry() = 0;
+    // The device with this BSD name is pulled and the tree has changed; false: not possible here.
+    virtual bool pull(const std::string&) { return false; }
+};
+
+class DeviceRegistryConformance
+    : public testing::TestWithParam<Implementation<DeviceRegistrySubject>> {
+  protected:
+    static constexpr std::array<const char*, 4> kClasses{"IOMedia", "IODVDMedia", "IOCDMedia",
+                                                         "IOBlockStorageDevice"};
+
+    DeviceRegistryConformance() : subject_(GetParam().make()) {}
+
+    void SetUp() override {
+        if (!registry().services("IOMedia") || registry().services("IOMedia")->empty()) {
+            GTEST_SKIP() << "this machine has no disk";
+        }
+    }
+    DeviceRegistry& registry() { return subject_->registry(); }
+    std::vector<ServiceId> services(const char* className) {
+        const auto found = registry().services(className);
+        EXPECT_TRUE(found) << className;
+        return found.value_or(std::vector<ServiceId>{});
+    }
+    std::string bsdNameOf(ServiceId service) {
+        const auto name = registry().property(service, "BSD Name");
+        return name && name->string() ? *name->string() : "";
+    }
+
+    std::unique_ptr<DeviceRegistrySubject> subject_;
+};
+
+TEST_P(DeviceRegistryConformance, HasNoServicesOfAClassThatNobodyKnows) {
+    const auto found = registry().services("NoSuchClass");
+    ASSERT_TRUE(found);
+    EXPECT_TRUE(found->empty());
+}
+
+TEST_P(DeviceRegistryConformance, GivesEveryMediaAName) {
+    for (const ServiceId media : services("IOMedia")) EXPECT_NE(bsdNameOf(media), "");
+}
+
+TEST_P(DeviceRegistryConformance, CountsOpticalMediaAsMedia) {
+    const auto media = services("IOMedia");
+    for (const char* className : {"IODVDMedia", "IOCDMedia"}) {
+        for (const ServiceId optical : services(className)) {
+            EXPECT_THAT(media, testing::Contains(optical));
+        }
+    }
+}
+
+TEST_P(DeviceRegistryConformance, FindsByNameWhatAWalkFinds) {
+    for (const char* className : kClasses) {
+        std::set<std::string> names{"no such device", ""};
+        for (const ServiceId service : services(className)) names.insert(bsdNameOf(service));
+        for (const std::string& name : names) {
+            std::vector<ServiceId> walked;
+            for (const ServiceId service : services(className)) {
+                const auto own = registry().property(service, "BSD Name");
+                if (own && own->string() && *own->string() == name) walked.push_back(service);
+            }
+            EXPECT_THAT(registry().servicesNamed(className, name),
+                        testing::Optional(testing::ElementsAreArray(walked)))
+                << className << " " << name;
+        }
+    }
+}
+
+TEST_P(DeviceRegistryConformance, GivesOnePropertyAsItGivesThemAll) {
+    for (const char* className : kClasses) {
+        for (const ServiceId service : services(className)) {
+            const auto all = registry().properties(service);
+            ASSERT_TRUE(all);
+            for (const Dictionary::Entry& entry : *all) {
+                const auto one = registry().property(service, entry.key);
+                ASSERT_TRUE(one) << entry.key;
+                EXPECT_TRUE(*one == entry.value) << entry.key;
+            }
+            EXPECT_FALSE(registry().property(service, "No Such Key"));
+        }
+    }
+}
+
+TEST_P(DeviceRegistryConformance, LeadsFromEveryServiceUpToARoot) {
+    for (const ServiceId media : services("IOMedia")) {
+        std::set<ServiceId> passed{media};
+        for (auto above = registry().parent(media); above; above = registry().parent(*above)) {
+            ASSERT_TRUE(passed.insert(*above).second) << "the walk comes back to where it was";
+            EXPECT_TRUE(registry().properties(*above));
+        }
+        EXPECT_GT(passed.size(), 1U) << "a media hangs on something";
+    }
+}
+
+TEST_P(DeviceRegistryConformance, HasFirstChildrenThatKnowTheirParent) {
+    std::size_t children = 0;
+    for (const char* className : kClasses) {
+        for (const ServiceId service : services(className)) {
+            if (const auto child = registry().firstChild(service)) {
+                EXPECT_EQ(registry().parent(*child), service);
+                ++children;
+            }
+        }
+    }
+    EXPECT_GT(children, 0U);
+}
+
+TEST_P(DeviceRegistryConformance, AnswersTheSameUntilTheTreeChanges) {
+    for (const char* className : kClasses) EXPECT_EQ(services(className), services(className));
+}
+
+TEST_P(DeviceRegistryConformance, KnowsNothingOfAServiceThatIsGone) {
+    const ServiceId media = services("IOMedia").back();
+    const std::string name = bsdNameOf(media);
+    if (!subject_->pull(name)) GTEST_SKIP() << "no device can be pulled here";
+    EXPECT_FALSE(registry().property(media, "BSD Name"));
+    EXPECT_FALSE(registry().properties(media));
+    EXPECT_FALSE(registry().parent(media));
+    EXPECT_FALSE(registry().firstChild(media));
+    EXPECT_THAT(registry().servicesNamed("IOMedia", name), testing::Optional(testing::IsEmpty()));
+}
+
+}  // namespace korvane

@@ -1,0 +1,85 @@
+// What every list of processes promises.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "conformance/Implementation.h"
+#include "platform/Processes.h"
+
+namespace korvane {
+
+class ProcessesSubject {
+  public:
+    virtual ~ProcessesSubject() = default;
+    virtual Processes& processes() = 0;
+    // A process of this name runs until quit(); names of up to 15 bytes work on every machine.
+    virtual void start(const std::string& name) = 0;
+    virtual void quit(const std::string& name) = 0;
+
+    // An application of this identifier runs and then ends; false: not possible here.
+    virtual bool runApplication(const std::string&) { return false; }
+    // The loop runs until `isDone`, or until nothing more is to be expected of it.
+    virtual void runUntil(const std::function<bool()>&) {}
+};
+
+class ProcessesConformance : public testing::TestWithParam<Implementation<ProcessesSubject>> {
+  protected:
+    ProcessesConformance() : subject_(GetParam().make()) {}
+
+    std::vector<std::string> names() {
+        std::vector<std::string> names;
+        subject_->processes().forEachName([&](std::string_view name) {
+            names.emplace_back(name);
+            return true;
+        });
+        return names;
+    }
+
+    std::unique_ptr<ProcessesSubject> subject_;
+};
+
+TEST_P(ProcessesConformance, ShowAProcessWhileItRuns) {
+    EXPECT_THAT(names(), testing::Not(testing::Contains("Korvane Pro 9")));
+    subject_->start("Korvane Pro 9");
+    EXPECT_THAT(names(), testing::Contains("Korvane Pro 9"));
+    subject_->quit("Korvane Pro 9");
+    EXPECT_THAT(names(), testing::Not(testing::Contains("Korvane Pro 9")));
+}
+
+TEST_P(ProcessesConformance, ShowNoProcessWithoutAName) {
+    EXPECT_THAT(names(), testing::Not(testing::Contains("")));
+}
+
+TEST_P(ProcessesConformance, StopWhenTheVisitorHasSeenEnough) {
+    subject_->start("first");
+    subject_->start("second");
+    int visits = 0;
+    subject_->processes().forEachName([&](std::string_view) {
+        ++visits;
+        return false;
+    });
+    EXPECT_EQ(visits, 1);
+    subject_->quit("first");
+    subject_->quit("second");
+}
+
+TEST_P(ProcessesConformance, TellOfAnApplicationThatEnded) {
+    std::vector<std::string> ended;
+    subject_->processes().setDidTerminateApplication(
+        [&](const std::string& identifier) { ended.push_back(identifier); });
+    if (!subject_->runApplication("com.quorlen.korvanepro")) {
+        GTEST_SKIP() << "no application can run here";
+    }
+    subject_->runUntil([&] { return !ended.empty(); });
+    EXPECT_THAT(ended, testing::ElementsAre("com.quorlen.korvanepro"));
+    subject_->processes().setDidTerminateApplication(nullptr);
+}
+
+}  // namespace korvane

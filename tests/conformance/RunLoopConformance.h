@@ -1,0 +1,271 @@
+// What every run loop promises.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "conformance/Implementation.h"
+#include "platform/Clock.h"
+#include "platform/RunLoop.h"
+
+namespace korvane {
+
+class RunLoopSubject {
+  public:
+    virtual ~RunLoopSubject() = default;
+    virtual RunLoop& loop() = 0;
+    // The clock that the loop's timers count on.
+    virtual Clock& clock() = 0;
+    // The calling callback is busy for so long.
+    virtual void spend(std::chrono::microseconds duration) = 0;
+    // The user turns to the application.
+    virtual void becomeActive() = 0;
+};
+
+class RunLoopConformance : public testing::TestWithParam<Implementation<RunLoopSubject>> {
+  protected:
+    using milliseconds = std::chrono::milliseconds;
+    using microseconds = std::chrono::microseconds;
+
+    RunLoopConformance() : subject_(GetParam().make()) {}
+
+    RunLoop& loop() { return subject_->loop(); }
+    std::uint64_t now() { return subject_->clock().microsecondsSinceBoot(); }
+
+    [[nodiscard]] std::unique_ptr<Timer> after(microseconds delay, RunLoop::Callback callback) {
+        return loop().startTimer(delay, Repeat::once, std::move(callback));
+    }
+
+    // Runs for so long, then terminates.
+    void runFor(microseconds duration) {
+        const auto end = after(duration, [this] { loop().terminate(); });
+        loop().run();
+    }
+
+    std::unique_ptr<RunLoopSubject> subject_;
+    std::vector<int> called_;
+};
+
+TEST_P(RunLoopConformance, FiresTimersInTheOrderOfTheirDelays) {
+    const auto third = after(milliseconds{30}, [this] { called_.push_back(3); });
+    const auto first = after(milliseconds{1}, [this] { called_.push_back(1); });
+    const auto second = after(milliseconds{15}, [this] { called_.push_back(2); });
+    runFor(milliseconds{60});
+    EXPECT_THAT(called_, testing::ElementsAre(1, 2, 3));
+}
+
+TEST_P(RunLoopConformance, NeverFiresATimerEarly) {
+    const std::uint64_t start = now();
+    std::uint64_t firedAt = 0;
+    const auto timer = after(milliseconds{20}, [&] {
+        firedAt = now();
+        loop().terminate();
+    });
+    loop().run();
+    EXPECT_GE(firedAt, start + 20000);
+}
+
+TEST_P(RunLoopConformance, FiresADelayOfZeroOrLessAtTheNextPassAndNotAtOnce) {
+    std::unique_ptr<Timer> zero;
+    std::unique_ptr<Timer> negative;
+    const auto timer = after(microseconds{0}, [&] {
+        zero = after(microseconds{0}, [this] { called_.push_back(2); });
+        negative = after(std::chrono::hours{-1}, [this] { called_.push_back(2); });
+        called_.push_back(1);
+    });
+    EXPECT_TRUE(called_.empty());
+    runFor(milliseconds{20});
+    EXPECT_THAT(called_, testing::ElementsAre(1, 2, 2));
+}
+
+TEST_P(RunLoopConformance, DoesNotFireATimerThatWasDestroyed) {
+    auto timer = after(milliseconds{5}, [this] { called_.push_back(1); });
+    timer.reset();
+    runFor(milliseconds{15});
+    EXPECT_TRUE(called_.empty());
+}
+
+TEST_P(RunLoopConformance, FiresAOneShotTimerOnce) {
+    const auto timer = after(milliseconds{1}, [this] { called_.push_back(1); });
+    runFor(milliseconds{15});
+    EXPECT_THAT(called_, testing::SizeIs(1));
+}
+
+TEST_P(RunLoopConformance, LetsATimerDestroyItselfFromItsOwnCallback) {
+    for (const Repeat repeat : {Repeat::once, Repeat::every}) {
+        const auto subject = GetParam().make();
+        int count = 0;
+        std::unique_ptr<Timer> timer;
+        timer =
+            subject->loop().startTimer(milliseconds{1}, repeat, [&, big = std::string(99, 'x')] {
+                timer.reset();
+                // What the callback holds must outlive the timer.
+                count += big.size() == 99 ? 1 : 100;
+            });
+        const auto end = subject->loop().startTimer(milliseconds{20}, Repeat::once,
+                                                    [&] { subject->loop().terminate(); });
+        subject->loop().run();
+        EXPECT_EQ(count, 1);
+    }
+}
+
+TEST_P(RunLoopConformance, RepeatsFromThePlannedTime) {
+    const std::uint64_t start = now();
+    std::vector<std::uint64_t> firedAt;
+    std::unique_ptr<Timer> timer;
+    timer = loop().startTimer(milliseconds{20}, Repeat::every, [&] {
+        firedAt.push_back(now());
+        subject_->spend(milliseconds{5});
+        if (firedAt.size() == 4) loop().terminate();
+    });
+    loop().run();
+    ASSERT_EQ(firedAt.size(), 4U);
+    // Drifting by the time each callback takes, the fourth would come 15 ms later than planned.
+    EXPECT_GE(firedAt[3], start + 80000);
+    EXPECT_LT(firedAt[3], start + 95000);
+}
+
+TEST_P(RunLoopConformance, SkipsTheFiringsThatItMissed) {
+    std::vector<std::uint64_t> firedAt;
+    std::unique_ptr<Timer> timer;
+    timer = loop().startTimer(milliseconds{10}, Repeat::every, [&] {
+        firedAt.push_back(now());
+        if (firedAt.size() == 1) subject_->spend(milliseconds{35});
+        if (firedAt.size() == 2) loop().terminate();
+    });
+    loop().run();
+    ASSERT_EQ(firedAt.size(), 2U);
+    // Planned at 20, 30 and 40 ms and missed, the next is that of 50 ms.
+    EXPECT_GE(firedAt[1], firedAt[0] + 35000);
+}
+
+TEST_P(RunLoopConformance, CallsPostsInTheirOrderAndNotAtOnce) {
+    for (int number = 0; number < 100; ++number) {
+        loop().post([this, number] { called_.push_back(number); });
+    }
+    EXPECT_TRUE(called_.empty());
+    loop().post([this] { loop().terminate(); });
+    loop().run();
+    ASSERT_EQ(called_.size(), 100U);
+    EXPECT_TRUE(std::is_sorted(called_.begin(), called_.end()));
+}
+
+TEST_P(RunLoopConformance, CallsAPostOfACallbackLater) {
+    loop().post([this] {
+        loop().post([this] {
+            called_.push_back(2);
+            loop().terminate();
+        });
+        called_.push_back(1);
+    });
+    loop().run();
+    EXPECT_THAT(called_, testing::ElementsAre(1, 2));
+}
+
+TEST_P(RunLoopConformance, CallsPostsOfOtherThreadsOnItsOwn) {
+    const std::thread::id loopThread = std::this_thread::get_id();
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 4; ++number) {
+        threads.emplace_back([this, loopThread] {
+            for (int count = 0; count < 50; ++count) {
+                loop().post([this, loopThread] {
+                    called_.push_back(std::this_thread::get_id() == loopThread ? 1 : 0);
+                });
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    loop().post([this] { loop().terminate(); });
+    loop().run();
+    EXPECT_THAT(called_, testing::AllOf(testing::SizeIs(200), testing::Each(1)));
+}
+
+TEST_P(RunLoopConformance, HasDoneTheBackgroundWorkWhenItReturns) {
+    loop().post([this] {
+        loop().runInBackgroundAndWait([this] { called_.push_back(1); });
+        called_.push_back(2);
+        loop().terminate();
+    });
+    loop().run();
+    EXPECT_THAT(called_, testing::ElementsAre(1, 2));
+}
+
+TEST_P(RunLoopConformance, RethrowsAnExceptionOfTheBackgroundWork) {
+    EXPECT_THROW(
+        loop().runInBackgroundAndWait([] { throw std::out_of_range("from the background"); }),
+        std::out_of_range);
+}
+
+TEST_P(RunLoopConformance, FiresATimerThatBackgroundWorkStartedOnItsOwnThread) {
+    const std::thread::id loopThread = std::this_thread::get_id();
+    std::unique_ptr<Timer> timer;
+    loop().post([&] {
+        loop().runInBackgroundAndWait([&] {
+            timer = after(milliseconds{1}, [&] {
+                called_.push_back(std::this_thread::get_id() == loopThread ? 1 : 0);
+                loop().terminate();
+            });
+        });
+    });
+    loop().run();
+    EXPECT_THAT(called_, testing::ElementsAre(1));
+}
+
+TEST_P(RunLoopConformance, TellsOnceThatItTerminatesHoweverOftenItIsAsked) {
+    loop().setWillTerminate([this] {
+        called_.push_back(1);
+        loop().terminate();
+    });
+    loop().post([this] {
+        loop().terminate();
+        loop().terminate();
+        // Not within the call, but at the next pass.
+        EXPECT_TRUE(called_.empty());
+    });
+    loop().run();
+    EXPECT_THAT(called_, testing::ElementsAre(1));
+}
+
+TEST_P(RunLoopConformance, CallsNothingBackAfterTerminating) {
+    loop().setWillTerminate([this] { called_.push_back(1); });
+    loop().setWillBecomeActive([this] { called_.push_back(2); });
+    std::unique_ptr<Timer> timer;
+    std::unique_ptr<Timer> repeating;
+    loop().post([&] {
+        timer = after(microseconds{0}, [this] { called_.push_back(3); });
+        repeating =
+            loop().startTimer(microseconds{1}, Repeat::every, [this] { called_.push_back(4); });
+        loop().post([this] { called_.push_back(5); });
+        subject_->becomeActive();
+        loop().terminate();
+    });
+    loop().run();
+    EXPECT_THAT(called_, testing::ElementsAre(1));
+}
+
+TEST_P(RunLoopConformance, TerminatesAtOnceWhenAskedBeforeItRuns) {
+    loop().setWillTerminate([this] { called_.push_back(1); });
+    const auto timer = after(microseconds{0}, [this] { called_.push_back(2); });
+    loop().terminate();
+    loop().run();
+    EXPECT_THAT(called_, testing::ElementsAre(1));
+}
+
+TEST_P(RunLoopConformance, TellsThatTheApplicationBecomesActive) {
+    loop().setWillBecomeActive([this] {
+        called_.push_back(1);
+        loop().terminate();
+    });
+    const auto limit = after(std::chrono::seconds{5}, [this] { loop().terminate(); });
+    loop().post([this] { subject_->becomeActive(); });
+    loop().run();
+    EXPECT_THAT(called_, testing::ElementsAre(1));
+}
+
+}  // namespace korvane

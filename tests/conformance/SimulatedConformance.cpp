@@ -1,0 +1,132 @@
+// Holds the simulated machine's loop, clock, processes and other small parts to what their
+// interfaces promise.
+#include "conformance/ClockConformance.h"
+#include "conformance/ControlConnectionConformance.h"
+#include "conformance/HostConformance.h"
+#include "conformance/PowerSourcesConformance.h"
+#include "conformance/ProcessesConformance.h"
+#include "conformance/RunLoopConformance.h"
+#include "conformance/SystemLogConformance.h"
+#include "platform/simulated/SimulatedMachine.h"
+
+namespace korvane {
+namespace {
+
+struct SimulatedLoopSubject final : RunLoopSubject {
+    RunLoop& loop() override { return machine.runLoop; }
+    Clock& clock() override { return machine.clock; }
+    void spend(std::chrono::microseconds duration) override { machine.clock.advance(duration); }
+    void becomeActive() override { machine.runLoop.becomeActive(); }
+    SimulatedMachine machine{MachineDescription{}};
+};
+INSTANTIATE_TEST_SUITE_P(Simulated, RunLoopConformance,
+                         testing::Values(Implementation<RunLoopSubject>{
+                             "Simulated", [] { return std::make_unique<SimulatedLoopSubject>(); }}),
+                         testing::PrintToStringParamName());
+
+struct SimulatedClockSubject final : ClockSubject {
+    Clock& clock() override { return machine.clock; }
+    void spend(std::chrono::microseconds duration) override { machine.clock.advance(duration); }
+    SimulatedMachine machine{MachineDescription{}};
+};
+INSTANTIATE_TEST_SUITE_P(Simulated, ClockConformance,
+                         testing::Values(Implementation<ClockSubject>{
+                             "Simulated",
+                             [] { return std::make_unique<SimulatedClockSubject>(); }}),
+                         testing::PrintToStringParamName());
+
+struct SimulatedPowerSubject final : PowerSourcesSubject {
+    PowerSources& powerSources() override { return machine.powerSources; }
+    void setNone() override { machine.powerSources.setStates(std::nullopt); }
+    void setOnBattery() override { machine.setOnBattery(true); }
+    void setOnMains() override { machine.setOnBattery(false); }
+    SimulatedMachine machine{MachineDescription{}};
+};
+INSTANTIATE_TEST_SUITE_P(Simulated, PowerSourcesConformance,
+                         testing::Values(Implementation<PowerSourcesSubject>{
+                             "Simulated",
+                             [] { return std::make_unique<SimulatedPowerSubject>(); }}),
+                         testing::PrintToStringParamName());
+
+struct SimulatedProcessesSubject final : ProcessesSubject {
+    Processes& processes() override { return machine.processes; }
+    void start(const std::string& name) override { machine.processes.start({name, ""}); }
+    void quit(const std::string& name) override { machine.processes.quit(name); }
+    bool runApplication(const std::string& bundleIdentifier) override {
+        machine.processes.start({"application", bundleIdentifier});
+        return machine.processes.quit("application");
+    }
+    void runUntil(const std::function<bool()>& isDone) override {
+        while (!isDone() && machine.runLoop.runOnce()) {
+        }
+    }
+    SimulatedMachine machine{MachineDescription{}};
+};
+INSTANTIATE_TEST_SUITE_P(Simulated, ProcessesConformance,
+                         testing::Values(Implementation<ProcessesSubject>{
+                             "Simulated",
+                             [] { return std::make_unique<SimulatedProcessesSubject>(); }}),
+                         testing::PrintToStringParamName());
+
+struct SimulatedControlSubject final : ControlConnectionSubject {
+    using Answer = SimulatedControlConnection::Answer;
+    using Caller = SimulatedControlConnection::Caller;
+
+    ControlConnection& connection() override { return machine.controlConnection; }
+    ControlAnswer send(const std::string& word) override {
+        return answerOf(machine.controlConnection.send(word, Caller::daemonUser));
+    }
+    ControlAnswer sendAsOther(const std::string& word) override {
+        return answerOf(machine.controlConnection.send(word, Caller::other));
+    }
+    bool takeName() override {
+        machine.controlConnection.setUnavailable(true);
+        return true;
+    }
+    static ControlAnswer answerOf(Answer answer) {
+        switch (answer) {
+            case Answer::yes:
+                return ControlAnswer::yes;
+            case Answer::no:
+                return ControlAnswer::no;
+            case Answer::refused:
+                return ControlAnswer::refused;
+            case Answer::nobody:
+                break;
+        }
+        return ControlAnswer::nobody;
+    }
+    SimulatedMachine machine{MachineDescription{}};
+};
+INSTANTIATE_TEST_SUITE_P(Simulated, ControlConnectionConformance,
+                         testing::Values(Implementation<ControlConnectionSubject>{
+                             "Simulated",
+                             [] { return std::make_unique<SimulatedControlSubject>(); }}),
+                         testing::PrintToStringParamName());
+
+INSTANTIATE_TEST_SUITE_P(Simulated, HostConformance,
+                         testing::Values(Implementation<Host>{
+                             "Simulated",
+                             [] {
+                                 return std::make_unique<SimulatedHost>(SystemVersion{10, 6, 8});
+                             }}),
+                         testing::PrintToStringParamName());
+
+struct SimulatedLogSubject final : SystemLogSubject {
+    SystemLog& log() override { return machine.systemLog; }
+    std::vector<std::string> lines() override {
+        std::vector<std::string> texts;
+        for (const SimulatedSystemLog::Line& line : machine.systemLog.lines()) {
+            texts.push_back(line.text);
+        }
+        return texts;
+    }
+    SimulatedMachine machine{MachineDescription{}};
+};
+INSTANTIATE_TEST_SUITE_P(Simulated, SystemLogConformance,
+                         testing::Values(Implementation<SystemLogSubject>{
+                             "Simulated", [] { return std::make_unique<SimulatedLogSubject>(); }}),
+                         testing::PrintToStringParamName());
+
+}  // namespace
+}  // namespace korvane

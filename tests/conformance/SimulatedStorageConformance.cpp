@@ -1,0 +1,109 @@
+// Holds the simulated machine's files, volumes and devices to what their interfaces promise.
+#include <map>
+#include <stdexcept>
+
+#include "conformance/DeviceRegistryConformance.h"
+#include "conformance/FileSystemConformance.h"
+#include "conformance/VolumesConformance.h"
+#include "platform/simulated/SimulatedMachine.h"
+
+namespace korvane {
+namespace {
+
+MachineDescription provided(const std::string& name) {
+    const auto description = readMachineDescription(
+        std::string(KORVANE_SOURCE_DIR "/tests/fixtures/machines/") + name + ".plist");
+    if (!description) throw std::runtime_error(description.error().message);
+    return *description;
+}
+
+struct SimulatedFilesSubject final : FileSystemSubject {
+    SimulatedFilesSubject() { machine.fileSystem.createFolders("/work", "root"); }
+    FileSystem& files() override { return machine.fileSystem; }
+    std::string folder() override { return "/work"; }
+    Time now() override { return machine.clock.now(); }
+    std::uint32_t ownId() override { return 0; }
+    void put(const std::string& path, const std::string& bytes) override {
+        machine.fileSystem.put(path, bytes);
+    }
+    void putLink(const std::string& path, const std::string& target) override {
+        machine.fileSystem.putLink(path, target);
+    }
+    std::optional<std::string> bytes(const std::string& path) override {
+        return machine.fileSystem.bytes(path);
+    }
+    SimulatedMachine machine{MachineDescription{}};
+};
+INSTANTIATE_TEST_SUITE_P(Simulated, FileSystemConformance,
+                         testing::Values(Implementation<FileSystemSubject>{
+                             "Simulated",
+                             [] { return std::make_unique<SimulatedFilesSubject>(); }}),
+                         testing::PrintToStringParamName());
+
+struct SimulatedVolumesSubject final : VolumesSubject {
+    Volumes& volumes() override { return machine.volumes; }
+    std::string mount(const std::string& name) override {
+        MountDescription mount;
+        mount.path = "/Volumes/" + name;
+        mount.device = "/dev/" + name + "1";
+        mount.type = "ext4";
+        mount.sizeBytes = 1000000;
+        mount.freeBytes = 500000;
+        machine.volumes.mount(mount);
+        return mount.path;
+    }
+    void unmount(const std::string& path) override { machine.volumes.forceUnmount(path); }
+    std::string mountAgain(const std::string& path) override {
+        MountDescription again = *machine.volumes.describe(path);
+        again.path += " again";
+        machine.volumes.mount(again);
+        return again.path;
+    }
+    std::string mountPseudo() override {
+        MountDescription mount;
+        mount.path = "/run/pseudo";
+        mount.device = "tmpfs";
+        mount.type = "tmpfs";
+        mount.kind = MountKind::pseudo;
+        machine.volumes.mount(mount);
+        return mount.path;
+    }
+    std::shared_ptr<void> use(const std::string& path) override {
+        machine.volumes.setBusy(path, true);
+        return {this, [path](SimulatedVolumesSubject* subject) {
+                    subject->machine.volumes.setBusy(path, false);
+                }};
+    }
+    void runUntil(const std::function<bool()>& isDone) override {
+        while (!isDone() && machine.runLoop.runOnce()) {
+        }
+    }
+    void settle() override { machine.runLoop.runFor(std::chrono::seconds{1}); }
+    SimulatedMachine machine{provided("two-volumes")};
+};
+INSTANTIATE_TEST_SUITE_P(Simulated, VolumesConformance,
+                         testing::Values(Implementation<VolumesSubject>{
+                             "Simulated",
+                             [] { return std::make_unique<SimulatedVolumesSubject>(); }}),
+                         testing::PrintToStringParamName());
+
+struct SimulatedRegistrySubject final : DeviceRegistrySubject {
+    explicit SimulatedRegistrySubject(const std::string& name) : machine(provided(name)) {}
+    DeviceRegistry& registry() override { return machine.deviceRegistry; }
+    // In the machines that are provided, a media's service is named as its device.
+    bool pull(const std::string& bsdName) override { return machine.pull(bsdName); }
+    SimulatedMachine machine;
+};
+INSTANTIATE_TEST_SUITE_P(
+    Simulated, DeviceRegistryConformance,
+    testing::Values(
+        Implementation<DeviceRegistrySubject>{
+            "ThreeVolumes",
+            [] { return std::make_unique<SimulatedRegistrySubject>("three-volumes"); }},
+        Implementation<DeviceRegistrySubject>{
+            "HfsMacLike",
+            [] { return std::make_unique<SimulatedRegistrySubject>("hfs-mac-like"); }}),
+    testing::PrintToStringParamName());
+
+}  // namespace
+}  // namespace korvane
