@@ -1,0 +1,176 @@
+#include "korvanectl/BusLink.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+namespace korvane::ctl {
+
+namespace {
+
+constexpr char kName[] = "com.quorlen.KorvaneProDaemon";
+constexpr char kPath[] = "/com/quorlen/KorvaneProDaemon";
+constexpr char kInterface[] = "com.quorlen.KorvaneProDaemon";
+// The kernel cuts the names of processes to 15 bytes (TASK_COMM_LEN, linux/sched.h).
+constexpr std::string_view kProcessName = "KorvaneProDaemo";
+
+constexpr std::uint64_t kLimitMicroseconds =
+    std::chrono::duration_cast<std::chrono::microseconds>(kBusLimit).count();
+
+struct FreeBusError {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    FreeBusError() = default;
+    FreeBusError(const FreeBusError&) = delete;
+    FreeBusError& operator=(const FreeBusError&) = delete;
+    ~FreeBusError() { sd_bus_error_free(&error); }
+};
+
+struct UnrefMessage {
+    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+};
+using Message = std::unique_ptr<sd_bus_message, UnrefMessage>;
+
+// Opening a bus only begins the conversation, and the library waits for its rest without a limit
+// worth the name; so it is led to its end here.
+bool becomesReady(sd_bus* bus) {
+    const auto deadline = std::chrono::steady_clock::now() + kBusLimit;
+    for (;;) {
+        if (sd_bus_is_ready(bus) != 0) {
+            return sd_bus_is_ready(bus) > 0;
+        }
+        const int processed = sd_bus_process(bus, nullptr);
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (processed < 0 || left.count() <= 0) {
+            return false;
+        }
+        if (processed == 0 && sd_bus_wait(bus, static_cast<std::uint64_t>(left.count())) < 0) {
+            return false;
+        }
+    }
+}
+
+bool nameIsOwned(sd_bus* bus) {
+    FreeBusError error;
+    sd_bus_message* raw = nullptr;
+    if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                           "org.freedesktop.DBus", "NameHasOwner", &error.error, &raw, "s",
+                           kName) < 0) {
+        return false;
+    }
+    const Message reply{raw};
+    int owned = 0;
+    return sd_bus_message_read(reply.get(), "b", &owned) >= 0 && owned != 0;
+}
+
+// A daemon that has lost, or never got, its name on the bus still writes the preferences. Only one
+// that sees the same mounts as this process counts: another's support folder is not ours.
+bool processRuns() {
+    std::error_code ignored;
+    const auto mounts = std::filesystem::read_symlink("/proc/self/ns/mnt", ignored);
+    for (auto entry = std::filesystem::directory_iterator{"/proc", ignored};
+         entry != std::filesystem::directory_iterator{}; entry.increment(ignored)) {
+        std::string name;
+        std::ifstream{entry->path() / "comm"} >> name;
+        if (name == kProcessName) {
+            std::error_code hidden;
+            const auto its = std::filesystem::read_symlink(entry->path() / "ns/mnt", hidden);
+            // What another user's process sees cannot be read: it is most likely the same.
+            if (hidden || its == mounts) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+Failure failureOf(const sd_bus_error& error, int result) {
+    const std::string_view name = error.name != nullptr ? error.name : "";
+    const auto is = [&](const char* known) { return name == known; };
+    if (is(SD_BUS_ERROR_ACCESS_DENIED) || is(SD_BUS_ERROR_AUTH_FAILED) || result == -EACCES ||
+        result == -EPERM) {
+        return {ExitStatus::notAllowed,
+                "the daemon does not take commands from this user; run korvanectl as the user it "
+                "runs as, for instance with sudo"};
+    }
+    if (is(SD_BUS_ERROR_NO_REPLY) || is(SD_BUS_ERROR_TIMEOUT) || result == -ETIMEDOUT) {
+        return {ExitStatus::noReply,
+                fmt::format("the daemon did not answer within {} seconds; see its log with: "
+                            "journalctl -u korvane-pro",
+                            kBusLimit.count())};
+    }
+    if (is(SD_BUS_ERROR_SERVICE_UNKNOWN) || is(SD_BUS_ERROR_NAME_HAS_NO_OWNER)) {
+        return {ExitStatus::noDaemon, "the daemon ended before it got the command"};
+    }
+    return {ExitStatus::noDaemon,
+            fmt::format("the connection to the daemon broke: {}",
+                        error.message != nullptr ? error.message : std::strerror(-result))};
+}
+
+}  // namespace
+
+sd_bus* BusLink::busWithDaemon() {
+    if (bus_) {
+        return bus_.get();
+    }
+    using Open = int (*)(sd_bus**);
+    const bool isRoot = geteuid() == 0;
+    for (const Open open : {isRoot ? nullptr : Open{sd_bus_open_user}, Open{sd_bus_open_system}}) {
+        sd_bus* raw = nullptr;
+        if (open == nullptr || open(&raw) < 0) {
+            continue;
+        }
+        Bus bus{raw};
+        (void)sd_bus_set_method_call_timeout(raw, kLimitMicroseconds);  // fails for null only
+        if (becomesReady(raw) && nameIsOwned(raw)) {
+            bus_ = std::move(bus);
+            return bus_.get();
+        }
+    }
+    return nullptr;
+}
+
+DaemonPresence BusLink::presence() {
+    if (busWithDaemon() != nullptr) {
+        return DaemonPresence::reachable;
+    }
+    return processRuns() ? DaemonPresence::unreachable : DaemonPresence::absent;
+}
+
+Outcome<bool> BusLink::send(const std::string& word) {
+    sd_bus* const bus = busWithDaemon();
+    if (bus == nullptr) {
+        if (processRuns()) {
+            return Failure{ExitStatus::noDaemon,
+                           "the daemon runs but cannot be reached over the bus; restart it when "
+                           "the bus is there"};
+        }
+        return Failure{ExitStatus::noDaemon,
+                       "the daemon does not run; start it with: systemctl start korvane-pro"};
+    }
+    FreeBusError error;
+    sd_bus_message* raw = nullptr;
+    const int result = sd_bus_call_method(bus, kName, kPath, kInterface, "messageXmitRcvr",
+                                          &error.error, &raw, "s", word.c_str());
+    const Message reply{raw};
+    int answer = 0;
+    if (result < 0) {
+        const Failure failure = failureOf(error.error, result);
+        bus_.reset();
+        return failure;
+    }
+    if (sd_bus_message_read(reply.get(), "b", &answer) < 0) {
+        return Failure{ExitStatus::noDaemon, "what answers under the daemon's name is not it"};
+    }
+    return answer != 0;
+}
+
+}  // namespace korvane::ctl

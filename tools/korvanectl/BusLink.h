@@ -1,0 +1,36 @@
+// The way to the daemon over D-Bus. root talks to the system bus, where root's daemon is; another
+// user to the session bus and then, where the daemon is not there, to the system bus.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <chrono>
+#include <memory>
+
+#include "korvanectl/DaemonLink.h"
+
+namespace korvane::ctl {
+
+// Within this the bus must take the connection, and the daemon must answer a word: a reload asks
+// every drive once, which takes well under a second for healthy ones.
+inline constexpr std::chrono::seconds kBusLimit{5};
+
+class BusLink : public DaemonLink {
+  public:
+    [[nodiscard]] DaemonPresence presence() override;
+    [[nodiscard]] Outcome<bool> send(const std::string& word) override;
+
+  private:
+    struct CloseBus {
+        void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+    };
+    using Bus = std::unique_ptr<sd_bus, CloseBus>;
+
+    // A connection on which the daemon's name is owned. Asked for once; later calls ask anew only
+    // when there was none, so that a daemon that comes up meanwhile is found.
+    sd_bus* busWithDaemon();
+
+    Bus bus_;
+};
+
+}  // namespace korvane::ctl

@@ -1,0 +1,31 @@
+// The way to the running daemon, as the commands see it. The bus stands behind it; tests put
+// something else there.
+#pragma once
+
+#include <string>
+
+#include "korvanectl/Outcome.h"
+
+namespace korvane::ctl {
+
+enum class DaemonPresence {
+    absent,       // nothing of it is there
+    unreachable,  // its process runs, but does not own its name on the bus
+    reachable
+};
+
+class DaemonLink {
+  public:
+    virtual ~DaemonLink() = default;
+
+    [[nodiscard]] virtual DaemonPresence presence() = 0;
+
+    // Sends a command word and waits for the answer, at most a few seconds. Failures: noDaemon,
+    // notAllowed, noReply.
+    [[nodiscard]] virtual Outcome<bool> send(const std::string& word) = 0;
+};
+
+// Has the daemon read its preferences again; the answer comes when it has.
+inline constexpr char kReloadWord[] = "daemonPreferencesUpdatedNotification";
+
+}  // namespace korvane::ctl

@@ -1,0 +1,58 @@
+// What every command works with. Each group of commands is one file that adds its subcommands to
+// the command line and carries them out.
+#pragma once
+
+#include <CLI/App.hpp>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "base/Calendar.h"
+#include "base/PropertyList.h"
+#include "korvanectl/DaemonLink.h"
+#include "korvanectl/Outcome.h"
+#include "korvanectl/Preferences.h"
+#include "korvanectl/Text.h"
+#include "platform/Volumes.h"
+
+namespace korvane::ctl {
+
+struct Program {
+    Preferences preferences;
+    std::string supportFolder;
+    DaemonLink& daemon;
+    std::function<Volumes&()> volumes;  // made when first asked for
+    std::function<Time()> now;
+    Paint paint;
+    std::function<void(std::string_view)> print;  // to standard output
+    std::function<void(std::string_view)> note;   // one line to standard error
+
+    // Set by the command line.
+    bool json = false;
+    std::function<Outcome<ExitStatus>()> command;
+};
+
+// Adds one subcommand that runs `run` when the whole line has been understood.
+CLI::App* addCommand(CLI::App& parent, Program& program, const std::string& name,
+                     const std::string& description, std::function<Outcome<ExitStatus>()> run);
+// One that prints data, and does so as JSON when asked to.
+CLI::App* addPrintingCommand(CLI::App& parent, Program& program, const std::string& name,
+                             const std::string& description,
+                             std::function<Outcome<ExitStatus>()> run);
+
+// Prints the value as JSON.
+void printJson(const Program& program, const PropertyList& value);
+
+// Makes the edit and says what became of it: `done` makes the sentence, without its full stop, when
+// the edit is in place.
+[[nodiscard]] Outcome<ExitStatus> finishEdit(Program& program, const Edit& edit,
+                                             const std::function<std::string()>& done);
+
+void addStatusCommands(CLI::App& app, Program& program);   // status, volumes, history
+void addSettingCommands(CLI::App& app, Program& program);  // get, set, reload
+void addVolumeCommands(CLI::App& app, Program& program);   // volume NAME get, set, reset
+
+// Understands and carries out one command line; what it answers is the process's exit status.
+[[nodiscard]] int runProgram(Program& program, int argumentCount, const char* const* arguments);
+
+}  // namespace korvane::ctl

@@ -1,0 +1,320 @@
+// What the daemon found: status, volumes, history.
+
+#include <fmt/format.h>
+
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "core/DefaultPreferences.h"
+#include "korvanectl/Program.h"
+#include "korvanectl/Table.h"
+#include "korvanectl/VolumeReport.h"
+#include "korvanectl/Words.h"
+#include "storage/VolumeEntry.h"
+
+namespace korvane::ctl {
+
+namespace {
+
+constexpr std::string_view kNothing = "-";
+
+// JSON has no moments of its own: formatJson() writes a date in UTC, to the second.
+PropertyList jsonTime(Time time) {
+    return PropertyList{std::chrono::floor<std::chrono::seconds>(time)};
+}
+
+bool protectionIsOn(const Dictionary& preferences) {
+    const PropertyList* const stored = preferences.find(kDaemonOn);
+    return stored == nullptr || booleanValue(stored);
+}
+
+std::string presenceWords(DaemonPresence presence) {
+    switch (presence) {
+        case DaemonPresence::absent:
+            return "not running";
+        case DaemonPresence::unreachable:
+            return "running, but not on the bus";
+        case DaemonPresence::reachable:
+            break;
+    }
+    return "running";
+}
+
+Cell deviceCell(const VolumeReport& volume) {
+    return {volume.device.empty() ? std::string{kNothing} : volume.device};
+}
+
+std::string freeWords(const VolumeReport& volume) {
+    if (!volume.space || volume.space->sizeBytes == 0) {
+        return std::string{kNothing};
+    }
+    return fmt::format("{} of {}", sizeWords(static_cast<double>(volume.space->freeBytes)),
+                       sizeWords(static_cast<double>(volume.space->sizeBytes)));
+}
+
+std::optional<double> percentFree(const VolumeReport& volume) {
+    if (!volume.space || volume.space->sizeBytes == 0) {
+        return std::nullopt;
+    }
+    return static_cast<double>(volume.space->freeBytes) /
+           static_cast<double>(volume.space->sizeBytes) * 100;
+}
+
+std::string percentFreeWords(const VolumeReport& volume) {
+    const auto percent = percentFree(volume);
+    return percent ? percentWords(*percent) : std::string{kNothing};
+}
+
+std::string levelWords(const VolumeReport& volume) {
+    return volume.watched ? fmt::format("{} %", volume.warningLevel) : "off";
+}
+
+Cell resultCell(const VolumeReport& volume) {
+    return {stateWords(CheckKind::usage, volume.state), stateTone(volume.state)};
+}
+
+std::string nextCheckWords(const VolumeReport& volume, DaemonPresence daemon, Time now) {
+    if (volume.schedule != Schedule::at) {
+        return volume.schedule == Schedule::off ? "off" : std::string{kNothing};
+    }
+    if (daemon == DaemonPresence::absent) {
+        return "when it runs";
+    }
+    const std::string until = untilWords(volume.nextCheck, now);
+    return until == "now" ? until : fmt::format("{}, {}", timeWords(volume.nextCheck, now), until);
+}
+
+std::string loggedTimeWords(const LoggedCheck& check, Time now) {
+    return check.time ? timeWords(*check.time, now) : check.timeText;
+}
+
+Cell lastCheckCell(const VolumeReport& volume, Time now) {
+    if (!volume.lastCheck) {
+        return {std::string{kNothing}, Tone::faint};
+    }
+    const LoggedCheck& check = *volume.lastCheck;
+    return {fmt::format("{}, {}{}", loggedTimeWords(check, now), check.failed ? "failed" : "passed",
+                        check.percentFree
+                            ? fmt::format(" with {} free", percentWords(*check.percentFree))
+                            : std::string{})};
+}
+
+Dictionary loggedCheckJson(const LoggedCheck& check) {
+    Dictionary json{{"result", check.failed ? "failed" : "passed"}};
+    if (check.time) {
+        json.set("time", jsonTime(*check.time));
+    }
+    if (check.percentFree) {
+        json.set("percentFree", *check.percentFree);
+    }
+    if (check.freeBytes) {
+        json.set("freeBytes", *check.freeBytes);
+    }
+    if (check.sizeBytes) {
+        json.set("sizeBytes", *check.sizeBytes);
+    }
+    return json;
+}
+
+Dictionary volumeJson(const VolumeReport& volume) {
+    Dictionary json{
+        {"path", volume.mountPoint},          {"name", volume.name},
+        {"watched", volume.watched},          {"warningLevelPercent", volume.warningLevel},
+        {"result", stateToken(volume.state)},
+    };
+    if (!volume.device.empty()) {
+        json.set("device", volume.device);
+    }
+    if (volume.space) {
+        json.set("sizeBytes", volume.space->sizeBytes);
+        json.set("freeBytes", volume.space->freeBytes);
+    }
+    if (const auto percent = percentFree(volume)) {
+        json.set("percentFree", *percent);
+    }
+    if (volume.schedule == Schedule::at) {
+        json.set("nextCheck", jsonTime(volume.nextCheck));
+    }
+    if (volume.lastCheck) {
+        json.set("lastCheck", loggedCheckJson(*volume.lastCheck));
+    }
+    return json;
+}
+
+PropertyListArray volumesJson(const std::vector<VolumeReport>& volumes) {
+    PropertyListArray json;
+    for (const VolumeReport& volume : volumes) {
+        json.emplace_back(volumeJson(volume));
+    }
+    return json;
+}
+
+// Everything the three commands look at, gathered once.
+struct Findings {
+    Dictionary preferences;
+    DaemonPresence daemon = DaemonPresence::absent;
+    Time now{};
+    std::vector<VolumeReport> volumes;
+};
+
+Outcome<Findings> gather(Program& program, WithLog withLog) {
+    Outcome<Dictionary> preferences = program.preferences.read();
+    if (!preferences) {
+        return preferences.failure();
+    }
+    Findings findings;
+    findings.preferences = std::move(*preferences);
+    findings.daemon = program.daemon.presence();
+    findings.now = program.now();
+    findings.volumes = reportVolumes({.preferences = findings.preferences,
+                                      .supportFolder = program.supportFolder,
+                                      .volumes = program.volumes(),
+                                      .daemon = findings.daemon,
+                                      .now = findings.now},
+                                     withLog);
+    return findings;
+}
+
+ExitStatus statusFor(DaemonPresence daemon) {
+    return daemon == DaemonPresence::reachable ? ExitStatus::done : ExitStatus::noDaemon;
+}
+
+void printStatusJson(const Program& program, const Findings& findings) {
+    printJson(program, Dictionary{{"daemonRuns", findings.daemon != DaemonPresence::absent},
+                                  {"daemonReachable", findings.daemon == DaemonPresence::reachable},
+                                  {"protectionOn", protectionIsOn(findings.preferences)},
+                                  {"volumes", volumesJson(findings.volumes)}});
+}
+
+void printStatus(const Program& program, const Findings& findings) {
+    const bool runs = findings.daemon == DaemonPresence::reachable;
+    const bool on = protectionIsOn(findings.preferences);
+    const auto onOff = [&](const char* key) {
+        return booleanValue(findings.preferences.find(key)) ? "on" : "off";
+    };
+    program.print(fmt::format(
+        "Daemon            {}\nProtection        {}\nFree-space check  {}\n",
+        program.paint(runs ? Tone::good : Tone::bad, presenceWords(findings.daemon)),
+        program.paint(on ? Tone::good : Tone::bad, on ? "on" : "off"), onOff(kVolumeUsageOnOff)));
+    if (findings.volumes.empty()) {
+        program.print("\nNo volume has been found yet.\n");
+        return;
+    }
+    Table table{{{"VOLUME"}, {"MOUNTED AT"}, {"RESULT"}, {"LAST CHECK"}, {"NEXT CHECK"}}};
+    for (const VolumeReport& volume : findings.volumes) {
+        table.addRow({{volume.name},
+                      {volume.mountPoint},
+                      resultCell(volume),
+                      lastCheckCell(volume, findings.now),
+                      {nextCheckWords(volume, findings.daemon, findings.now)}});
+    }
+    program.print("\n" + table.format(program.paint));
+    for (const VolumeReport& volume : findings.volumes) {
+        if (volume.state == CheckState::stuck) {
+            program.print(
+                fmt::format("\n{} is stuck; set it back with: korvanectl volume {} reset\n",
+                            printable(volume.name), shellWord(printable(volume.mountPoint))));
+        }
+    }
+}
+
+Outcome<ExitStatus> runStatus(Program& program) {
+    const auto findings = gather(program, WithLog::yes);
+    if (!findings) {
+        return findings.failure();
+    }
+    program.json ? printStatusJson(program, *findings) : printStatus(program, *findings);
+    return statusFor(findings->daemon);
+}
+
+Outcome<ExitStatus> runVolumes(Program& program) {
+    const auto findings = gather(program, WithLog::no);
+    if (!findings) {
+        return findings.failure();
+    }
+    if (program.json) {
+        printJson(program, Dictionary{{"volumes", volumesJson(findings->volumes)}});
+        return ExitStatus::done;
+    }
+    Table table{{{"VOLUME"},
+                 {"DEVICE"},
+                 {"FREE", Align::right},
+                 {"", Align::right},
+                 {"LEVEL", Align::right},
+                 {"RESULT"},
+                 {"NEXT CHECK"}}};
+    for (const VolumeReport& volume : findings->volumes) {
+        table.addRow({{volume.mountPoint},
+                      deviceCell(volume),
+                      {freeWords(volume)},
+                      {percentFreeWords(volume)},
+                      {levelWords(volume)},
+                      resultCell(volume),
+                      {nextCheckWords(volume, findings->daemon, findings->now)}});
+    }
+    program.print(table.format(program.paint));
+    return ExitStatus::done;
+}
+
+void printHistory(const Program& program, const std::vector<LoggedCheck>& checks) {
+    const Time now = program.now();
+    Table table{{{"TIME"}, {"RESULT"}, {"FREE", Align::right}, {"", Align::right}}};
+    for (const LoggedCheck& check : checks) {
+        const std::string of =
+            check.freeBytes && check.sizeBytes
+                ? fmt::format("{} of {}", sizeWords(*check.freeBytes), sizeWords(*check.sizeBytes))
+                : std::string{kNothing};
+        table.addRow(
+            {{loggedTimeWords(check, now)},
+             {check.failed ? "LOW SPACE" : "ok", check.failed ? Tone::bad : Tone::good},
+             {of},
+             {check.percentFree ? percentWords(*check.percentFree) : std::string{kNothing}}});
+    }
+    program.print(table.format(program.paint));
+}
+
+Outcome<ExitStatus> runHistory(Program& program, const std::string& name) {
+    const Outcome<Dictionary> preferences = program.preferences.read();
+    if (!preferences) {
+        return preferences.failure();
+    }
+    const Outcome<std::size_t> index = findVolume(*preferences, name);
+    if (!index) {
+        return index.failure();
+    }
+    const std::string mountPoint =
+        ConstVolumeEntry{volumeEntryAt(*preferences, *index)}.volumeMountToName();
+    const auto checks = readVolumeLog(program.supportFolder, mountPoint);
+    if (!checks) {
+        return checks.failure();
+    }
+    if (program.json) {
+        PropertyListArray json;
+        for (const LoggedCheck& check : *checks) {
+            json.emplace_back(loggedCheckJson(check));
+        }
+        printJson(program, Dictionary{{"path", mountPoint}, {"checks", std::move(json)}});
+    } else if (checks->empty()) {
+        program.print(fmt::format("No check of {} has been logged yet.\n", printable(mountPoint)));
+    } else {
+        printHistory(program, *checks);
+    }
+    return ExitStatus::done;
+}
+
+}  // namespace
+
+void addStatusCommands(CLI::App& app, Program& program) {
+    addPrintingCommand(app, program, "status", "What the daemon found, and whether it runs",
+                       [&program] { return runStatus(program); });
+    addPrintingCommand(app, program, "volumes", "The volumes as a table",
+                       [&program] { return runVolumes(program); });
+    const auto name = std::make_shared<std::string>();
+    CLI::App* const history =
+        addPrintingCommand(app, program, "history", "The log of a volume's checks",
+                           [&program, name] { return runHistory(program, *name); });
+    history->add_option("VOLUME", *name, "Mount point or name of a volume")->required();
+}
+
+}  // namespace korvane::ctl

@@ -1,0 +1,88 @@
+// korvanectl: the command line of the protection daemon. Puts the real machine and the commands
+// together; everything else is in the parts that its tests reach.
+#include <fmt/format.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <optional>
+
+#include "korvanectl/BusLink.h"
+#include "korvanectl/Program.h"
+#include "platform/linux/LinuxRunLoop.h"
+#include "platform/linux/LinuxVolumes.h"
+#include "storage/SupportFolder.h"
+
+namespace {
+
+using namespace korvane;
+
+// What the machine's parts have to say matters to a daemon, not to a person who asked something.
+class NoLog : public SystemLog {
+  public:
+    void write(LogLevel, std::string_view) override {}
+};
+
+// The mounted volumes, read once. Numbers and links are the daemon's to keep.
+class MountedNow {
+  public:
+    MountedNow() {
+        sigset_t mask;
+        (void)pthread_sigmask(SIG_SETMASK, nullptr, &mask);  // only asks
+        loop_.emplace(log_);
+        volumes_.emplace(*loop_, LinuxVolumesPlaces{.memoryFile = "", .linksFolder = ""});
+        // The loop takes the signals for itself, but it never runs here: Ctrl-C must still work
+        // while a dying disk is asked for its free space.
+        (void)pthread_sigmask(SIG_SETMASK, &mask, nullptr);  // fails for no mask it gave out
+    }
+    Volumes& volumes() { return *volumes_; }
+
+  private:
+    NoLog log_;
+    std::optional<LinuxRunLoop> loop_;
+    std::optional<LinuxVolumes> volumes_;
+};
+
+int run(int argumentCount, const char* const* arguments) {
+    std::optional<MountedNow> mounted;
+    ctl::BusLink daemon;
+    ctl::Program program{
+        .preferences = ctl::Preferences{kPreferencesFile},
+        .supportFolder = kSupportFolder,
+        .daemon = daemon,
+        .volumes = [&]() -> Volumes& {
+            if (!mounted) {
+                mounted.emplace();
+            }
+            return mounted->volumes();
+        },
+        .now =
+            [] {
+                return std::chrono::floor<std::chrono::microseconds>(
+                    std::chrono::system_clock::now());
+            },
+        .paint = ctl::Paint::forDescriptor(STDOUT_FILENO),
+        .print = [](std::string_view text) { fmt::print("{}", text); },
+        .note = [](std::string_view line) { fmt::print(stderr, "korvanectl: {}\n", line); },
+        .json = false,
+        .command = {}};
+    const int status = ctl::runProgram(program, argumentCount, arguments);
+    if (std::fflush(stdout) != 0) {
+        return static_cast<int>(ctl::ExitStatus::fileProblem);
+    }
+    return status;
+}
+
+}  // namespace
+
+int main(int argumentCount, char** arguments) {
+    try {
+        return run(argumentCount, arguments);
+    } catch (const std::exception& failure) {
+        // Out of memory, or a machine that refuses a descriptor: nothing that a command expects.
+        std::fprintf(stderr, "korvanectl: %s\n", failure.what());
+        return static_cast<int>(ctl::ExitStatus::fileProblem);
+    }
+}
