@@ -1,0 +1,223 @@
+#include "platform/linux/LinuxDeviceRegistry.h"
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace korvane {
+namespace {
+
+// A service's number: which tree it belongs to, and which node of that tree it is. A million nodes
+// are more than the kernel has device numbers for.
+constexpr std::uint32_t kNodeBits = 20;
+constexpr std::uint32_t kNodeMask = (1U << kNodeBits) - 1;
+constexpr std::uint32_t kGenerationMask = (1U << (32 - kNodeBits)) - 1;
+
+constexpr char kBlockClass[] = "class/block";
+
+// Several paths to one NVMe namespace show as hidden disks beside it: nvme0c1n1.
+bool isHiddenPath(const std::string& kernelName) {
+    return kernelName.starts_with("nvme") && kernelName.find('c') != std::string::npos;
+}
+
+}  // namespace
+
+LinuxDeviceRegistry::LinuxDeviceRegistry(LinuxRunLoop& loop, const LinuxDevicePlaces& places)
+    : loop_(loop), sysfs_(places.sysfs), udevDatabase_(places.udevData) {
+    listen(places.udevControl);
+}
+
+LinuxDeviceRegistry::~LinuxDeviceRegistry() = default;
+
+void LinuxDeviceRegistry::listen(const std::string& udevControl) {
+    udev_.reset(udev_new());
+    if (!udev_) {
+        return;
+    }
+    // udevd's own events come after its database has been written; without it the kernel's tell.
+    const bool isUdevRunning = ::access(udevControl.c_str(), F_OK) == 0;
+    std::unique_ptr<udev_monitor, UdevCloser> monitor{
+        udev_monitor_new_from_netlink(udev_.get(), isUdevRunning ? "udev" : "kernel")};
+    if (!monitor ||
+        udev_monitor_filter_add_match_subsystem_devtype(monitor.get(), "block", nullptr) < 0 ||
+        udev_monitor_enable_receiving(monitor.get()) < 0) {
+        return;
+    }
+    sd_event_source* source = nullptr;
+    if (sd_event_add_io(loop_.event(), &source, udev_monitor_get_fd(monitor.get()), EPOLLIN,
+                        onDeviceEvent, this) < 0) {
+        return;
+    }
+    source_.reset(source);
+    monitor_ = std::move(monitor);
+}
+
+int LinuxDeviceRegistry::onDeviceEvent(sd_event_source* /*source*/, int /*fd*/,
+                                       std::uint32_t /*events*/, void* self) noexcept {
+    static_cast<LinuxDeviceRegistry*>(self)->takeEvents();
+    return 0;
+}
+
+void LinuxDeviceRegistry::takeEvents() {
+    for (;;) {
+        errno = 0;
+        const std::unique_ptr<udev_device, UdevCloser> device{
+            udev_monitor_receive_device(monitor_.get())};
+        if (!device) {
+            // The socket overflowed: what was lost is unknown.
+            if (errno == ENOBUFS) {
+                everythingChanged();
+            }
+            return;
+        }
+        if (const char* const path = udev_device_get_syspath(device.get()); path != nullptr) {
+            deviceChanged(lastComponent(path));
+            // Of a partition, the disk; of a disk, a folder that is no device.
+            deviceChanged(lastComponent(parentFolder(path)));
+        }
+    }
+}
+
+void LinuxDeviceRegistry::deviceChanged(const std::string& kernelName) {
+    isStale_ = true;
+    if (const auto folder = folders_.find(kernelName); folder != folders_.end()) {
+        disksInLine_.erase(lastComponent(parentFolder(folder->second)));
+        folders_.erase(folder);
+    }
+    disksInLine_.erase(kernelName);
+}
+
+void LinuxDeviceRegistry::everythingChanged() {
+    isStale_ = true;
+    folders_.clear();
+    disksInLine_.clear();
+}
+
+std::vector<BlockFolder> LinuxDeviceRegistry::findDisks(const std::vector<std::string>& names) {
+    std::map<std::string, std::string> folders;
+    for (const std::string& name : names) {
+        if (const auto known = folders_.find(name); known != folders_.end()) {
+            folders.insert(*known);
+        } else if (auto path = sysfs_.blockDevicePath(name); path && !isHiddenPath(name)) {
+            folders.emplace(name, std::move(*path));
+        }
+    }
+    folders_ = std::move(folders);
+    std::map<std::string, BlockFolder> disks;
+    for (const auto& [name, path] : folders_) {
+        // A partition's folder lies in its disk's.
+        const std::string above = lastComponent(parentFolder(path));
+        if (!folders_.contains(above)) {
+            disks[name].kernelName = name;
+            disks[name].path = path;
+        } else {
+            disks[above].partitions.push_back({.kernelName = name, .path = path, .partitions = {}});
+        }
+    }
+    std::vector<BlockFolder> found;
+    for (auto& [name, disk] : disks) {
+        std::sort(disk.partitions.begin(), disk.partitions.end(),
+                  [](const BlockFolder& a, const BlockFolder& b) {
+                      return comesBefore(a.kernelName, b.kernelName);
+                  });
+        found.push_back(std::move(disk));
+    }
+    return found;
+}
+
+bool LinuxDeviceRegistry::refresh() {
+    // With nobody to tell of changes the list of devices is at least looked at.
+    if (tree_ && !isStale_ && monitor_) {
+        return true;
+    }
+    const std::vector<std::string> names = sysfs_.list(kBlockClass);
+    if (names.empty() && !sysfs_.exists(kBlockClass)) {
+        return false;
+    }
+    Disks disks;
+    std::set<std::string> inLine;
+    for (const BlockFolder& folder : findDisks(names)) {
+        const auto known = disks_.find(folder.kernelName);
+        const bool isKnown = known != disks_.end() && disksInLine_.contains(folder.kernelName) &&
+                             known->second.partitions.size() == folder.partitions.size();
+        disksRead_ += isKnown ? 0 : 1;
+        disks.emplace(folder.kernelName,
+                      isKnown ? known->second : readDisk(folder, sysfs_, udevDatabase_));
+        inLine.insert(folder.kernelName);
+    }
+    disksInLine_ = std::move(inLine);
+    isStale_ = false;
+    // Most events change nothing that is told here; then the services stay as they are.
+    if (!tree_ || disks != disks_) {
+        tree_ = std::make_unique<DeviceTree>(disks);
+        disks_ = std::move(disks);
+        generation_ = (generation_ + 1) & kGenerationMask;
+    }
+    return true;
+}
+
+ServiceId LinuxDeviceRegistry::serviceOf(std::uint32_t node) const {
+    return ServiceId{(generation_ << kNodeBits) | (node & kNodeMask)};
+}
+
+const DeviceTree::Node* LinuxDeviceRegistry::nodeOf(ServiceId service) const {
+    const auto number = static_cast<std::uint32_t>(service);
+    if (!tree_ || number >> kNodeBits != generation_ ||
+        (number & kNodeMask) >= tree_->nodes().size()) {
+        return nullptr;
+    }
+    return &tree_->nodes()[number & kNodeMask];
+}
+
+std::optional<std::vector<ServiceId>> LinuxDeviceRegistry::services(std::string_view className) {
+    if (!refresh()) {
+        return std::nullopt;
+    }
+    std::vector<ServiceId> services;
+    for (const std::uint32_t node : tree_->nodesOfClass(className)) {
+        services.push_back(serviceOf(node));
+    }
+    return services;
+}
+
+std::optional<std::vector<ServiceId>> LinuxDeviceRegistry::servicesNamed(std::string_view className,
+                                                                         std::string_view bsdName) {
+    if (!refresh()) {
+        return std::nullopt;
+    }
+    std::vector<ServiceId> services;
+    for (const std::uint32_t node : tree_->nodesNamed(className, bsdName)) {
+        services.push_back(serviceOf(node));
+    }
+    return services;
+}
+
+std::optional<PropertyList> LinuxDeviceRegistry::property(ServiceId service, std::string_view key) {
+    const DeviceTree::Node* const node = nodeOf(service);
+    const PropertyList* const value = node != nullptr ? node->properties.find(key) : nullptr;
+    return value != nullptr ? std::optional{*value} : std::nullopt;
+}
+
+std::optional<Dictionary> LinuxDeviceRegistry::properties(ServiceId service) {
+    const DeviceTree::Node* const node = nodeOf(service);
+    return node != nullptr ? std::optional{node->properties} : std::nullopt;
+}
+
+std::optional<ServiceId> LinuxDeviceRegistry::parent(ServiceId service) {
+    const DeviceTree::Node* const node = nodeOf(service);
+    return node != nullptr && node->parent != DeviceTree::kNone
+               ? std::optional{serviceOf(node->parent)}
+               : std::nullopt;
+}
+
+std::optional<ServiceId> LinuxDeviceRegistry::firstChild(ServiceId service) {
+    const DeviceTree::Node* const node = nodeOf(service);
+    return node != nullptr && node->firstChild != DeviceTree::kNone
+               ? std::optional{serviceOf(node->firstChild)}
+               : std::nullopt;
+}
+
+}  // namespace korvane

@@ -1,0 +1,94 @@
+// The device tree of a Linux machine, from sysfs and the udev database, read by hand. The kernel,
+// or udevd where it runs, tells which disks have changed; only those are read again, and only when
+// somebody asks. No device is ever opened.
+#pragma once
+
+#include <libudev.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/DeviceRegistry.h"
+#include "platform/linux/DeviceTree.h"
+#include "platform/linux/LinuxRunLoop.h"
+#include "platform/linux/Sysfs.h"
+#include "platform/linux/UdevDatabase.h"
+
+namespace korvane {
+
+// Where things are on the machine; tests look elsewhere.
+struct LinuxDevicePlaces {
+    std::string sysfs = "/sys";
+    std::string udevData = "/run/udev/data";
+    // There while udevd runs.
+    std::string udevControl = "/run/udev/control";
+};
+
+class LinuxDeviceRegistry final : public DeviceRegistry {
+  public:
+    // The loop must outlive this object.
+    LinuxDeviceRegistry(LinuxRunLoop& loop, const LinuxDevicePlaces& places);
+    ~LinuxDeviceRegistry() override;
+    LinuxDeviceRegistry(const LinuxDeviceRegistry&) = delete;
+    LinuxDeviceRegistry& operator=(const LinuxDeviceRegistry&) = delete;
+
+    [[nodiscard]] std::optional<std::vector<ServiceId>> services(
+        std::string_view className) override;
+    [[nodiscard]] std::optional<std::vector<ServiceId>> servicesNamed(
+        std::string_view className, std::string_view bsdName) override;
+    [[nodiscard]] std::optional<PropertyList> property(ServiceId service,
+                                                       std::string_view key) override;
+    [[nodiscard]] std::optional<Dictionary> properties(ServiceId service) override;
+    [[nodiscard]] std::optional<ServiceId> parent(ServiceId service) override;
+    [[nodiscard]] std::optional<ServiceId> firstChild(ServiceId service) override;
+
+    // Has the disk or partition with this kernel name, and the disk that it is a part of, read
+    // again when the tree is next asked for.
+    void deviceChanged(const std::string& kernelName);
+    // How many disks have been read.
+    [[nodiscard]] std::size_t disksRead() const { return disksRead_; }
+
+  private:
+    struct UdevCloser {
+        void operator()(udev* context) const { (void)udev_unref(context); }
+        void operator()(udev_monitor* monitor) const { (void)udev_monitor_unref(monitor); }
+        void operator()(udev_device* device) const { (void)udev_device_unref(device); }
+    };
+
+    static int onDeviceEvent(sd_event_source* source, int fd, std::uint32_t events,
+                             void* self) noexcept;
+
+    void listen(const std::string& udevControl);
+    void takeEvents();
+    void everythingChanged();
+    // Brings the tree up to date. False when there is none to be read.
+    [[nodiscard]] bool refresh();
+    [[nodiscard]] std::vector<BlockFolder> findDisks(const std::vector<std::string>& names);
+
+    [[nodiscard]] ServiceId serviceOf(std::uint32_t node) const;
+    [[nodiscard]] const DeviceTree::Node* nodeOf(ServiceId service) const;
+
+    LinuxRunLoop& loop_;
+    Sysfs sysfs_;
+    UdevDatabase udevDatabase_;
+
+    // The folders of disks and partitions by kernel name, until something is said to have changed.
+    std::map<std::string, std::string> folders_;
+    Disks disks_;
+    std::set<std::string> disksInLine_;  // those of them that need not be read again
+    std::unique_ptr<DeviceTree> tree_;
+    std::uint32_t generation_ = 0;
+    bool isStale_ = true;
+    std::size_t disksRead_ = 0;
+
+    std::unique_ptr<udev, UdevCloser> udev_;
+    std::unique_ptr<udev_monitor, UdevCloser> monitor_;
+    EventSource source_;
+};
+
+}  // namespace korvane
