@@ -35,30 +35,6 @@ std::optional<std::string> pathBelowRoot(const std::optional<std::string>& link)
 
 }  // namespace
 
-std::optional<std::string> readSmallFile(const std::string& path, std::size_t limitBytes) {
-    const UniqueFd file{::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)};
-    if (!file) {
-        return std::nullopt;
-    }
-    std::string text;
-    std::array<char, 4096> part;
-    while (text.size() < limitBytes) {
-        const std::size_t wanted = std::min(part.size(), limitBytes - text.size());
-        const ssize_t got = ::read(file.get(), part.data(), wanted);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0) {
-            return std::nullopt;
-        }
-        if (got == 0) {
-            break;
-        }
-        text.append(part.data(), static_cast<std::size_t>(got));
-    }
-    return text;
-}
-
 std::optional<std::string> Sysfs::attribute(const std::string& path) const {
     const UniqueFd file{::open((root_ + "/" + path).c_str(), O_RDONLY | O_CLOEXEC)};
     if (!file) {

@@ -38,11 +38,6 @@ class Sysfs {
 // A path without its last component; empty when there is only one.
 [[nodiscard]] std::string parentFolder(const std::string& path);
 
-// The whole of a small file, or nothing. Files of /proc, /sys and /run have no size to trust, so it
-// is read to its end, or to the limit.
-[[nodiscard]] std::optional<std::string> readSmallFile(const std::string& path,
-                                                       std::size_t limitBytes);
-
 // Kernel names hold "!" where the device node's path holds "/" (cciss!c0d0).
 [[nodiscard]] std::string nodeNameOfKernelName(std::string kernelName);
 

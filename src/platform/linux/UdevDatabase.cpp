@@ -3,15 +3,9 @@
 #include <algorithm>
 #include <charconv>
 
-#include "platform/linux/Sysfs.h"
+#include "platform/linux/SmallFile.h"
 
 namespace korvane {
-namespace {
-
-// Records are 1 to 4 kB; a larger file is not udev's.
-constexpr std::size_t kRecordLimitBytes = 256 * 1024;
-
-}  // namespace
 
 UdevProperties parseUdevRecord(std::string_view text) {
     UdevProperties properties;
@@ -46,9 +40,8 @@ std::string decodeUdevText(std::string_view value) {
 }
 
 UdevProperties UdevDatabase::propertiesOf(DeviceNumber block) const {
-    const auto text = readSmallFile(
-        folder_ + "/b" + std::to_string(block.major) + ":" + std::to_string(block.minor),
-        kRecordLimitBytes);
+    const auto text = readSmallFile(folder_ + "/b" + std::to_string(block.major) + ":" +
+                                    std::to_string(block.minor));
     return text ? parseUdevRecord(*text) : UdevProperties{};
 }
 
