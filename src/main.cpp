@@ -1,0 +1,49 @@
+// Puts the Linux machine and the daemon together and runs the loop until the daemon quits. No
+// options: the settings document says everything.
+
+#include <malloc.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <string>
+
+#include "core/KorvaneProDaemon.h"
+#include "platform/linux/LinuxMachine.h"
+#include "platform/linux/LinuxSystemLog.h"
+#include "storage/SupportFolder.h"
+
+namespace {
+
+// What the machine layer has to know again after a restart: beside the settings, hidden, since it
+// is the daemon's alone.
+korvane::LinuxVolumesPlaces volumesPlaces() {
+    korvane::LinuxVolumesPlaces places;
+    places.memoryFile = std::string(korvane::kSupportFolder) + "/.Volume Numbers.plist";
+    // The folder of links belongs to the whole machine, so only the machine's own daemon keeps it.
+    if (::geteuid() == 0) places.linksFolder = "/Volumes";
+    return places;
+}
+
+}  // namespace
+
+int main() {
+    // Threads never work at the same time here, so a second arena would only hold memory apart.
+    (void)::mallopt(M_ARENA_MAX, 1);
+    // A reader that has gone is an error of that write, not the end of the daemon.
+    (void)std::signal(SIGPIPE, SIG_IGN);
+
+    korvane::LinuxSystemLog systemLog;
+    try {
+        korvane::LinuxMachine linuxMachine(systemLog, volumesPlaces());
+        const korvane::Machine machine = linuxMachine.machine();
+        korvane::KorvaneProDaemon daemon(machine);
+        daemon.awakeFromNib();
+        machine.runLoop.run();
+    } catch (const std::exception& failure) {
+        systemLog.write(korvane::LogLevel::error, std::string("cannot run: ") + failure.what());
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}

@@ -1,0 +1,39 @@
+#include "platform/linux/LinuxMachine.h"
+
+#include <unistd.h>
+
+namespace korvane {
+
+LinuxMachine::LinuxMachine(SystemLog& systemLog, const LinuxVolumesPlaces& volumesPlaces)
+    : systemLog_(systemLog),
+      runLoop_(systemLog),
+      volumes_(runLoop_, volumesPlaces),
+      deviceRegistry_(runLoop_, LinuxDevicePlaces{}),
+      systemBus_(runLoop_, LinuxBus::Kind::system),
+      controlBus_(connectedControlBus()),
+      processes_(runLoop_, controlBus_),
+      sleepWatch_(runLoop_, systemBus_),
+      controlConnection_(runLoop_, controlBus_, systemLog) {}
+
+LinuxBus& LinuxMachine::connectedControlBus() {
+    systemBus_.connect();
+    if (::geteuid() == 0) return systemBus_;
+    sessionBus_.emplace(runLoop_, LinuxBus::Kind::session);
+    sessionBus_->connect();
+    return *sessionBus_;
+}
+
+Machine LinuxMachine::machine() {
+    return Machine{.runLoop = runLoop_,
+                   .clock = clock_,
+                   .fileSystem = fileSystem_,
+                   .volumes = volumes_,
+                   .deviceRegistry = deviceRegistry_,
+                   .powerSources = powerSources_,
+                   .processes = processes_,
+                   .systemLog = systemLog_,
+                   .controlConnection = controlConnection_,
+                   .host = host_};
+}
+
+}  // namespace korvane
