@@ -8,12 +8,6 @@ std::optional<ConstDriveEntry> ConstDriveEntry::over(const PropertyList& element
     return ConstDriveEntry(*fields);
 }
 
-const std::string& ConstDriveEntry::driveModel() const { return entryText(*fields_, "driveModel"); }
-
-const std::string& ConstDriveEntry::driveSerial() const {
-    return entryText(*fields_, "driveSerial");
-}
-
 bool ConstDriveEntry::smartOnOff() const { return booleanValue(fields_->find("smartOnOff")); }
 
 EntryStatus ConstDriveEntry::smartStatus() const { return entryStatus(*fields_, kSmartKeys); }
@@ -33,7 +27,5 @@ std::optional<DriveEntry> DriveEntry::over(PropertyList& element) {
 void DriveEntry::setSmartStatus(EntryStatus status) {
     setEntryStatus(*fields_, kSmartKeys, status);
 }
-
-void DriveEntry::setExecutionTimeSmart(Time due) { setExecutionTime(*fields_, kSmartKeys, due); }
 
 }  // namespace korvane

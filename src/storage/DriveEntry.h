@@ -4,7 +4,6 @@
 #pragma once
 
 #include <optional>
-#include <string>
 
 #include "base/Calendar.h"
 #include "base/PropertyList.h"
@@ -19,10 +18,6 @@ class ConstDriveEntry {
     // The view over an element of `driveArray`; nothing when that is no dictionary.
     [[nodiscard]] static std::optional<ConstDriveEntry> over(const PropertyList& element);
 
-    // The two halves of the entry's identity; empty when they are no texts. They hold until the
-    // dictionary next changes.
-    [[nodiscard]] const std::string& driveModel() const;
-    [[nodiscard]] const std::string& driveSerial() const;
     [[nodiscard]] bool smartOnOff() const;
 
     [[nodiscard]] EntryStatus smartStatus() const;
@@ -40,7 +35,6 @@ class DriveEntry : public ConstDriveEntry {
     [[nodiscard]] static std::optional<DriveEntry> over(PropertyList& element);
 
     void setSmartStatus(EntryStatus status);
-    void setExecutionTimeSmart(Time due);
 
   private:
     Dictionary* fields_;

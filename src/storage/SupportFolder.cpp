@@ -7,27 +7,11 @@ namespace korvane {
 
 namespace {
 
-// Escapes have the form that addresses on the web have: readable, and no name has them by chance.
-constexpr char kEscapedSlash[] = "%2F";
+// Escapes have the form that addresses on the web have, which people can read.
 constexpr char kEscapedDot[] = "%2E";
 constexpr char kEscapedDots[] = "%2E%2E";
 // Stands for a name without any part of its own.
 constexpr char kEscapedNothing[] = "%";
-
-std::string escapedDrivePart(std::string_view text) {
-    std::string escaped;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '/') {
-            escaped += kEscapedSlash;
-        } else if (text.substr(i, 2) == "..") {
-            escaped += kEscapedDots;
-            ++i;
-        } else {
-            escaped += text[i];
-        }
-    }
-    return escaped;
-}
 
 }  // namespace
 
@@ -53,11 +37,6 @@ std::string volumeFolderName(std::string_view displayName) {
 
 std::string volumeFolder(std::string_view displayName) {
     return std::string(kSupportFolder) + '/' + volumeFolderName(displayName);
-}
-
-std::string driveFolder(std::string_view model, std::string_view serial) {
-    return std::string(kSupportFolder) + '/' + escapedDrivePart(model) + " - " +
-           escapedDrivePart(serial);
 }
 
 }  // namespace korvane

@@ -31,8 +31,4 @@ inline constexpr char kTrashDeletesPrefix[] = "Trash Deletes";
 [[nodiscard]] std::string volumeFolderName(std::string_view displayName);
 [[nodiscard]] std::string volumeFolder(std::string_view displayName);
 
-// The same for a drive: model and serial joined by " - ". Both come from the drive's firmware, so
-// their slashes and ".." are escaped.
-[[nodiscard]] std::string driveFolder(std::string_view model, std::string_view serial);
-
 }  // namespace korvane

@@ -44,13 +44,5 @@ TEST(SupportFolder, IsNeverLeftByAVolumesName) {
     }
 }
 
-TEST(SupportFolder, HoldsADrivesFolderUnderItsModelAndSerial) {
-    const std::string support = std::string(kSupportFolder) + '/';
-    EXPECT_EQ(driveFolder("KD-1", "S1"), support + "KD-1 - S1");
-    EXPECT_EQ(driveFolder("A/B", "../x"), support + "A%2FB - %2E%2E%2Fx");
-    EXPECT_EQ(driveFolder("", ""), support + " - ");
-    EXPECT_EQ(driveFolder("v1.0", "..."), support + "v1.0 - %2E%2E.");
-}
-
 }  // namespace
 }  // namespace korvane
