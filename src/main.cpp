@@ -4,7 +4,10 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <exception>
 #include <string>
@@ -26,6 +29,15 @@ korvane::LinuxVolumesPlaces volumesPlaces() {
     return places;
 }
 
+// Whether this user may write the support folder or, where it is missing, make it.
+bool mayWriteSupportFolder() {
+    std::string folder = korvane::kSupportFolder;
+    while (::access(folder.c_str(), F_OK) != 0 && folder.size() > 1) {
+        folder.resize(std::max<std::size_t>(folder.rfind('/'), 1));
+    }
+    return ::access(folder.c_str(), W_OK | X_OK) == 0 || errno != EACCES;
+}
+
 }  // namespace
 
 int main() {
@@ -35,6 +47,12 @@ int main() {
     (void)std::signal(SIGPIPE, SIG_IGN);
 
     korvane::LinuxSystemLog systemLog;
+    if (!mayWriteSupportFolder()) {
+        systemLog.write(korvane::LogLevel::error, std::string("no right to write \"") +
+                                                      korvane::kSupportFolder +
+                                                      "\": start the daemon as root");
+        return EXIT_FAILURE;
+    }
     try {
         korvane::LinuxMachine linuxMachine(systemLog, volumesPlaces());
         const korvane::Machine machine = linuxMachine.machine();

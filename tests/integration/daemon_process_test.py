@@ -1,0 +1,378 @@
+"""The real daemon as a process, on the real machine's volumes, with a support folder, a folder of
+volume links and a message bus of its own.
+
+Runs as root in a mount namespace of its own. Waits are polls with a limit; the daemon is made to
+see a machine that has been up long enough, so that nothing waits for the delayed start.
+"""
+
+import contextlib
+import os
+import plistlib
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+PROGRAM = os.path.abspath(sys.argv.pop(1))
+SUPPORT = "/Library/Application Support/Korvane Protection"
+PREFERENCES = f"{SUPPORT}/KorvaneProtection.plist"
+BUS_CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig><listen>unix:path={socket}</listen><auth>EXTERNAL</auth>
+<policy context="default"><allow send_destination="*"/><allow receive_sender="*"/><allow own="*"/>
+<allow user="*"/></policy></busconfig>"""
+FAR_FUTURE = 4e9  # seconds since 1970
+
+
+def mount(*arguments):
+    subprocess.run(["mount", *arguments], check=True)
+
+
+def wait_for(condition, seconds=20):
+    """Waits until the condition is true and answers what it gave."""
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        result = condition()
+        if result:
+            return result
+        time.sleep(0.02)
+    raise AssertionError("what was waited for did not happen")
+
+
+def read_bytes(path):
+    with open(path, "rb") as file:
+        return file.read()
+
+
+def read_preferences():
+    try:
+        return plistlib.loads(read_bytes(PREFERENCES))
+    except (FileNotFoundError, plistlib.InvalidFileException, ValueError):
+        return None  # not there yet, or just being rewritten
+
+
+def root_device():
+    """The device that "/" lies on when it counts as a volume, else None."""
+    with open("/proc/self/mountinfo", encoding="utf-8", errors="surrogateescape") as table:
+        for line in table:
+            fields = line.split()
+            source = fields[fields.index("-") + 2]
+            if fields[4] == "/" and source.startswith("/dev/"):
+                return source
+    return None
+
+
+def volume_entries():
+    preferences = read_preferences() or {}
+    return {entry["volumeMountToName"]: entry for entry in preferences.get("volumeArray", [])}
+
+
+class PrivateBus:
+    """A dbus-daemon in a temporary folder, which can be killed and started again."""
+
+    def __init__(self):
+        self.folder = tempfile.mkdtemp(prefix="korvane-bus-")
+        os.chmod(self.folder, 0o755)
+        self.socket = f"{self.folder}/socket"
+        self.address = f"unix:path={self.socket}"
+        self.process = None
+        with open(f"{self.folder}/bus.conf", "w", encoding="utf-8") as file:
+            file.write(BUS_CONFIGURATION.format(socket=self.socket))
+
+    def start(self):
+        with open(f"{self.folder}/log", "ab") as log:
+            self.process = subprocess.Popen(
+                ["setpriv", "--pdeathsig", "KILL", "dbus-daemon",
+                 f"--config-file={self.folder}/bus.conf", "--nofork", "--nopidfile"], stderr=log)
+        wait_for(lambda: self.call("org.freedesktop.DBus", "/", "org.freedesktop.DBus",
+                                   "GetId").returncode == 0)
+
+    def kill(self):
+        if self.process:
+            self.process.kill()
+            self.process.wait()
+            self.process = None
+            with contextlib.suppress(FileNotFoundError):
+                os.unlink(self.socket)
+
+    def end(self):
+        self.kill()
+        shutil.rmtree(self.folder)
+
+    def call(self, *arguments, user=None):
+        command = ["busctl", f"--address={self.address}", "--timeout=10", "call", *arguments]
+        return subprocess.run(command, capture_output=True, text=True, check=False, user=user)
+
+    def send(self, word, user=None):
+        return self.call("com.quorlen.KorvaneProDaemon", "/com/quorlen/KorvaneProDaemon",
+                         "com.quorlen.KorvaneProDaemon", "messageXmitRcvr", "s", word, user=user)
+
+
+class Daemon:
+    """One run of the real daemon."""
+
+    def __init__(self, bus_address="unix:path=/nonexistent/bus", boot_seconds=1000, umask=0o022,
+                 user=None):
+        self.log = tempfile.TemporaryFile()
+        self.process = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", "unshare", "--time", "--boottime",
+             str(boot_seconds), PROGRAM] if user is None else [PROGRAM],
+            env={"PATH": os.environ["PATH"], "DBUS_SYSTEM_BUS_ADDRESS": bus_address,
+                 "ASAN_OPTIONS": "detect_leaks=0"},
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=self.log, umask=umask,
+            user=user, group=user, extra_groups=None if user is None else [])
+
+    def lines(self):
+        self.log.seek(0)
+        return self.log.read().decode().splitlines()
+
+    def wait_for_line(self, text):
+        wait_for(lambda: any(text in line for line in self.lines()))
+
+    def terminate(self):
+        """Sends SIGTERM; answers the exit status and how long the end took."""
+        began = time.monotonic()
+        self.process.send_signal(signal.SIGTERM)
+        status = self.process.wait(timeout=10)
+        return status, time.monotonic() - began
+
+    def end(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait()
+        self.log.close()
+
+
+class DaemonProcess(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.place = tempfile.mkdtemp(prefix="korvane-process-")
+        mount("--make-rprivate", "/")
+        for folder in ("/Library", "/Volumes"):
+            os.makedirs(cls.place + folder)
+            os.makedirs(folder, exist_ok=True)
+            mount("--bind", cls.place + folder, folder)
+        # Without the machine's logs the daemon writes its lines to standard error.
+        for folder in ("/run/systemd/journal", "/dev/log"):
+            if os.path.isdir(folder):
+                mount("-t", "tmpfs", "none", folder)
+            elif os.path.exists(folder):
+                mount("--bind", "/dev/null", folder)
+        cls.root = root_device()
+
+    @classmethod
+    def tearDownClass(cls):
+        for folder in ("/Library", "/Volumes"):
+            subprocess.run(["umount", "--lazy", folder], check=True)
+        shutil.rmtree(cls.place)
+
+    def setUp(self):
+        for folder in ("/Library", "/Volumes"):
+            for name in os.listdir(folder):
+                path = f"{folder}/{name}"
+                if os.path.isdir(path) and not os.path.islink(path):
+                    shutil.rmtree(path)
+                else:
+                    os.unlink(path)
+
+    def start(self, **arguments):
+        daemon = Daemon(**arguments)
+        self.addCleanup(daemon.end)
+        daemon.wait_for_line("Started on system version")
+        return daemon
+
+    def start_bus(self):
+        bus = PrivateBus()
+        self.addCleanup(bus.end)
+        bus.start()
+        return bus
+
+    def needs_root_volume(self):
+        if not self.root:
+            self.skipTest("this machine's / lies on no device of its own")
+
+    def write_preferences(self, **changes):
+        """A settled document: no check is due for a long time."""
+        entry = {"volumeMountToName": "/", "volumeOnOff": True, "directoryOnOff": False,
+                 "isCoreStorageEncrypted": False, "trashOnOff": False, "freeSpaceWarningLevel": 0,
+                 "usageStatus": "3", "directoryStatus": "3", "executionTimeUsage": FAR_FUTURE,
+                 "executionTimeDirectory": FAR_FUTURE,
+                 **{f"executionInterval{kind}_{part}": 1 for kind in ("Usage", "Directory")
+                    for part in ("hours", "minutes", "seconds")}}
+        document = {"DAEMON_ON": True, "volumeUsageOnOff": True, "directoryBackupOnOff": True,
+                    "smartCheckOnOff": True, "trashSaveDays": 5, "usageEntryLimit": 15,
+                    "smartEntryLimit": 15, "directoryFilesToSave": 3, "driveArray": [],
+                    "directoryBackupLocations": ["/Volumes/System"], "volumeArray": [entry],
+                    "ofAnotherVersion": {"kept": ["as", "it", "is"]}, **changes}
+        os.makedirs(SUPPORT)
+        with open(PREFERENCES, "wb") as file:
+            file.write(plistlib.dumps(document))
+
+    def test_creates_the_preferences_with_their_defaults_and_open_permissions(self):
+        daemon = self.start(umask=0o077)
+        preferences = wait_for(read_preferences)
+        self.assertEqual(os.stat(PREFERENCES).st_mode & 0o7777, 0o666)
+        self.assertIs(preferences["DAEMON_ON"], True)
+        self.assertIs(preferences["emailEnabled"], False)
+        self.assertEqual(preferences["emailPort"], "")
+        self.assertEqual(preferences["trashSaveDays"], 5)
+        self.assertEqual(preferences["directoryBackupLocations"], ["/Volumes/System"])
+        self.assertEqual(len(preferences), 24)
+        self.assertEqual(daemon.terminate()[0], 0)
+
+    def test_keeps_an_entry_a_folder_and_a_marker_for_the_root_volume_and_none_for_an_image(self):
+        self.needs_root_volume()
+        image = f"{self.place}/image"
+        with open(image, "wb") as file:
+            file.truncate(8 << 20)
+        subprocess.run(["mkfs.ext4", "-q", image], check=True)
+        os.mkdir("/Volumes/Image")
+        attached = subprocess.run(["mount", "-o", "loop", image, "/Volumes/Image"], check=False,
+                                  capture_output=True).returncode == 0
+        try:
+            self.start()
+            entry = wait_for(lambda: volume_entries().get("/"))
+            self.assertEqual(entry["freeSpaceWarningLevel"], 15)
+            self.assertEqual(entry["executionIntervalUsage_minutes"], 5)
+            self.assertEqual(entry["usageStatus"], "0")
+            self.assertNotIn("/Volumes/Image", volume_entries())
+            marker = f"{SUPPORT}/System/DirectoryBackup (ON)"
+            wait_for(lambda: os.path.exists(marker))
+            self.assertEqual(os.stat(marker).st_mode & 0o7777, 0o666)
+            self.assertEqual(os.stat(marker).st_size, 0)
+            wait_for(lambda: os.path.islink("/Volumes/System"))
+            self.assertEqual(os.readlink("/Volumes/System"), "/")
+        finally:
+            if attached:
+                subprocess.run(["umount", "/Volumes/Image"], check=True)
+            os.unlink(image)
+
+    def test_checks_the_usage_of_a_due_volume_and_keeps_its_history(self):
+        self.needs_root_volume()
+        self.write_preferences()
+        preferences = read_preferences()
+        preferences["volumeArray"][0]["executionTimeUsage"] = 1.0
+        with open(PREFERENCES, "wb") as file:
+            file.write(plistlib.dumps(preferences))
+        began = time.time()
+        self.start()
+        history = f"{SUPPORT}/System/Volume Usage.plist"
+        wait_for(lambda: os.path.exists(history))
+        entry = wait_for(lambda: (volume_entries().get("/") or {}).get("usageStatus") == "3" and
+                         volume_entries()["/"])
+        self.assertGreater(entry["executionTimeUsage"], began + 3661)
+        self.assertEqual(len(plistlib.loads(read_bytes(history))["logEntries"]), 1)
+        self.assertEqual(os.stat(history).st_mode & 0o7777, 0o666)
+        self.assertEqual(read_preferences()["ofAnotherVersion"], {"kept": ["as", "it", "is"]})
+
+    def test_waits_until_the_machine_has_been_up_for_two_minutes(self):
+        uptime = float(read_bytes("/proc/uptime").split()[0])
+        daemon = self.start(boot_seconds=int(30 - uptime))
+        daemon.wait_for_line("protection begins in ")
+        self.assertRegex("\n".join(daemon.lines()), r"protection begins in (8\d|90) seconds")
+        daemon.process.send_signal(signal.SIGHUP)
+        time.sleep(1.5)  # long enough for a tick, which must not come
+        self.assertEqual(volume_entries(), {})
+        status, seconds = daemon.terminate()
+        self.assertEqual(status, 0)
+        self.assertLess(seconds, 1)
+
+    def test_ends_at_once_on_sigterm_and_saves_nothing(self):
+        self.write_preferences()
+        daemon = self.start()
+        wait_for(lambda: volume_entries()["/"]["usageStatus"] in ("0", "5"))
+        time.sleep(1.5)  # past the first tick
+        before = (read_bytes(PREFERENCES), os.stat(PREFERENCES).st_mtime_ns)
+        status, seconds = daemon.terminate()
+        self.assertEqual(status, 0)
+        self.assertLess(seconds, 1)
+        self.assertEqual((read_bytes(PREFERENCES), os.stat(PREFERENCES).st_mtime_ns), before)
+
+    def test_ends_at_once_on_sigint_too(self):
+        daemon = self.start()
+        daemon.process.send_signal(signal.SIGINT)
+        self.assertEqual(daemon.process.wait(timeout=5), 0)
+
+    def test_sighup_brings_a_tick_within_seconds(self):
+        self.needs_root_volume()
+        self.write_preferences()
+        daemon = self.start()
+        folder = f"{SUPPORT}/System"
+        wait_for(lambda: os.path.isdir(folder))
+        time.sleep(1.5)  # past the first tick; the next is an hour away
+        shutil.rmtree(folder)
+        daemon.process.send_signal(signal.SIGHUP)
+        wait_for(lambda: os.path.isdir(folder), seconds=4)
+
+    def test_an_unusable_document_stays_byte_for_byte(self):
+        for contents in (b"", b"bplist00\xd1\x01\x02", b"<plist><dict><key>DAEMON_ON</key>",
+                         b"\x00" * 4096, b"<plist>" + b"<array>" * 20000):
+            with self.subTest(contents[:20]):
+                self.setUp()
+                os.makedirs(SUPPORT)
+                with open(PREFERENCES, "wb") as file:
+                    file.write(contents)
+                os.chmod(PREFERENCES, 0o640)
+                daemon = self.start()
+                daemon.wait_for_line("cannot be used and is left as it is")
+                time.sleep(1.2)  # past the first tick
+                self.assertEqual(daemon.terminate()[0], 0)
+                self.assertEqual(read_bytes(PREFERENCES), contents)
+                self.assertEqual(os.stat(PREFERENCES).st_mode & 0o7777, 0o640)
+
+    def test_serves_control_words_and_ends_when_the_support_folder_has_gone(self):
+        bus = self.start_bus()
+        daemon = self.start(bus_address=bus.address)
+        self.assertEqual(bus.send("isSMARTExecuteComplete").stdout, "b true\n")
+        self.assertEqual(bus.send("no such word").stdout, "b true\n")
+        self.assertEqual(bus.send("daemonPreferencesUpdatedNotification").stdout, "b true\n")
+        self.assertIn("Access denied", bus.send("daemonStopYourEngines", user=65534).stderr)
+        shutil.rmtree(SUPPORT)
+        self.assertEqual(bus.send("daemonPreferencesUpdatedNotification").stdout, "b true\n")
+        self.assertEqual(daemon.process.wait(timeout=5), 0)
+        self.assertFalse(os.path.exists(SUPPORT))
+
+    def test_a_reload_takes_up_what_another_program_wrote(self):
+        self.needs_root_volume()
+        bus = self.start_bus()
+        self.write_preferences(DAEMON_ON=False)
+        self.start(bus_address=bus.address)
+        wait_for(lambda: volume_entries()["/"]["usageStatus"] == "0")
+        preferences = read_preferences()
+        preferences["DAEMON_ON"] = True
+        preferences["volumeArray"][0]["executionTimeUsage"] = 1.0
+        with open(PREFERENCES, "wb") as file:
+            file.write(plistlib.dumps(preferences))
+        bus.send("daemonStartYourEngines")
+        wait_for(lambda: os.path.exists(f"{SUPPORT}/System/Volume Usage.plist"))
+
+    def test_a_second_daemon_goes_on_without_the_channel_and_says_nothing(self):
+        bus = self.start_bus()
+        self.start(bus_address=bus.address)
+        second = self.start(bus_address=bus.address)
+        self.assertEqual(bus.send("isSMARTExecuteComplete").stdout, "b true\n")
+        self.assertIsNone(second.process.poll())
+        self.assertEqual(len(second.lines()), 1)
+
+    def test_outlives_its_bus_and_takes_its_name_again(self):
+        bus = self.start_bus()
+        daemon = self.start(bus_address=bus.address)
+        bus.kill()
+        time.sleep(0.3)  # some attempts in vain
+        bus.start()
+        wait_for(lambda: bus.send("isSMARTExecuteComplete").stdout == "b true\n")
+        self.assertEqual(daemon.terminate()[0], 0)
+
+    def test_says_that_it_may_not_write_and_ends(self):
+        daemon = Daemon(user=65534)
+        self.addCleanup(daemon.end)
+        self.assertEqual(daemon.process.wait(timeout=10), 1)
+        self.assertEqual(len(daemon.lines()), 1)
+        self.assertIn("no right to write", daemon.lines()[0])
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
