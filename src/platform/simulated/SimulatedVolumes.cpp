@@ -340,7 +340,9 @@ std::int16_t SimulatedVolumes::referenceNumberFor(const MountDescription& mount)
 }
 
 void SimulatedVolumes::applyToFileSystem(const Mounted& mounted) {
-    fileSystem_.setFull(mounted.description.device, mounted.description.freeBytes == 0);
+    // Without a size it is a pseudo file system, which is never full.
+    fileSystem_.setFull(mounted.description.device,
+                        mounted.description.sizeBytes > 0 && mounted.description.freeBytes == 0);
     fileSystem_.setReadOnly(mounted.description.device, !mounted.description.isWritable);
 }
 
