@@ -1,0 +1,322 @@
+// Ticks: what one starts, what it arms, and what keeps the daemon at rest.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "scenarios/DaemonFiles.h"
+#include "support/Scenario.h"
+
+namespace korvane {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using std::chrono::minutes;
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+// By then the watch for the emergency volume has given up and every volume has been checked once.
+constexpr seconds kSettled{60};
+
+// Volumes that ask for nothing by themselves: their checks are due in a week, their backups off.
+Dictionary quietVolume(Scenario& scenario, const std::string& path, double dueInSeconds = 604'800) {
+    return Dictionary{{"volumeMountToName", path},
+                      {"freeSpaceWarningLevel", 15},
+                      {"executionIntervalUsage_hours", 168},
+                      {"executionTimeUsage", scenario.secondsNow() + dueInSeconds}};
+}
+
+void putVolumes(Scenario& scenario, PropertyListArray volumes) {
+    Dictionary preferences = completePreferences();
+    preferences.set("volumeArray", std::move(volumes));
+    putPreferences(scenario, preferences);
+}
+
+// A scenario of two quiet volumes after its first tick, with the emergency watch at rest.
+void settle(Scenario& scenario) {
+    putVolumes(scenario, {quietVolume(scenario, "/"), quietVolume(scenario, "/Volumes/Data")});
+    scenario.run(kSettled);
+}
+
+// Replaces the settings and has the daemon read them; what is pending then.
+std::vector<double> pendingAfterReload(Scenario& scenario, PropertyListArray volumes) {
+    putVolumes(scenario, std::move(volumes));
+    scenario.send("daemonPreferencesUpdatedNotification");
+    return scenario.pendingDelays();
+}
+
+TEST(Tick, StartsTheUsageCheckOfTheFirstDueVolumeOnly) {
+    Scenario s("three-volumes");
+    s.run(milliseconds(9'999));
+    EXPECT_THAT(usageResultsIn(s, "System"), IsEmpty());
+    s.run(milliseconds(1));
+    EXPECT_THAT(usageResultsIn(s, "System"), SizeIs(1));
+    EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
+    // Each check's save asks for the tick that starts the next one.
+    s.run(seconds(1));
+    EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(1));
+    EXPECT_THAT(usageResultsIn(s, "Backup"), IsEmpty());
+    s.run(seconds(1));
+    EXPECT_THAT(usageResultsIn(s, "Backup"), SizeIs(1));
+}
+
+TEST(Tick, TakesHalfASecondAheadAsDue) {
+    Scenario s("two-volumes");
+    putVolumes(s, {quietVolume(s, "/"), quietVolume(s, "/Volumes/Data", 1.5)});
+    s.run(seconds(1));
+    EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(1));
+}
+
+TEST(Tick, LeavesAVolumeOutThatIsNotAvailable) {
+    Scenario s("two-volumes");
+    putVolumes(s, {quietVolume(s, "/Volumes/Gone", -60), quietVolume(s, "/"),
+                   quietVolume(s, "/Volumes/Data", -60)});
+    s.run(seconds(10));
+    EXPECT_EQ(usageStatusIn(s, "/Volumes/Gone"), "5");
+    EXPECT_EQ(usageStatusIn(s, "/Volumes/Data"), "3");
+}
+
+TEST(Tick, StopsAtARunningCheckWhoseTimeHasCome) {
+    Scenario s("two-volumes");
+    settle(s);
+    Dictionary running = quietVolume(s, "/", -60);
+    running.set("usageStatus", "2");
+    (void)pendingAfterReload(s, {running, quietVolume(s, "/Volumes/Data", -60)});
+    s.run(hours(1));
+    EXPECT_EQ(usageStatusIn(s, "/"), "2");
+    EXPECT_THAT(usageResultsIn(s, "System"), IsEmpty());
+    EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
+}
+
+TEST(Tick, DoesNothingWhileTheUsageCheckIsSwitchedOff) {
+    Scenario s("two-volumes");
+    Dictionary preferences = completePreferences();
+    preferences.set("volumeUsageOnOff", false);
+    preferences.set("volumeArray", PropertyListArray{quietVolume(s, "/Volumes/Data", -60)});
+    putPreferences(s, preferences);
+    s.run(hours(2));
+    EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
+    EXPECT_FALSE(s.hasEnded());
+}
+
+TEST(Tick, RefreshesTheInventoryBeforeItLooksForWhatIsDue) {
+    Scenario s("two-volumes");
+    putVolumes(s, {quietVolume(s, "/"), quietVolume(s, "/Volumes/Data", -60)});
+    s.start();
+    s.unmount("/Volumes/Data");
+    s.run(seconds(2));
+    EXPECT_EQ(usageStatusIn(s, "/Volumes/Data"), "5");
+    EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
+}
+
+TEST(Tick, KeepsAWarningWhileTheCheckRuns) {
+    Scenario s("two-volumes");
+    settle(s);
+    Dictionary warned = quietVolume(s, "/Volumes/Data", -60);
+    warned.set("usageStatus", "4");
+    s.fill("/Volumes/Data", 95_percent);
+    (void)pendingAfterReload(s, {quietVolume(s, "/"), warned});
+    s.run(seconds(3));
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("failed"));
+    EXPECT_EQ(usageStatusIn(s, "/Volumes/Data"), "4");
+}
+
+// A timer's index is read when it fires: by then another array may stand there.
+TEST(Tick, StartsACheckByIndexWhateverStandsThereThen) {
+    Scenario s("two-volumes");
+    settle(s);
+    (void)pendingAfterReload(s, {quietVolume(s, "/"), quietVolume(s, "/Volumes/Data", 10)});
+    s.run(milliseconds(9'999));
+    // The tick and the check that it starts fall into one instant; the reload comes between them.
+    s.machine().runLoop.runOnce();
+    putVolumes(s, {});
+    s.send("daemonPreferencesUpdatedNotification");
+    s.run(seconds(5));
+    EXPECT_FALSE(s.hasEnded());
+    EXPECT_THAT(volumePathsIn(s), ElementsAre("/", "/Volumes/Data"));
+}
+
+TEST(OutTimer, IsArmedForTheEarliestCheck) {
+    Scenario s("two-volumes");
+    settle(s);
+    const PropertyList data(quietVolume(s, "/Volumes/Data"));
+    EXPECT_THAT(pendingAfterReload(s, {quietVolume(s, "/", 90), data}), ElementsAre(90));
+    EXPECT_THAT(pendingAfterReload(s, {quietVolume(s, "/", 90.9), data}), ElementsAre(90));
+    EXPECT_THAT(pendingAfterReload(s, {quietVolume(s, "/", 1), data}), ElementsAre(1));
+    EXPECT_THAT(pendingAfterReload(s, {quietVolume(s, "/", 2), data}), ElementsAre(2));
+}
+
+TEST(OutTimer, IsArmedForAnHourAtMost) {
+    Scenario s("two-volumes");
+    settle(s);
+    EXPECT_THAT(pendingAfterReload(s, {quietVolume(s, "/", 7230), quietVolume(s, "/Volumes/Data")}),
+                ElementsAre(3600));
+}
+
+TEST(OutTimer, IsArmedForAnHourWithoutAnyEntry) {
+    Scenario s("empty");
+    s.run(kSettled);
+    EXPECT_THAT(volumePathsIn(s), IsEmpty());
+    ASSERT_THAT(s.pendingDelays(), SizeIs(1));
+    EXPECT_DOUBLE_EQ(s.pendingDelays()[0], 3600 - (kSettled.count() - 1));
+}
+
+TEST(OutTimer, IsArmedForThreeSecondsWhenSomethingIsOverdue) {
+    Scenario s("two-volumes");
+    settle(s);
+    for (const double ahead : {0.0, 0.9, -0.5, -3600.0}) {
+        EXPECT_THAT(
+            pendingAfterReload(s, {quietVolume(s, "/", ahead), quietVolume(s, "/Volumes/Data")}),
+            ElementsAre(3))
+            << ahead;
+    }
+}
+
+TEST(OutTimer, TicksEveryThreeSecondsWhileACheckRuns) {
+    Scenario s("two-volumes");
+    settle(s);
+    Dictionary running = quietVolume(s, "/", -60);
+    running.set("usageStatus", "2");
+    (void)pendingAfterReload(s, {running, quietVolume(s, "/Volumes/Data")});
+    // Each tick refreshes the inventory: the new entry comes with the next one.
+    for (int round = 1; round <= 3; ++round) {
+        s.run(milliseconds(2'999));
+        EXPECT_THAT(s.pendingDelays(), ElementsAre(0.001));
+        s.run(milliseconds(1));
+        EXPECT_THAT(s.pendingDelays(), ElementsAre(3));
+    }
+}
+
+TEST(OutTimer, CountsBackupsAndDrivesThatAreSwitchedOn) {
+    Scenario s("two-volumes");
+    settle(s);
+    Dictionary backedUp = quietVolume(s, "/");
+    backedUp.set("directoryOnOff", true);
+    backedUp.set("executionTimeDirectory", s.secondsNow() + 50);
+    EXPECT_THAT(pendingAfterReload(s, {backedUp, quietVolume(s, "/Volumes/Data")}),
+                ElementsAre(50));
+    backedUp.set("directoryOnOff", false);
+    EXPECT_THAT(pendingAfterReload(s, {backedUp, quietVolume(s, "/Volumes/Data")}),
+                ElementsAre(3600));
+
+    s.editPreferences([&](Dictionary& preferences) {
+        preferences.set("driveArray",
+                        PropertyListArray{Dictionary{{"smartOnOff", true},
+                                                     {"executionTimeSmart", s.secondsNow() + 40}}});
+    });
+    s.send("daemonPreferencesUpdatedNotification");
+    EXPECT_THAT(s.pendingDelays(), ElementsAre(40));
+}
+
+TEST(OutTimer, IsNotArmedWhileASwitchIsMissing) {
+    for (const char* key : {"volumeUsageOnOff", "smartCheckOnOff", "directoryBackupOnOff"}) {
+        Scenario s("two-volumes");
+        settle(s);
+        s.editPreferences([&](Dictionary& preferences) { preferences.remove(key); });
+        s.send("daemonPreferencesUpdatedNotification");
+        EXPECT_THAT(s.pendingDelays(), IsEmpty()) << key;
+    }
+}
+
+TEST(OutTimer, IsTheOnlyOnePendingAfterATick) {
+    Scenario s("two-volumes");
+    settle(s);
+    EXPECT_THAT(s.pendingDelays(), SizeIs(1));
+    s.becomeActive().run(seconds(2));
+    EXPECT_THAT(s.pendingDelays(), SizeIs(1));
+}
+
+TEST(OnBattery, ATickStillChecksAndArmsNothing) {
+    Scenario s("two-volumes");
+    settle(s);
+    s.onBattery();
+    EXPECT_THAT(pendingAfterReload(s, {quietVolume(s, "/"), quietVolume(s, "/Volumes/Data", -60)}),
+                IsEmpty());
+    s.becomeActive().run(seconds(1));
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed"));
+    // The check's save brings one more tick, and then there is nothing to wait for.
+    s.run(seconds(1));
+    EXPECT_THAT(s.pendingDelays(), IsEmpty());
+    s.run(hours(24));
+    EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(1));
+}
+
+TEST(OnBattery, PowerComingBackArmsNothingByItself) {
+    Scenario s("two-volumes");
+    settle(s);
+    s.onBattery().becomeActive().run(seconds(5));
+    EXPECT_THAT(s.pendingDelays(), IsEmpty());
+    s.onMains().run(hours(2));
+    EXPECT_THAT(s.pendingDelays(), IsEmpty());
+    s.becomeActive().run(seconds(2));
+    EXPECT_THAT(s.pendingDelays(), SizeIs(1));
+}
+
+TEST(OnBattery, AnyOtherStateThanMainsCountsAsBattery) {
+    Scenario s("two-volumes");
+    settle(s);
+    const struct {
+        std::vector<std::string> states;
+        bool isArmed;
+    } rows[] = {{{"AC Power", "AC Power"}, true},
+                {{"AC Power", "Off Line"}, false},
+                {{"Battery Power"}, false},
+                {{}, true}};
+    for (const auto& row : rows) {
+        s.setPowerSources(row.states);
+        s.send("daemonPreferencesUpdatedNotification");
+        EXPECT_EQ(s.pendingDelays().size(), row.isArmed ? 1u : 0u);
+    }
+    // A machine without power-source information is on mains.
+    s.setPowerSources(std::nullopt);
+    s.send("daemonPreferencesUpdatedNotification");
+    EXPECT_THAT(s.pendingDelays(), SizeIs(1));
+}
+
+TEST(SwitchedOff, TheDaemonRestsUntilAReload) {
+    Scenario s("two-volumes");
+    settle(s);
+    s.editPreferences([](Dictionary& preferences) { preferences.set("DAEMON_ON", false); });
+    s.send("daemonStopYourEngines");
+    EXPECT_THAT(s.pendingDelays(), IsEmpty());
+    s.run(hours(24));
+    EXPECT_THAT(s.pendingDelays(), IsEmpty());
+
+    // A tick that an event asks for ends before it does anything.
+    s.plug("stick").run(minutes(5));
+    s.becomeActive().run(minutes(5));
+    EXPECT_THAT(usageResultsIn(s, "Stick"), IsEmpty());
+    EXPECT_THAT(s.pendingDelays(), IsEmpty());
+
+    s.editPreferences([](Dictionary& preferences) { preferences.set("DAEMON_ON", true); });
+    s.send("daemonStartYourEngines");
+    EXPECT_THAT(s.pendingDelays(), SizeIs(1));
+}
+
+TEST(SwitchedOff, AnAbsentSwitchCountsAsOn) {
+    Scenario s("two-volumes");
+    Dictionary preferences = completePreferences();
+    preferences.remove("DAEMON_ON");
+    putPreferences(s, preferences);
+    s.run(minutes(1));
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed"));
+}
+
+TEST(SettingTheClock, BackOnlyDelaysAndForwardOnlyHastens) {
+    Scenario s("two-volumes");
+    settle(s);
+    (void)pendingAfterReload(s, {quietVolume(s, "/"), quietVolume(s, "/Volumes/Data", 300)});
+    s.stepClock(-hours(2)).run(minutes(10));
+    EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
+    s.stepClock(hours(3)).run(hours(1));
+    EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(1));
+}
+
+}  // namespace
+}  // namespace korvane
