@@ -5,6 +5,7 @@
 namespace korvane {
 namespace {
 
+constexpr std::uint32_t kRoot = 0;
 constexpr char kMedia[] = "IOMedia";
 constexpr char kCompactDiscMedia[] = "IOCDMedia";
 constexpr char kDvdMedia[] = "IODVDMedia";
@@ -13,6 +14,7 @@ constexpr char kDrive[] = "IOBlockStorageDevice";
 }  // namespace
 
 DeviceTree::DeviceTree(const Disks& disks) {
+    (void)addNode(Dictionary{}, kNone);
     for (const auto& [name, disk] : disks) {
         addDisk(disk);
     }
@@ -20,7 +22,7 @@ DeviceTree::DeviceTree(const Disks& disks) {
 }
 
 void DeviceTree::addDisk(const DiskFacts& disk) {
-    std::uint32_t parent = kNone;
+    std::uint32_t parent = kRoot;
     for (auto each = disk.ancestors.rbegin(); each != disk.ancestors.rend(); ++each) {
         parent = addNode(*each, parent);
     }
@@ -59,7 +61,7 @@ void DeviceTree::hangMappings(const Disks& disks) {
     }
     for (const auto& [name, disk] : disks) {
         const std::uint32_t media = mediaOfKernelName_.at(name);
-        if (nodes_[media].parent != kNone || disk.underlying.empty()) {
+        if (disk.underlying.empty()) {
             continue;
         }
         const auto below = mediaOfKernelName_.find(disk.underlying.front());
@@ -68,7 +70,7 @@ void DeviceTree::hangMappings(const Disks& disks) {
         }
         // Readings of a tree in motion may seem to form a ring.
         std::uint32_t top = below->second;
-        while (top != media && nodes_[top].parent != kNone) {
+        while (top != media && top != kRoot) {
             top = nodes_[top].parent;
         }
         if (top == media) {

@@ -31,9 +31,10 @@ class DeviceTree {
         std::uint32_t firstChild = kNone;
     };
 
-    // From the outside in, for a disk with a drive of its own: what it hangs on, the drive, the
-    // whole disk's media, its partitions. The media of a mapping or an array hangs on the media of
-    // the first device that it lies on, and is encrypted when one of those it lies on is.
+    // One root without properties. Below it, from the outside in, for a disk with a drive of its
+    // own: what it hangs on, the drive, the whole disk's media, its partitions. The media of a
+    // mapping or an array hangs on the media of the first device that it lies on, and is encrypted
+    // when one of those it lies on is.
     explicit DeviceTree(const Disks& disks);
 
     [[nodiscard]] const std::vector<Node>& nodes() const { return nodes_; }

@@ -287,10 +287,11 @@ class DiskReader {
             identity.isSmartSupported = udev("ID_ATA_FEATURE_SET_SMART") == "1";
         }
         if (identity.model.empty()) {
-            // The SCSI form of the name has 16 characters; a full one may have lost its end.
-            constexpr std::size_t kInquiryModelLength = 16;
+            // The SCSI form of the name has 16 characters: a longer name has lost its end, perhaps
+            // right after a blank.
+            constexpr std::size_t kSurelyWhole = 14;
             const std::string name = deviceAttribute("model");
-            identity.model = name.size() < kInquiryModelLength ? name : std::string{};
+            identity.model = name.size() <= kSurelyWhole ? name : std::string{};
         }
         if (identity.serial.empty()) {
             identity.serial = parseUnitSerialPage(attribute("device/vpd_pg80").value_or(""));
