@@ -81,6 +81,7 @@ class KorvaneProDaemon final : public ControlTarget {
     void doStartup();
     void applicationWillBecomeActive();
     void applicationWillTerminate();
+    void removeObservers();
     void didTerminateApplicationNotification(const std::string& bundleIdentifier);
     // Whether the suite's main application runs.
     [[nodiscard]] bool isKorvaneProRunning();

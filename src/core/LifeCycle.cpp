@@ -41,7 +41,11 @@ void markNotYetExamined(PropertyListArray& driveArray, PropertyListArray& volume
 
 KorvaneProDaemon::KorvaneProDaemon(const Machine& machine) : machine_(machine) {}
 
-KorvaneProDaemon::~KorvaneProDaemon() = default;
+KorvaneProDaemon::~KorvaneProDaemon() {
+    removeObservers();
+    machine_.runLoop.setWillTerminate(nullptr);
+    machine_.runLoop.setWillBecomeActive(nullptr);
+}
 
 void KorvaneProDaemon::awakeFromNib() {
     machine_.runLoop.setWillBecomeActive([this] { applicationWillBecomeActive(); });
@@ -86,6 +90,10 @@ void KorvaneProDaemon::applicationWillBecomeActive() {
 // Saves nothing: the preferences are written in the course of the work alone.
 void KorvaneProDaemon::applicationWillTerminate() {
     destConnection.reset();
+    removeObservers();
+}
+
+void KorvaneProDaemon::removeObservers() {
     machine_.volumes.setDidMount(nullptr);
     machine_.volumes.setDidUnmount(nullptr);
     machine_.processes.setDidTerminateApplication(nullptr);
@@ -121,7 +129,7 @@ void KorvaneProDaemon::quit() {
 
 // The folder is the daemon's life line: its removal means that the suite has been removed.
 void KorvaneProDaemon::quitWithoutSupportFolder() {
-    machine_.systemLog.write(LogLevel::info, formatText("\"%@\" is gone: quitting.",
+    machine_.systemLog.write(LogLevel::info, formatText("\"%@\" is no longer a folder: quitting.",
                                                         {std::string_view(kSupportFolder)}));
     quit();
 }

@@ -174,6 +174,33 @@ TEST(HistoryLog, ThatCannotBeWrittenCostsOnlyItself) {
     EXPECT_DOUBLE_EQ(executionTimeUsageIn(s, "/Volumes/Data"), s.secondsNow() + 300);
 }
 
+TEST(HistoryLog, LiesInANestedFolderWhereTheNameHasASlash) {
+    MachineDescription description = Scenario::describe("one-volume");
+    for (MountDescription& mount : description.mounts) {
+        if (mount.path == "/Volumes/Data") mount.displayName = "Work/Data";
+    }
+    Scenario s(description);
+    s.run(seconds(10));
+    EXPECT_TRUE(s.machine().fileSystem.exists(std::string(kSupportFolder) +
+                                              "/Work/Data/Volume Usage.plist"));
+    EXPECT_THAT(usageResultsIn(s, "Work/Data"), ElementsAre("passed"));
+}
+
+TEST(HistoryLog, NeverLiesOutsideTheSupportFolder) {
+    MachineDescription description = Scenario::describe("one-volume");
+    for (MountDescription& mount : description.mounts) {
+        if (mount.path == "/Volumes/Data") mount.displayName = "../../outside";
+    }
+    Scenario s(description);
+    s.run(seconds(10));
+    EXPECT_THAT(usageResultsIn(s, "../../outside"), ElementsAre("passed"));
+    for (const std::string& path : s.machine().fileSystem.paths()) {
+        if (path.ends_with("Volume Usage.plist")) {
+            EXPECT_TRUE(path.starts_with(std::string(kSupportFolder) + "/")) << path;
+        }
+    }
+}
+
 TEST(HistoryLog, OfTwoVolumesOfOneNameIsShared) {
     Scenario s("one-volume");
     s.mount("/media/Data").run(minutes(1));

@@ -207,6 +207,18 @@ TEST(ApplicationsEnding, NoOtherEndsTheDaemon) {
     EXPECT_EQ(s.terminateSends(), 0);
 }
 
+TEST(Termination, LeavesNothingBehindThatCouldCallIt) {
+    Scenario s("two-volumes");
+    s.run(minutes(1));
+    s.machine().runLoop.terminate();
+    s.run(seconds(1));
+    const auto log = s.log();
+    s.plug("stick").unmount("/Volumes/Data").endApplication("com.quorlen.korvanepro");
+    s.becomeActive().run(minutes(10));
+    EXPECT_EQ(s.log(), log);
+    EXPECT_THAT(volumePathsIn(s), ElementsAre("/", "/Volumes/Data"));
+}
+
 TEST(Termination, SavesNothing) {
     Scenario s("two-volumes");
     s.run(minutes(1));

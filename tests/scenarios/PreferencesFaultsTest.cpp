@@ -223,5 +223,24 @@ TEST(FailingWrites, OfTheFirstDefaultsAreNoReasonToEnd) {
     EXPECT_TRUE(s.hasEnded());
 }
 
+// However far a write had come, the next start reads the old contents or the new.
+TEST(KilledWrites, LoseNothing) {
+    for (const KillMoment moment :
+         {KillMoment::beforeWriting, KillMoment::siblingWhole, KillMoment::siblingWhole,
+          KillMoment::fileTorn, KillMoment::written}) {
+        Scenario s("two-volumes");
+        Dictionary preferences = completePreferences();
+        preferences.set("keyOfTheMainApplication", "kept");
+        putPreferences(s, preferences);
+        s.run(minutes(1)).killAtNextWrite(moment).run(minutes(10));
+        s.restart().run(minutes(1));
+        const Dictionary stored = s.preferences();
+        EXPECT_EQ(*stored.find("keyOfTheMainApplication"), PropertyList("kept"));
+        EXPECT_THAT(volumePathsIn(s), ElementsAre("/", "/Volumes/Data"));
+        EXPECT_EQ(usageStatusIn(s, "/Volumes/Data"), "3");
+        EXPECT_EQ(countOf(s, LogLevel::error), 0u) << static_cast<int>(moment);
+    }
+}
+
 }  // namespace
 }  // namespace korvane

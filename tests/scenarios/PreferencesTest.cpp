@@ -230,6 +230,29 @@ TEST(SupportFolder, AFileInItsPlaceEndsTheDaemonAtTheNextSave) {
     EXPECT_EQ(s.machine().fileSystem.bytes(kSupportFolder), "a file");
 }
 
+TEST(SupportFolder, ItsRemovalEndsTheDaemonAtASaveToo) {
+    Scenario s("one-volume");
+    s.run(milliseconds(9'999));
+    // A volume that cannot be measured gets no history, which would bring the folder back.
+    ASSERT_TRUE(s.machine().volumes.setWritable("/Volumes/Data", false));
+    s.machine().runLoop.runOnce();  // the tick
+    s.removeSupportFolder();
+    s.machine().runLoop.runOnce();  // the check and its save
+    EXPECT_EQ(s.terminateSends(), 2);
+    s.run(seconds(1));
+    EXPECT_TRUE(s.hasEnded());
+    EXPECT_FALSE(s.machine().fileSystem.exists(kSupportFolder));
+}
+
+TEST(SupportFolder, ItsRemovalIsTheLastThingInTheLog) {
+    Scenario s("two-volumes");
+    s.run(minutes(1));
+    s.removeSupportFolder().run(minutes(6));
+    EXPECT_EQ(s.log().back(),
+              "\"" + std::string(kSupportFolder) + "\" is no longer a folder: quitting.");
+    EXPECT_EQ(s.log().size(), 2u);
+}
+
 TEST(SupportFolder, ALinkToAFolderServesAsOne) {
     Scenario s("two-volumes");
     ASSERT_TRUE(s.machine().fileSystem.put("/srv/protection/a file", ""));

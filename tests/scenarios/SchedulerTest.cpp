@@ -128,18 +128,43 @@ TEST(Tick, KeepsAWarningWhileTheCheckRuns) {
 }
 
 // A timer's index is read when it fires: by then another array may stand there.
-TEST(Tick, StartsACheckByIndexWhateverStandsThereThen) {
-    Scenario s("two-volumes");
-    settle(s);
-    (void)pendingAfterReload(s, {quietVolume(s, "/"), quietVolume(s, "/Volumes/Data", 10)});
-    s.run(milliseconds(9'999));
-    // The tick and the check that it starts fall into one instant; the reload comes between them.
-    s.machine().runLoop.runOnce();
-    putVolumes(s, {});
-    s.send("daemonPreferencesUpdatedNotification");
+class CheckByIndex : public testing::Test {
+  protected:
+    // The tick has started the check of index 1, which comes with the next pass of the loop.
+    CheckByIndex() {
+        settle(s);
+        (void)pendingAfterReload(s, {quietVolume(s, "/"), quietVolume(s, "/Volumes/Data", 10)});
+        s.run(milliseconds(9'999));
+        s.machine().runLoop.runOnce();
+    }
+    void reloadWith(PropertyListArray volumes) { (void)pendingAfterReload(s, std::move(volumes)); }
+
+    Scenario s{"two-volumes"};
+};
+
+TEST_F(CheckByIndex, MeasuresWhateverStandsThereThen) {
+    reloadWith({quietVolume(s, "/Volumes/Data"), quietVolume(s, "/")});
+    s.run(seconds(1));
+    EXPECT_THAT(usageResultsIn(s, "System"), SizeIs(1));
+    EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
+}
+
+TEST_F(CheckByIndex, DoesNothingPastTheEnd) {
+    s.unmount("/Volumes/Data");
+    reloadWith({quietVolume(s, "/")});
+    const auto writes = s.preferenceWrites();
     s.run(seconds(5));
     EXPECT_FALSE(s.hasEnded());
-    EXPECT_THAT(volumePathsIn(s), ElementsAre("/", "/Volumes/Data"));
+    EXPECT_THAT(volumePathsIn(s), ElementsAre("/"));
+    EXPECT_EQ(s.preferenceWrites(), writes);
+}
+
+TEST_F(CheckByIndex, DoesNothingWhereNoEntryStands) {
+    reloadWith({quietVolume(s, "/"), "no entry", quietVolume(s, "/Volumes/Data")});
+    const auto writes = s.preferenceWrites();
+    s.run(seconds(5));
+    EXPECT_FALSE(s.hasEnded());
+    EXPECT_EQ(s.preferenceWrites(), writes);
 }
 
 TEST(OutTimer, IsArmedForTheEarliestCheck) {
@@ -297,6 +322,18 @@ TEST(SwitchedOff, TheDaemonRestsUntilAReload) {
     s.editPreferences([](Dictionary& preferences) { preferences.set("DAEMON_ON", true); });
     s.send("daemonStartYourEngines");
     EXPECT_THAT(s.pendingDelays(), SizeIs(1));
+}
+
+TEST(SwitchedOff, TheDaemonTakesItsInventoryAndThenRests) {
+    Scenario s("two-volumes");
+    Dictionary preferences = completePreferences();
+    preferences.set("DAEMON_ON", false);
+    putPreferences(s, preferences);
+    s.run(hours(2));
+    EXPECT_THAT(volumePathsIn(s), ElementsAre("/", "/Volumes/Data"));
+    EXPECT_EQ(usageStatusIn(s, "/Volumes/Data"), "0");
+    EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
+    EXPECT_THAT(s.pendingDelays(), IsEmpty());
 }
 
 TEST(SwitchedOff, AnAbsentSwitchCountsAsOn) {
