@@ -23,9 +23,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A rewrite of the largest file takes a few milliseconds; what does not parse after this long was
-// not caught in the middle of one.
-constexpr int kSettleTries = 40;
+// A rewrite that is synced to a slow disk takes a good part of a second, and shows itself by the
+// safety copy beside the file. What does not parse without one is looked at a few times more: the
+// copy may just have gone.
+constexpr int kTriesBesideWriter = 100;
+constexpr int kTriesAlone = 4;
 constexpr auto kSettlePause = 5ms;
 
 // The bytes of a regular file, or an error number.
@@ -55,36 +57,44 @@ std::variant<std::string, int> contentsOf(const std::string& path) {
     }
 }
 
-}  // namespace
-
-Outcome<std::optional<Document>> readDocument(const std::string& path) {
-    std::string complaint;
-    for (int attempt = 0; attempt <= kSettleTries; ++attempt) {
-        auto bytes = contentsOf(path);
-        if (const int* const error = std::get_if<int>(&bytes)) {
-            if (*error == ENOENT) {
-                return std::optional<Document>{};
-            }
-            return fileFailure(path, *error);
+// One reading.
+Outcome<std::optional<Document>> look(const std::string& path) {
+    auto bytes = contentsOf(path);
+    if (const int* const error = std::get_if<int>(&bytes)) {
+        if (*error == ENOENT) {
+            return std::optional<Document>{};
         }
-        std::string& text = std::get<0>(bytes);
-        Result<PropertyList> parsed = parsePropertyList(text);
-        if (parsed && parsed->dictionary() != nullptr) {
-            return std::optional{Document{std::move(text), std::move(*parsed->dictionary())}};
-        }
-        complaint = parsed ? "it holds no dictionary" : parsed.error().message;
-        if (attempt + 1 == kSettleTries) {
-            // The last look comes after a reading that restores a torn file. Its own outcome says
-            // nothing that the look does not.
-            (void)PropertyListFiles{}.read(path);
-        } else {
-            std::this_thread::sleep_for(kSettlePause);
-        }
+        return fileFailure(path, *error);
+    }
+    std::string& text = std::get<0>(bytes);
+    Result<PropertyList> parsed = parsePropertyList(text);
+    if (parsed && parsed->dictionary() != nullptr) {
+        return std::optional{Document{std::move(text), std::move(*parsed->dictionary())}};
     }
     return Failure{ExitStatus::fileProblem,
                    fmt::format("{} is damaged and was left as it is ({}); put a good copy in its "
                                "place, or move it away and restart the daemon",
-                               path, complaint)};
+                               path, parsed ? "it holds no dictionary" : parsed.error().message)};
+}
+
+}  // namespace
+
+Outcome<std::optional<Document>> readDocument(const std::string& path) {
+    for (int attempt = 1; attempt < kTriesBesideWriter; ++attempt) {
+        Outcome<std::optional<Document>> found = look(path);
+        if (found) {
+            return found;
+        }
+        const bool isBeingWritten = access(savingSiblingOf(path).c_str(), F_OK) == 0;
+        if (attempt >= kTriesAlone && !isBeingWritten) {
+            return found;
+        }
+        std::this_thread::sleep_for(kSettlePause);
+    }
+    // The writer died: this reading restores the file from its copy. Its own outcome says nothing
+    // that another look does not.
+    (void)PropertyListFiles{}.read(path);
+    return look(path);
 }
 
 bool holdsExactly(const std::string& path, const std::string& text) {

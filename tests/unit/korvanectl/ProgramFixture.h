@@ -1,0 +1,156 @@
+// korvanectl as a whole on a preferences file of the test's own, with a daemon and volumes that do
+// what the test tells them.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "base/PropertyListCodec.h"
+#include "core/DefaultPreferences.h"
+#include "korvanectl/Program.h"
+#include "storage/VolumeEntry.h"
+#include "unit/platform/TemporaryFolder.h"
+
+namespace korvane::ctl {
+
+// A daemon that answers as it is told. Each word sent runs `onWord` first, as the daemon's own
+// work.
+class FakeDaemon : public DaemonLink {
+  public:
+    [[nodiscard]] DaemonPresence presence() override { return present; }
+    [[nodiscard]] Outcome<bool> send(const std::string& word) override {
+        words.push_back(word);
+        if (onWord) onWord();
+        if (present != DaemonPresence::reachable) {
+            return Failure{ExitStatus::noDaemon, "the daemon does not run"};
+        }
+        return answer;
+    }
+
+    DaemonPresence present = DaemonPresence::reachable;
+    Outcome<bool> answer = true;
+    std::function<void()> onWord;
+    std::vector<std::string> words;
+};
+
+// Mounted volumes by path. Asking for the size of one that is not there fails the test: only
+// volumes that the table calls local may be touched.
+class FakeVolumes : public Volumes {
+  public:
+    [[nodiscard]] const std::vector<MountEntry>& mountTable() override { return table; }
+    [[nodiscard]] const MountEntry* mountAt(std::string_view path) override {
+        asked.emplace_back(path);
+        for (const MountEntry& entry : table) {
+            if (entry.mountOnName == path) return &entry;
+        }
+        return nullptr;
+    }
+    [[nodiscard]] const std::vector<std::string>& mountedLocalVolumePaths() override {
+        return paths;
+    }
+    [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoByIndex(std::size_t) override {
+        return {nsvErr, {}};
+    }
+    [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoByReferenceNumber(std::int16_t) override {
+        return {nsvErr, {}};
+    }
+    [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoOfRoot(const FSRef&) override {
+        return {nsvErr, {}};
+    }
+    [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoByDevice(std::string_view) override {
+        return {nsvErr, {}};
+    }
+    [[nodiscard]] std::optional<FileSystemFlags> fileSystemFlags(const std::string&) override {
+        return std::nullopt;
+    }
+    [[nodiscard]] std::optional<FileSystemAttributes> fileSystemAttributes(
+        const std::string& path) override {
+        const auto found = sizes.find(path);
+        if (found == sizes.end()) return std::nullopt;
+        return found->second;
+    }
+    bool unmount(std::int16_t) override { return false; }
+    void setDidMount(std::function<void()>) override {}
+    void setDidUnmount(std::function<void()>) override {}
+
+    std::vector<MountEntry> table{{"/", "/dev/sda1", "ext4"}};
+    std::vector<std::string> paths;
+    std::map<std::string, FileSystemAttributes> sizes{
+        {"/", {.sizeBytes = 500'000'000'000, .freeBytes = 216'000'000'000, .number = 1}}};
+    std::vector<std::string> asked;
+};
+
+class KorvanectlTest : public testing::Test {
+  protected:
+    KorvanectlTest() {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        Dictionary preferences = defaultPreferences();
+        preferences.set(kDirectoryBackupLocations, PropertyListArray{"/Volumes/System"});
+        preferences.set(kDriveArray, PropertyListArray{});
+        PropertyListArray entries;
+        for (const char* const path : {"/", "/mnt/a/Data", "/mnt/b/Data"}) {
+            entries.emplace_back(newVolumeEntry({.mountPoint = path, .isInternal = true}, now));
+        }
+        preferences.set(kVolumeArray, std::move(entries));
+        store(preferences);
+    }
+
+    // Runs one command line and gives its exit status.
+    int run(std::vector<const char*> arguments) {
+        arguments.insert(arguments.begin(), "korvanectl");
+        out.clear();
+        err.clear();
+        Program program{.preferences = Preferences{file, std::chrono::milliseconds{0}},
+                        .supportFolder = folder.path(),
+                        .daemon = daemon,
+                        .volumes = [this]() -> Volumes& { return volumes; },
+                        .now = [this] { return now; },
+                        .paint = Paint{false},
+                        .print = [this](std::string_view text) { out += text; },
+                        .note = [this](std::string_view line) { (err += line) += '\n'; },
+                        .json = false,
+                        .command = {}};
+        return runProgram(program, static_cast<int>(arguments.size()), arguments.data());
+    }
+
+    void store(const Dictionary& preferences) const { storeText(formatPropertyList(preferences)); }
+    void storeText(std::string_view text) const {
+        std::ofstream{file, std::ios::binary | std::ios::trunc} << text;
+    }
+    [[nodiscard]] std::string storedText() const {
+        std::ifstream in{file, std::ios::binary};
+        return {std::istreambuf_iterator<char>{in}, {}};
+    }
+    [[nodiscard]] Dictionary stored() const {
+        auto parsed = parsePropertyList(storedText());
+        return parsed && parsed->dictionary() ? *parsed->dictionary() : Dictionary{};
+    }
+    // The stored entry of the volume at the index, for changing and storing back.
+    void changeEntry(std::size_t index, const std::function<void(Dictionary&)>& change) const {
+        Dictionary preferences = stored();
+        change(*(*preferences.find(kVolumeArray)->array())[index].dictionary());
+        store(preferences);
+    }
+    [[nodiscard]] Dictionary entry(std::size_t index) const {
+        return *(*stored().find(kVolumeArray)->array())[index].dictionary();
+    }
+
+    TemporaryFolder folder;
+    std::string file = folder / "KorvaneProtection.plist";
+    FakeDaemon daemon;
+    FakeVolumes volumes;
+    Time now{std::chrono::seconds{1767225600}};  // 2026-01-01 00:00:00 UTC
+    std::string out;
+    std::string err;
+};
+
+}  // namespace korvane::ctl
