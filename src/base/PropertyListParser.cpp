@@ -1,4 +1,5 @@
-// Reading property lists. Expat checks the XML; this file checks that it is a property list.
+// Reading property lists of any form. Expat checks the XML; this file checks that it is a property
+// list. Its word is final: PropertyListPlainParser only takes from it what is beyond doubt.
 //
 // Decisions where the document type leaves a choice: of equal keys the last one stands, since
 // refusing would lock a user out of settings that every other reader accepts; a key without a value
@@ -8,18 +9,16 @@
 #include <expat.h>
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <cstring>
-#include <iterator>
 #include <limits>
 #include <memory>
 #include <new>
 #include <string>
 #include <string_view>
-#include <vector>
 
+#include "base/PropertyListBuilder.h"
 #include "base/PropertyListCodec.h"
+#include "base/PropertyListReaders.h"
 
 namespace korvane {
 
@@ -69,128 +68,9 @@ Element elementNamed(std::string_view name) {
     return Element::none;
 }
 
-bool isXmlSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
-
 bool isAllSpace(std::string_view text) { return std::all_of(text.begin(), text.end(), isXmlSpace); }
 
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && isXmlSpace(text.front())) text.remove_prefix(1);
-    while (!text.empty() && isXmlSpace(text.back())) text.remove_suffix(1);
-    return text;
-}
-
-// A whole number in decimal or, after 0x, in hexadecimal digits, with at most one sign.
-std::optional<PropertyList> parseInteger(std::string_view text) {
-    text = trimmed(text);
-    bool negative = false;
-    if (!text.empty() && (text.front() == '-' || text.front() == '+')) {
-        negative = text.front() == '-';
-        text.remove_prefix(1);
-    }
-    int base = 10;
-    if (text.starts_with("0x") || text.starts_with("0X")) {
-        base = 16;
-        text.remove_prefix(2);
-    }
-    std::uint64_t magnitude = 0;
-    const char* end = text.data() + text.size();
-    const auto outcome = std::from_chars(text.data(), end, magnitude, base);
-    if (outcome.ec != std::errc() || outcome.ptr != end) return std::nullopt;
-    if (!negative) return PropertyList(magnitude);
-    constexpr std::uint64_t kLowest = std::uint64_t{1} << 63U;
-    if (magnitude > kLowest) return std::nullopt;
-    return PropertyList(static_cast<std::int64_t>(0 - magnitude));
-}
-
-// A decimal real, or "inf", "infinity" or "nan" in any case, with at most one sign.
-std::optional<PropertyList> parseReal(std::string_view text) {
-    text = trimmed(text);
-    if (text.starts_with('+')) {
-        text.remove_prefix(1);
-        if (text.starts_with('-')) return std::nullopt;
-    }
-    double value = 0;
-    const char* end = text.data() + text.size();
-    const auto outcome = std::from_chars(text.data(), end, value);
-    if (outcome.ec != std::errc() || outcome.ptr != end) return std::nullopt;
-    return PropertyList(value);
-}
-
-std::optional<PropertyList> parseDate(std::string_view text) {
-    text = trimmed(text);
-    constexpr std::string_view kForm = "dddd-dd-ddTdd:dd:ddZ";
-    if (text.size() != kForm.size()) return std::nullopt;
-    for (std::size_t i = 0; i < kForm.size(); ++i) {
-        const bool matches =
-            kForm[i] == 'd' ? text[i] >= '0' && text[i] <= '9' : text[i] == kForm[i];
-        if (!matches) return std::nullopt;
-    }
-    const auto number = [&](std::size_t from, std::size_t count) {
-        int value = 0;
-        for (std::size_t i = from; i < from + count; ++i) value = value * 10 + (text[i] - '0');
-        return value;
-    };
-    const std::chrono::year_month_day day{std::chrono::year(number(0, 4)),
-                                          std::chrono::month(static_cast<unsigned>(number(5, 2))),
-                                          std::chrono::day(static_cast<unsigned>(number(8, 2)))};
-    const int hour = number(11, 2);
-    const int minute = number(14, 2);
-    const int second = number(17, 2);
-    if (!day.ok() || number(0, 4) == 0 || hour > 23 || minute > 59 || second > 59) {
-        return std::nullopt;
-    }
-    return PropertyList(PropertyListDate(std::chrono::sys_days(day) + std::chrono::hours(hour) +
-                                         std::chrono::minutes(minute) +
-                                         std::chrono::seconds(second)));
-}
-
-constexpr std::uint8_t kNotBase64 = 0xFF;
-
-constexpr std::array<std::uint8_t, 256> kBase64Values = [] {
-    std::array<std::uint8_t, 256> values{};
-    values.fill(kNotBase64);
-    constexpr std::string_view kDigits =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    for (std::size_t i = 0; i < kDigits.size(); ++i) {
-        values[static_cast<std::uint8_t>(kDigits[i])] = static_cast<std::uint8_t>(i);
-    }
-    return values;
-}();
-
-// Base64 in complete groups of four, with white space anywhere.
-std::optional<PropertyList> parseData(std::string_view text) {
-    PropertyListData bytes;
-    bytes.reserve(text.size() / 4 * 3);
-    std::uint32_t group = 0;
-    int digits = 0;
-    int padding = 0;
-    for (const char c : text) {
-        if (isXmlSpace(c)) continue;
-        if (c == '=') {
-            ++padding;
-            continue;
-        }
-        const std::uint8_t value = kBase64Values[static_cast<std::uint8_t>(c)];
-        if (value == kNotBase64 || padding != 0) return std::nullopt;
-        group = group << 6U | value;
-        if (++digits == 4) {
-            bytes.push_back(static_cast<std::byte>(group >> 16U));
-            bytes.push_back(static_cast<std::byte>(group >> 8U));
-            bytes.push_back(static_cast<std::byte>(group));
-            group = 0;
-            digits = 0;
-        }
-    }
-    if (digits == 0 && padding == 0) return PropertyList(std::move(bytes));
-    if (digits < 2 || digits + padding != 4) return std::nullopt;
-    bytes.push_back(static_cast<std::byte>(group >> (digits == 2 ? 4U : 10U)));
-    if (digits == 3) bytes.push_back(static_cast<std::byte>(group >> 2U));
-    return PropertyList(std::move(bytes));
-}
-
-// One pass over a document. The children of all open containers lie in one list, in the order in
-// which they were met; a container that closes takes its own from the end, so that every container
-// is allocated once and at its size.
+// One pass over a document.
 class DocumentParser {
   public:
     DocumentParser() : expat_(XML_ParserCreate("UTF-8"), XML_ParserFree) {}
@@ -198,12 +78,6 @@ class DocumentParser {
     Result<PropertyList> parse(std::string_view text);
 
   private:
-    struct OpenContainer {
-        bool isDictionary;
-        bool hasKey;  // A key was read and its value was not yet.
-        std::size_t firstChild;
-    };
-
     // Expat is C: whatever is thrown inside a handler must not travel through it.
     template <auto Handler, typename... Arguments>
     static void guarded(void* self, Arguments... arguments) {
@@ -226,7 +100,6 @@ class DocumentParser {
     void startValue(Element element);
     void endScalar();
     void endContainer();
-    void addValue(PropertyList value);
     void addParsed(std::optional<PropertyList> value, const char* what);
     void fail(std::string_view what);
 
@@ -234,9 +107,7 @@ class DocumentParser {
     bool insideRoot_ = false;
     Element scalar_ = Element::none;  // The scalar that is open; nothing may nest in it.
     std::string text_;                // What it holds so far.
-    std::vector<OpenContainer> open_;
-    std::vector<Dictionary::Entry> children_;
-    std::optional<PropertyList> root_;
+    PropertyListBuilder builder_;
     std::string failure_;
 };
 
@@ -283,22 +154,18 @@ void DocumentParser::startElement(const char* name, const char** attributes) {
 }
 
 void DocumentParser::startValue(Element element) {
-    if (open_.empty()) {
-        if (element == Element::key) return fail("a key outside a dictionary");
-        if (root_) return fail("a second value in the root");
-    } else if (open_.back().isDictionary) {
-        if (element == Element::key && open_.back().hasKey) return fail("a key without a value");
-        if (element != Element::key && !open_.back().hasKey) return fail("a value without a key");
-    } else if (element == Element::key) {
-        return fail("a key outside a dictionary");
-    }
-    if (element == Element::dict || element == Element::array) {
-        if (open_.size() == kPropertyListDepthLimit) return fail("containers too deep");
-        open_.push_back({element == Element::dict, false, children_.size()});
+    const char* objection =
+        element == Element::key ? builder_.objectionToKey() : builder_.objectionToValue();
+    if (objection != nullptr) return fail(objection);
+    if (element != Element::dict && element != Element::array) {
+        scalar_ = element;
+        text_.clear();
         return;
     }
-    scalar_ = element;
-    text_.clear();
+    objection = builder_.objectionToContainer();
+    if (objection != nullptr) return fail(objection);
+    builder_.open(element == Element::dict ? PropertyListBuilder::Container::dictionary
+                                           : PropertyListBuilder::Container::array);
 }
 
 void DocumentParser::characters(const char* text, int length) {
@@ -317,9 +184,9 @@ void DocumentParser::endElement(const char* /*name*/) {
     if (scalar_ != Element::none) {
         endScalar();
         scalar_ = Element::none;
-    } else if (!open_.empty()) {
+    } else if (builder_.isInContainer()) {
         endContainer();
-    } else if (!root_) {
+    } else if (!builder_.root()) {
         fail("the root is empty");
     }
 }
@@ -327,23 +194,23 @@ void DocumentParser::endElement(const char* /*name*/) {
 void DocumentParser::endScalar() {
     switch (scalar_) {
         case Element::key:
-            children_.push_back({text_, PropertyList()});
-            open_.back().hasKey = true;
-            return;
+            return builder_.addKey(text_);
         case Element::string:
-            return addValue(PropertyList(text_));
+            return builder_.addValue(PropertyList(text_));
         case Element::trueElement:
-            return addValue(PropertyList(true));
+            return builder_.addValue(PropertyList(true));
         case Element::falseElement:
-            return addValue(PropertyList(false));
+            return builder_.addValue(PropertyList(false));
         case Element::integer:
-            return addParsed(parseInteger(text_), "an integer that is none, or is out of range");
+            return addParsed(parsePropertyListInteger(text_),
+                             "an integer that is none, or is out of range");
         case Element::real:
-            return addParsed(parseReal(text_), "a real that is none, or is out of range");
+            return addParsed(parsePropertyListReal(text_),
+                             "a real that is none, or is out of range");
         case Element::date:
-            return addParsed(parseDate(text_), "a date that is none");
+            return addParsed(parsePropertyListDate(text_), "a date that is none");
         case Element::data:
-            return addParsed(parseData(text_), "data that is not base64");
+            return addParsed(parsePropertyListData(text_), "data that is not base64");
         default:
             return;
     }
@@ -351,39 +218,13 @@ void DocumentParser::endScalar() {
 
 void DocumentParser::addParsed(std::optional<PropertyList> value, const char* what) {
     if (!value) return fail(what);
-    addValue(std::move(*value));
-}
-
-void DocumentParser::addValue(PropertyList value) {
-    if (open_.empty()) {
-        root_ = std::move(value);
-    } else if (open_.back().isDictionary) {
-        children_.back().value = std::move(value);
-        open_.back().hasKey = false;
-    } else {
-        children_.push_back({std::string(), std::move(value)});
-    }
+    builder_.addValue(std::move(*value));
 }
 
 void DocumentParser::endContainer() {
-    const OpenContainer container = open_.back();
-    if (container.hasKey) return fail("a key without a value");
-    const auto first = children_.begin() + static_cast<std::ptrdiff_t>(container.firstChild);
-    PropertyList value;
-    if (container.isDictionary) {
-        value = Dictionary(std::vector<Dictionary::Entry>(
-            std::make_move_iterator(first), std::make_move_iterator(children_.end())));
-    } else {
-        PropertyListArray items;
-        items.reserve(children_.size() - container.firstChild);
-        for (auto child = first; child != children_.end(); ++child) {
-            items.push_back(std::move(child->value));
-        }
-        value = std::move(items);
-    }
-    children_.erase(first, children_.end());
-    open_.pop_back();
-    addValue(std::move(value));
+    const char* objection = builder_.objectionToEnd();
+    if (objection != nullptr) return fail(objection);
+    builder_.close();
 }
 
 Result<PropertyList> DocumentParser::parse(std::string_view text) {
@@ -412,12 +253,18 @@ Result<PropertyList> DocumentParser::parse(std::string_view text) {
         fail(XML_ErrorString(XML_GetErrorCode(expat)));
         return Error{failure_};
     }
-    return std::move(*root_);
+    return std::move(*builder_.root());
 }
 
 }  // namespace
 
 Result<PropertyList> parsePropertyList(std::string_view text) {
+    auto value = parsePlainPropertyList(text);
+    if (value) return std::move(*value);
+    return parseAnyPropertyList(text);
+}
+
+Result<PropertyList> parseAnyPropertyList(std::string_view text) {
     return DocumentParser().parse(text);
 }
 

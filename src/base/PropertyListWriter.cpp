@@ -5,77 +5,23 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/PropertyListCodec.h"
+#include "base/Utf8.h"
 
 namespace korvane {
 
 namespace {
 
-constexpr std::string_view kHeader =
+constexpr char kHeader[] =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
     "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
     "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
     "<plist version=\"1.0\">\n";
-constexpr std::string_view kFooter = "</plist>\n";
-
-// The length of the UTF-8 sequence at the start of the text, or 0 with `skip` set to the number of
-// bytes that are to be replaced together: the longest start of a sequence that is legal so far.
-struct Sequence {
-    std::size_t length = 0;
-    std::size_t skip = 1;
-};
-
-Sequence sequenceAt(std::string_view text) {
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned lead = byte(0);
-    if (lead < 0x80) return {1, 1};
-    std::size_t length = 0;
-    // RFC 3629, section 4: which second bytes are legal after which first ones.
-    unsigned low = 0x80;
-    unsigned high = 0xBF;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        if (lead == 0xE0) low = 0xA0;
-        if (lead == 0xED) high = 0x9F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        if (lead == 0xF0) low = 0x90;
-        if (lead == 0xF4) high = 0x8F;
-    } else {
-        return {0, 1};
-    }
-    for (std::size_t i = 1; i < length; ++i) {
-        if (i == text.size() || byte(i) < low || byte(i) > high) return {0, i};
-        low = 0x80;
-        high = 0xBF;
-    }
-    return {length, length};
-}
-
-// U+FFFE and U+FFFF are legal UTF-8 but no XML characters.
-bool isNoncharacter(std::string_view sequence) {
-    return sequence == "\xEF\xBF\xBE" || sequence == "\xEF\xBF\xBF";
-}
-
-// Whether every byte of the eight is a plain ASCII character that needs no escape: not below the
-// space, not above 0x7F, none of "&<>".
-bool areAllPlain(std::uint64_t bytes) {
-    constexpr std::uint64_t kOnes = 0x0101010101010101U;
-    constexpr std::uint64_t kHighs = 0x8080808080808080U;
-    // The high bit of a byte of this is set where the byte is zero (and perhaps above such a one,
-    // which is as good a reason to look closer).
-    const auto zeros = [](std::uint64_t v) { return (v - kOnes) & ~v; };
-    const std::uint64_t belowSpace = (bytes - kOnes * 0x20) & ~bytes;
-    const std::uint64_t special =
-        zeros(bytes ^ (kOnes * '&')) | zeros((bytes ^ (kOnes * '<')) & ~(kOnes * 2));
-    return ((bytes | belowSpace | special) & kHighs) == 0;
-}
+constexpr char kFooter[] = "</plist>\n";
 
 class DocumentWriter {
   public:
@@ -85,15 +31,26 @@ class DocumentWriter {
     void add(const PropertyList& value, std::size_t level);
     void addArray(const PropertyListArray& items, std::size_t level);
     void addDictionary(const Dictionary& dictionary, std::size_t level);
-    void addText(std::string_view opening, std::string_view text, std::string_view closing,
-                 std::size_t level);
+    void addKey(std::string_view key, std::size_t level);
+    void addString(std::string_view text, std::size_t level);
     void addEscaped(std::string_view text);
+    // Adds the last `count` bytes of the text, fewer than eight, if they are plain.
+    bool addPlainEnd(std::string_view text, std::size_t count);
+    // Adds what the first character becomes; how many bytes of the text that was.
+    std::size_t addCharacter(std::string_view text);
     void addReal(double value, std::size_t level);
     void addDate(PropertyListDate date, std::size_t level);
     void addData(const PropertyListData& data, std::size_t level);
     template <typename Integer>
     void addInteger(Integer value, std::size_t level);
-    void addLine(std::string_view line, std::size_t level);
+    // The line is a literal, which the compiler copies in place.
+    template <std::size_t size>
+    void addLine(const char (&line)[size], std::size_t level) {
+        reserve(roomForTabs(level) + size);
+        putTabs(level);
+        put(line);
+        put('\n');
+    }
 
     // Room for `count` bytes after the end; the functions below rely on it.
     void reserve(std::size_t count) {
@@ -101,84 +58,104 @@ class DocumentWriter {
     }
     void grow(std::size_t count);
     void put(char c) { *end_++ = c; }
-    void put(std::string_view text) {
-        std::memcpy(end_, text.data(), text.size());
-        end_ += text.size();
+    template <std::size_t size>
+    void put(const char (&literal)[size]) {
+        std::memcpy(end_, literal, size - 1);
+        end_ += size - 1;
     }
+    // Tabs are stored eight at once, and those too many are written over.
+    static std::size_t roomForTabs(std::size_t level) { return level + 8; }
     void putTabs(std::size_t level) {
-        std::memset(end_, '\t', level);
+        for (std::size_t stored = 0; stored < level; stored += 8) {
+            std::memcpy(end_ + stored, "\t\t\t\t\t\t\t\t", 8);
+        }
         end_ += level;
     }
 
-    std::unique_ptr<char[]> buffer_;
+    std::string buffer_;
     char* end_ = nullptr;
     char* limit_ = nullptr;
 };
 
 void DocumentWriter::grow(std::size_t count) {
-    const auto used = static_cast<std::size_t>(end_ - buffer_.get());
-    const std::size_t capacity = std::max<std::size_t>(used * 2, used + count + 4096);
-    std::unique_ptr<char[]> larger(new char[capacity]);
-    if (used != 0) std::memcpy(larger.get(), buffer_.get(), used);
-    buffer_ = std::move(larger);
-    end_ = buffer_.get() + used;
-    limit_ = buffer_.get() + capacity;
+    const auto used = end_ == nullptr ? 0 : static_cast<std::size_t>(end_ - buffer_.data());
+    buffer_.resize(std::max<std::size_t>(used * 2, used + count + 4096));
+    end_ = buffer_.data() + used;
+    limit_ = buffer_.data() + buffer_.size();
 }
 
-void DocumentWriter::addLine(std::string_view line, std::size_t level) {
-    reserve(level + line.size() + 1);
-    putTabs(level);
-    put(line);
-    put('\n');
-}
-
-void DocumentWriter::addText(std::string_view opening, std::string_view text,
-                             std::string_view closing, std::size_t level) {
-    // A character grows to five bytes at most ("&amp;", "&#13;"); the scan stores eight at once.
-    reserve(level + opening.size() + text.size() * 5 + 8 + closing.size());
-    putTabs(level);
-    put(opening);
-    addEscaped(text);
-    put(closing);
-}
-
+// The caller has seen to the room.
 void DocumentWriter::addEscaped(std::string_view text) {
-    while (!text.empty()) {
-        if (text.size() >= 8) {
-            std::uint64_t bytes = 0;
-            std::memcpy(&bytes, text.data(), 8);
-            if (areAllPlain(bytes)) {
-                std::memcpy(end_, &bytes, 8);
-                end_ += 8;
-                text.remove_prefix(8);
-                continue;
-            }
+    std::string_view rest = text;
+    std::uint64_t bytes = 0;
+    while (rest.size() >= sizeof bytes) {
+        std::memcpy(&bytes, rest.data(), sizeof bytes);
+        if (areAllPlain(bytes)) {
+            std::memcpy(end_, &bytes, sizeof bytes);
+            end_ += sizeof bytes;
+            rest.remove_prefix(sizeof bytes);
+            continue;
         }
-        const char c = text.front();
-        const Sequence sequence = sequenceAt(text);
-        if (c == '&') {
-            put("&amp;");
-        } else if (c == '<') {
-            put("&lt;");
-        } else if (c == '>') {
-            put("&gt;");
-        } else if (c == '\r') {
-            put("&#13;");  // A bare one would come back as a line feed.
-        } else if (sequence.length == 0) {
-            put("\xEF\xBF\xBD");
-        } else if (sequence.length == 1) {
-            const bool isLegal = static_cast<unsigned char>(c) >= 0x20 || c == '\t' || c == '\n';
-            if (isLegal) put(c);
-        } else if (!isNoncharacter(text.substr(0, sequence.length))) {
-            put(text.substr(0, sequence.length));
+        // Up to where eight bytes may be worth another look.
+        for (const std::size_t stop = rest.size() - sizeof bytes; rest.size() > stop;) {
+            rest.remove_prefix(addCharacter(rest));
         }
-        text.remove_prefix(sequence.skip);
     }
+    if (addPlainEnd(text, rest.size())) return;
+    while (!rest.empty()) rest.remove_prefix(addCharacter(rest));
+}
+
+bool DocumentWriter::addPlainEnd(std::string_view text, std::size_t count) {
+    std::uint64_t bytes = 0;
+    if (text.size() >= sizeof bytes) {
+        // The last eight, some of which were added before: plain as all are, they stand there as
+        // they are, and are stored once more.
+        std::memcpy(&bytes, text.data() + text.size() - sizeof bytes, sizeof bytes);
+        if (!areAllPlain(bytes)) return false;
+        std::memcpy(end_ + count - sizeof bytes, &bytes, sizeof bytes);
+    } else if (text.size() >= sizeof bytes / 2) {
+        // The first four and the last four, some of them twice.
+        constexpr std::size_t kHalf = sizeof bytes / 2;
+        std::uint32_t halves[2] = {};
+        std::memcpy(&halves[0], text.data(), kHalf);
+        std::memcpy(&halves[1], text.data() + text.size() - kHalf, kHalf);
+        if (!areAllPlain(std::uint64_t{halves[1]} << 32U | halves[0])) return false;
+        std::memcpy(end_, &halves[0], kHalf);
+        std::memcpy(end_ + count - kHalf, &halves[1], kHalf);
+    } else {
+        return false;
+    }
+    end_ += count;
+    return true;
+}
+
+std::size_t DocumentWriter::addCharacter(std::string_view text) {
+    const char c = text.front();
+    if (c >= 0x20 && c != '&' && c != '<' && c != '>') {
+        put(c);
+        return 1;
+    }
+    const Utf8Sequence sequence = utf8SequenceAt(text);
+    if (c == '&') {
+        put("&amp;");
+    } else if (c == '<') {
+        put("&lt;");
+    } else if (c == '>') {
+        put("&gt;");
+    } else if (c == '\r') {
+        put("&#13;");  // A bare one would come back as a line feed.
+    } else if (sequence.length == 0) {
+        put("\xEF\xBF\xBD");
+    } else if (isXmlCharacter(text.substr(0, sequence.length))) {
+        std::memcpy(end_, text.data(), sequence.length);
+        end_ += sequence.length;
+    }
+    return sequence.skip;
 }
 
 template <typename Integer>
 void DocumentWriter::addInteger(Integer value, std::size_t level) {
-    reserve(level + 64);
+    reserve(roomForTabs(level) + 64);
     putTabs(level);
     put("<integer>");
     end_ = std::to_chars(end_, limit_, value).ptr;
@@ -186,13 +163,14 @@ void DocumentWriter::addInteger(Integer value, std::size_t level) {
 }
 
 void DocumentWriter::addReal(double value, std::size_t level) {
-    reserve(level + 64);
+    reserve(roomForTabs(level) + 64);
     putTabs(level);
     put("<real>");
     if (std::isnan(value)) {
         put("nan");
     } else if (std::isinf(value)) {
-        put(value < 0 ? "-inf" : "inf");
+        if (value < 0) put('-');
+        put("inf");
     } else {
         const double magnitude = std::abs(value);
         const bool isFixed = magnitude == 0 || (magnitude >= 1e-4 && magnitude < 1e16);
@@ -200,7 +178,10 @@ void DocumentWriter::addReal(double value, std::size_t level) {
         end_ = std::to_chars(end_, limit_, value,
                              isFixed ? std::chars_format::fixed : std::chars_format::scientific)
                    .ptr;
-        if (isFixed && std::find(digits, end_, '.') == end_) put(".0");
+        if (isFixed &&
+            std::memchr(digits, '.', static_cast<std::size_t>(end_ - digits)) == nullptr) {
+            put(".0");
+        }
     }
     put("</real>\n");
 }
@@ -214,7 +195,7 @@ void DocumentWriter::addDate(PropertyListDate date, std::size_t level) {
     const auto midnight = std::chrono::floor<std::chrono::days>(date);
     const std::chrono::year_month_day day(midnight);
     const std::chrono::hh_mm_ss time(date - midnight);
-    reserve(level + 64);
+    reserve(roomForTabs(level) + 64);
     putTabs(level);
     put("<date>");
     const auto number = [this](long value, int digits) {
@@ -245,7 +226,7 @@ void DocumentWriter::addData(const PropertyListData& data, std::size_t level) {
     addLine("<data>", level);
     for (std::size_t line = 0; line < data.size(); line += bytesPerLine) {
         const std::size_t lineEnd = std::min(data.size(), line + bytesPerLine);
-        reserve(level + columns + 8);
+        reserve(roomForTabs(level) + columns + 8);
         putTabs(level);
         for (std::size_t i = line; i < lineEnd; i += 3) {
             const std::size_t count = std::min<std::size_t>(3, lineEnd - i);
@@ -263,6 +244,26 @@ void DocumentWriter::addData(const PropertyListData& data, std::size_t level) {
     addLine("</data>", level);
 }
 
+// What the elements around a text and the eight bytes at once take, beside its characters, each of
+// which grows to five bytes at most ("&amp;", "&#13;").
+constexpr std::size_t kRoomAroundText = 32;
+
+void DocumentWriter::addKey(std::string_view key, std::size_t level) {
+    reserve(roomForTabs(level) + key.size() * 5 + kRoomAroundText);
+    putTabs(level);
+    put("<key>");
+    addEscaped(key);
+    put("</key>\n");
+}
+
+void DocumentWriter::addString(std::string_view text, std::size_t level) {
+    reserve(roomForTabs(level) + text.size() * 5 + kRoomAroundText);
+    putTabs(level);
+    put("<string>");
+    addEscaped(text);
+    put("</string>\n");
+}
+
 void DocumentWriter::addArray(const PropertyListArray& items, std::size_t level) {
     if (items.empty()) return addLine("<array/>", level);
     addLine("<array>", level);
@@ -274,7 +275,7 @@ void DocumentWriter::addDictionary(const Dictionary& dictionary, std::size_t lev
     if (dictionary.empty()) return addLine("<dict/>", level);
     addLine("<dict>", level);
     for (const auto& [key, value] : dictionary) {
-        addText("<key>", key, "</key>\n", level + 1);
+        addKey(key, level + 1);
         add(value, level + 1);
     }
     addLine("</dict>", level);
@@ -282,13 +283,17 @@ void DocumentWriter::addDictionary(const Dictionary& dictionary, std::size_t lev
 
 void DocumentWriter::add(const PropertyList& value, std::size_t level) {
     if (const auto* text = value.string()) {
-        addText("<string>", *text, "</string>\n", level);
+        addString(*text, level);
     } else if (const auto* integer = value.integer()) {
         addInteger(*integer, level);
     } else if (const auto* real = value.real()) {
         addReal(*real, level);
     } else if (const auto* boolean = value.boolean()) {
-        addLine(*boolean ? "<true/>" : "<false/>", level);
+        if (*boolean) {
+            addLine("<true/>", level);
+        } else {
+            addLine("<false/>", level);
+        }
     } else if (const auto* dictionary = value.dictionary()) {
         addDictionary(*dictionary, level);
     } else if (const auto* items = value.array()) {
@@ -303,12 +308,13 @@ void DocumentWriter::add(const PropertyList& value, std::size_t level) {
 }
 
 std::string DocumentWriter::write(const PropertyList& value) {
-    reserve(kHeader.size());
+    reserve(sizeof kHeader);
     put(kHeader);
     add(value, 0);
-    reserve(kFooter.size());
+    reserve(sizeof kFooter);
     put(kFooter);
-    return {buffer_.get(), end_};
+    buffer_.resize(static_cast<std::size_t>(end_ - buffer_.data()));
+    return std::move(buffer_);
 }
 
 }  // namespace
