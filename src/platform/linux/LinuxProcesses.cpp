@@ -62,7 +62,7 @@ void LinuxProcesses::forEachName(const std::function<bool(std::string_view name)
         const std::string process = it->path().native();
         const std::optional<std::string> stat = readSmallFile(process + "/stat");
         std::optional<std::string> name = stat ? runningNameOf(*stat) : std::nullopt;
-        if (!name) continue;
+        if (!name || name->empty()) continue;
         if (name->size() == kLongestKernelName) {
             std::string program = programNameOf(readSmallFile(process + "/cmdline").value_or(""));
             if (program.starts_with(*name)) name = std::move(program);

@@ -9,7 +9,6 @@
 
 #include <array>
 #include <ctime>
-#include <string>
 
 #include "platform/linux/LogLine.h"
 
@@ -18,9 +17,6 @@ namespace korvane {
 namespace {
 
 constexpr char kIdentifier[] = "KorvaneProDaemon";
-// sd_journal_sendv(3) and syslog(3): the sockets that they write to.
-constexpr char kJournalSocket[] = "/run/systemd/journal/socket";
-constexpr char kSyslogSocket[] = "/dev/log";
 
 int priorityOf(LogLevel level) {
     switch (level) {
@@ -62,10 +58,10 @@ void writeToStandardError(const std::string& line) {
 
 }  // namespace
 
-LinuxSystemLog::LinuxSystemLog()
-    : sink_(::access(kJournalSocket, W_OK) == 0  ? Sink::journal
-            : ::access(kSyslogSocket, W_OK) == 0 ? Sink::syslog
-                                                 : Sink::none),
+LinuxSystemLog::LinuxSystemLog(const std::string& journalSocket, const std::string& syslogSocket)
+    : sink_(::access(journalSocket.c_str(), W_OK) == 0  ? Sink::journal
+            : ::access(syslogSocket.c_str(), W_OK) == 0 ? Sink::syslog
+                                                        : Sink::none),
       toStandardError_(sink_ == Sink::none || ::isatty(STDERR_FILENO) == 1) {
     if (sink_ == Sink::syslog) ::openlog(kIdentifier, LOG_PID, LOG_DAEMON);
 }

@@ -2,14 +2,18 @@
 // standard error when a person looks at it, or when there is nothing else to write to.
 #pragma once
 
+#include <string>
+
 #include "platform/SystemLog.h"
 
 namespace korvane {
 
 class LinuxSystemLog final : public SystemLog {
   public:
-    // Looks once which of them there are.
-    LinuxSystemLog();
+    // Looks once which of them there are, by the sockets that sd_journal_sendv(3) and syslog(3)
+    // write to; an empty path stands for none.
+    explicit LinuxSystemLog(const std::string& journalSocket = "/run/systemd/journal/socket",
+                            const std::string& syslogSocket = "/dev/log");
 
     void write(LogLevel level, std::string_view line) override;
 
