@@ -237,7 +237,7 @@ TEST(SupportFolder, ItsRemovalEndsTheDaemonAtASaveToo) {
     ASSERT_TRUE(s.machine().volumes.setWritable("/Volumes/Data", false));
     s.machine().runLoop.runOnce();  // the tick
     s.removeSupportFolder();
-    s.machine().runLoop.runOnce();  // the check and its save
+    s.run(seconds(0));  // the check and its save
     EXPECT_EQ(s.terminateSends(), 2);
     s.run(seconds(1));
     EXPECT_TRUE(s.hasEnded());
