@@ -26,6 +26,13 @@ Time heldInRange(Wide microseconds) {
     return Time(Microseconds(static_cast<std::int64_t>(microseconds)));
 }
 
+// The last whole second at or before the time. chrono's floor overflows near the ends of Time.
+time_t wholeSecondsOf(Time time) {
+    const std::int64_t microseconds = time.time_since_epoch().count();
+    const std::int64_t cut = microseconds / kMicrosecondsPerSecond;
+    return microseconds % kMicrosecondsPerSecond < 0 ? cut - 1 : cut;
+}
+
 tm localCalendar(time_t seconds) {
     // localtime_r alone would keep the zone that it met first; a daemon outlives zone changes.
     tzset();
@@ -93,8 +100,8 @@ Time addDays(Time start, long long days) {
     constexpr long long kMostDays = 220'000'000;
     if (days >= kMostDays) return Time::max();
     if (days <= -kMostDays) return Time::min();
-    const auto wholeSeconds = std::chrono::floor<std::chrono::seconds>(start);
-    const tm today = localCalendar(wholeSeconds.time_since_epoch().count());
+    const time_t wholeSeconds = wholeSecondsOf(start);
+    const tm today = localCalendar(wholeSeconds);
     // Noon of the day in question tells its date; mktime takes a day of the month of any size.
     tm wanted = today;
     wanted.tm_mday += static_cast<int>(days);
@@ -110,14 +117,13 @@ Time addDays(Time start, long long days) {
     wanted.tm_year = normalized.tm_year;
     const auto moment = momentOf(wanted);
     if (!moment) return end;
-    return heldInRange(Wide{*moment} * kMicrosecondsPerSecond +
-                       Wide{(start - wholeSeconds).count()});
+    return heldInRange(Wide{start.time_since_epoch().count()} +
+                       (Wide{*moment} - Wide{wholeSeconds}) * kMicrosecondsPerSecond);
 }
 
 std::string formatLocalTime(Time time, std::string_view format) {
     static const locale_t english = newlocale(LC_ALL_MASK, "C", nullptr);
-    const tm calendar =
-        localCalendar(std::chrono::floor<std::chrono::seconds>(time).time_since_epoch().count());
+    const tm calendar = localCalendar(wholeSecondsOf(time));
     // The full stop, taken off again, tells an empty result from a buffer that is too small.
     const std::string marked = std::string(format) + '.';
     // Formats may ask for any width; beyond this a text is of no use to anybody.
