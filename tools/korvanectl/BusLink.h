@@ -22,7 +22,8 @@ class BusLink : public DaemonLink {
 
   private:
     struct CloseBus {
-        void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+        // Nothing is left to be flushed, and a bus that never spoke would be waited for.
+        void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
     };
     using Bus = std::unique_ptr<sd_bus, CloseBus>;
 

@@ -1,6 +1,8 @@
 #include "korvanectl/Preferences.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +13,7 @@
 #include "base/PropertyListCodec.h"
 #include "base/PropertyListFile.h"
 #include "core/DefaultPreferences.h"
+#include "platform/linux/UniqueFd.h"
 #include "storage/SupportFolder.h"
 
 namespace korvane::ctl {
@@ -19,6 +22,28 @@ namespace {
 
 // The daemon saves when a check ends, a second or more apart: losing this often is no accident.
 constexpr int kEditTries = 8;
+
+// Keeps edits by several korvanectl out of each other's way: each would make sure of its own change
+// and might write the other's away. The daemon knows nothing of it. Anybody who may read the folder
+// may hold the lock, so it is not waited for longer than a whole edit takes.
+class EditTurn {
+  public:
+    explicit EditTurn(const std::string& folder)
+        : folder_(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        const auto deadline = std::chrono::steady_clock::now() + kLongestWait;
+        while (folder_ && flock(folder_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK &&
+               std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(kPause);
+        }
+    }
+
+  private:
+    static constexpr std::chrono::seconds kLongestWait{10};
+    static constexpr std::chrono::milliseconds kPause{10};
+    UniqueFd folder_;
+};
+
+std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
 }  // namespace
 
@@ -43,9 +68,8 @@ Outcome<Dictionary> Preferences::read() const {
 }
 
 Outcome<std::monostate> Preferences::write(const Dictionary& preferences) const {
-    const auto folder = path_.substr(0, path_.rfind('/'));
     // The safety copy is made beside the file, so the right to write the file alone is not enough.
-    if (access(folder.c_str(), W_OK) < 0 || access(path_.c_str(), W_OK) < 0) {
+    if (access(folderOf(path_).c_str(), W_OK) < 0 || access(path_.c_str(), W_OK) < 0) {
         return fileFailure(path_, errno);
     }
     const auto written = writeInPlace(path_, formatPropertyList(preferences),
@@ -58,6 +82,7 @@ Outcome<std::monostate> Preferences::write(const Dictionary& preferences) const 
 }
 
 Outcome<Told> Preferences::edit(DaemonLink& daemon, const Edit& edit) const {
+    const EditTurn turn{folderOf(path_)};
     for (int attempt = 0; attempt < kEditTries; ++attempt) {
         if (attempt > 0) {
             std::this_thread::sleep_for(pause_);
