@@ -17,13 +17,6 @@ std::vector<std::string> classesOf(const std::string& className) {
     return {className};
 }
 
-std::string indexKey(std::string_view className, std::string_view bsdName) {
-    std::string key(className);
-    key += '\0';
-    key += bsdName;
-    return key;
-}
-
 }  // namespace
 
 std::optional<std::vector<ServiceId>> SimulatedDeviceRegistry::services(
@@ -31,8 +24,8 @@ std::optional<std::vector<ServiceId>> SimulatedDeviceRegistry::services(
     if (isUnreadable_) {
         return std::nullopt;
     }
-    const auto ids = idsByClass_.find(std::string(className));
-    return ids == idsByClass_.end() ? std::vector<ServiceId>{} : ids->second;
+    const auto found = classes_.find(className);
+    return found == classes_.end() ? std::vector<ServiceId>{} : found->second.ids;
 }
 
 std::optional<std::vector<ServiceId>> SimulatedDeviceRegistry::servicesNamed(
@@ -40,8 +33,12 @@ std::optional<std::vector<ServiceId>> SimulatedDeviceRegistry::servicesNamed(
     if (isUnreadable_) {
         return std::nullopt;
     }
-    const auto ids = idsByClassAndBsdName_.find(indexKey(className, bsdName));
-    return ids == idsByClassAndBsdName_.end() ? std::vector<ServiceId>{} : ids->second;
+    const auto found = classes_.find(className);
+    if (found == classes_.end()) {
+        return std::vector<ServiceId>{};
+    }
+    const auto ids = found->second.idsByBsdName.find(bsdName);
+    return ids == found->second.idsByBsdName.end() ? std::vector<ServiceId>{} : ids->second;
 }
 
 std::optional<PropertyList> SimulatedDeviceRegistry::property(ServiceId service,
@@ -130,9 +127,10 @@ void SimulatedDeviceRegistry::index(ServiceId id, const Service& service) {
     };
     const PropertyList* bsdName = service.description.properties.find(kBsdName);
     for (const std::string& className : classesOf(service.description.className)) {
-        insertInOrder(idsByClass_[className]);
+        ClassIndex& found = classes_[className];
+        insertInOrder(found.ids);
         if (bsdName && bsdName->string()) {
-            insertInOrder(idsByClassAndBsdName_[indexKey(className, *bsdName->string())]);
+            insertInOrder(found.idsByBsdName[*bsdName->string()]);
         }
     }
 }
@@ -140,9 +138,10 @@ void SimulatedDeviceRegistry::index(ServiceId id, const Service& service) {
 void SimulatedDeviceRegistry::unindex(ServiceId id, const Service& service) {
     const PropertyList* bsdName = service.description.properties.find(kBsdName);
     for (const std::string& className : classesOf(service.description.className)) {
-        std::erase(idsByClass_[className], id);
+        ClassIndex& found = classes_[className];
+        std::erase(found.ids, id);
         if (bsdName && bsdName->string()) {
-            std::erase(idsByClassAndBsdName_[indexKey(className, *bsdName->string())], id);
+            std::erase(found.idsByBsdName[*bsdName->string()], id);
         }
     }
 }

@@ -2,7 +2,7 @@
 // by class and BSD name go through indexes. Numbers of services that are gone are never used again.
 #pragma once
 
-#include <map>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -46,6 +46,20 @@ class SimulatedDeviceRegistry final : public DeviceRegistry {
         std::vector<ServiceId> children;
     };
 
+    struct TextHash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const {
+            return std::hash<std::string_view>{}(text);
+        }
+    };
+    template <typename Value>
+    using TextMap = std::unordered_map<std::string, Value, TextHash, std::equal_to<>>;
+    // In the order of appearance, which is the kernel's.
+    struct ClassIndex {
+        std::vector<ServiceId> ids;
+        TextMap<std::vector<ServiceId>> idsByBsdName;
+    };
+
     void index(ServiceId id, const Service& service);
     void unindex(ServiceId id, const Service& service);
     void removeInto(ServiceId id, std::vector<ServiceDescription>& removed);
@@ -53,9 +67,7 @@ class SimulatedDeviceRegistry final : public DeviceRegistry {
 
     std::unordered_map<ServiceId, Service> services_;
     std::unordered_map<std::string, ServiceId> idsByName_;
-    // In the order of appearance, which is the kernel's.
-    std::unordered_map<std::string, std::vector<ServiceId>> idsByClass_;
-    std::unordered_map<std::string, std::vector<ServiceId>> idsByClassAndBsdName_;
+    TextMap<ClassIndex> classes_;
     std::uint32_t nextId_ = 1;
     bool isUnreadable_ = false;
 };

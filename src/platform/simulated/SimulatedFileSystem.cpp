@@ -25,8 +25,8 @@ std::string siblingNameOf(const std::string& path) {
 }
 
 // The components of a path, empty ones left out.
-std::deque<std::string> componentsOf(std::string_view path) {
-    std::deque<std::string> components;
+std::deque<std::string_view> componentsOf(std::string_view path) {
+    std::deque<std::string_view> components;
     std::size_t start = 0;
     while (start < path.size()) {
         const std::size_t end = std::min(path.find('/', start), path.size());
@@ -39,9 +39,9 @@ std::deque<std::string> componentsOf(std::string_view path) {
 }
 
 // A link named with a slash behind it is still the link.
-std::string withoutTrailingSlashes(std::string path) {
+std::string_view withoutTrailingSlashes(std::string_view path) {
     while (path.size() > 1 && path.back() == '/') {
-        path.pop_back();
+        path.remove_suffix(1);
     }
     return path;
 }
@@ -109,8 +109,9 @@ std::optional<ItemAttributes> SimulatedFileSystem::attributes(const std::string&
 
 bool SimulatedFileSystem::createFolders(const std::string& path, const std::string& ownerName) {
     std::string reached;
-    for (const std::string& component : componentsOf(path)) {
-        reached += "/" + component;
+    for (const std::string_view component : componentsOf(path)) {
+        reached += '/';
+        reached += component;
         if (isFolder(reached)) {
             continue;
         }
@@ -230,8 +231,8 @@ std::string SimulatedFileSystem::displayName(const std::string& path) {
     if (named != displayNames_.end()) {
         return named->second;
     }
-    const std::deque<std::string> components = componentsOf(path);
-    return components.empty() ? "System" : components.back();
+    const std::deque<std::string_view> components = componentsOf(path);
+    return components.empty() ? "System" : std::string(components.back());
 }
 
 std::string SimulatedFileSystem::userName() { return userName_; }
@@ -343,15 +344,42 @@ std::uint64_t SimulatedFileSystem::writeCount(const std::string& path) const {
     return count == writeCounts_.end() ? 0 : count->second;
 }
 
-// Walks the components with the folders passed on a stack, so that ".." and links lead where they
-// lead on a real system.
+// The common way: nothing but folders down to the item.
 std::optional<SimulatedFileSystem::Place> SimulatedFileSystem::find(std::string_view path,
                                                                     LastLink lastLink) {
     if (path.empty() || path.front() != '/') {
         return std::nullopt;
     }
+    Place at{rootTree_->root.get(), rootTree_, "", rootTree_->root.get(), true};
+    std::size_t start = 0;
+    while ((start = path.find_first_not_of('/', start)) != std::string_view::npos) {
+        const std::size_t end = std::min(path.find('/', start), path.size());
+        const std::string_view name = path.substr(start, end - start);
+        start = end;
+        if (!at.node || at.node->kind != ItemKind::folder) {
+            return std::nullopt;
+        }
+        if (name == "." || name == "..") {
+            return findStepwise(path, lastLink);
+        }
+        at = step(at, name);
+        if (at.node && at.node->kind == ItemKind::link &&
+            (end < path.size() || lastLink == LastLink::followed)) {
+            return findStepwise(path, lastLink);
+        }
+    }
+    if (path.back() == '/' && at.node && at.node->kind != ItemKind::folder) {
+        return std::nullopt;
+    }
+    return at;
+}
+
+// Walks the components with the folders passed on a stack, so that ".." and links lead where they
+// lead on a real system.
+std::optional<SimulatedFileSystem::Place> SimulatedFileSystem::findStepwise(std::string_view path,
+                                                                            LastLink lastLink) {
     const bool mustBeFolder = path.size() > 1 && path.back() == '/';
-    std::deque<std::string> ahead = componentsOf(path);
+    std::deque<std::string_view> ahead = componentsOf(path);
     std::vector<Place> passed;
     passed.push_back({rootTree_->root.get(), rootTree_, "", rootTree_->root.get(), true});
     int links = 0;
@@ -360,7 +388,7 @@ std::optional<SimulatedFileSystem::Place> SimulatedFileSystem::find(std::string_
         if (!current.node || current.node->kind != ItemKind::folder) {
             return std::nullopt;
         }
-        const std::string name = std::move(ahead.front());
+        const std::string_view name = ahead.front();
         ahead.pop_front();
         if (name == ".") {
             continue;
@@ -371,16 +399,7 @@ std::optional<SimulatedFileSystem::Place> SimulatedFileSystem::find(std::string_
             }
             continue;
         }
-        Place next{current.node, current.tree, name, nullptr, false};
-        const auto child = current.node->children.find(SimulatedName(seed_, name));
-        if (child != current.node->children.end()) {
-            next.node = child->second.get();
-            if (next.node->mounted) {
-                next.tree = next.node->mounted;
-                next.node = next.tree->root.get();
-                next.isMountPoint = true;
-            }
-        }
+        const Place next = step(current, name);
         const bool isLast = ahead.empty() && !mustBeFolder;
         if (next.node && next.node->kind == ItemKind::link &&
             (!isLast || lastLink == LastLink::followed)) {
@@ -390,17 +409,32 @@ std::optional<SimulatedFileSystem::Place> SimulatedFileSystem::find(std::string_
             if (next.node->linkTarget.starts_with('/')) {
                 passed.resize(1);
             }
-            std::deque<std::string> target = componentsOf(next.node->linkTarget);
+            const std::deque<std::string_view> target = componentsOf(next.node->linkTarget);
             ahead.insert(ahead.begin(), target.begin(), target.end());
             continue;
         }
-        passed.push_back(std::move(next));
+        passed.push_back(next);
     }
-    Place& reached = passed.back();
+    const Place& reached = passed.back();
     if (mustBeFolder && reached.node && reached.node->kind != ItemKind::folder) {
         return std::nullopt;
     }
-    return std::move(reached);
+    return reached;
+}
+
+SimulatedFileSystem::Place SimulatedFileSystem::step(const Place& from,
+                                                     std::string_view name) const {
+    Place next{from.node, from.tree, name, nullptr, false};
+    const auto child = from.node->children.find(SimulatedNameView(seed_, name));
+    if (child != from.node->children.end()) {
+        next.node = child->second.get();
+        if (next.node->mounted) {
+            next.tree = next.node->mounted;
+            next.node = next.tree->root.get();
+            next.isMountPoint = true;
+        }
+    }
+    return next;
 }
 
 SimulatedNode* SimulatedFileSystem::folderAt(const std::string& path) {
@@ -453,8 +487,9 @@ void SimulatedFileSystem::pathsInto(SimulatedNode& folder, const std::string& pr
     for (const auto& [key, child] : folder.children) {
         SimulatedNode& node = child->mounted ? *child->mounted->root : *child;
         if (node.kind == ItemKind::folder) {
-            paths.push_back(prefix + key.name + "/");
-            pathsInto(node, paths.back(), paths);
+            const std::string path = prefix + key.name + "/";
+            paths.push_back(path);
+            pathsInto(node, path, paths);
         } else {
             paths.push_back(prefix + key.name);
         }
@@ -484,13 +519,13 @@ bool SimulatedFileSystem::removeTree(SimulatedNode& folder, const SimulatedName&
 
 std::optional<Error> SimulatedFileSystem::refusal(const Place& place, bool needsSpace) {
     if (place.tree->isReadOnly) {
-        return Error{place.name + ": read-only file system"};
+        return Error{std::string(place.name) + ": read-only file system"};
     }
     if (place.folder->isImmutable) {
-        return Error{place.name + ": operation not permitted"};
+        return Error{std::string(place.name) + ": operation not permitted"};
     }
     if (needsSpace && place.tree->isFull) {
-        return Error{place.name + ": no space left on device"};
+        return Error{std::string(place.name) + ": no space left on device"};
     }
     return std::nullopt;
 }

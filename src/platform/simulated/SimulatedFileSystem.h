@@ -88,13 +88,15 @@ class SimulatedFileSystem final : public FileSystem {
     struct Place {
         SimulatedNode* folder = nullptr;
         SimulatedTree* tree = nullptr;
-        std::string name;               // empty for the root of all
+        std::string_view name;          // a part of the path asked for; empty for the root of all
         SimulatedNode* node = nullptr;  // null when nothing is there
         bool isMountPoint = false;      // the node is the root of a mounted volume
     };
     enum class LastLink { followed, kept };
 
     std::optional<Place> find(std::string_view path, LastLink lastLink);
+    std::optional<Place> findStepwise(std::string_view path, LastLink lastLink);
+    [[nodiscard]] Place step(const Place& from, std::string_view name) const;
     SimulatedNode* folderAt(const std::string& path);
     SimulatedTree& treeOf(const std::string& volume);
     SimulatedNode& add(SimulatedNode& folder, std::string_view name, ItemKind kind,

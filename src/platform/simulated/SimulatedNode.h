@@ -17,12 +17,24 @@ struct SimulatedTree;
 
 // A name with its place in its folder: by hash, as real file systems keep theirs, so that nobody
 // can come to rely on an order. The seed makes it another one.
+struct SimulatedNameView {
+    SimulatedNameView(std::uint64_t seed, std::string_view text)
+        : hash(hashBytes(kHashStart ^ seed, text)), name(text) {}
+    std::uint64_t hash;
+    std::string_view name;
+};
 struct SimulatedName {
     SimulatedName(std::uint64_t seed, std::string_view text)
         : hash(hashBytes(kHashStart ^ seed, text)), name(text) {}
     std::uint64_t hash;
     std::string name;
-    friend auto operator<=>(const SimulatedName&, const SimulatedName&) = default;
+};
+struct SimulatedNameOrder {
+    using is_transparent = void;
+    template <typename One, typename Other>
+    bool operator()(const One& one, const Other& other) const {
+        return one.hash != other.hash ? one.hash < other.hash : one.name < other.name;
+    }
 };
 
 struct SimulatedNode {
@@ -30,9 +42,10 @@ struct SimulatedNode {
     std::uint32_t ownerId = 0;
     mode_t permissions = 0;
     Time modificationDate{};
-    SimulatedContents contents;                                        // of a file
-    std::string linkTarget;                                            // of a link
-    std::map<SimulatedName, std::unique_ptr<SimulatedNode>> children;  // of a folder
+    SimulatedContents contents;  // of a file
+    std::string linkTarget;      // of a link
+    std::map<SimulatedName, std::unique_ptr<SimulatedNode>, SimulatedNameOrder>
+        children;                      // of a folder
     SimulatedTree* mounted = nullptr;  // the volume that covers this folder
     bool isImmutable = false;          // nothing can be made, changed or removed in this folder
     bool isUnreadable = false;         // this folder cannot be listed
