@@ -9,8 +9,9 @@ void SimulatedContents::setBytes(std::string bytes) {
     value_.reset();
 }
 
-void SimulatedContents::setValue(PropertyList value) {
-    value_ = std::move(value);
+void SimulatedContents::setValue(const PropertyList& value) {
+    // Assigned over the last value, whose memory serves again: most writes change little.
+    value_ = value;
     bytes_.reset();
 }
 

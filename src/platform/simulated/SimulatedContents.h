@@ -17,7 +17,7 @@ class SimulatedContents {
     SimulatedContents() = default;
 
     void setBytes(std::string bytes);
-    void setValue(PropertyList value);
+    void setValue(const PropertyList& value);
 
     [[nodiscard]] const std::string& bytes() const;
     // Parsed at the first asking, and then remembered until the contents change.
