@@ -2,7 +2,9 @@
 add_library(korvane_options INTERFACE)
 target_compile_options(korvane_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
-    -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wimplicit-fallthrough -Werror)
+    -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wimplicit-fallthrough -Werror
+    # An ignored failure is cast to void, which GCC does not take for an answer here.
+    -Wno-unused-result)
 # A library that a program does not use is not mapped into it.
 target_link_options(korvane_options INTERFACE -Wl,--as-needed)
 target_include_directories(korvane_options INTERFACE ${PROJECT_SOURCE_DIR}/src)

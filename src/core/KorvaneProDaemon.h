@@ -52,6 +52,9 @@ class KorvaneProDaemon final : public ControlTarget {
     // The vended connection on which the main application talks to the daemon, or null.
     std::unique_ptr<RegisteredConnection> destConnection;
 
+    // The monitors' dialog on the screen: a new one cancels it first, so there is one at most.
+    std::unique_ptr<AlertDialog> userNotificationRef;
+
     // Timers. To cancel one is to reset its field; one that has fired may stay in its field.
     std::unique_ptr<Timer> clockTimer;       // the next tick and, once, the delayed start
     std::unique_ptr<Timer> outTimer;         // the tick at which the next check falls due
@@ -143,6 +146,11 @@ class KorvaneProDaemon final : public ControlTarget {
     [[nodiscard]] std::string getCurrentSystemString();
     [[nodiscard]] ComparisonResult compareCurrentSystemVersionWith(std::string_view version);
 
+    // ---- core/: texts (LocalizedTexts.cpp) ------------------------------------------------------
+
+    // The text of the default strings table; the key itself where it has none.
+    [[nodiscard]] std::string localized(std::string_view key);
+
     // ---- monitors/ ------------------------------------------------------------------------------
 
     // Measures the volume whose entry has this index in volumeArray (VolumeUsageCheck.cpp).
@@ -150,6 +158,8 @@ class KorvaneProDaemon final : public ControlTarget {
     // Whether the volume is mounted, can be filled, and is not the emergency volume.
     [[nodiscard]] bool canMeasureUsage(const std::string& path);
     void measureVolumeUsage(const std::string& path, VolumeEntry& entry, std::size_t index);
+    // Shows a warning with this message in place of the one on the screen (WarningDialog.cpp).
+    void showWarningDialog(const std::string& message);
     // Adds one entry to the history log of a drive or a volume (HistoryLog.cpp). The index of the
     // drive's or volume's own entry is not needed for it.
     void updateLog(std::int16_t kind, const Dictionary& logDict, std::size_t index);

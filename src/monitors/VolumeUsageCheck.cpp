@@ -63,6 +63,12 @@ void KorvaneProDaemon::measureVolumeUsage(const std::string& path, VolumeEntry& 
             LogLevel::warning,
             formatText("WARNING! \"%@\" has %.0f%% free space remaining.",
                        {std::string_view(displayName), double{measured.percentFree}}));
+        if (entry.usageStatus() != kStatusFailing) {
+            showWarningDialog(
+                formatText(localized("percentFreeSpaceRemaining"),
+                           {std::string_view(displayName), double{measured.percentFree}}));
+        }
+        // The latch holds whether or not anybody could be shown the dialog.
         entry.setUsageStatus(kStatusFailing);
     }
     updateLog(kUsageLog, usageLogEntry(displayName, machine_.clock.now(), measured, outcome),

@@ -1,6 +1,8 @@
 // Everything the daemon needs of its machine, handed over as one.
 #pragma once
 
+#include "platform/AlertDialogs.h"
+#include "platform/Bundle.h"
 #include "platform/Clock.h"
 #include "platform/ControlConnection.h"
 #include "platform/DeviceRegistry.h"
@@ -26,6 +28,8 @@ struct Machine {
     SystemLog& systemLog;
     ControlConnection& controlConnection;
     Host& host;
+    AlertDialogs& alertDialogs;
+    Bundle& bundle;
 };
 
 }  // namespace korvane

@@ -10,6 +10,8 @@
 #include <utility>
 
 #include "base/PropertyListCodec.h"
+#include "base/PropertyListFile.h"
+#include "base/StringsTable.h"
 #include "core/DefaultPreferences.h"
 #include "storage/SupportFolder.h"
 
@@ -31,6 +33,17 @@ const PropertyListArray& arrayUnder(const Dictionary& dictionary, const char* ke
     const PropertyList* value = dictionary.find(key);
     const PropertyListArray* array = value ? value->array() : nullptr;
     return array ? *array : kNone;
+}
+
+// The texts that the program is delivered with.
+StringsTable englishTable(const std::string& name) {
+    PropertyListFiles files;
+    Result<PropertyList> table =
+        files.read(std::string(KORVANE_SOURCE_DIR) + "/resources/en.lproj/" + name + ".strings");
+    if (!table || table->dictionary() == nullptr) {
+        throw std::invalid_argument("no strings table " + name);
+    }
+    return StringsTable{*table->dictionary()};
 }
 
 // A verb that does not apply is a mistake of the test.
@@ -55,7 +68,9 @@ Scenario::Scenario(const std::string& machineName, std::uint64_t seed)
     : Scenario(describe(machineName), seed) {}
 
 Scenario::Scenario(const MachineDescription& description, std::uint64_t seed)
-    : seed_(seed), zone_(description.zone), machine_(description, seed) {}
+    : seed_(seed), zone_(description.zone), machine_(description, seed) {
+    machine_.bundle.setTable(kDefaultStringsTable, englishTable(kDefaultStringsTable));
+}
 
 Scenario::~Scenario() {
     if (testing::Test::HasFailure() || std::uncaught_exceptions() > 0) {
@@ -245,6 +260,20 @@ Scenario& Scenario::editVolumeEntry(const std::string& path,
         }
         require(isFound, "editVolumeEntry: there is no entry of " + path);
     });
+}
+
+std::vector<std::string> Scenario::dialogs() const {
+    std::vector<std::string> messages;
+    for (const auto& shown : machine_.alertDialogs.shown()) messages.push_back(shown.alert.message);
+    return messages;
+}
+
+std::vector<std::string> Scenario::dialogsOnScreen() const {
+    std::vector<std::string> messages;
+    for (const auto& shown : machine_.alertDialogs.shown()) {
+        if (shown.isOnScreen) messages.push_back(shown.alert.message);
+    }
+    return messages;
 }
 
 std::vector<std::string> Scenario::log() const {

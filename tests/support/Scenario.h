@@ -105,6 +105,9 @@ class Scenario {
 
     // The lines of the system log.
     [[nodiscard]] std::vector<std::string> log() const;
+    // The messages of all dialogs shown so far, oldest first, and of those on the screen now.
+    [[nodiscard]] std::vector<std::string> dialogs() const;
+    [[nodiscard]] std::vector<std::string> dialogsOnScreen() const;
     // The settings as the file holds them now; empty, and the test fails, when it does not parse.
     [[nodiscard]] Dictionary preferences();
     // The volume's entry in them; empty when there is none.

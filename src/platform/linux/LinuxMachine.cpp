@@ -13,7 +13,8 @@ LinuxMachine::LinuxMachine(SystemLog& systemLog, const LinuxVolumesPlaces& volum
       controlBus_(connectedControlBus()),
       processes_(runLoop_, controlBus_),
       sleepWatch_(runLoop_, systemBus_),
-      controlConnection_(runLoop_, controlBus_, systemLog) {}
+      controlConnection_(runLoop_, controlBus_, systemLog),
+      alertDialogs_(runLoop_, bundle_, systemLog) {}
 
 LinuxBus& LinuxMachine::connectedControlBus() {
     systemBus_.connect();
@@ -33,7 +34,9 @@ Machine LinuxMachine::machine() {
                    .processes = processes_,
                    .systemLog = systemLog_,
                    .controlConnection = controlConnection_,
-                   .host = host_};
+                   .host = host_,
+                   .alertDialogs = alertDialogs_,
+                   .bundle = bundle_};
 }
 
 }  // namespace korvane

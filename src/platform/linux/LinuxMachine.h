@@ -5,6 +5,8 @@
 #include <optional>
 
 #include "platform/Machine.h"
+#include "platform/linux/LinuxAlertDialogs.h"
+#include "platform/linux/LinuxBundle.h"
 #include "platform/linux/LinuxBus.h"
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxControlConnection.h"
@@ -47,6 +49,8 @@ class LinuxMachine {
     LinuxProcesses processes_;
     SleepWatch sleepWatch_;
     LinuxControlConnection controlConnection_;
+    LinuxBundle bundle_;
+    LinuxAlertDialogs alertDialogs_;
 };
 
 }  // namespace korvane

@@ -16,7 +16,8 @@ SimulatedMachine::SimulatedMachine(const MachineDescription& description, std::u
       powerSources(description.powerSources),
       processes(runLoop, journal),
       controlConnection(journal),
-      host(description.version) {
+      host(description.version),
+      alertDialogs(runLoop, clock, journal) {
     for (const ServiceDescription& service : description.services) {
         deviceRegistry.add(service);
     }
@@ -33,8 +34,8 @@ SimulatedMachine::SimulatedMachine(const MachineDescription& description, std::u
 }
 
 Machine SimulatedMachine::machine() {
-    return {runLoop,      clock,     fileSystem, volumes,           deviceRegistry,
-            powerSources, processes, systemLog,  controlConnection, host};
+    return {runLoop,   clock,     fileSystem,        volumes, deviceRegistry, powerSources,
+            processes, systemLog, controlConnection, host,    alertDialogs,   bundle};
 }
 
 bool SimulatedMachine::plug(const std::string& name) {

@@ -10,6 +10,8 @@
 
 #include "platform/Machine.h"
 #include "platform/simulated/MachineDescription.h"
+#include "platform/simulated/SimulatedAlertDialogs.h"
+#include "platform/simulated/SimulatedBundle.h"
 #include "platform/simulated/SimulatedClock.h"
 #include "platform/simulated/SimulatedControlConnection.h"
 #include "platform/simulated/SimulatedDeviceRegistry.h"
@@ -56,6 +58,8 @@ class SimulatedMachine {
     SimulatedProcesses processes;
     SimulatedControlConnection controlConnection;
     SimulatedHost host;
+    SimulatedAlertDialogs alertDialogs;
+    SimulatedBundle bundle;
 
   private:
     std::map<std::string, AccessoryDescription> unplugged_;

@@ -1,0 +1,20 @@
+// The dialog that the monitors share.
+
+#include "base/Format.h"
+#include "core/KorvaneProDaemon.h"
+
+namespace korvane {
+
+void KorvaneProDaemon::showWarningDialog(const std::string& message) {
+    if (userNotificationRef) userNotificationRef->cancel();
+    const std::string product = localized("KorvaneProDaemon");
+    const std::string warning = localized("warning");
+    userNotificationRef = machine_.alertDialogs.show(
+        Alert{.header = formatText("%@ %@", {std::string_view(product), std::string_view(warning)}),
+              .message = message,
+              .defaultButton = localized("okay"),
+              .level = AlertLevel::caution,
+              .timeOut = {}});
+}
+
+}  // namespace korvane
