@@ -70,9 +70,9 @@ bool measureHours() {
         KorvaneProDaemon daemon(machine.machine());
         daemon.awakeFromNib();
         machine.runLoop.runFor(minutes{1});
-        Cost hour = costOf(machine, hours{1} / kStretches);
+        Cost hour = costOf(machine, minutes{60} / kStretches);
         for (int stretch = 1; stretch < kStretches; ++stretch) {
-            const Cost next = costOf(machine, hours{1} / kStretches);
+            const Cost next = costOf(machine, minutes{60} / kStretches);
             if (next.seconds < hour.seconds) hour = next;
         }
         const double nanoseconds = hour.seconds * 1e9 / hour.passes / count;
