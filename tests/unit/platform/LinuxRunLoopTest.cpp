@@ -1,10 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
+#include <cstddef>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -12,7 +16,9 @@
 #include <vector>
 
 #include "RecordingLog.h"
+#include "TemporaryFolder.h"
 #include "platform/linux/LinuxRunLoop.h"
+#include "platform/linux/UniqueFd.h"
 
 namespace korvane {
 namespace {
@@ -20,7 +26,6 @@ namespace {
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::SizeIs;
 
 struct LinuxRunLoopTest : testing::Test {
@@ -200,6 +205,33 @@ TEST(LinuxRunLoopSignals, RestoresTheSignalMaskAtItsEnd) {
     sigset_t mask;
     ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, nullptr, &mask), 0);
     EXPECT_EQ(sigismember(&mask, SIGTERM), 0);
+}
+
+TEST_F(LinuxRunLoopTest, TellsTheServiceManagerThatItIsReadyAndThatItStops) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "notify";
+    const UniqueFd manager{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+              0);
+    const auto nextMessage = [&manager] {
+        std::string message(64, '\0');
+        const ssize_t size = ::recv(manager.get(), message.data(), message.size(), 0);
+        message.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+        return message;
+    };
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    std::vector<std::string> messages;
+    loop.post([&] {
+        messages.push_back(nextMessage());
+        loop.terminate();
+    });
+    loop.run();
+    ::unsetenv("NOTIFY_SOCKET");
+    messages.push_back(nextMessage());
+    EXPECT_THAT(messages, ElementsAre("READY=1", "STOPPING=1"));
 }
 
 TEST_F(LinuxRunLoopTest, DoesNotWakeWhileNothingIsDue) {
