@@ -24,8 +24,8 @@ namespace korvane {
 
 // Where things are on the machine; tests look elsewhere.
 struct LinuxVolumesPlaces {
-    std::string memoryFile;   // for VolumeMemory; empty: numbers do not outlive the process
-    std::string linksFolder;  // for VolumeLinks, "/Volumes"; empty: no links are kept
+    std::string memoryFile{};   // for VolumeMemory; empty: numbers do not outlive the process
+    std::string linksFolder{};  // for VolumeLinks, "/Volumes"; empty: no links are kept
     std::string mountTable = "/proc/self/mountinfo";
     std::string sysfs = "/sys";
     std::string udevData = "/run/udev/data";
