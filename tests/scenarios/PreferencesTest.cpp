@@ -181,6 +181,18 @@ TEST(Reload, RebuildsTheInventoryAtOnce) {
     EXPECT_THAT(volumePathsIn(s), ElementsAre("/", "/Volumes/Data"));
 }
 
+TEST(Reload, ForgetsTheEntriesOfAFileThatIsGone) {
+    Scenario s("two-volumes");
+    s.run(minutes(1));
+    s.editVolumeEntry("/Volumes/Data",
+                      [](Dictionary& entry) { entry.set("freeSpaceWarningLevel", 42); });
+    reload(s);
+    ASSERT_TRUE(s.machine().fileSystem.removeItem(kPreferencesFile));
+    reload(s);
+    EXPECT_EQ(*s.volumeEntry("/Volumes/Data").find("freeSpaceWarningLevel"), PropertyList(15));
+    EXPECT_EQ(*s.preferences().find("DAEMON_ON"), PropertyList(true));
+}
+
 TEST(Reload, QuitsWhenTheSupportFolderIsGone) {
     Scenario s("two-volumes");
     s.run(minutes(1));

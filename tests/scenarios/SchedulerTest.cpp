@@ -127,6 +127,20 @@ TEST(Tick, KeepsAWarningWhileTheCheckRuns) {
     EXPECT_EQ(usageStatusIn(s, "/Volumes/Data"), "4");
 }
 
+TEST(Tick, MarksACheckAsRunningUnlessItsVolumeWasWarnedAbout) {
+    for (const char* status : {"0", "3", "4"}) {
+        Scenario s("two-volumes");
+        settle(s);
+        Dictionary due = quietVolume(s, "/Volumes/Data", -60);
+        due.set("usageStatus", status);
+        // What the tick wrote stays to be seen: the check itself does nothing.
+        s.send("QLDaemonIgnoreFreeSpace_WipeData_Msg");
+        (void)pendingAfterReload(s, {quietVolume(s, "/"), due});
+        s.run(seconds(4)).plug("stick").run(seconds(0));  // a new volume is saved at once
+        EXPECT_EQ(usageStatusIn(s, "/Volumes/Data"), std::string(status) == "4" ? "4" : "2");
+    }
+}
+
 // A timer's index is read when it fires: by then another array may stand there.
 class CheckByIndex : public testing::Test {
   protected:
