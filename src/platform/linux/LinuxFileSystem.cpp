@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 #include "platform/linux/FolderDescent.h"
@@ -52,7 +53,7 @@ void giveFolder(const std::string& path, std::optional<uid_t> owner) {
     if (!owner || *owner == ::geteuid()) return;
     const UniqueFd folder{::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
     // A folder that stays its maker's still serves the daemon.
-    if (folder) (void)::fchown(folder.get(), *owner, static_cast<gid_t>(-1));
+    if (folder) std::ignore = ::fchown(folder.get(), *owner, static_cast<gid_t>(-1));
 }
 
 // Empties the folder that the descent stands in and comes back to it; the first failure is kept in

@@ -9,6 +9,7 @@
 #include <climits>
 #include <optional>
 #include <set>
+#include <tuple>
 
 #include "platform/linux/Sysfs.h"
 #include "platform/linux/UniqueFd.h"
@@ -102,7 +103,7 @@ bool VolumeLinks::update(const std::vector<std::string>& mountPoints) {
     }
     for (const auto& [name, target] : links) {
         // Stands already, or cannot be made and is tried again at the next change.
-        (void)::symlinkat(target.c_str(), folder.get(), name.c_str());
+        std::ignore = ::symlinkat(target.c_str(), folder.get(), name.c_str());
     }
     current_ = mountPoints;
     isCurrent_ = true;
