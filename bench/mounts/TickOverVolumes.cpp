@@ -17,6 +17,7 @@
 
 #include "base/PropertyListFile.h"
 #include "core/KorvaneProDaemon.h"
+#include "platform/linux/LinuxBundle.h"
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxDeviceRegistry.h"
 #include "platform/linux/LinuxFileSystem.h"
@@ -43,6 +44,10 @@ class NoConnection final : public ControlConnection {
 class NoLog final : public SystemLog {
   public:
     void write(LogLevel /*level*/, std::string_view /*line*/) override {}
+};
+class NoDialogs final : public AlertDialogs {
+  public:
+    std::unique_ptr<AlertDialog> show(const Alert& /*alert*/) override { return nullptr; }
 };
 class NoProcesses final : public Processes {
   public:
@@ -114,6 +119,8 @@ struct Parts {
     NoProcesses processes;
     NoConnection connection;
     LinuxHost host;
+    NoDialogs dialogs;
+    LinuxBundle bundle;
     KorvaneProDaemon daemon;
 
     explicit Parts(const std::string& root)
@@ -135,7 +142,9 @@ struct Parts {
                   .processes = processes,
                   .systemLog = log,
                   .controlConnection = connection,
-                  .host = host}) {}
+                  .host = host,
+                  .alertDialogs = dialogs,
+                  .bundle = bundle}) {}
 
     // Runs the daemon for this long, doing something on the way.
     void runFor(milliseconds length, const RunLoop::Callback& begin, const RunLoop::Callback& end) {

@@ -29,7 +29,7 @@ namespace {
 using std::chrono::steady_clock;
 
 // Everything here is many times slower than on a real machine, and the build machine may be busy.
-constexpr std::chrono::seconds kPatience{30};
+constexpr std::chrono::seconds kPatience{40};
 constexpr std::chrono::milliseconds kBetweenLooks{100};
 
 const std::string kDaemon = KORVANE_BUILD_DIR "/KorvaneProDaemon";
@@ -38,16 +38,17 @@ const std::string kDaemonLog = "/results/daemon.log";
 
 std::string fillerOf(const std::string& volume) { return volume + "/filler"; }
 
-// In the child: from the next exec on the machine seems to have been up for longer.
-void enterTimeNamespace() {
+// For the processes started from now on the machine seems to have been up for longer.
+bool makeMachineSeemLongUp() {
     constexpr char kLonger[] = "boottime 1000 0\n";
     if (unshare(CLONE_NEWTIME) != 0) {
-        _exit(126);
+        return false;
     }
     const int offsets = open("/proc/self/timens_offsets", O_WRONLY | O_CLOEXEC);
-    if (offsets < 0 || write(offsets, kLonger, sizeof kLonger - 1) < 0) {
-        _exit(126);
-    }
+    const bool done =
+        offsets >= 0 && write(offsets, kLonger, sizeof kLonger - 1) == sizeof kLonger - 1;
+    (void)close(offsets);
+    return done;
 }
 
 }  // namespace
@@ -148,6 +149,14 @@ std::string lastResult(const std::string& displayName) {
     return last ? stringValue(last->find("result")) : "no entry";
 }
 
+void keepSupportFolder() {
+    std::error_code ignored;  // there may be none
+    std::filesystem::copy(
+        kSupportFolder,
+        std::string{"/results/"} + ::testing::UnitTest::GetInstance()->current_test_info()->name(),
+        std::filesystem::copy_options::recursive, ignored);
+}
+
 bool becomes(const std::function<bool()>& condition) {
     for (const auto end = steady_clock::now() + kPatience; steady_clock::now() < end;) {
         if (condition()) {
@@ -159,9 +168,10 @@ bool becomes(const std::function<bool()>& condition) {
 }
 
 RunningDaemon::RunningDaemon() {
+    static const bool isLongUp = makeMachineSeemLongUp();
+    EXPECT_TRUE(isLongUp) << std::strerror(errno);
     process_ = fork();
     if (process_ == 0) {
-        enterTimeNamespace();
         const int log = open(kDaemonLog.c_str(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0644);
         (void)dup2(log, STDOUT_FILENO);
         (void)dup2(log, STDERR_FILENO);

@@ -38,6 +38,9 @@ void editPreferences(const std::function<void(Dictionary&)>& edit);
 [[nodiscard]] PropertyListArray usageHistory(const std::string& displayName);
 [[nodiscard]] std::string lastResult(const std::string& displayName);
 
+// Leaves a copy of the support folder in /results, for a look at it after a failure.
+void keepSupportFolder();
+
 // Looks until it is so, for half a minute at most.
 [[nodiscard]] bool becomes(const std::function<bool()>& condition);
 
