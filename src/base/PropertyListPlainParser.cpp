@@ -90,10 +90,15 @@ bool PlainParser::parseElement() {
             return parseEmptyElement("<array/>", PropertyListArray()) ||
                    parseContainer("<array>", Container::array);
         case 'd':
+            // Tried once only: what one of them has taken another must not go on from.
+            if (rest_.starts_with("<date>")) {
+                return parseScalar("<date>", "</date>", parsePropertyListDate);
+            }
+            if (rest_.starts_with("<data>")) {
+                return parseScalar("<data>", "</data>", parsePropertyListData);
+            }
             return parseEmptyElement("<dict/>", Dictionary()) ||
-                   parseContainer("<dict>", Container::dictionary) ||
-                   parseScalar("<date>", "</date>", parsePropertyListDate) ||
-                   parseScalar("<data>", "</data>", parsePropertyListData);
+                   parseContainer("<dict>", Container::dictionary);
         default:
             return false;
     }

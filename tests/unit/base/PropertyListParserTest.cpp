@@ -104,6 +104,7 @@ TEST(PropertyListParser, RefusesWhatIsNoPropertyList) {
         {"<string lang='en'>a</string>", "an attribute"},
         {"<string>a<true/></string>", "an element inside a text"},
         {"<true><false/></true>", "an element inside a text"},
+        {"<array><date><data>QUJD</data></array>", "an element inside a text"},
         {"<true>x</true>", "text outside a value"},
         {"<array>x</array>", "text outside a value"},
         {"<key>a</key>", "a key outside"},
