@@ -128,9 +128,20 @@ std::vector<BlockFolder> LinuxDeviceRegistry::findDisks(const std::vector<std::s
     return found;
 }
 
+std::uint64_t LinuxDeviceRegistry::turn() const {
+    std::uint64_t turn = 0;
+    (void)sd_event_get_iteration(loop_.event(), &turn);  // cannot fail: the loop exists
+    return turn;
+}
+
+// With nobody to tell of changes the list of devices is at least looked at, and once a turn of the
+// loop is enough: a tick over a thousand volumes asks thousands of times.
+bool LinuxDeviceRegistry::isInLine() const {
+    return tree_ && !isStale_ && (monitor_ || turn() == turnOfLastLook_);
+}
+
 bool LinuxDeviceRegistry::refresh() {
-    // With nobody to tell of changes the list of devices is at least looked at.
-    if (tree_ && !isStale_ && monitor_) {
+    if (isInLine()) {
         return true;
     }
     const std::vector<std::string> names = sysfs_.list(kBlockClass);
@@ -150,6 +161,7 @@ bool LinuxDeviceRegistry::refresh() {
     }
     disksInLine_ = std::move(inLine);
     isStale_ = false;
+    turnOfLastLook_ = turn();
     // Most events change nothing that is told here; then the services stay as they are.
     if (!tree_ || disks != disks_) {
         tree_ = std::make_unique<DeviceTree>(disks);

@@ -68,6 +68,10 @@ class LinuxDeviceRegistry final : public DeviceRegistry {
     void everythingChanged();
     // Brings the tree up to date. False when there is none to be read.
     [[nodiscard]] bool refresh();
+    // Whether nothing can have changed since the tree was last looked at, as far as can be known.
+    [[nodiscard]] bool isInLine() const;
+    // Counts the turns of the loop.
+    [[nodiscard]] std::uint64_t turn() const;
     [[nodiscard]] std::vector<BlockFolder> findDisks(const std::vector<std::string>& names);
 
     [[nodiscard]] ServiceId serviceOf(std::uint32_t node) const;
@@ -84,6 +88,7 @@ class LinuxDeviceRegistry final : public DeviceRegistry {
     std::unique_ptr<DeviceTree> tree_;
     std::uint32_t generation_ = 0;
     bool isStale_ = true;
+    std::uint64_t turnOfLastLook_ = 0;
     std::size_t disksRead_ = 0;
 
     std::unique_ptr<udev, UdevCloser> udev_;

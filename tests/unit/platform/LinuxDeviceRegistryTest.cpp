@@ -1,5 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <optional>
 
 #include "RecordingLog.h"
 #include "SysfsTree.h"
@@ -251,6 +255,50 @@ TEST(LinuxDeviceRegistry, HasNoTreeWithoutSysfs) {
     EXPECT_FALSE(registry.services("IOMedia"));
     EXPECT_FALSE(registry.servicesNamed("IOMedia", "sda"));
     EXPECT_FALSE(registry.properties(ServiceId{0}));
+}
+
+// While it lives, no file descriptor can be had.
+class NoDescriptors {
+  public:
+    NoDescriptors() {
+        (void)getrlimit(RLIMIT_NOFILE, &before_);
+        const rlimit none{.rlim_cur = 0, .rlim_max = before_.rlim_max};
+        (void)setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoDescriptors() { (void)setrlimit(RLIMIT_NOFILE, &before_); }
+
+  private:
+    rlimit before_{};
+};
+
+TEST(LinuxDeviceRegistry, LooksOnceATurnOfTheLoopWhereNobodyTellsOfChanges) {
+    SysfsTree tree{"machine.txt"};
+    RecordingLog log;
+    LinuxRunLoop loop{log};
+    std::optional<LinuxDeviceRegistry> registry;
+    {
+        const NoDescriptors noMonitor;
+        registry.emplace(loop, LinuxDevicePlaces{.sysfs = tree.sysfs(),
+                                                 .udevData = tree.udevData(),
+                                                 .udevControl = "/nowhere"});
+    }
+    const auto disksNamed = [&](const char* name) {
+        return registry->servicesNamed("IOMedia", name).value().size();
+    };
+    std::size_t inTheSameTurn = 0;
+    std::size_t inTheNextTurn = 0;
+    const auto first = loop.startTimer(std::chrono::seconds(0), Repeat::once, [&] {
+        EXPECT_EQ(disksNamed("loop1"), 0U);
+        tree.add("block devices/virtual/block/loop1 7:1");
+        inTheSameTurn = disksNamed("loop1");
+    });
+    const auto second = loop.startTimer(std::chrono::milliseconds(1), Repeat::once, [&] {
+        inTheNextTurn = disksNamed("loop1");
+        loop.terminate();
+    });
+    loop.run();
+    EXPECT_EQ(inTheSameTurn, 0U);
+    EXPECT_EQ(inTheNextTurn, 1U);
 }
 
 TEST(AtaInformationPage, TellsNothingWhenItIsMalformed) {
