@@ -150,6 +150,19 @@ PropertyListArray volumesJson(const std::vector<VolumeReport>& volumes) {
     return json;
 }
 
+// The result in one cell, where no other tells of the last check. A daemon that has just started
+// takes no earlier result for granted; a person still wants to know it, and from when it is.
+Cell latestResultCell(const VolumeReport& volume, Time now) {
+    if (volume.state != CheckState::notYetExamined || !volume.lastCheck) {
+        return resultCell(volume);
+    }
+    const LoggedCheck& check = *volume.lastCheck;
+    const CheckState then = check.failed ? CheckState::failing : CheckState::ok;
+    return {
+        fmt::format("{} at {}", stateWords(CheckKind::usage, then), loggedTimeWords(check, now)),
+        stateTone(then)};
+}
+
 // Everything the three commands look at, gathered once.
 struct Findings {
     Dictionary preferences;
@@ -158,7 +171,7 @@ struct Findings {
     std::vector<VolumeReport> volumes;
 };
 
-Outcome<Findings> gather(Program& program, WithLog withLog) {
+Outcome<Findings> gather(Program& program) {
     Outcome<Dictionary> preferences = program.preferences.read();
     if (!preferences) {
         return preferences.failure();
@@ -171,8 +184,7 @@ Outcome<Findings> gather(Program& program, WithLog withLog) {
                                       .supportFolder = program.supportFolder,
                                       .volumes = program.volumes(),
                                       .daemon = findings.daemon,
-                                      .now = findings.now},
-                                     withLog);
+                                      .now = findings.now});
     return findings;
 }
 
@@ -220,7 +232,7 @@ void printStatus(const Program& program, const Findings& findings) {
 }
 
 Outcome<ExitStatus> runStatus(Program& program) {
-    const auto findings = gather(program, WithLog::yes);
+    const auto findings = gather(program);
     if (!findings) {
         return findings.failure();
     }
@@ -229,7 +241,7 @@ Outcome<ExitStatus> runStatus(Program& program) {
 }
 
 Outcome<ExitStatus> runVolumes(Program& program) {
-    const auto findings = gather(program, WithLog::no);
+    const auto findings = gather(program);
     if (!findings) {
         return findings.failure();
     }
@@ -250,7 +262,7 @@ Outcome<ExitStatus> runVolumes(Program& program) {
                       {freeWords(volume)},
                       {percentFreeWords(volume)},
                       {levelWords(volume)},
-                      resultCell(volume),
+                      latestResultCell(volume, findings->now),
                       {nextCheckWords(volume, findings->daemon, findings->now)}});
     }
     program.print(table.format(program.paint));

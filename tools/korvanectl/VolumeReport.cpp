@@ -48,7 +48,7 @@ LoggedCheck loggedCheck(const Dictionary& entry) {
                        .sizeBytes = number(entry, "fs_size")};
 }
 
-VolumeReport reportVolume(const ReportSources& sources, const Dictionary& fields, WithLog withLog) {
+VolumeReport reportVolume(const ReportSources& sources, const Dictionary& fields) {
     const ConstVolumeEntry entry{fields};
     VolumeReport report;
     report.mountPoint = entry.volumeMountToName();
@@ -67,11 +67,9 @@ VolumeReport reportVolume(const ReportSources& sources, const Dictionary& fields
         report.device = mount != nullptr ? mount->mountFromName : "";
         report.space = sources.volumes.fileSystemAttributes(report.mountPoint);
     }
-    if (withLog == WithLog::yes) {
-        const auto log = readVolumeLog(sources.supportFolder, report.mountPoint);
-        if (log && !log->empty()) {
-            report.lastCheck = log->back();
-        }
+    const auto log = readVolumeLog(sources.supportFolder, report.mountPoint);
+    if (log && !log->empty()) {
+        report.lastCheck = log->back();
     }
     return report;
 }
@@ -91,11 +89,11 @@ Failure noSuchVolume(const Dictionary& preferences, std::string_view name) {
 
 }  // namespace
 
-std::vector<VolumeReport> reportVolumes(const ReportSources& sources, WithLog withLog) {
+std::vector<VolumeReport> reportVolumes(const ReportSources& sources) {
     std::vector<VolumeReport> reports;
     for (const PropertyList& element : volumeArray(sources.preferences)) {
         if (const Dictionary* const fields = element.dictionary()) {
-            reports.push_back(reportVolume(sources, *fields, withLog));
+            reports.push_back(reportVolume(sources, *fields));
         }
     }
     return reports;

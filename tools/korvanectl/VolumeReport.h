@@ -53,11 +53,8 @@ struct ReportSources {
     Time now{};
 };
 
-enum class WithLog { no, yes };
-
 // All volumes that have an entry, in the entries' order.
-[[nodiscard]] std::vector<VolumeReport> reportVolumes(const ReportSources& sources,
-                                                      WithLog withLog);
+[[nodiscard]] std::vector<VolumeReport> reportVolumes(const ReportSources& sources);
 
 // The name a volume goes by: the last part of its mount point, "System" for "/".
 [[nodiscard]] std::string volumeName(std::string_view mountPoint);

@@ -49,6 +49,26 @@ TEST_F(Commands, VolumesShowsATableOfWhatIsThereNow) {
         "/mnt/b/Data  -                             -       -   15 %  not available  -\n");
 }
 
+TEST_F(Commands, VolumesShowsTheLastResultOfADaemonThatHasJustStarted) {
+    for (const std::size_t index : {0U, 1U}) {
+        changeEntry(index, [](Dictionary& fields) {
+            fields.set("usageStatus", "0");
+            fields.set("executionTimeUsage", 1767225600.0 + 250);
+        });
+    }
+    EXPECT_EQ(run({"volumes"}), 0);
+    EXPECT_THAT(out, HasSubstr("15 %  not yet examined  00:04:10"));
+    writeLog("System", {logEntry("2025-12-31 23:50:00 +0000", 9.6, "failed"),
+                        logEntry("2025-12-31 23:55:00 +0000", 43.25, "passed")});
+    writeLog("Data", {logEntry("2026-01-01 00:00:00 +0000", 9.6, "failed")});
+    EXPECT_EQ(run({"volumes"}), 0);
+    EXPECT_THAT(out, HasSubstr("15 %  ok at 2025-12-31 23:55:00  00:04:10"));
+    EXPECT_THAT(out, HasSubstr("15 %  LOW SPACE at 00:00:00      00:04:10"));
+    EXPECT_EQ(run({"volumes", "--json"}), 0);
+    EXPECT_THAT(out, HasSubstr(R"("result": "passed",)"));
+    EXPECT_THAT(out, HasSubstr(R"("result": "notYetExamined",)"));
+}
+
 TEST_F(Commands, VolumesNeverAsksTheMachineForOneThatIsNotAvailable) {
     EXPECT_EQ(run({"volumes"}), 0);
     EXPECT_THAT(volumes.asked, ElementsAre("/", "/mnt/a/Data"));
