@@ -177,6 +177,13 @@ TEST(BecomingActive, ForcesATickASecondLater) {
     EXPECT_EQ(usageResultsIn(s, "System").size(), 2u);
 }
 
+TEST(BecomingActive, LeavesThatTickAsTheOnlyOnePending) {
+    Scenario s("two-volumes");
+    s.run(minutes(1));
+    s.becomeActive().run(seconds(0));
+    EXPECT_THAT(s.pendingDelays(), ElementsAre(1.0));
+}
+
 TEST(BecomingActive, FollowsTheMachinesSleep) {
     Scenario s("two-volumes");
     s.run(minutes(1));

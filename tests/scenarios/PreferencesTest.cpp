@@ -293,6 +293,16 @@ TEST(Saves, LeaveTheFileRewritableForEverybody) {
     EXPECT_EQ(s.machine().fileSystem.attributes(kPreferencesFile)->permissions, 0666u);
 }
 
+TEST(Saves, LeaveTheTickASecondLaterAsTheOnlyOnePending) {
+    Scenario s("two-volumes");
+    s.run(minutes(1));
+    s.editVolumeEntry("/Volumes/Data",
+                      [](Dictionary& entry) { entry.set("executionTimeUsage", 0.0); });
+    s.send("daemonPreferencesUpdatedNotification").run(seconds(3));
+    ASSERT_GT(doubleValue(s.volumeEntry("/Volumes/Data").find("executionTimeUsage")), 0.0);
+    EXPECT_THAT(s.pendingDelays(), ElementsAre(1.0));
+}
+
 TEST(Saves, HappenOnlyWhenSomethingChanged) {
     Scenario s("two-volumes");
     s.run(minutes(1));
