@@ -2,6 +2,7 @@
 // options: the settings document says everything.
 
 #include <malloc.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,13 +30,20 @@ korvane::LinuxVolumesPlaces volumesPlaces() {
     return places;
 }
 
-// Whether this user may write the support folder or, where it is missing, make it.
-bool mayWriteSupportFolder() {
+// Why nothing can be kept in the support folder: something else stands there, or this user may not
+// write it or, where it is missing, make it. Empty when there is no such reason.
+std::string objectionToSupportFolder() {
     std::string folder = korvane::kSupportFolder;
+    const std::string quoted = '"' + folder + '"';
+    struct stat status {};
+    if (::stat(folder.c_str(), &status) == 0 && !S_ISDIR(status.st_mode)) {
+        return quoted + " is not a folder: move it away and start the daemon again";
+    }
     while (::access(folder.c_str(), F_OK) != 0 && folder.size() > 1) {
         folder.resize(std::max<std::size_t>(folder.rfind('/'), 1));
     }
-    return ::access(folder.c_str(), W_OK | X_OK) == 0 || errno != EACCES;
+    if (::access(folder.c_str(), W_OK | X_OK) == 0 || errno != EACCES) return {};
+    return "no right to write " + quoted + ": start the daemon as root";
 }
 
 }  // namespace
@@ -47,10 +55,8 @@ int main() {
     (void)std::signal(SIGPIPE, SIG_IGN);
 
     korvane::LinuxSystemLog systemLog;
-    if (!mayWriteSupportFolder()) {
-        systemLog.write(korvane::LogLevel::error, std::string("no right to write \"") +
-                                                      korvane::kSupportFolder +
-                                                      "\": start the daemon as root");
+    if (const std::string objection = objectionToSupportFolder(); !objection.empty()) {
+        systemLog.write(korvane::LogLevel::error, objection);
         return EXIT_FAILURE;
     }
     try {

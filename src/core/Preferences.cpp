@@ -41,11 +41,13 @@ void KorvaneProDaemon::loadPreferences() {
                 volumeArray = takeArray(*preferenceDictionary, kVolumeArray);
             }
         } else {
-            const std::string reason =
-                document ? "it holds no dictionary" : document.error().message;
+            const std::string reason = document
+                                           ? std::string(kPreferencesFile) + ": holds no dictionary"
+                                           : document.error().message;
             machine_.systemLog.write(LogLevel::error,
-                                     formatText("\"%@\" cannot be used and is left as it is: %@.",
-                                                {std::string_view(kPreferencesFile), reason}));
+                                     formatText("The settings cannot be used and are left as they "
+                                                "are: %@.",
+                                                {reason}));
         }
     } else {
         preferenceDictionary.emplace();

@@ -317,7 +317,7 @@ class DaemonProcess(unittest.TestCase):
                     file.write(contents)
                 os.chmod(PREFERENCES, 0o640)
                 daemon = self.start()
-                daemon.wait_for_line("cannot be used and is left as it is")
+                daemon.wait_for_line("cannot be used and are left as they are")
                 time.sleep(1.2)  # past the first tick
                 self.assertEqual(daemon.terminate()[0], 0)
                 self.assertEqual(read_bytes(PREFERENCES), contents)
@@ -372,6 +372,17 @@ class DaemonProcess(unittest.TestCase):
         self.assertEqual(daemon.process.wait(timeout=10), 1)
         self.assertEqual(len(daemon.lines()), 1)
         self.assertIn("no right to write", daemon.lines()[0])
+
+    def test_says_that_its_folder_is_none_and_ends(self):
+        os.makedirs(os.path.dirname(SUPPORT))
+        with open(SUPPORT, "w", encoding="ascii") as file:
+            file.write("kept")
+        daemon = Daemon()
+        self.addCleanup(daemon.end)
+        self.assertEqual(daemon.process.wait(timeout=10), 1)
+        self.assertEqual(len(daemon.lines()), 1)
+        self.assertIn(f'"{SUPPORT}" is not a folder', daemon.lines()[0])
+        self.assertEqual(read_bytes(SUPPORT), b"kept")
 
 
 if __name__ == "__main__":

@@ -67,8 +67,9 @@ TEST_P(UnreadablePreferences, AreNamedInTheLogOnceALoad) {
     const auto line = std::find_if(lines.begin(), lines.end(), [](const auto& candidate) {
         return candidate.level == LogLevel::error;
     });
-    EXPECT_THAT(line->text, StartsWith("\"" + std::string(kPreferencesFile) +
-                                       "\" cannot be used and is left as it is: "));
+    EXPECT_THAT(line->text, StartsWith("The settings cannot be used and are left as they are: " +
+                                       std::string(kPreferencesFile) + ": "));
+    EXPECT_EQ(line->text.find(kPreferencesFile), line->text.rfind(kPreferencesFile));
     EXPECT_THAT(line->text, EndsWith("."));
     s.run(hours(1));
     EXPECT_EQ(countOf(s, LogLevel::error), 2u);  // the second stage loads once more
