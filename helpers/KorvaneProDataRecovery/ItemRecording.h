@@ -1,0 +1,30 @@
+// What is to be known of an item in the trash, and of what it holds, to find its contents again.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "KorvaneProDataRecovery/ContentChecksum.h"
+#include "KorvaneProDataRecovery/ResultRecords.h"
+
+namespace korvane {
+
+// How much of the folders in the trash one run records.
+struct FolderLimit {
+    std::size_t itemsOfFolder = 1000;
+    std::size_t depth = 16;
+    std::size_t itemsLeft = 10'000;
+};
+
+// The item `name` in the folder `folder` at `folderPath`, and, when it is a folder, what it holds:
+// the item itself first, a folder before what is in it. Empty when the item is gone. Goes through
+// no link and to no other file system, and reads contents only for their checksums, as far as
+// `reading` allows.
+[[nodiscard]] std::vector<RecordedItem> recordItem(int folder, const std::string& folderPath,
+                                                   const std::string& name, FolderLimit& limit,
+                                                   ReadingLimit& reading);
+
+}  // namespace korvane

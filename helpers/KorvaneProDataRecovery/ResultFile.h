@@ -1,0 +1,22 @@
+// Result files in a folder that everybody can write: one appears whole or not at all, and never in
+// place of somebody else's file.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "base/Result.h"
+
+namespace korvane {
+
+// Makes the file `name` in the folder, readable by its owner alone. A regular file of this user
+// without further names, as one left over from before, is replaced; anything else of that name
+// stays, and is an error.
+[[nodiscard]] Result<std::monostate> saveResult(const std::string& folder, const std::string& name,
+                                                std::string_view bytes);
+
+// The contents of a regular file of this user's, not through a link and not longer than `most`.
+[[nodiscard]] Result<std::string> readOwnFile(const std::string& path, std::size_t most);
+
+}  // namespace korvane

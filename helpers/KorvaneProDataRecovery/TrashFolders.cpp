@@ -1,0 +1,202 @@
+#include "KorvaneProDataRecovery/TrashFolders.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "platform/linux/MountTable.h"
+
+namespace korvane {
+
+namespace {
+
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+constexpr std::string_view kDevices = "/dev/";
+// A device name in a job is cut here.
+constexpr std::size_t kCutDevice = 31;
+// The trash of a user's own home: XDG base directories with their default.
+const std::vector<std::string> kTrashOfHome = {".local", "share", "Trash", "files"};
+constexpr std::size_t kMostItems = 1'000'000;
+
+struct FolderStreamCloser {
+    // Nothing was written through the stream, so nothing can be lost by its closing.
+    void operator()(DIR* stream) const { (void)::closedir(stream); }
+};
+
+// Calls `each` for every entry of the folder until it answers false.
+template <typename Each>
+void forEachEntry(int folder, const Each& each) {
+    UniqueFd copy{::openat(folder, ".", kFolderFlags)};
+    if (!copy) return;
+    const std::unique_ptr<DIR, FolderStreamCloser> stream{::fdopendir(copy.get())};
+    if (!stream) return;
+    (void)copy.release();  // the stream's now
+    while (const dirent* const entry = ::readdir(stream.get())) {
+        const std::string_view name = entry->d_name;
+        if (name == "." || name == "..") continue;
+        if (!each(*entry)) return;
+    }
+}
+
+std::vector<std::string> namesIn(int folder) {
+    std::vector<std::string> names;
+    forEachEntry(folder, [&](const dirent& entry) {
+        names.emplace_back(entry.d_name);
+        return names.size() < TrashFolders::kMostFolders;
+    });
+    return names;
+}
+
+std::string textOf(const std::string& path) {
+    std::ifstream in{path, std::ios::binary};
+    return {std::istreambuf_iterator<char>{in}, {}};
+}
+
+// The number of the block device of that name; nothing when there is none of that name.
+std::optional<DeviceNumber> deviceNumber(const MachinePlaces& places, std::string_view device) {
+    if (!device.starts_with(kDevices)) return std::nullopt;
+    std::string name{device.substr(kDevices.size())};
+    // sysfs writes the "/" of a name such as cciss/c0d0 as "!".
+    std::replace(name.begin(), name.end(), '/', '!');
+    if (name.empty() || name.starts_with('.')) return std::nullopt;
+    const std::string text = textOf(places.blockDevices + "/" + name + "/dev");
+    DeviceNumber number;
+    if (std::sscanf(text.c_str(), "%u:%u", &number.major, &number.minor) !=
+        2) {  // NOLINT(cert-err34-c): the kernel wrote it
+        return std::nullopt;
+    }
+    return number;
+}
+
+bool isSource(const std::string& source, const std::string& device) {
+    return source == device || (device.size() == kCutDevice && source.starts_with(device));
+}
+
+// The mount points, in the table's order, of the volume on the device.
+std::vector<std::string> mountPointsOf(const MachinePlaces& places, const std::string& device) {
+    const std::vector<MountRow> rows = parseMountTable(textOf(places.mountTable));
+    const auto number = deviceNumber(places, device);
+    std::vector<std::string> paths;
+    for (const std::size_t index : reachableMounts(rows)) {
+        const MountRow& row = rows[index];
+        if ((number && row.device == *number) || isSource(row.source, device)) {
+            paths.push_back(row.mountPoint);
+        }
+    }
+    return paths;
+}
+
+std::vector<std::string> stepsOf(std::string_view path) {
+    std::vector<std::string> steps;
+    while (!path.empty()) {
+        const std::size_t end = std::min(path.find('/'), path.size());
+        if (end > 0) steps.emplace_back(path.substr(0, end));
+        path.remove_prefix(std::min(path.size(), end + 1));
+    }
+    return steps;
+}
+
+std::string joined(const std::string& folder, const std::vector<std::string>& steps) {
+    std::string path = folder == "/" ? "" : folder;
+    for (const std::string& step : steps) path += "/" + step;
+    return path;
+}
+
+}  // namespace
+
+UniqueFd openFolder(int base, const std::vector<std::string>& steps) {
+    UniqueFd folder{::openat(base, ".", kFolderFlags)};
+    for (const std::string& step : steps) {
+        if (!folder) break;
+        folder = UniqueFd{::openat(folder.get(), step.c_str(), kFolderFlags)};
+    }
+    return folder;
+}
+
+TrashFolders::TrashFolders(const MachinePlaces& places, const std::string& device) {
+    const std::vector<std::string> mountPoints = mountPointsOf(places, device);
+    for (const std::string& mountPoint : mountPoints) {
+        struct stat status {};
+        if (::lstat(mountPoint.c_str(), &status) == 0) devices_.push_back(status.st_dev);
+    }
+    for (const std::string& mountPoint : mountPoints) addOfMount(mountPoint);
+    if (!devices_.empty()) addHomes(places);
+}
+
+// Only root makes entries of /home; what stands at them and below belongs to users.
+void TrashFolders::addHomes(const MachinePlaces& places) {
+    const UniqueFd homes{::open(places.homes.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    if (homes) {
+        for (const std::string& user : namesIn(homes.get())) {
+            std::vector<std::string> steps = {user};
+            steps.insert(steps.end(), kTrashOfHome.begin(), kTrashOfHome.end());
+            add(openFolder(homes.get(), steps), joined(places.homes, steps));
+        }
+    }
+    const UniqueFd home{::open(places.homeOfRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    if (home) add(openFolder(home.get(), kTrashOfHome), joined(places.homeOfRoot, kTrashOfHome));
+}
+
+// ".Trash-UID/files" and ".Trash/UID/files" of freedesktop.org's common trash folders.
+void TrashFolders::addOfMount(const std::string& mountPoint) {
+    const UniqueFd root{::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    const UniqueFd mount = root ? openFolder(root.get(), stepsOf(mountPoint)) : UniqueFd{};
+    if (!mount) return;
+    const auto addBelow = [&](const std::vector<std::string>& steps) {
+        add(openFolder(mount.get(), steps), joined(mountPoint, steps));
+    };
+    forEachEntry(mount.get(), [&](const dirent& entry) {
+        const std::string name = entry.d_name;
+        if (name.starts_with(".Trash-")) addBelow({name, "files"});
+        return folders_.size() < kMostFolders;
+    });
+    const UniqueFd shared = openFolder(mount.get(), {".Trash"});
+    if (!shared) return;
+    for (const std::string& user : namesIn(shared.get())) addBelow({".Trash", user, "files"});
+}
+
+void TrashFolders::add(UniqueFd folder, std::string path) {
+    struct stat status {};
+    if (!folder || folders_.size() >= kMostFolders || ::fstat(folder.get(), &status) != 0) return;
+    if (std::find(devices_.begin(), devices_.end(), status.st_dev) == devices_.end()) return;
+    folders_.push_back({.folder = std::move(folder),
+                        .path = std::move(path),
+                        .device = status.st_dev,
+                        .node = status.st_ino,
+                        .items = std::nullopt});
+}
+
+std::optional<TrashFolders::Place> TrashFolders::find(std::uint32_t node, std::uint32_t parent) {
+    for (TrashFolder& folder : folders_) {
+        if (static_cast<std::uint32_t>(folder.node) != parent) continue;
+        if (!folder.items) {
+            folder.items.emplace();
+            forEachEntry(folder.folder.get(), [&](const dirent& entry) {
+                folder.items->emplace(static_cast<std::uint32_t>(entry.d_ino), entry.d_name);
+                return folder.items->size() < kMostItems;
+            });
+        }
+        const auto [begin, end] = folder.items->equal_range(node);
+        for (auto item = begin; item != end; ++item) {
+            struct stat status {};
+            if (::fstatat(folder.folder.get(), item->second.c_str(), &status,
+                          AT_SYMLINK_NOFOLLOW) == 0 &&
+                static_cast<std::uint32_t>(status.st_ino) == node &&
+                status.st_dev == folder.device) {
+                return Place{&folder, item->second};
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace korvane

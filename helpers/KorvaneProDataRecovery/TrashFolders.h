@@ -1,0 +1,64 @@
+// Finds a volume's trash folders and the items in them by node number, without following links that
+// users can plant.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/linux/UniqueFd.h"
+
+namespace korvane {
+
+// Where a Linux machine keeps what is asked for here; tests have places of their own.
+struct MachinePlaces {
+    std::string mountTable = "/proc/self/mountinfo";
+    std::string blockDevices = "/sys/class/block";
+    std::string homes = "/home";
+    std::string homeOfRoot = "/root";
+};
+
+// Opens the folder that `steps` leads to from the folder `base`, each step without following a
+// link. Nothing, with errno set, when there is none.
+[[nodiscard]] UniqueFd openFolder(int base, const std::vector<std::string>& steps);
+
+// The trash folder of one user on one volume.
+struct TrashFolder {
+    UniqueFd folder;
+    std::string path;
+    dev_t device = 0;
+    ino_t node = 0;
+    // The names of its items by the low 32 bits of their node numbers, read when first asked for.
+    std::optional<std::unordered_multimap<std::uint32_t, std::string>> items;
+};
+
+// The trash folders of one mounted volume, and which are in it.
+class TrashFolders {
+  public:
+    // All that are there on the volume that is mounted from `device`: "/dev/sda1", or what else
+    // the mount table has as the source. At most kMostFolders.
+    TrashFolders(const MachinePlaces& places, const std::string& device);
+
+    struct Place {
+        const TrashFolder* folder = nullptr;
+        std::string name;
+    };
+    // The item with this node number in the folder with that one; both are the low 32 bits.
+    [[nodiscard]] std::optional<Place> find(std::uint32_t node, std::uint32_t parent);
+
+    static constexpr std::size_t kMostFolders = 1000;
+
+  private:
+    void addHomes(const MachinePlaces& places);
+    void addOfMount(const std::string& mountPoint);
+    void add(UniqueFd folder, std::string path);
+
+    std::vector<dev_t> devices_;
+    std::vector<TrashFolder> folders_;
+};
+
+}  // namespace korvane

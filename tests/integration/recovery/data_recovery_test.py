@@ -1,0 +1,239 @@
+"""KorvaneProDataRecovery on a real ext4 volume: what it records is read back from the device.
+
+Takes the program's path. Runs as root, in a mount namespace of its own. Reads the records by
+docs/trash-records.md with nothing of the program's own code.
+"""
+
+import hashlib
+import os
+import random
+import shutil
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import unittest
+import zlib
+
+PROGRAM = sys.argv.pop(1) if len(sys.argv) > 1 else ""
+MEBIBYTE = 1 << 20
+
+
+def run(*command):
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout.strip()
+
+
+def job(node, parent, device, result):
+    return (b"id\0\0" + struct.pack("=II", node & 0xFFFFFFFF, parent & 0xFFFFFFFF)
+            + device.encode().ljust(32, b"\0") + result.encode().ljust(32, b"\0"))
+
+
+def parse(data):
+    """The items of a result file."""
+    items = []
+    for at in range(0, len(data), 764):
+        record = data[at:at + 764]
+        assert len(record) == 764 and record[:4] == b"item" and record[544:548] == bytes(4)
+        (check,) = struct.unpack_from("=I", record, 144)
+        assert check == zlib.crc32(record[:144] + record[148:544] + record[548:])
+        flags, node, parent, trash_node = struct.unpack_from("=HQQQ", record, 6)
+        sequence, count, extents, here, text_here = struct.unpack_from("=IIIHH", record, 92)
+        if sequence == 1:
+            items.append({"flags": flags, "node": node, "parent": parent, "trash": trash_node,
+                          "mode": struct.unpack_from("=I", record, 40)[0],
+                          "size": struct.unpack_from("=Q", record, 56)[0],
+                          "sum": record[112:144], "text": b"", "extents": []})
+        item = items[-1]
+        item["text"] += record[148:148 + text_here]
+        item["extents"] += [struct.unpack_from("=QQQI", record, 548 + 28 * i) for i in range(here)]
+        if sequence == count:
+            assert len(item["extents"]) == extents
+            item["name"], item["path"], item["target"], rest = item.pop("text").split(b"\0")
+            assert rest == b""
+    return items
+
+
+class DataRecovery(unittest.TestCase):
+    def setUp(self):
+        subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+        self.folder = tempfile.mkdtemp(prefix="korvane-recovery-")
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        # Results and jobs lie in /tmp; this one is the test's own.
+        private = os.path.join(self.folder, "tmp")
+        os.mkdir(private, 0o1777)
+        self.image = os.path.join(self.folder, "volume.img")
+        with open(self.image, "wb") as image:
+            image.truncate(64 * MEBIBYTE)
+        run("mkfs.ext4", "-q", "-F", self.image)
+        self.device = run("losetup", "--find", "--show", self.image)
+        self.addCleanup(subprocess.run, ["losetup", "--detach", self.device])
+        self.volume = os.path.join(self.folder, "volume")
+        os.mkdir(self.volume)
+        run("mount", self.device, self.volume)
+        self.addCleanup(subprocess.run, ["umount", self.volume])
+        self.trash = os.path.join(self.volume, ".Trash-0", "files")
+        os.makedirs(self.trash)
+        run("mount", "--bind", private, "/tmp") if not self.folder.startswith("/tmp/") else \
+            self.hide_tmp(private)
+
+    def hide_tmp(self, private):
+        # The test's own folder lies below /tmp, so what it needs is kept reachable under /mnt.
+        run("mount", "--bind", self.folder, "/mnt")
+        self.addCleanup(subprocess.run, ["umount", "/mnt"])
+        run("mount", "--bind", private, "/tmp")
+        self.addCleanup(subprocess.run, ["umount", "/tmp"])
+        self.image = self.image.replace(self.folder, "/mnt", 1)
+        run("mount", self.device, "/mnt/volume")
+        self.addCleanup(subprocess.run, ["umount", "/mnt/volume"])
+        self.trash = "/mnt/volume/.Trash-0/files"
+
+    def put(self, name, contents):
+        path = os.path.join(self.trash, name)
+        with open(path, "wb") as file:
+            file.write(contents)
+        return path
+
+    def job_for(self, path, result=None):
+        node = os.lstat(path).st_ino
+        parent = os.lstat(self.trash).st_ino
+        return job(node, parent, self.device, result or f"/tmp/.{node}.dat")
+
+    def record(self, jobs, status=0):
+        with open("/tmp/.KVDataRec_volume.dat", "wb") as file:
+            file.write(jobs)
+        done = subprocess.run([PROGRAM, "inFile", "/tmp/.KVDataRec_volume.dat"],
+                              capture_output=True, text=True, timeout=60)
+        self.assertEqual(done.returncode, status, done.stderr)
+        return done.stderr
+
+    def result(self, path_or_node):
+        node = path_or_node if isinstance(path_or_node, int) else os.lstat(path_or_node).st_ino
+        with open(f"/tmp/.{node}.dat", "rb") as file:
+            return parse(file.read())
+
+    def read_back(self, item):
+        contents = bytearray(item["size"])
+        with open(self.image, "rb") as image:
+            for logical, physical, length, flags in item["extents"]:
+                if flags == 1:
+                    continue
+                self.assertEqual(flags, 0)
+                image.seek(physical)
+                length = min(length, item["size"] - logical)
+                contents[logical:logical + length] = image.read(length)
+        return bytes(contents)
+
+    def test_extents_lead_to_the_contents_also_after_the_item_is_gone(self):
+        contents = random.Random(1).randbytes(5 * MEBIBYTE + 123)
+        path = self.put("letter", contents)
+        self.record(self.job_for(path))
+        (item,) = self.result(path)
+        self.assertEqual(item["name"], b"letter")
+        self.assertEqual(item["size"], len(contents))
+        self.assertEqual(item["flags"], 1)
+        self.assertEqual(item["sum"], hashlib.sha256(contents).digest())
+        self.assertEqual(self.read_back(item), contents)
+        os.remove(path)
+        os.sync()
+        self.assertEqual(self.read_back(item), contents)
+
+    def test_many_extents_take_several_records(self):
+        generator = random.Random(2)
+        path = os.path.join(self.trash, "pieces")
+        with open(path, "wb") as file:
+            for index in range(200):
+                file.seek(index * 16384)
+                file.write(generator.randbytes(4096))
+        with open(path, "rb") as file:
+            contents = file.read()
+        self.record(self.job_for(path))
+        (item,) = self.result(path)
+        self.assertEqual(len(item["extents"]), 200)
+        self.assertEqual(self.read_back(item), contents)
+
+    def test_what_was_never_written_is_marked(self):
+        path = os.path.join(self.trash, "reserved")
+        with open(path, "wb") as file:
+            os.posix_fallocate(file.fileno(), 0, MEBIBYTE)
+        self.record(self.job_for(path))
+        (item,) = self.result(path)
+        self.assertEqual({flags for _, _, _, flags in item["extents"]}, {1})
+        self.assertEqual(self.read_back(item), bytes(MEBIBYTE))
+
+    def test_a_folder_is_recorded_with_what_it_holds(self):
+        os.makedirs(os.path.join(self.trash, "box", "inner"))
+        self.put("box/inner/letter", b"in the box" * 1000)
+        os.symlink("/etc", os.path.join(self.trash, "box", "link"))
+        path = os.path.join(self.trash, "box")
+        self.record(self.job_for(path))
+        items = self.result(path)
+        self.assertEqual({item["name"] for item in items}, {b"box", b"inner", b"letter", b"link"})
+        self.assertEqual({item["trash"] for item in items}, {os.lstat(path).st_ino})
+        letter = next(item for item in items if item["name"] == b"letter")
+        self.assertEqual(self.read_back(letter), b"in the box" * 1000)
+
+    def test_links_and_wrong_jobs_lead_nowhere(self):
+        link = os.path.join(self.trash, "link")
+        os.symlink("/etc/passwd", link)
+        path = self.put("letter", b"text")
+        node = os.lstat(path).st_ino
+        parent = os.lstat(self.trash).st_ino
+        self.record(self.job_for(link) + job(node, parent, "/dev/none", "/tmp/.1.dat")
+                    + job(node, parent + 1, self.device, "/tmp/.2.dat")
+                    + job(node, parent, self.device, "/etc/.3.dat") + b"half a job")
+        (item,) = self.result(link)
+        self.assertEqual(item["target"], b"/etc/passwd")
+        self.assertEqual(item["extents"], [])
+        self.assertEqual([name for name in os.listdir("/tmp") if name.endswith(".dat")
+                          and not name.startswith(".KV")], [f".{os.lstat(link).st_ino}.dat"])
+
+    def test_planted_results_are_left_alone(self):
+        path = self.put("letter", b"text")
+        other = self.put("other", b"text")
+        node = os.lstat(path).st_ino
+        victim = os.path.join("/tmp", "victim")
+        with open(victim, "w") as file:
+            file.write("kept")
+        os.symlink(victim, f"/tmp/.{node}.dat")
+        self.assertIn("not a file of this program's", self.record(
+            self.job_for(path) + self.job_for(other)))
+        with open(victim) as file:
+            self.assertEqual(file.read(), "kept")
+        self.assertEqual(len(self.result(other)), 1)
+
+    def test_bad_calls_are_refused(self):
+        for arguments in ([], ["inFile"], ["outFile", "/tmp/x"], ["inFile", "/tmp/missing"],
+                          ["inFile", "/tmp"], ["inFile", "/dev/zero"]):
+            done = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=60)
+            self.assertEqual(done.returncode, 2, arguments)
+        self.put("letter", b"text")
+        with open("/tmp/theirs", "wb") as file:
+            file.write(self.job_for(os.path.join(self.trash, "letter")))
+        os.chown("/tmp/theirs", 65534, 65534)
+        done = subprocess.run([PROGRAM, "inFile", "/tmp/theirs"], capture_output=True, timeout=60)
+        self.assertEqual(done.returncode, 2)
+
+    def test_termination_leaves_no_half_result(self):
+        jobs = b""
+        for index in range(100):
+            jobs += self.job_for(self.put(f"file{index}", os.urandom(200_000)))
+        with open("/tmp/.KVDataRec_volume.dat", "wb") as file:
+            file.write(jobs)
+        for attempt in range(10):
+            child = subprocess.Popen([PROGRAM, "inFile", "/tmp/.KVDataRec_volume.dat"])
+            try:
+                child.wait(timeout=0.02 * attempt)
+            except subprocess.TimeoutExpired:
+                child.send_signal(signal.SIGTERM)
+                self.assertIn(child.wait(timeout=10), (0, -signal.SIGTERM))
+            for name in os.listdir("/tmp"):
+                if name.startswith(".KV"):
+                    continue
+                with open(os.path.join("/tmp", name), "rb") as file:
+                    self.assertEqual(len(parse(file.read())), 1)
+                os.remove(os.path.join("/tmp", name))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=1)

@@ -1,0 +1,93 @@
+// Result files beside what others may have put in their place.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "KorvaneProDataRecovery/ResultFile.h"
+#include "unit/platform/TemporaryFolder.h"
+
+namespace korvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ResultFileTest : public testing::Test {
+  protected:
+    [[nodiscard]] std::string text(std::string_view name) const {
+        std::ifstream in{folder / name, std::ios::binary};
+        return {std::istreambuf_iterator<char>{in}, {}};
+    }
+    bool save(std::string_view bytes) {
+        return static_cast<bool>(saveResult(folder.path(), ".1.dat", bytes));
+    }
+    TemporaryFolder folder;
+};
+
+TEST_F(ResultFileTest, IsThereWholeAndForItsOwnerAlone) {
+    ASSERT_TRUE(save("records"));
+    EXPECT_EQ(text(".1.dat"), "records");
+    struct stat status {};
+    ASSERT_EQ(::stat((folder / ".1.dat").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+    EXPECT_EQ(std::distance(fs::directory_iterator{folder.path()}, {}), 1);
+}
+
+TEST_F(ResultFileTest, ReplacesOneThatWasLeftOver) {
+    folder.write(".1.dat", "something longer from before");
+    ASSERT_TRUE(save("new"));
+    EXPECT_EQ(text(".1.dat"), "new");
+}
+
+TEST_F(ResultFileTest, NeverGoesThroughALink) {
+    folder.write("elsewhere", "kept");
+    fs::create_symlink(folder / "elsewhere", folder / ".1.dat");
+    EXPECT_FALSE(save("new"));
+    EXPECT_EQ(text("elsewhere"), "kept");
+}
+
+TEST_F(ResultFileTest, NeverTakesTheNameOfAFileThatHasAnother) {
+    folder.write("elsewhere", "kept");
+    fs::create_hard_link(folder / "elsewhere", folder / ".1.dat");
+    EXPECT_FALSE(save("new"));
+    EXPECT_EQ(text("elsewhere"), "kept");
+}
+
+TEST_F(ResultFileTest, LeavesSomebodyElsesFileAlone) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+    folder.write(".1.dat", "theirs");
+    ASSERT_EQ(::chown((folder / ".1.dat").c_str(), 65534, 65534), 0);
+    EXPECT_FALSE(save("new"));
+    EXPECT_EQ(text(".1.dat"), "theirs");
+    EXPECT_FALSE(readOwnFile(folder / ".1.dat", 100));
+}
+
+TEST_F(ResultFileTest, LeavesAFolderAndAPipeOfThatNameAlone) {
+    fs::create_directory(folder / ".1.dat");
+    EXPECT_FALSE(save("new"));
+    fs::remove(folder / ".1.dat");
+    ASSERT_EQ(::mkfifo((folder / ".1.dat").c_str(), 0600), 0);
+    EXPECT_FALSE(save("new"));
+    EXPECT_FALSE(readOwnFile(folder / ".1.dat", 100));
+}
+
+TEST_F(ResultFileTest, SaysWhenThereIsNoSuchFolder) {
+    EXPECT_FALSE(saveResult(folder / "missing", ".1.dat", "new"));
+}
+
+TEST_F(ResultFileTest, ReadsOwnFilesToTheirLimitAndThroughNoLink) {
+    folder.write("jobs", "0123456789");
+    const auto cut = readOwnFile(folder / "jobs", 4);
+    ASSERT_TRUE(cut);
+    EXPECT_EQ(*cut, "0123");
+    fs::create_symlink(folder / "jobs", folder / "link");
+    EXPECT_FALSE(readOwnFile(folder / "link", 100));
+    EXPECT_FALSE(readOwnFile(folder / "missing", 100));
+    EXPECT_FALSE(readOwnFile(folder.path(), 100));
+}
+
+}  // namespace
+}  // namespace korvane

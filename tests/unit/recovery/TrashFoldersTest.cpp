@@ -1,0 +1,105 @@
+// Trash folders on a machine made of a mount table of the test's own and folders of its own.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <filesystem>
+
+#include "KorvaneProDataRecovery/TrashFolders.h"
+#include "unit/platform/TemporaryFolder.h"
+
+namespace korvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+class TrashFoldersTest : public testing::Test {
+  protected:
+    TrashFoldersTest() {
+        for (const char* const path : {"home", "root", "block/sdx1"}) {
+            fs::create_directories(folder / path);
+        }
+        const struct stat status = statusOf("");
+        const std::string number =
+            std::to_string(::major(status.st_dev)) + ":" + std::to_string(::minor(status.st_dev));
+        folder.write("block/sdx1/dev", number + "\n");
+        folder.write("mounts",
+                     "25 1 " + number + " / " + folder.path() + " rw - ext4 /dev/mapper/data rw\n");
+    }
+    [[nodiscard]] struct stat statusOf(std::string_view path) const {
+        struct stat status {};
+        EXPECT_EQ(::lstat((folder / path).c_str(), &status), 0) << path;
+        return status;
+    }
+    [[nodiscard]] std::uint32_t nodeOf(std::string_view path) const {
+        return static_cast<std::uint32_t>(statusOf(path).st_ino);
+    }
+    // The path of the item in its trash folder as found; empty when it is not.
+    [[nodiscard]] std::string found(const std::string& device, std::string_view parent,
+                                    std::string_view item) const {
+        const MachinePlaces places{.mountTable = folder / "mounts",
+                                   .blockDevices = folder / "block",
+                                   .homes = folder / "home",
+                                   .homeOfRoot = folder / "root"};
+        TrashFolders folders{places, device};
+        const auto place = folders.find(nodeOf(item), nodeOf(parent));
+        return place ? place->folder->path + "/" + place->name : "";
+    }
+    TemporaryFolder folder;
+};
+
+TEST_F(TrashFoldersTest, AreFoundInEveryPlaceThatDesktopsUse) {
+    for (const std::string trash :
+         {"home/ann/.local/share/Trash/files", "root/.local/share/Trash/files", ".Trash-1000/files",
+          ".Trash/1001/files"}) {
+        folder.write(trash + "/letter", "text");
+        fs::create_directories(folder / (trash + "/box"));
+        EXPECT_EQ(found("/dev/sdx1", trash, trash + "/letter"), folder / (trash + "/letter"));
+        EXPECT_EQ(found("/dev/sdx1", trash, trash + "/box"), folder / (trash + "/box"));
+    }
+}
+
+TEST_F(TrashFoldersTest, AreThoseOfTheJobsDeviceAlone) {
+    const std::string trash = ".Trash-0/files";
+    folder.write(trash + "/letter", "text");
+    EXPECT_EQ(found("/dev/mapper/data", trash, trash + "/letter"), folder / (trash + "/letter"));
+    for (const char* const device : {"/dev/sdx2", "/dev/", "/dev/../sdx1", "/dev/.", "sdx1",
+                                     "/etc/passwd", "/dev/mapper/dat", "/dev/mapper/data2"}) {
+        EXPECT_EQ(found(device, trash, trash + "/letter"), "") << device;
+    }
+}
+
+TEST_F(TrashFoldersTest, HoldAnItemOnlyUnderItsOwnParent) {
+    folder.write(".Trash-0/files/letter", "text");
+    folder.write(".Trash-1/files/other", "text");
+    EXPECT_EQ(found("/dev/sdx1", ".Trash-1/files", ".Trash-0/files/letter"), "");
+    EXPECT_EQ(found("/dev/sdx1", ".Trash-0", ".Trash-0/files/letter"), "");
+}
+
+TEST_F(TrashFoldersTest, AreNoLinks) {
+    folder.write("secret/files/letter", "text");
+    fs::create_directory_symlink(folder / "secret", folder / ".Trash-7");
+    fs::create_directories(folder / "home/eve/.local/share");
+    fs::create_directory_symlink(folder / "secret", folder / "home/eve/.local/share/Trash");
+    fs::create_directory_symlink(folder / "secret", folder / ".Trash");
+    EXPECT_EQ(found("/dev/sdx1", "secret/files", "secret/files/letter"), "");
+}
+
+TEST_F(TrashFoldersTest, HoldLinksAsTheItemsThatTheyAre) {
+    const std::string trash = ".Trash-0/files";
+    fs::create_directories(folder / trash);
+    fs::create_symlink("/etc/passwd", folder / (trash + "/link"));
+    EXPECT_EQ(found("/dev/sdx1", trash, trash + "/link"), folder / (trash + "/link"));
+}
+
+TEST_F(TrashFoldersTest, AreNoneWhereNothingIsMounted) {
+    folder.write(".Trash-0/files/letter", "text");
+    for (const char* const table : {"", "rubbish\n", "25 1 0:0 / /missing rw - ext4 /dev/x rw\n"}) {
+        folder.write("mounts", table);
+        EXPECT_EQ(found("/dev/sdx1", ".Trash-0/files", ".Trash-0/files/letter"), "") << table;
+    }
+}
+
+}  // namespace
+}  // namespace korvane
