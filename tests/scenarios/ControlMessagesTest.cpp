@@ -111,6 +111,20 @@ TEST(ControlMessages, AreServedOnASystemOfAnyVersion) {
     }
 }
 
+TEST(ControlMessages, AreCarriedOutInTheBackgroundFrom10_7On) {
+    const auto backgroundRunsOn = [](SystemVersion version) {
+        MachineDescription description = Scenario::describe("two-volumes");
+        description.version = version;
+        Scenario s(description);
+        s.run(minutes(1));
+        (void)s.send("isSMARTExecuteComplete");
+        return s.machine().runLoop.backgroundRuns();
+    };
+    EXPECT_EQ(backgroundRunsOn({10, 6, 8}), 0);
+    EXPECT_EQ(backgroundRunsOn({10, 7, 0}), 1);
+    EXPECT_EQ(backgroundRunsOn({12, 0, 0}), 1);
+}
+
 TEST(ControlMessages, FromAnotherUserDoNothing) {
     Scenario s("two-volumes");
     s.run(minutes(1));

@@ -62,7 +62,10 @@ void SimulatedRunLoop::post(Callback callback) {
     hasPosts_ = true;
 }
 
-void SimulatedRunLoop::runInBackgroundAndWait(const Callback& work) { work(); }
+void SimulatedRunLoop::runInBackgroundAndWait(const Callback& work) {
+    ++backgroundRuns_;
+    work();
+}
 
 void SimulatedRunLoop::setWillBecomeActive(Callback callback) {
     willBecomeActive_ = std::move(callback);

@@ -56,6 +56,8 @@ class SimulatedRunLoop final : public RunLoop {
     // How often terminate() was asked, after the first as well.
     [[nodiscard]] int terminateSends() const;
     [[nodiscard]] std::uint64_t passes() const;
+    // How often work was run in the background.
+    [[nodiscard]] int backgroundRuns() const { return backgroundRuns_; }
     // In the order in which they will fire.
     [[nodiscard]] std::vector<PendingTimer> pendingTimers() const;
 
@@ -79,6 +81,7 @@ class SimulatedRunLoop final : public RunLoop {
     Callback willBecomeActive_;
     Callback willTerminate_;
     int terminateSends_ = 0;
+    int backgroundRuns_ = 0;
     bool hasEnded_ = false;
     std::uint64_t passes_ = 0;
     std::uint64_t passesAtThisInstant_ = 0;
