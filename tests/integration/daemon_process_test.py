@@ -70,6 +70,11 @@ def volume_entries():
     return {entry["volumeMountToName"]: entry for entry in preferences.get("volumeArray", [])}
 
 
+def usage_status(path):
+    """The status of the volume's usage check; None while there is no entry."""
+    return volume_entries().get(path, {}).get("usageStatus")
+
+
 class PrivateBus:
     """A dbus-daemon in a temporary folder, which can be killed and started again."""
 
@@ -283,7 +288,7 @@ class DaemonProcess(unittest.TestCase):
     def test_ends_at_once_on_sigterm_and_saves_nothing(self):
         self.write_preferences()
         daemon = self.start()
-        wait_for(lambda: volume_entries()["/"]["usageStatus"] in ("0", "5"))
+        wait_for(lambda: usage_status("/") in ("0", "5"))
         time.sleep(1.5)  # past the first tick
         before = (read_bytes(PREFERENCES), os.stat(PREFERENCES).st_mtime_ns)
         status, seconds = daemon.terminate()
@@ -340,7 +345,7 @@ class DaemonProcess(unittest.TestCase):
         bus = self.start_bus()
         self.write_preferences(DAEMON_ON=False)
         self.start(bus_address=bus.address)
-        wait_for(lambda: volume_entries()["/"]["usageStatus"] == "0")
+        wait_for(lambda: usage_status("/") == "0")
         preferences = read_preferences()
         preferences["DAEMON_ON"] = True
         preferences["volumeArray"][0]["executionTimeUsage"] = 1.0
