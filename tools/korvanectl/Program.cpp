@@ -52,6 +52,7 @@ int runProgram(Program& program, int argumentCount, const char* const* arguments
     addStatusCommands(app, program);
     addSettingCommands(app, program);
     addVolumeCommands(app, program);
+    addTrashCommands(app, program);
     try {
         app.parse(argumentCount, arguments);
     } catch (const CLI::CallForHelp&) {

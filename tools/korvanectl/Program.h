@@ -51,6 +51,8 @@ void printJson(const Program& program, const PropertyList& value);
 void addStatusCommands(CLI::App& app, Program& program);   // status, volumes, history
 void addSettingCommands(CLI::App& app, Program& program);  // get, set, reload
 void addVolumeCommands(CLI::App& app, Program& program);   // volume NAME get, set, reset
+void addTrashCommands(CLI::App& app, Program& program);    // trash
+void addTrashRecovery(CLI::App& group, Program& program);  // recover, within trash
 
 // Understands and carries out one command line; what it answers is the process's exit status.
 [[nodiscard]] int runProgram(Program& program, int argumentCount, const char* const* arguments);

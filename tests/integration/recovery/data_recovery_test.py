@@ -1,11 +1,12 @@
 """KorvaneProDataRecovery on a real ext4 volume: what it records is read back from the device.
 
-Takes the program's path. Runs as root, in a mount namespace of its own. Reads the records by
+Takes the paths of the program and of korvanectl, which brings contents back by the records. Runs as root, in a mount namespace of its own. Reads the records by
 docs/trash-records.md with nothing of the program's own code.
 """
 
 import hashlib
 import os
+import plistlib
 import random
 import shutil
 import signal
@@ -17,6 +18,8 @@ import unittest
 import zlib
 
 PROGRAM = sys.argv.pop(1) if len(sys.argv) > 1 else ""
+KORVANECTL = sys.argv.pop(1) if len(sys.argv) > 1 else ""
+SUPPORT = "/Library/Application Support/Korvane Protection"
 MEBIBYTE = 1 << 20
 
 
@@ -233,6 +236,81 @@ class DataRecovery(unittest.TestCase):
                 with open(os.path.join("/tmp", name), "rb") as file:
                     self.assertEqual(len(parse(file.read())), 1)
                 os.remove(os.path.join("/tmp", name))
+
+    # What the daemon keeps: the history, and the results with a header before them.
+    def keep_history(self, path):
+        os.makedirs("/Library", exist_ok=True)
+        run("mount", "-t", "tmpfs", "tmpfs", "/Library")
+        self.addCleanup(subprocess.run, ["umount", "/Library"])
+        os.makedirs(f"{SUPPORT}/volume")
+        node = os.lstat(path).st_ino
+        record = {"itemName": os.path.basename(path), "nodeID": str(node), "volRefNum": "1",
+                  "dirPath": self.trash, "volumeName": "volume", "totalSize": 0.0}
+        with open(f"{SUPPORT}/Trash Usage.plist", "wb") as file:
+            plistlib.dump({f"volume_{node}": record}, file)
+        with open(f"/tmp/.{node}.dat", "rb") as file:
+            results = bytearray(file.read())
+        for at in range(0, len(results), 764):
+            struct.pack_into("=I", results, at + 544, 3_900_000_000)
+        with open(f"{SUPPORT}/volume/Trash Deletes 2026-03-01-12", "wb") as file:
+            file.write(b"quorlen".ljust(764, b"\0") + results)
+
+    def recover(self, item, target, status=0):
+        done = subprocess.run([KORVANECTL, "trash", "recover", item, target], capture_output=True,
+                              text=True, timeout=60)
+        self.assertEqual(done.returncode, status, done.stdout + done.stderr)
+        return done.stdout + done.stderr
+
+    def empty_trash(self, path):
+        os.remove(path)
+        os.sync()
+
+    def test_an_emptied_item_is_recovered_byte_for_byte(self):
+        contents = random.Random(3).randbytes(3 * MEBIBYTE + 77)
+        path = self.put("letter", contents)
+        self.record(self.job_for(path))
+        self.keep_history(path)
+        said = self.recover("letter", "/tmp/copy")
+        self.assertIn("still is", said)
+        self.empty_trash(path)
+        said = self.recover("letter", "/tmp/recovered")
+        self.assertIn("SHA-256", said)
+        for name in ("/tmp/copy", "/tmp/recovered"):
+            with open(name, "rb") as file:
+                self.assertEqual(file.read(), contents)
+            self.assertEqual(os.stat(name).st_mode & 0o777, 0o600)
+        # What is there already, and what lies on the volume itself, is never written to.
+        self.recover("letter", "/tmp/recovered", status=5)
+        self.assertIn("own volume", self.recover("letter", self.trash + "/new", status=1))
+        self.recover("other", "/tmp/other", status=1)
+
+    def test_holes_and_many_extents_are_recovered(self):
+        generator = random.Random(4)
+        path = os.path.join(self.trash, "pieces")
+        with open(path, "wb") as file:
+            for index in range(100):
+                file.seek(index * 20480)
+                file.write(generator.randbytes(4096))
+            file.truncate(100 * 20480 + 5)
+        with open(path, "rb") as file:
+            contents = file.read()
+        self.record(self.job_for(path))
+        self.keep_history(path)
+        self.empty_trash(path)
+        self.assertIn("SHA-256", self.recover("pieces", "/tmp"))
+        with open("/tmp/pieces", "rb") as file:
+            self.assertEqual(file.read(), contents)
+
+    def test_blocks_that_were_used_again_are_told(self):
+        path = self.put("letter", random.Random(5).randbytes(MEBIBYTE))
+        self.record(self.job_for(path))
+        (item,) = self.result(path)
+        self.keep_history(path)
+        self.empty_trash(path)
+        with open(self.image, "r+b") as image:
+            image.seek(item["extents"][0][1])
+            image.write(b"used again")
+        self.assertIn("used again", self.recover("letter", "/tmp/recovered", status=5))
 
 
 if __name__ == "__main__":

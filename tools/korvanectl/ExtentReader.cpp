@@ -1,0 +1,153 @@
+#include "korvanectl/ExtentReader.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <variant>
+
+#include "KorvaneProDataRecovery/ContentChecksum.h"
+#include "korvanectl/Text.h"
+#include "platform/linux/UniqueFd.h"
+
+namespace korvane::ctl {
+
+namespace {
+
+// Direct reads want whole logical blocks of the device, which are at most of this size.
+constexpr std::size_t kAlignment = 4096;
+constexpr std::size_t kBlock = 1024 * 1024;
+
+struct FreeBlock {
+    void operator()(std::uint8_t* block) const { std::free(block); }
+};
+
+bool writeAll(int file, const std::uint8_t* bytes, std::size_t count, std::uint64_t offset) {
+    while (count > 0) {
+        const ssize_t length = ::pwrite(file, bytes, count, static_cast<off_t>(offset));
+        if (length < 0 && errno == EINTR) continue;
+        if (length <= 0) return false;
+        bytes += length;
+        count -= static_cast<std::size_t>(length);
+        offset += static_cast<std::uint64_t>(length);
+    }
+    return true;
+}
+
+// From the device into the file, in the file's order, so that a checksum can be made on the way.
+class ExtentCopy {
+  public:
+    ExtentCopy(const RecordedItem& item, int device, int file,
+               const std::function<void(std::uint64_t)>& progress)
+        : item_(item), device_(device), file_(file), progress_(progress) {
+        block_.reset(static_cast<std::uint8_t*>(std::aligned_alloc(kAlignment, kBlock)));
+        if (!block_) throw std::bad_alloc{};
+    }
+
+    // False with errno set; EIO also where the device ends early.
+    bool run() {
+        if (::ftruncate(file_, static_cast<off_t>(item_.size)) != 0) return false;
+        for (const FileExtent& extent : item_.extents) {
+            if (extent.logical >= item_.size) break;
+            zerosTo(extent.logical);
+            if (isOnDevice(extent) && !copy(extent)) return false;
+        }
+        zerosTo(item_.size);
+        return ::fsync(file_) == 0;
+    }
+    std::optional<Sha256> checksum() { return checksum_.finish(); }
+
+  private:
+    bool wantsChecksum() const { return (item_.flags & kRecordHasChecksum) != 0; }
+
+    // The new file reads as zeros where nothing is written.
+    void zerosTo(std::uint64_t place) {
+        if (wantsChecksum() && place > done_) checksum_.addZeros(place - done_);
+        done_ = std::max(done_, place);
+    }
+
+    bool copy(const FileExtent& extent) {
+        const std::uint64_t length = std::min(extent.length, item_.size - extent.logical);
+        for (std::uint64_t at = 0; at < length;) {
+            const auto part =
+                static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, length - at));
+            const std::size_t whole = (part + kAlignment - 1) / kAlignment * kAlignment;
+            const ssize_t got =
+                ::pread(device_, block_.get(), whole, static_cast<off_t>(extent.physical + at));
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) return false;
+            if (static_cast<std::size_t>(got) < part) {
+                errno = EIO;
+                return false;
+            }
+            if (!writeAll(file_, block_.get(), part, extent.logical + at)) return false;
+            if (wantsChecksum()) checksum_.add({block_.get(), part});
+            at += part;
+            done_ = extent.logical + at;
+            progress_(done_);
+        }
+        return true;
+    }
+
+    const RecordedItem& item_;
+    int device_;
+    int file_;
+    const std::function<void(std::uint64_t)>& progress_;
+    std::unique_ptr<std::uint8_t, FreeBlock> block_;
+    ContentChecksum checksum_;
+    std::uint64_t done_ = 0;
+};
+
+}  // namespace
+
+std::string reasonNotRecoverable(const RecordedItem& item) {
+    if (!S_ISREG(item.mode)) return "it is not a file";
+    if ((item.flags & kRecordExtentsCut) != 0) return "not all places of its contents are recorded";
+    std::uint64_t end = 0;
+    for (const FileExtent& extent : item.extents) {
+        if (!isRecoverable(extent)) {
+            return "its contents are compressed, encrypted or kept within the file system's own "
+                   "structures";
+        }
+        const bool isSound = extent.logical >= end && extent.length > 0 &&
+                             extent.logical + extent.length > extent.logical &&
+                             extent.physical + extent.length > extent.physical &&
+                             extent.physical + extent.length <= INT64_MAX;
+        if (!isSound) return "its record makes no sense";
+        end = extent.logical + extent.length;
+    }
+    return item.size > INT64_MAX ? "its record makes no sense" : "";
+}
+
+Outcome<ContentProof> recoverContents(const RecordedItem& item, int device,
+                                      const std::string& target,
+                                      const std::function<void(std::uint64_t)>& progress) {
+    if (const std::string reason = reasonNotRecoverable(item); !reason.empty()) {
+        return Failure{ExitStatus::refused, reason};
+    }
+    const UniqueFd file{
+        ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)};
+    if (!file) {
+        return Failure{ExitStatus::fileProblem,
+                       fmt::format("cannot make {}: {}", printable(target), std::strerror(errno))};
+    }
+    ExtentCopy copy{item, device, file.get(), progress};
+    if (!copy.run()) {
+        return Failure{
+            ExitStatus::fileProblem,
+            fmt::format("{} is not complete: {}", printable(target), std::strerror(errno))};
+    }
+    if ((item.flags & kRecordHasChecksum) == 0) return ContentProof::sizeAlone;
+    return copy.checksum() == std::optional{item.checksum} ? ContentProof::checksumMatches
+                                                           : ContentProof::checksumDiffers;
+}
+
+}  // namespace korvane::ctl

@@ -1,0 +1,26 @@
+// Brings the contents of a deleted file back from the device by its recorded extents. The records
+// can be written by everybody: what they ask for is checked, and nothing is written but the one new
+// file, which only its maker may read.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "KorvaneProDataRecovery/ResultRecords.h"
+#include "korvanectl/Outcome.h"
+
+namespace korvane::ctl {
+
+enum class ContentProof { checksumMatches, checksumDiffers, sizeAlone };
+
+// Why the item's contents cannot be had from the device; empty when they can.
+[[nodiscard]] std::string reasonNotRecoverable(const RecordedItem& item);
+
+// Writes the contents into a file that must not be there yet. `progress` is told how many bytes
+// are done. A failure leaves the file as far as it came and says so.
+[[nodiscard]] Outcome<ContentProof> recoverContents(
+    const RecordedItem& item, int device, const std::string& target,
+    const std::function<void(std::uint64_t)>& progress);
+
+}  // namespace korvane::ctl
