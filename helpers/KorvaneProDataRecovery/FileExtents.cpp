@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <utility>
 
@@ -61,7 +62,8 @@ std::optional<ExtentList> extentsByMap(int file, std::uint32_t flagsOfFile) {
     ExtentList list;
     std::uint64_t begin = 0;
     for (;;) {
-        auto* const map = new (room) fiemap{};
+        std::memset(room, 0, sizeof(fiemap));
+        auto* const map = reinterpret_cast<fiemap*>(room);
         map->fm_start = begin;
         map->fm_length = FIEMAP_MAX_OFFSET - begin;
         map->fm_flags = FIEMAP_FLAG_SYNC;
