@@ -53,6 +53,7 @@ class NoProcesses final : public Processes {
   public:
     void forEachName(const std::function<bool(std::string_view)>& /*visit*/) override {}
     void setDidTerminateApplication(std::function<void(const std::string&)> /*told*/) override {}
+    void watchApplication(std::string_view /*beginning*/, const std::string& /*told*/) override {}
 };
 
 // A machine whose settled state is that of one that has been up for long.

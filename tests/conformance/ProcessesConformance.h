@@ -25,6 +25,8 @@ class ProcessesSubject {
 
     // An application of this identifier runs and then ends; false: not possible here.
     virtual bool runApplication(const std::string&) { return false; }
+    // Nothing of what happened before is still to be told of.
+    virtual bool isQuiet() { return true; }
     // The loop runs until `isDone`, or until nothing more is to be expected of it.
     virtual void runUntil(const std::function<bool()>&) {}
 };
@@ -77,6 +79,25 @@ TEST_P(ProcessesConformance, TellOfAnApplicationThatEnded) {
     if (!subject_->runApplication("com.quorlen.korvanepro")) {
         GTEST_SKIP() << "no application can run here";
     }
+    subject_->runUntil([&] { return !ended.empty(); });
+    EXPECT_THAT(ended, testing::ElementsAre("com.quorlen.korvanepro"));
+    subject_->processes().setDidTerminateApplication(nullptr);
+}
+
+TEST_P(ProcessesConformance, TellOfAWatchedApplicationWhenItsLastProcessEnds) {
+    std::vector<std::string> ended;
+    subject_->processes().setDidTerminateApplication(
+        [&](const std::string& identifier) { ended.push_back(identifier); });
+    subject_->processes().watchApplication("Korvane Pro ", "nothing of it runs");
+    subject_->start("Korvane Pro 1");
+    subject_->start("Korvane Pro 2");
+    subject_->processes().watchApplication("Korvane Pro ", "com.quorlen.korvanepro");
+    subject_->start("Korvane Pro 3");
+    subject_->quit("Korvane Pro 1");
+    subject_->quit("Korvane Pro 2");
+    subject_->runUntil([&] { return subject_->isQuiet(); });
+    EXPECT_THAT(ended, testing::IsEmpty());
+    subject_->quit("Korvane Pro 3");
     subject_->runUntil([&] { return !ended.empty(); });
     EXPECT_THAT(ended, testing::ElementsAre("com.quorlen.korvanepro"));
     subject_->processes().setDidTerminateApplication(nullptr);

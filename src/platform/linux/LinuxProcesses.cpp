@@ -1,6 +1,10 @@
 #include "platform/linux/LinuxProcesses.h"
 
-#include <algorithm>
+#include <sys/epoll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <charconv>
 #include <cstddef>
 #include <filesystem>
 #include <system_error>
@@ -20,9 +24,13 @@ constexpr char kNameOwnerMatch[] =
     "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0namespace='com.quorlen'";
 constexpr char kFileManager[] = "com.apple.finder";
 
-bool isNumber(std::string_view text) {
-    return !text.empty() && std::all_of(text.begin(), text.end(),
-                                        [](char digit) { return digit >= '0' && digit <= '9'; });
+// The process of a folder of /proc with this name; nothing when it is not a process's.
+std::optional<pid_t> processIdIn(std::string_view name) {
+    pid_t id = 0;
+    const char* const end = name.data() + name.size();
+    const auto [rest, error] = std::from_chars(name.data(), end, id);
+    if (error != std::errc() || rest != end || id <= 0) return std::nullopt;
+    return id;
 }
 
 // The file name in the first word of a command line, which ends at its first zero byte.
@@ -54,21 +62,31 @@ LinuxProcesses::LinuxProcesses(LinuxRunLoop& loop, LinuxBus& bus, std::string pr
 
 LinuxProcesses::~LinuxProcesses() { bus_.leave(*this); }
 
-void LinuxProcesses::forEachName(const std::function<bool(std::string_view name)>& visit) {
+std::optional<std::string> LinuxProcesses::nameOf(pid_t id) const {
+    const std::string process = processFolder_ + "/" + std::to_string(id);
+    const std::optional<std::string> stat = readSmallFile(process + "/stat");
+    std::optional<std::string> name = stat ? runningNameOf(*stat) : std::nullopt;
+    if (!name || name->empty()) return std::nullopt;
+    if (name->size() == kLongestKernelName) {
+        std::string program = programNameOf(readSmallFile(process + "/cmdline").value_or(""));
+        if (program.starts_with(*name)) name = std::move(program);
+    }
+    return name;
+}
+
+void LinuxProcesses::forEachProcess(
+    const std::function<bool(pid_t id, const std::string& name)>& visit) const {
     std::error_code error;
     for (std::filesystem::directory_iterator it(processFolder_, error), end; !error && it != end;
          it.increment(error)) {
-        if (!isNumber(it->path().filename().native())) continue;
-        const std::string process = it->path().native();
-        const std::optional<std::string> stat = readSmallFile(process + "/stat");
-        std::optional<std::string> name = stat ? runningNameOf(*stat) : std::nullopt;
-        if (!name || name->empty()) continue;
-        if (name->size() == kLongestKernelName) {
-            std::string program = programNameOf(readSmallFile(process + "/cmdline").value_or(""));
-            if (program.starts_with(*name)) name = std::move(program);
-        }
-        if (!visit(*name)) return;
+        const std::optional<pid_t> id = processIdIn(it->path().filename().native());
+        const std::optional<std::string> name = id ? nameOf(*id) : std::nullopt;
+        if (name && !visit(*id, *name)) return;
     }
+}
+
+void LinuxProcesses::forEachName(const std::function<bool(std::string_view name)>& visit) {
+    forEachProcess([&visit](pid_t, const std::string& name) { return visit(name); });
 }
 
 void LinuxProcesses::setDidTerminateApplication(
@@ -80,6 +98,50 @@ void LinuxProcesses::tell(const std::string& bundleIdentifier) {
     // A copy, since it may set another one.
     const auto callback = didTerminateApplication_;
     if (callback) callback(bundleIdentifier);
+}
+
+void LinuxProcesses::watchApplication(std::string_view nameBeginning,
+                                      const std::string& bundleIdentifier) {
+    if (watchedBeginning_ != nameBeginning) watchedProcesses_.clear();
+    watchedBeginning_ = nameBeginning;
+    watchedIdentifier_ = bundleIdentifier;
+    forEachProcess([this](pid_t id, const std::string& name) {
+        if (name.starts_with(watchedBeginning_)) watchProcess(id);
+        return true;
+    });
+}
+
+void LinuxProcesses::watchProcess(pid_t id) {
+    // One that is there has not ended, so the number is still the same process's.
+    if (watchedProcesses_.contains(id)) return;
+    WatchedProcess process{UniqueFd{static_cast<int>(::syscall(SYS_pidfd_open, id, 0U))}, nullptr};
+    // The number may have passed on to another process before the descriptor held it.
+    if (!process.descriptor || !nameOf(id).value_or("").starts_with(watchedBeginning_)) return;
+    sd_event_source* source = nullptr;
+    if (sd_event_add_io(loop_.event(), &source, process.descriptor.get(), EPOLLIN, onProcessEnd,
+                        this) < 0) {
+        return;
+    }
+    process.source.reset(source);
+    watchedProcesses_.emplace(id, std::move(process));
+}
+
+int LinuxProcesses::onProcessEnd(sd_event_source*, int descriptor, std::uint32_t,
+                                 void* self) noexcept {
+    auto* const processes = static_cast<LinuxProcesses*>(self);
+    processes->loop_.callBack("the end of a process", [processes, descriptor] {
+        processes->watchedProcessEnded(descriptor);
+    });
+    return 0;
+}
+
+void LinuxProcesses::watchedProcessEnded(int descriptor) {
+    std::erase_if(watchedProcesses_, [descriptor](const auto& process) {
+        return process.second.descriptor.get() == descriptor;
+    });
+    // Others may have come since.
+    watchApplication(watchedBeginning_, watchedIdentifier_);
+    if (watchedProcesses_.empty()) tell(watchedIdentifier_);
 }
 
 void LinuxProcesses::busCame(sd_bus* bus) {
@@ -103,8 +165,13 @@ int LinuxProcesses::onNameOwnerChanged(sd_bus_message* message, void* self,
     const char* after = nullptr;
     if (sd_bus_message_read(message, "sss", &name, &before, &after) < 0) return 0;
     if (*before == '\0' || *after != '\0') return 0;
-    processes->loop_.callBack("the end of an application",
-                              [processes, name] { processes->tell(name); });
+    processes->loop_.callBack("the end of an application", [processes, name] {
+        if (!processes->watchedIdentifier_.empty() &&
+            std::string_view(name).starts_with(processes->watchedIdentifier_)) {
+            processes->watchedProcesses_.clear();
+        }
+        processes->tell(name);
+    });
     return 0;
 }
 

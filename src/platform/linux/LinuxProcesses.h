@@ -1,14 +1,20 @@
 // Other programs: their names from /proc, and the end of applications from the bus that the daemon
-// runs on, where an application's bundle identifier is its bus name.
+// runs on, where an application's bundle identifier is its bus name, or from the end of their
+// processes, which costs nothing until it comes.
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "platform/Processes.h"
 #include "platform/linux/LinuxBus.h"
+#include "platform/linux/LinuxRunLoop.h"
+#include "platform/linux/UniqueFd.h"
 
 namespace korvane {
 
@@ -30,19 +36,38 @@ class LinuxProcesses final : public Processes, private BusUser {
     // logged out.
     void setDidTerminateApplication(
         std::function<void(const std::string& bundleIdentifier)> callback) override;
+    // An end that the bus tells of is not told of again.
+    void watchApplication(std::string_view nameBeginning,
+                          const std::string& bundleIdentifier) override;
 
   private:
+    // A process of the watched application; its descriptor is readable once it has ended.
+    struct WatchedProcess {
+        UniqueFd descriptor;
+        EventSource source;
+    };
+
+    static int onProcessEnd(sd_event_source* source, int descriptor, std::uint32_t events,
+                            void* self) noexcept;
     static int onNameOwnerChanged(sd_bus_message* message, void* self,
                                   sd_bus_error* error) noexcept;
     void busCame(sd_bus* bus) override;
     void busWent() override;
     void tell(const std::string& bundleIdentifier);
+    void forEachProcess(const std::function<bool(pid_t id, const std::string& name)>& visit) const;
+    // The name of a process as forEachName() gives it; nothing when it has ended or has none.
+    [[nodiscard]] std::optional<std::string> nameOf(pid_t id) const;
+    void watchProcess(pid_t id);
+    void watchedProcessEnded(int descriptor);
 
     LinuxRunLoop& loop_;
     LinuxBus& bus_;
     std::string processFolder_;
     std::function<void(const std::string&)> didTerminateApplication_;
     BusSlot nameOwnerChanged_;
+    std::string watchedBeginning_;
+    std::string watchedIdentifier_;
+    std::map<pid_t, WatchedProcess> watchedProcesses_;
 };
 
 }  // namespace korvane

@@ -21,6 +21,18 @@ void SimulatedProcesses::setDidTerminateApplication(
     didTerminateApplication_ = std::move(callback);
 }
 
+void SimulatedProcesses::watchApplication(std::string_view nameBeginning,
+                                          const std::string& bundleIdentifier) {
+    watchedBeginning_ = nameBeginning;
+    watchedIdentifier_ = watchedRuns() ? bundleIdentifier : "";
+}
+
+bool SimulatedProcesses::watchedRuns() const {
+    return std::any_of(processes_.begin(), processes_.end(), [this](const Process& process) {
+        return process.name.starts_with(watchedBeginning_);
+    });
+}
+
 void SimulatedProcesses::start(Process process) {
     journal_.note("process started", process.name);
     processes_.push_back(std::move(process));
@@ -37,11 +49,17 @@ bool SimulatedProcesses::quit(std::string_view name) {
     journal_.note("process ended", name);
     if (!bundleIdentifier.empty()) {
         applicationEnded(bundleIdentifier);
+    } else if (!watchedIdentifier_.empty() && name.starts_with(watchedBeginning_) &&
+               !watchedRuns()) {
+        applicationEnded(std::exchange(watchedIdentifier_, ""));
     }
     return true;
 }
 
 void SimulatedProcesses::applicationEnded(const std::string& bundleIdentifier) {
+    if (bundleIdentifier.starts_with(watchedIdentifier_)) {
+        watchedIdentifier_.clear();
+    }
     runLoop_.post([this, bundleIdentifier] {
         journal_.note("application ended", bundleIdentifier);
         if (didTerminateApplication_) {
