@@ -1,9 +1,20 @@
-// The daemon's end of the control connection: what a command word does.
+// The daemon's end of the control connection: what a command word does, and the files that it makes
+// and removes for the main application, which may lack the right to.
 
+#include <ranges>
+
+#include "base/Format.h"
 #include "core/ControlWords.h"
 #include "core/KorvaneProDaemon.h"
 
 namespace korvane {
+
+namespace {
+
+// Whoever asked for the file may write it, whoever the daemon runs as.
+constexpr mode_t kCreatedFilePermissions = 0666;
+
+}  // namespace
 
 bool KorvaneProDaemon::messageXmitRcvr(const std::string& word) {
     bool answer = true;
@@ -16,6 +27,30 @@ bool KorvaneProDaemon::messageXmitRcvr(const std::string& word) {
         dispatch();
     }
     return answer;
+}
+
+void KorvaneProDaemon::messageDoCreateItems(const std::vector<std::string>& paths) {
+    for (const std::string& path : std::views::reverse(paths)) {
+        if (!machine_.fileSystem.createEmptyFile(path, kCreatedFilePermissions)) {
+            machine_.systemLog.write(LogLevel::warning,
+                                     formatText("\"%@\" create error", {std::string_view(path)}));
+        }
+    }
+}
+
+void KorvaneProDaemon::messageDoDeleteItems(const std::vector<std::string>& paths) {
+    // Older systems do not say why a removal failed.
+    const bool saysWhy = compareCurrentSystemVersionWith("10.5") != ComparisonResult::ascending;
+    for (const std::string& path : std::views::reverse(paths)) {
+        const Result<std::monostate> removed = machine_.fileSystem.remove(path);
+        if (removed) continue;
+        machine_.systemLog.write(
+            LogLevel::warning,
+            saysWhy
+                ? formatText("\"%@\" delete error: %@",
+                             {std::string_view(path), std::string_view(removed.error().message)})
+                : formatText("\"%@\" delete error", {std::string_view(path)}));
+    }
 }
 
 bool KorvaneProDaemon::dispatchControlWord(std::string_view word) {
@@ -45,7 +80,11 @@ bool KorvaneProDaemon::dispatchControlWord(std::string_view word) {
     return true;
 }
 
-void KorvaneProDaemon::doIgnoreOstrand() { ignoreMountedOstrand = true; }
+// The permission lasts no longer than the application that asked for it.
+void KorvaneProDaemon::doIgnoreOstrand() {
+    ignoreMountedOstrand = true;
+    watchMainApplication();
+}
 
 // Unmounts nothing itself: the watch does that when it next looks.
 void KorvaneProDaemon::doUnMountOstrand() { ignoreMountedOstrand = false; }

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/PropertyList.h"
 #include "core/SystemVersion.h"
@@ -77,6 +78,11 @@ class KorvaneProDaemon final : public ControlTarget {
     // the question words while what they ask about is under way.
     bool messageXmitRcvr(const std::string& word) override;
 
+    // Create empty files, or remove items, for the main application, from the last path to the
+    // first. What fails is logged and the rest goes on.
+    void messageDoCreateItems(const std::vector<std::string>& paths) override;
+    void messageDoDeleteItems(const std::vector<std::string>& paths) override;
+
   private:
     // ---- core/: life cycle (LifeCycle.cpp) ------------------------------------------------------
 
@@ -88,6 +94,8 @@ class KorvaneProDaemon final : public ControlTarget {
     void didTerminateApplicationNotification(const std::string& bundleIdentifier);
     // Whether the suite's main application runs.
     [[nodiscard]] bool isKorvaneProRunning();
+    // Has the end of the main application noticed even where only its process shows it.
+    void watchMainApplication();
     // Asks the application to quit. Whoever calls this does nothing more.
     void quit();
     void quitWithoutSupportFolder();

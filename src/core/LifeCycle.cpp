@@ -120,6 +120,10 @@ bool KorvaneProDaemon::isKorvaneProRunning() {
     return found;
 }
 
+void KorvaneProDaemon::watchMainApplication() {
+    machine_.processes.watchApplication(kMainProcess, std::string(kMainApplication));
+}
+
 // Sent twice, once through each of the application's two names, as ever; the second send has no
 // effect of its own.
 void KorvaneProDaemon::quit() {

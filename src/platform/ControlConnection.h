@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace korvane {
 
@@ -12,6 +13,8 @@ class ControlTarget {
   public:
     virtual ~ControlTarget() = default;
     virtual bool messageXmitRcvr(const std::string& word) = 0;
+    virtual void messageDoCreateItems(const std::vector<std::string>& paths) = 0;
+    virtual void messageDoDeleteItems(const std::vector<std::string>& paths) = 0;
 };
 
 // A registered name. Destroying it gives the name back.

@@ -23,6 +23,9 @@ class ControlConnectionSubject {
     virtual ControlAnswer send(const std::string& word) = 0;
     // As a process of somebody else calls; `yes` when that cannot be tried here.
     virtual ControlAnswer sendAsOther(const std::string& word) = 0;
+    // Have the daemon create, or delete, the items at two paths; false: no answer came.
+    virtual bool createItems(const std::string& first, const std::string& second) = 0;
+    virtual bool deleteItems(const std::string& first, const std::string& second) = 0;
     // Another process has the name from here on; false: not possible here.
     virtual bool takeName() { return false; }
 };
@@ -36,7 +39,15 @@ class ControlConnectionConformance
             words.push_back(word);
             return word != "no";
         }
+        void messageDoCreateItems(const std::vector<std::string>& paths) override {
+            created = paths;
+        }
+        void messageDoDeleteItems(const std::vector<std::string>& paths) override {
+            deleted = paths;
+        }
         std::vector<std::string> words;
+        std::vector<std::string> created;
+        std::vector<std::string> deleted;
     };
 
     ControlConnectionConformance() : subject_(GetParam().make()) {}
@@ -52,6 +63,16 @@ TEST_P(ControlConnectionConformance, DeliversWordsAndTheirAnswers) {
     EXPECT_EQ(subject_->send("no"), ControlAnswer::no);
     EXPECT_EQ(subject_->send(""), ControlAnswer::yes);
     EXPECT_THAT(target_.words, testing::ElementsAre("a word", "no", ""));
+}
+
+TEST_P(ControlConnectionConformance, DeliversListsOfPathsInTheirOrder) {
+    const auto registered = subject_->connection().registerName(target_);
+    ASSERT_TRUE(registered);
+    EXPECT_TRUE(subject_->createItems("/first", "/second one"));
+    EXPECT_THAT(target_.created, testing::ElementsAre("/first", "/second one"));
+    EXPECT_TRUE(subject_->deleteItems("relative", ""));
+    EXPECT_THAT(target_.deleted, testing::ElementsAre("relative", ""));
+    EXPECT_THAT(target_.created, testing::ElementsAre("/first", "/second one"));
 }
 
 TEST_P(ControlConnectionConformance, RefusesOtherUsersBeforeAnythingIsDone) {

@@ -79,6 +79,12 @@ struct SimulatedControlSubject final : ControlConnectionSubject {
     ControlAnswer sendAsOther(const std::string& word) override {
         return answerOf(machine.controlConnection.send(word, Caller::other));
     }
+    bool createItems(const std::string& first, const std::string& second) override {
+        return machine.controlConnection.createItems({first, second}) == Answer::yes;
+    }
+    bool deleteItems(const std::string& first, const std::string& second) override {
+        return machine.controlConnection.deleteItems({first, second}) == Answer::yes;
+    }
     bool takeName() override {
         machine.controlConnection.setUnavailable(true);
         return true;

@@ -46,19 +46,32 @@ struct LinuxControlSubject final : ControlConnectionSubject {
         return sd_bus_request_name(other.connection(), "com.quorlen.KorvaneProDaemon", 0) >= 0;
     }
 
-    ControlAnswer sendAs(const std::string& user, const std::string& word) {
+    bool createItems(const std::string& first, const std::string& second) override {
+        return sendPaths("messageDoCreateItems", first, second);
+    }
+    bool deleteItems(const std::string& first, const std::string& second) override {
+        return sendPaths("messageDoDeleteItems", first, second);
+    }
+
+    CommandResult call(const std::string& user, const std::string& methodAndArguments) {
         CommandResult result;
         bool done = false;
         std::thread caller([&] {
             result = runCommand(user +
                                 "busctl --system --timeout=10 call com.quorlen.KorvaneProDaemon "
-                                "/com/quorlen/KorvaneProDaemon com.quorlen.KorvaneProDaemon "
-                                "messageXmitRcvr s '" +
-                                word + "'");
+                                "/com/quorlen/KorvaneProDaemon com.quorlen.KorvaneProDaemon " +
+                                methodAndArguments);
             machine.runLoop.post([&done] { done = true; });
         });
         while (!done) (void)sd_event_run(machine.runLoop.event(), UINT64_MAX);
         caller.join();
+        return result;
+    }
+    bool sendPaths(const std::string& method, const std::string& first, const std::string& second) {
+        return call("", method + " as 2 '" + first + "' '" + second + "'").status == 0;
+    }
+    ControlAnswer sendAs(const std::string& user, const std::string& word) {
+        const CommandResult result = call(user, "messageXmitRcvr s '" + word + "'");
         if (result.output == "b true\n") return ControlAnswer::yes;
         if (result.output == "b false\n") return ControlAnswer::no;
         return result.output.find("Access denied") != std::string::npos ? ControlAnswer::refused

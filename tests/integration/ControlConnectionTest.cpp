@@ -6,8 +6,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
+#include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -15,6 +19,7 @@
 #include <vector>
 
 #include "integration/PrivateBus.h"
+#include "platform/linux/ControlArguments.h"
 #include "platform/linux/LinuxBus.h"
 #include "platform/linux/LinuxControlConnection.h"
 #include "platform/linux/LinuxProcesses.h"
@@ -29,6 +34,7 @@ using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Optional;
 using testing::SizeIs;
 
 struct RecordingTarget final : ControlTarget {
@@ -37,8 +43,43 @@ struct RecordingTarget final : ControlTarget {
         if (word == "throw") throw std::runtime_error("no such thing");
         return word != "no";
     }
+    void messageDoCreateItems(const std::vector<std::string>& paths) override { created = paths; }
+    void messageDoDeleteItems(const std::vector<std::string>& paths) override { deleted = paths; }
     std::vector<std::string> words;
+    std::optional<std::vector<std::string>> created;
+    std::optional<std::vector<std::string>> deleted;
 };
+
+// The value of an attribute in one line of introspection.
+std::string attribute(const std::string& line, const std::string& name) {
+    const std::size_t at = line.find(" " + name + "=\"");
+    if (at == std::string::npos) return "";
+    const std::size_t begin = at + name.size() + 3;
+    return line.substr(begin, line.find('"', begin) - begin);
+}
+
+// The methods of the daemon's own interface in introspection data, one tag a line, each as
+// "name(direction type name, ...)".
+std::vector<std::string> methodsIn(const std::string& xml) {
+    std::vector<std::string> methods;
+    std::istringstream lines(xml);
+    bool isOurs = false;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find("<interface ") != std::string::npos) {
+            isOurs = attribute(line, "name") == "com.quorlen.KorvaneProDaemon";
+        }
+        if (!isOurs) continue;
+        if (line.find("<method ") != std::string::npos) {
+            methods.push_back(attribute(line, "name") + "()");
+        } else if (line.find("<arg ") != std::string::npos) {
+            std::string& method = methods.back();
+            method.pop_back();
+            method += (method.back() == '(' ? "" : ", ") + attribute(line, "direction") + " " +
+                      attribute(line, "type") + " " + attribute(line, "name") + ")";
+        }
+    }
+    return methods;
+}
 
 struct OnPrivateBus : testing::Test {
     OnPrivateBus() { privateBus.start(); }
@@ -67,13 +108,15 @@ struct OnPrivateBus : testing::Test {
         }
         return condition();
     }
-    [[nodiscard]] std::string call(const std::string& word, const std::string& as = "") {
+    [[nodiscard]] CommandResult callMethod(const std::string& methodAndArguments,
+                                           const std::string& as = "") {
         return serveDuring(as +
                            "busctl --system --timeout=10 call com.quorlen.KorvaneProDaemon "
-                           "/com/quorlen/KorvaneProDaemon com.quorlen.KorvaneProDaemon "
-                           "messageXmitRcvr s '" +
-                           word + "'")
-            .output;
+                           "/com/quorlen/KorvaneProDaemon com.quorlen.KorvaneProDaemon " +
+                           methodAndArguments);
+    }
+    [[nodiscard]] std::string call(const std::string& word, const std::string& as = "") {
+        return callMethod("messageXmitRcvr s '" + word + "'", as).output;
     }
     [[nodiscard]] bool nameIsOwned() {
         return serveDuring("busctl --system --no-pager list")
@@ -105,16 +148,62 @@ TEST_F(ControlConnectionTest, DeliversWordsAndReturnsTheAnswer) {
     EXPECT_THAT(log.lines, IsEmpty());
 }
 
-TEST_F(ControlConnectionTest, ShowsItsMethodWithTheNamesOfItsArguments) {
-    const std::string xml =
+TEST_F(ControlConnectionTest, HandsOverListsOfPathsAsTheyAre) {
+    EXPECT_EQ(callMethod("messageDoCreateItems as 3 /a 'b c' ''").output, "");
+    EXPECT_THAT(target.created, Optional(ElementsAre("/a", "b c", "")));
+    EXPECT_FALSE(target.deleted);
+    EXPECT_EQ(callMethod("messageDoDeleteItems as 1 /a").status, 0);
+    EXPECT_THAT(target.deleted, Optional(ElementsAre("/a")));
+    EXPECT_EQ(callMethod("messageDoDeleteItems as 0").status, 0);
+    EXPECT_THAT(target.deleted, Optional(IsEmpty()));
+}
+
+TEST_F(ControlConnectionTest, RefusesAListThatIsTooLongAndDoesNothing) {
+    for (const std::size_t excess : {std::size_t{0}, std::size_t{1}}) {
+        sd_bus_message* message = nullptr;
+        LinuxBus caller(loop, LinuxBus::Kind::system);
+        caller.connect();
+        const char* const name = "com.quorlen.KorvaneProDaemon";
+        ASSERT_GE(sd_bus_message_new_method_call(caller.connection(), &message, name,
+                                                 "/com/quorlen/KorvaneProDaemon", name,
+                                                 "messageDoDeleteItems"),
+                  0);
+        ASSERT_GE(sd_bus_message_open_container(message, 'a', "s"), 0);
+        for (std::size_t i = 0; i < kMostPathsOfACall + excess; ++i) {
+            ASSERT_GE(sd_bus_message_append_basic(message, 's', "/x"), 0);
+        }
+        ASSERT_GE(sd_bus_message_close_container(message), 0);
+        std::optional<bool> isError;
+        const auto onReply = [](sd_bus_message* reply, void* answer, sd_bus_error*) {
+            *static_cast<std::optional<bool>*>(answer) =
+                sd_bus_message_is_method_error(reply, nullptr) > 0;
+            return 0;
+        };
+        target.deleted.reset();
+        ASSERT_GE(
+            sd_bus_call_async(caller.connection(), nullptr, message, onReply, &isError, 10'000'000),
+            0);
+        sd_bus_message_unref(message);
+        ASSERT_TRUE(serveUntil([&] { return isError.has_value(); }));
+        EXPECT_EQ(*isError, excess > 0);
+        EXPECT_EQ(target.deleted.has_value(), excess == 0);
+    }
+}
+
+TEST_F(ControlConnectionTest, ShowsTheInterfaceThatIsInstalledWithIt) {
+    const std::string shown =
         serveDuring(
             "busctl --system --xml-interface introspect com.quorlen.KorvaneProDaemon "
             "/com/quorlen/KorvaneProDaemon")
             .output;
-    EXPECT_THAT(xml, HasSubstr("<interface name=\"com.quorlen.KorvaneProDaemon\">"));
-    EXPECT_THAT(xml, HasSubstr("<method name=\"messageXmitRcvr\">"));
-    EXPECT_THAT(xml, HasSubstr("<arg type=\"s\" name=\"word\" direction=\"in\"/>"));
-    EXPECT_THAT(xml, HasSubstr("<arg type=\"b\" name=\"answer\" direction=\"out\"/>"));
+    std::ifstream file(KORVANE_SOURCE_DIR "/packaging/dbus/com.quorlen.KorvaneProDaemon.xml");
+    const std::string installed{std::istreambuf_iterator<char>{file}, {}};
+    EXPECT_THAT(methodsIn(shown), ElementsAre("messageXmitRcvr(in s word, out b answer)",
+                                              "messageDoCreateItems(in as paths)",
+                                              "messageDoDeleteItems(in as paths)"));
+    EXPECT_EQ(methodsIn(installed), methodsIn(shown));
+    EXPECT_THAT(shown, HasSubstr("<interface name=\"com.quorlen.KorvaneProDaemon\">"));
+    EXPECT_THAT(installed, HasSubstr("<interface name=\"com.quorlen.KorvaneProDaemon\">"));
 }
 
 TEST_F(ControlConnectionTest, RefusesOtherUsersWithOneLogLineACaller) {
@@ -122,6 +211,14 @@ TEST_F(ControlConnectionTest, RefusesOtherUsersWithOneLogLineACaller) {
     EXPECT_THAT(call("no", "setpriv --reuid=65534 --clear-groups "), HasSubstr("Access denied"));
     EXPECT_THAT(target.words, IsEmpty());
     EXPECT_THAT(log.lines, ElementsAre("control message refused: it came from user 65534"));
+    log.lines.clear();
+    for (const char* const method : {"messageDoCreateItems", "messageDoDeleteItems"}) {
+        const CommandResult result =
+            callMethod(std::string(method) + " as 1 /x", "setpriv --reuid=65534 --clear-groups ");
+        EXPECT_THAT(result.output, HasSubstr("Access denied")) << method;
+    }
+    EXPECT_FALSE(target.created || target.deleted);
+    EXPECT_THAT(log.lines, SizeIs(2));
 }
 
 TEST_F(ControlConnectionTest, AnExceptionIsAnErrorForTheCallerAndOneLogLine) {
@@ -131,11 +228,12 @@ TEST_F(ControlConnectionTest, AnExceptionIsAnErrorForTheCallerAndOneLogLine) {
 }
 
 TEST_F(ControlConnectionTest, RefusesArgumentsOfTheWrongKind) {
-    const CommandResult result = serveDuring(
-        "busctl --system call com.quorlen.KorvaneProDaemon /com/quorlen/KorvaneProDaemon "
-        "com.quorlen.KorvaneProDaemon messageXmitRcvr as 1 x");
-    EXPECT_NE(result.status, 0);
+    for (const char* const call : {"messageXmitRcvr as 1 x", "messageDoCreateItems s /x",
+                                   "messageDoDeleteItems ay 1 47", "messageDoDeleteItems"}) {
+        EXPECT_NE(callMethod(call).status, 0) << call;
+    }
     EXPECT_THAT(target.words, IsEmpty());
+    EXPECT_FALSE(target.created || target.deleted);
 }
 
 TEST_F(ControlConnectionTest, ASecondOneFindsTheNameTakenAndSaysNothing) {

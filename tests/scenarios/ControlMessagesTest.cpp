@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "scenarios/DaemonFiles.h"
 #include "support/Scenario.h"
@@ -18,7 +20,15 @@ using std::chrono::seconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
+using testing::StartsWith;
 using Answer = Scenario::Answer;
+
+// The lines that the system log got after it had this many.
+std::vector<std::string> linesSince(const Scenario& scenario, std::size_t before) {
+    std::vector<std::string> lines = scenario.log();
+    lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(before));
+    return lines;
+}
 
 TEST(ReloadWords, AllReadThePreferencesAgain) {
     for (const char* word : {"daemonStartYourEngines", "daemonStopYourEngines",
@@ -95,6 +105,104 @@ TEST(FreeSpaceWords, SwitchTheAlarmOffAndOn) {
     }
     s.send("daemonPreferencesUpdatedNotification").run(minutes(1));
     EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed", "failed"));
+}
+
+TEST(CreateItems, MakesEmptyFilesThatAnyoneMayWrite) {
+    Scenario s("two-volumes");
+    s.run(minutes(1)).put("/Volumes/Data/full", "contents");
+    s.createItems({"/Volumes/Data/a", "/Volumes/Data/full", "/Volumes/Data/b c"});
+    EXPECT_EQ(s.answer(), Answer::yes);
+    for (const char* path : {"/Volumes/Data/a", "/Volumes/Data/full", "/Volumes/Data/b c"}) {
+        EXPECT_EQ(s.machine().fileSystem.bytes(path), "") << path;
+        EXPECT_EQ(s.machine().fileSystem.attributes(path)->permissions, 0666U) << path;
+    }
+}
+
+TEST(CreateItems, LogsWhatFailsFromTheLastToTheFirstAndGoesOn) {
+    Scenario s("two-volumes");
+    s.run(minutes(1)).put("/Volumes/Data/folder/file", "");
+    const std::size_t before = s.log().size();
+    s.createItems({"relative", "/Volumes/Data/made", "/Volumes/Data/missing/file",
+                   "/Volumes/Data/folder", ""});
+    EXPECT_THAT(
+        linesSince(s, before),
+        ElementsAre("\"\" create error", "\"/Volumes/Data/folder\" create error",
+                    "\"/Volumes/Data/missing/file\" create error", "\"relative\" create error"));
+    EXPECT_TRUE(s.machine().fileSystem.exists("/Volumes/Data/made"));
+    EXPECT_FALSE(s.machine().fileSystem.exists("/Volumes/Data/missing"));
+    EXPECT_TRUE(s.machine().fileSystem.exists("/Volumes/Data/folder/file"));
+}
+
+TEST(DeleteItems, RemovesFilesAndFoldersWithTheirContents) {
+    Scenario s("two-volumes");
+    s.run(minutes(1)).put("/Volumes/Data/folder/deep/file", "x").put("/Volumes/Data/file", "x");
+    const std::size_t before = s.log().size();
+    s.deleteItems({"/Volumes/Data/folder", "/Volumes/Data/file"});
+    EXPECT_EQ(s.answer(), Answer::yes);
+    EXPECT_FALSE(s.machine().fileSystem.exists("/Volumes/Data/folder"));
+    EXPECT_FALSE(s.machine().fileSystem.exists("/Volumes/Data/file"));
+    EXPECT_THAT(linesSince(s, before), IsEmpty());
+}
+
+TEST(DeleteItems, WalksFromTheLastToTheFirst) {
+    Scenario s("two-volumes");
+    s.run(minutes(1)).put("/Volumes/Data/folder/file", "x");
+    const std::size_t before = s.log().size();
+    // What lies inside goes before what it lies in.
+    s.deleteItems({"/Volumes/Data/folder", "/Volumes/Data/folder/file"});
+    EXPECT_THAT(linesSince(s, before), IsEmpty());
+    EXPECT_FALSE(s.machine().fileSystem.exists("/Volumes/Data/folder"));
+}
+
+TEST(DeleteItems, LogsWhatFailsWithItsReasonAndGoesOn) {
+    Scenario s("two-volumes");
+    s.run(minutes(1)).put("/Volumes/Data/file", "x");
+    const std::size_t before = s.log().size();
+    s.deleteItems({"/Volumes/Data/file", "/Volumes/Data/gone", "relative"});
+    EXPECT_THAT(linesSince(s, before),
+                ElementsAre(StartsWith("\"relative\" delete error: "),
+                            StartsWith("\"/Volumes/Data/gone\" delete error: ")));
+    EXPECT_FALSE(s.machine().fileSystem.exists("/Volumes/Data/file"));
+}
+
+TEST(DeleteItems, NamesNoReasonOnAnOlderSystem) {
+    for (const SystemVersion version : {SystemVersion{10, 4, 11}, SystemVersion{10, 5, 0}}) {
+        MachineDescription description = Scenario::describe("two-volumes");
+        description.version = version;
+        Scenario s(description);
+        s.run(minutes(1));
+        const std::size_t before = s.log().size();
+        s.deleteItems({"/gone"});
+        const auto lines = linesSince(s, before);
+        ASSERT_THAT(lines, SizeIs(1));
+        EXPECT_EQ(lines[0] == "\"/gone\" delete error", version.minor == 4) << lines[0];
+    }
+}
+
+TEST(DeleteItems, RemovesALinkAndNotWhatItLeadsTo) {
+    Scenario s("two-volumes");
+    s.run(minutes(1)).put("/Volumes/Data/kept/file", "x").put("/Volumes/Data/folder/file", "x");
+    s.machine().fileSystem.putLink("/Volumes/Data/folder/link", "/Volumes/Data/kept");
+    s.machine().fileSystem.putLink("/Volumes/Data/link", "/Volumes/Data/kept");
+    s.deleteItems({"/Volumes/Data/folder", "/Volumes/Data/link/"});
+    EXPECT_FALSE(s.machine().fileSystem.exists("/Volumes/Data/folder"));
+    EXPECT_FALSE(s.machine().fileSystem.exists("/Volumes/Data/link"));
+    EXPECT_EQ(s.machine().fileSystem.bytes("/Volumes/Data/kept/file"), "x");
+}
+
+TEST(ItemLists, DoNothingWhenTheyAreEmptyOrFromAnotherUser) {
+    Scenario s("two-volumes");
+    s.run(minutes(1)).put("/Volumes/Data/file", "x");
+    const std::size_t before = s.log().size();
+    EXPECT_EQ(s.createItems({}).answer(), Answer::yes);
+    EXPECT_EQ(s.deleteItems({}).answer(), Answer::yes);
+    EXPECT_EQ(s.createItems({"/Volumes/Data/new"}, Scenario::Caller::other).answer(),
+              Answer::refused);
+    EXPECT_EQ(s.deleteItems({"/Volumes/Data/file"}, Scenario::Caller::other).answer(),
+              Answer::refused);
+    EXPECT_THAT(linesSince(s, before), IsEmpty());
+    EXPECT_FALSE(s.machine().fileSystem.exists("/Volumes/Data/new"));
+    EXPECT_EQ(s.machine().fileSystem.bytes("/Volumes/Data/file"), "x");
 }
 
 TEST(ControlMessages, AreServedOnASystemOfAnyVersion) {

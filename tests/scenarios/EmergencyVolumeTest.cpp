@@ -146,11 +146,11 @@ TEST(Permission, KeepsTheVolumeMountedWhileTheMainApplicationRuns) {
 
 TEST(Permission, EndsAtTheFirstTickWithoutTheMainApplication) {
     Scenario s("two-volumes");
-    s.startProcess("Korvane Pro 12");
     s.run(minutes(1));
     s.send("QLDaemonIgnoreMountedOstrand");
+    s.startProcess("Korvane Pro 12");
     s.mount("/Volumes/Ostrand").run(seconds(30));
-    s.quitProcess("Korvane Pro 12");  // no application that would be told of
+    s.quitProcess("Korvane Pro 12");  // it came after the word: nobody watches for its end
     s.becomeActive().run(seconds(1));
     EXPECT_TRUE(isPolling(s));
     s.run(milliseconds(4'999));
@@ -198,6 +198,18 @@ TEST(Permission, EndsAtOnceWhenTheMainApplicationQuits) {
         s.endApplication(identifier).run(seconds(0));
         EXPECT_FALSE(isMounted(s, "/Volumes/Ostrand")) << identifier;
     }
+}
+
+TEST(Permission, EndsAtOnceWithTheLastProcessOfTheMainApplication) {
+    Scenario s("two-volumes");
+    s.startProcess("Korvane Pro 12").startProcess("Korvane Pro ctl");
+    s.run(minutes(1));
+    s.send("QLDaemonIgnoreMountedOstrand");
+    s.mount("/Volumes/Ostrand").run(minutes(1));
+    s.quitProcess("Korvane Pro 12").run(seconds(0));
+    EXPECT_TRUE(isMounted(s, "/Volumes/Ostrand"));
+    s.quitProcess("Korvane Pro ctl").run(seconds(0));
+    EXPECT_FALSE(isMounted(s, "/Volumes/Ostrand"));
 }
 
 TEST(Permission, OutlivesOtherApplications) {

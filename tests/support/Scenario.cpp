@@ -240,6 +240,16 @@ Scenario& Scenario::send(const std::string& word, Caller caller) {
     return *this;
 }
 
+Scenario& Scenario::createItems(const std::vector<std::string>& paths, Caller caller) {
+    answer_ = machine_.controlConnection.createItems(paths, caller);
+    return *this;
+}
+
+Scenario& Scenario::deleteItems(const std::vector<std::string>& paths, Caller caller) {
+    answer_ = machine_.controlConnection.deleteItems(paths, caller);
+    return *this;
+}
+
 Scenario& Scenario::editPreferences(const std::function<void(Dictionary&)>& edit) {
     Dictionary settings = preferences();
     edit(settings);

@@ -96,6 +96,8 @@ class Scenario {
     Scenario& becomeActive();
     // A word from outside; answer() has what came back.
     Scenario& send(const std::string& word, Caller caller = Caller::root);
+    Scenario& createItems(const std::vector<std::string>& paths, Caller caller = Caller::root);
+    Scenario& deleteItems(const std::vector<std::string>& paths, Caller caller = Caller::root);
     // The main application edits the settings file, without a word.
     Scenario& editPreferences(const std::function<void(Dictionary&)>& edit);
     Scenario& editVolumeEntry(const std::string& path,

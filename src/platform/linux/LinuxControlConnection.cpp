@@ -8,6 +8,9 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "platform/linux/ControlArguments.h"
 
 namespace korvane {
 
@@ -34,6 +37,21 @@ std::optional<uid_t> effectiveUserOf(sd_bus_message* message) {
     return user;
 }
 
+int transmitWord(ControlTarget& target, sd_bus_message* message) {
+    std::string word;
+    if (const int result = readControlWord(message, word); result < 0) return result;
+    const bool answer = target.messageXmitRcvr(word);
+    return sd_bus_reply_method_return(message, "b", answer ? 1 : 0);
+}
+
+template <void (ControlTarget::*method)(const std::vector<std::string>&)>
+int handOverPaths(ControlTarget& target, sd_bus_message* message) {
+    std::vector<std::string> paths;
+    if (const int result = readControlPaths(message, paths); result < 0) return result;
+    (target.*method)(paths);
+    return sd_bus_reply_method_return(message, "");
+}
+
 class Registration final : public RegisteredConnection, public BusUser {
   public:
     Registration(LinuxRunLoop& loop, LinuxBus& bus, SystemLog& systemLog, ControlTarget& target)
@@ -49,12 +67,15 @@ class Registration final : public RegisteredConnection, public BusUser {
     void busWent() override;
 
   private:
-    static int onMessageXmitRcvr(sd_bus_message* message, void* self, sd_bus_error* error) noexcept;
-    static const std::array<sd_bus_vtable, 3> kVtable;
+    // What a method does once its caller is known to be served; the result of its sd-bus handler.
+    using Work = int (*)(ControlTarget& target, sd_bus_message* message);
+    template <Work work>
+    static int onCall(sd_bus_message* message, void* self, sd_bus_error* error) noexcept;
+    static const std::array<sd_bus_vtable, 5> kVtable;
 
     [[nodiscard]] bool exportObject(sd_bus* bus);
     [[nodiscard]] bool isServed(sd_bus_message* message);
-    int serve(sd_bus_message* message, sd_bus_error* error);
+    int serve(Work work, sd_bus_message* message, sd_bus_error* error);
 
     LinuxRunLoop& loop_;
     LinuxBus& bus_;
@@ -66,10 +87,16 @@ class Registration final : public RegisteredConnection, public BusUser {
 };
 
 // Open to every caller as far as sd-bus is concerned: who is served is decided here.
-const std::array<sd_bus_vtable, 3> Registration::kVtable{
+const std::array<sd_bus_vtable, 5> Registration::kVtable{
     {SD_BUS_VTABLE_START(0),
      SD_BUS_METHOD_WITH_ARGS("messageXmitRcvr", SD_BUS_ARGS("s", word), SD_BUS_RESULT("b", answer),
-                             onMessageXmitRcvr, SD_BUS_VTABLE_UNPRIVILEGED),
+                             onCall<transmitWord>, SD_BUS_VTABLE_UNPRIVILEGED),
+     SD_BUS_METHOD_WITH_ARGS("messageDoCreateItems", SD_BUS_ARGS("as", paths), SD_BUS_NO_RESULT,
+                             onCall<handOverPaths<&ControlTarget::messageDoCreateItems>>,
+                             SD_BUS_VTABLE_UNPRIVILEGED),
+     SD_BUS_METHOD_WITH_ARGS("messageDoDeleteItems", SD_BUS_ARGS("as", paths), SD_BUS_NO_RESULT,
+                             onCall<handOverPaths<&ControlTarget::messageDoDeleteItems>>,
+                             SD_BUS_VTABLE_UNPRIVILEGED),
      SD_BUS_VTABLE_END}};
 
 Registration::~Registration() {
@@ -131,24 +158,21 @@ bool Registration::isServed(sd_bus_message* message) {
     return served;
 }
 
-int Registration::serve(sd_bus_message* message, sd_bus_error* error) {
+int Registration::serve(Work work, sd_bus_message* message, sd_bus_error* error) {
     if (!isServed(message)) {
         return sd_bus_error_set(error, SD_BUS_ERROR_ACCESS_DENIED,
                                 "only root and the daemon's own user are served");
     }
-    const char* word = nullptr;
-    if (const int result = sd_bus_message_read(message, "s", &word); result < 0) return result;
-    const bool answer = target_.messageXmitRcvr(word);
-    return sd_bus_reply_method_return(message, "b", answer ? 1 : 0);
+    return work(target_, message);
 }
 
-int Registration::onMessageXmitRcvr(sd_bus_message* message, void* self,
-                                    sd_bus_error* error) noexcept {
+template <Registration::Work work>
+int Registration::onCall(sd_bus_message* message, void* self, sd_bus_error* error) noexcept {
     auto* const registration = static_cast<Registration*>(self);
     // What the caller is told when an exception ends the work.
     int result = -EIO;
     registration->loop_.callBack("a control message", [&result, registration, message, error] {
-        result = registration->serve(message, error);
+        result = registration->serve(work, message, error);
     });
     return result;
 }

@@ -31,19 +31,47 @@ void SimulatedControlConnection::setUnavailable(bool isUnavailable) {
     isUnavailable_ = isUnavailable;
 }
 
-SimulatedControlConnection::Answer SimulatedControlConnection::send(const std::string& word,
-                                                                    Caller caller) {
+std::optional<SimulatedControlConnection::Answer> SimulatedControlConnection::refusal(
+    Caller caller, const std::string& what) {
     if (!target_) {
         return Answer::nobody;
     }
     if (caller == Caller::other) {
-        journal_.note("word refused", word);
+        journal_.note("word refused", what);
         return Answer::refused;
+    }
+    return std::nullopt;
+}
+
+SimulatedControlConnection::Answer SimulatedControlConnection::send(const std::string& word,
+                                                                    Caller caller) {
+    if (const std::optional<Answer> refused = refusal(caller, word)) {
+        return *refused;
     }
     journal_.note("word", word);
     const bool answer = target_->messageXmitRcvr(word);
     journal_.note("answer", answer ? "YES" : "NO");
     return answer ? Answer::yes : Answer::no;
+}
+
+SimulatedControlConnection::Answer SimulatedControlConnection::createItems(
+    const std::vector<std::string>& paths, Caller caller) {
+    if (const std::optional<Answer> refused = refusal(caller, "create")) {
+        return *refused;
+    }
+    journal_.note("create", std::to_string(paths.size()));
+    target_->messageDoCreateItems(paths);
+    return Answer::yes;
+}
+
+SimulatedControlConnection::Answer SimulatedControlConnection::deleteItems(
+    const std::vector<std::string>& paths, Caller caller) {
+    if (const std::optional<Answer> refused = refusal(caller, "delete")) {
+        return *refused;
+    }
+    journal_.note("delete", std::to_string(paths.size()));
+    target_->messageDoDeleteItems(paths);
+    return Answer::yes;
 }
 
 bool SimulatedControlConnection::isRegistered() const { return target_ != nullptr; }

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/ControlConnection.h"
 #include "platform/simulated/SimulatedJournal.h"
@@ -24,10 +26,16 @@ class SimulatedControlConnection final : public ControlConnection {
     // Delivers the word as a call from outside, on the loop's thread. `nobody`: no name is
     // registered.
     Answer send(const std::string& word, Caller caller = Caller::root);
+    // Likewise for the lists of paths; an empty answer is `yes`.
+    Answer createItems(const std::vector<std::string>& paths, Caller caller = Caller::root);
+    Answer deleteItems(const std::vector<std::string>& paths, Caller caller = Caller::root);
     [[nodiscard]] bool isRegistered() const;
 
   private:
     class Registration;
+
+    // What became of a call, when it is not let through.
+    [[nodiscard]] std::optional<Answer> refusal(Caller caller, const std::string& what);
 
     SimulatedJournal& journal_;
     ControlTarget* target_ = nullptr;
