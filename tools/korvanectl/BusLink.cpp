@@ -33,11 +33,6 @@ struct FreeBusError {
     ~FreeBusError() { sd_bus_error_free(&error); }
 };
 
-struct UnrefMessage {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using Message = std::unique_ptr<sd_bus_message, UnrefMessage>;
-
 // Opening a bus only begins the conversation, and the library waits for its rest without a limit
 // worth the name; so it is led to its end here.
 bool becomesReady(sd_bus* bus) {
@@ -66,9 +61,10 @@ bool nameIsOwned(sd_bus* bus) {
                            kName) < 0) {
         return false;
     }
-    const Message reply{raw};
     int owned = 0;
-    return sd_bus_message_read(reply.get(), "b", &owned) >= 0 && owned != 0;
+    const bool isRead = sd_bus_message_read(raw, "b", &owned) >= 0;
+    sd_bus_message_unref(raw);
+    return isRead && owned != 0;
 }
 
 // A daemon that has lost, or never got, its name on the bus still writes the preferences. Only one
@@ -92,7 +88,7 @@ bool processRuns() {
     return false;
 }
 
-Failure failureOf(const sd_bus_error& error, int result) {
+Failure failureOf(const sd_bus_error& error, int result, std::chrono::seconds limit) {
     const std::string_view name = error.name != nullptr ? error.name : "";
     const auto is = [&](const char* known) { return name == known; };
     if (is(SD_BUS_ERROR_ACCESS_DENIED) || is(SD_BUS_ERROR_AUTH_FAILED) || result == -EACCES ||
@@ -105,7 +101,7 @@ Failure failureOf(const sd_bus_error& error, int result) {
         return {ExitStatus::noReply,
                 fmt::format("the daemon did not answer within {} seconds; see its log with: "
                             "journalctl -u korvane-pro",
-                            kBusLimit.count())};
+                            limit.count())};
     }
     if (is(SD_BUS_ERROR_SERVICE_UNKNOWN) || is(SD_BUS_ERROR_NAME_HAS_NO_OWNER)) {
         return {ExitStatus::noDaemon, "the daemon ended before it got the command"};
@@ -145,7 +141,9 @@ DaemonPresence BusLink::presence() {
     return processRuns() ? DaemonPresence::unreachable : DaemonPresence::absent;
 }
 
-Outcome<bool> BusLink::send(const std::string& word) {
+Outcome<BusLink::Message> BusLink::call(const char* method,
+                                        const std::function<int(sd_bus_message*)>& append,
+                                        std::chrono::seconds limit) {
     sd_bus* const bus = busWithDaemon();
     if (bus == nullptr) {
         if (processRuns()) {
@@ -158,19 +156,63 @@ Outcome<bool> BusLink::send(const std::string& word) {
     }
     FreeBusError error;
     sd_bus_message* raw = nullptr;
-    const int result = sd_bus_call_method(bus, kName, kPath, kInterface, "messageXmitRcvr",
-                                          &error.error, &raw, "s", word.c_str());
-    const Message reply{raw};
-    int answer = 0;
+    int result = sd_bus_message_new_method_call(bus, &raw, kName, kPath, kInterface, method);
+    const Message request{raw};
+    if (result >= 0) {
+        result = append(raw);
+    }
+    raw = nullptr;
+    if (result >= 0) {
+        const auto microseconds = std::chrono::microseconds{limit}.count();
+        result = sd_bus_call(bus, request.get(), static_cast<std::uint64_t>(microseconds),
+                             &error.error, &raw);
+    }
+    Message reply{raw};
     if (result < 0) {
-        const Failure failure = failureOf(error.error, result);
+        const Failure failure = failureOf(error.error, result, limit);
         bus_.reset();
         return failure;
     }
-    if (sd_bus_message_read(reply.get(), "b", &answer) < 0) {
+    return reply;
+}
+
+Outcome<bool> BusLink::send(const std::string& word) {
+    const auto append = [&word](sd_bus_message* request) {
+        return sd_bus_message_append_basic(request, SD_BUS_TYPE_STRING, word.c_str());
+    };
+    const Outcome<Message> reply = call("messageXmitRcvr", append, kBusLimit);
+    if (!reply) {
+        return reply.failure();
+    }
+    int answer = 0;
+    if (sd_bus_message_read_basic(reply->get(), SD_BUS_TYPE_BOOLEAN, &answer) <= 0) {
         return Failure{ExitStatus::noDaemon, "what answers under the daemon's name is not it"};
     }
     return answer != 0;
+}
+
+Outcome<std::monostate> BusLink::handOver(const char* method,
+                                          const std::vector<std::string>& paths) {
+    const auto append = [&paths](sd_bus_message* request) {
+        int result = sd_bus_message_open_container(request, SD_BUS_TYPE_ARRAY, "s");
+        for (auto path = paths.begin(); result >= 0 && path != paths.end(); ++path) {
+            result = sd_bus_message_append_basic(request, SD_BUS_TYPE_STRING, path->c_str());
+        }
+        return result < 0 ? result : sd_bus_message_close_container(request);
+    };
+    const Outcome<Message> reply = call(method, append, kItemsLimit);
+    if (!reply) {
+        return reply.failure();
+    }
+    return std::monostate{};
+}
+
+Outcome<std::monostate> BusLink::createItems(const std::vector<std::string>& paths) {
+    return handOver("messageDoCreateItems", paths);
+}
+
+Outcome<std::monostate> BusLink::deleteItems(const std::vector<std::string>& paths) {
+    return handOver("messageDoDeleteItems", paths);
 }
 
 }  // namespace korvane::ctl

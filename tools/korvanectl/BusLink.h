@@ -5,6 +5,7 @@
 #include <systemd/sd-bus.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 
 #include "korvanectl/DaemonLink.h"
@@ -14,13 +15,23 @@ namespace korvane::ctl {
 // Within this the bus must take the connection, and the daemon must answer a word: a reload asks
 // every drive once, which takes well under a second for healthy ones.
 inline constexpr std::chrono::seconds kBusLimit{5};
+// Removing a folder takes a while on a slow disk: some thousand files a second.
+inline constexpr std::chrono::seconds kItemsLimit{300};
 
 class BusLink : public DaemonLink {
   public:
     [[nodiscard]] DaemonPresence presence() override;
     [[nodiscard]] Outcome<bool> send(const std::string& word) override;
+    [[nodiscard]] Outcome<std::monostate> createItems(
+        const std::vector<std::string>& paths) override;
+    [[nodiscard]] Outcome<std::monostate> deleteItems(
+        const std::vector<std::string>& paths) override;
 
   private:
+    struct UnrefMessage {
+        void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+    };
+    using Message = std::unique_ptr<sd_bus_message, UnrefMessage>;
     struct CloseBus {
         // Nothing is left to be flushed, and a bus that never spoke would be waited for.
         void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
@@ -30,6 +41,12 @@ class BusLink : public DaemonLink {
     // A connection on which the daemon's name is owned. Asked for once; later calls ask anew only
     // when there was none, so that a daemon that comes up meanwhile is found.
     sd_bus* busWithDaemon();
+    // Calls a method of the daemon with the arguments that `append` adds; its reply.
+    [[nodiscard]] Outcome<Message> call(const char* method,
+                                        const std::function<int(sd_bus_message*)>& append,
+                                        std::chrono::seconds limit);
+    [[nodiscard]] Outcome<std::monostate> handOver(const char* method,
+                                                   const std::vector<std::string>& paths);
 
     Bus bus_;
 };

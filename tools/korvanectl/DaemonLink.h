@@ -3,6 +3,8 @@
 #pragma once
 
 #include <string>
+#include <variant>
+#include <vector>
 
 #include "korvanectl/Outcome.h"
 
@@ -23,6 +25,12 @@ class DaemonLink {
     // Sends a command word and waits for the answer, at most a few seconds. Failures: noDaemon,
     // notAllowed, noReply.
     [[nodiscard]] virtual Outcome<bool> send(const std::string& word) = 0;
+    // Has the daemon create empty files, or remove items, at absolute paths; waits until it has
+    // tried them all, which takes as long as the folders are large. What failed only its log says.
+    [[nodiscard]] virtual Outcome<std::monostate> createItems(
+        const std::vector<std::string>& paths) = 0;
+    [[nodiscard]] virtual Outcome<std::monostate> deleteItems(
+        const std::vector<std::string>& paths) = 0;
 };
 
 // Has the daemon read its preferences again; the answer comes when it has.

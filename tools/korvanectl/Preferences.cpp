@@ -110,7 +110,7 @@ Outcome<Told> Preferences::edit(DaemonLink& daemon, const Edit& edit) const {
                 return written.failure();
             }
         }
-        const Outcome<bool> told = daemon.send(kReloadWord);
+        const Outcome<bool> told = daemon.send(edit.word);
         const Outcome<Dictionary> after = read();
         if (!after) {
             return after.failure();

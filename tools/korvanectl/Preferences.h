@@ -20,6 +20,8 @@ struct Edit {
     std::function<Outcome<std::monostate>(Dictionary&)> apply;
     // Whether the change is there.
     std::function<bool(const Dictionary&)> holds;
+    // What the daemon is told when the change is in the file; it must have it reload.
+    std::string word = kReloadWord;
 };
 
 enum class Told { daemon, nobody };

@@ -53,6 +53,7 @@ int runProgram(Program& program, int argumentCount, const char* const* arguments
     addSettingCommands(app, program);
     addVolumeCommands(app, program);
     addTrashCommands(app, program);
+    addControlCommands(app, program);
     try {
         app.parse(argumentCount, arguments);
     } catch (const CLI::CallForHelp&) {

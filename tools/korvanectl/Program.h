@@ -3,6 +3,7 @@
 #pragma once
 
 #include <CLI/App.hpp>
+#include <chrono>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -26,6 +27,14 @@ struct Program {
     Paint paint;
     std::function<void(std::string_view)> print;  // to standard output
     std::function<void(std::string_view)> note;   // one line to standard error
+    // Shows a line in place of the one shown before; an empty one takes it away. On a terminal.
+    std::function<void(std::string_view)> progress;
+    // Waits. False when the program was asked to end, which is noticed here alone once
+    // beMainApplication() has been called; before, it ends at once.
+    std::function<bool(std::chrono::milliseconds)> pause;
+    // From here on the process goes by the name of the main application's processes.
+    std::function<void()> beMainApplication;
+    bool isTerminal = false;  // standard output is one
 
     // Set by the command line.
     bool json = false;
@@ -48,11 +57,13 @@ void printJson(const Program& program, const PropertyList& value);
 [[nodiscard]] Outcome<ExitStatus> finishEdit(Program& program, const Edit& edit,
                                              const std::function<std::string()>& done);
 
-void addStatusCommands(CLI::App& app, Program& program);   // status, volumes, history
+void addStatusCommands(CLI::App& app, Program& program);   // status, watch, volumes, history
 void addSettingCommands(CLI::App& app, Program& program);  // get, set, reload
 void addVolumeCommands(CLI::App& app, Program& program);   // volume NAME get, set, reset
 void addTrashCommands(CLI::App& app, Program& program);    // trash
 void addTrashRecovery(CLI::App& group, Program& program);  // recover, within trash
+// start, stop, wait, free-space, emergency, create, delete, send
+void addControlCommands(CLI::App& app, Program& program);
 
 // Understands and carries out one command line; what it answers is the process's exit status.
 [[nodiscard]] int runProgram(Program& program, int argumentCount, const char* const* arguments);

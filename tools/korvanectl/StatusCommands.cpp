@@ -240,6 +240,27 @@ Outcome<ExitStatus> runStatus(Program& program) {
     return statusFor(findings->daemon);
 }
 
+// Each time anything has changed: on a terminal in place of what was shown before, else below it.
+Outcome<ExitStatus> runWatch(Program& program) {
+    constexpr std::chrono::seconds kInterval{2};
+    std::string shown;
+    Program once = program;
+    std::string text;
+    once.print = [&text](std::string_view part) { text += part; };
+    do {
+        text.clear();
+        if (const auto outcome = runStatus(once); !outcome) {
+            return outcome.failure();
+        }
+        if (text != shown) {
+            // ECMA-48: cursor to the beginning, erase what follows.
+            program.print(program.isTerminal ? "\x1b[H\x1b[J" + text : text);
+            shown = text;
+        }
+    } while (program.pause(kInterval));
+    return ExitStatus::done;
+}
+
 Outcome<ExitStatus> runVolumes(Program& program) {
     const auto findings = gather(program);
     if (!findings) {
@@ -320,6 +341,8 @@ Outcome<ExitStatus> runHistory(Program& program, const std::string& name) {
 void addStatusCommands(CLI::App& app, Program& program) {
     addPrintingCommand(app, program, "status", "What the daemon found, and whether it runs",
                        [&program] { return runStatus(program); });
+    addPrintingCommand(app, program, "watch", "The status, again whenever it has changed",
+                       [&program] { return runWatch(program); });
     addPrintingCommand(app, program, "volumes", "The volumes as a table",
                        [&program] { return runVolumes(program); });
     const auto name = std::make_shared<std::string>();

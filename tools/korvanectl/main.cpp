@@ -2,12 +2,14 @@
 // together; everything else is in the parts that its tests reach.
 #include <fmt/format.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <exception>
 #include <optional>
+#include <thread>
 
 #include "korvanectl/BusLink.h"
 #include "korvanectl/Program.h"
@@ -45,9 +47,36 @@ class MountedNow {
     std::optional<LinuxVolumes> volumes_;
 };
 
+// The signals that end a program: held back once there is something to be put right before.
+class EndRequests {
+  public:
+    void hold() {
+        for (const int number : {SIGINT, SIGTERM, SIGHUP}) (void)sigaddset(&held_, number);
+        (void)pthread_sigmask(SIG_BLOCK, &held_, nullptr);  // fails for no such mask
+        isHolding_ = true;
+    }
+    // False when one came meanwhile.
+    bool pause(std::chrono::milliseconds length) const {
+        // What was printed is to be seen now, not when the program ends.
+        std::fflush(stdout);
+        if (!isHolding_) {
+            std::this_thread::sleep_for(length);
+            return true;
+        }
+        const timespec limit{.tv_sec = length.count() / 1000,
+                             .tv_nsec = length.count() % 1000 * 1'000'000};
+        return sigtimedwait(&held_, nullptr, &limit) < 0;
+    }
+
+  private:
+    sigset_t held_{};
+    bool isHolding_ = false;
+};
+
 int run(int argumentCount, const char* const* arguments) {
     std::optional<MountedNow> mounted;
     ctl::BusLink daemon;
+    EndRequests endRequests;
     ctl::Program program{
         .preferences = ctl::Preferences{kPreferencesFile},
         .supportFolder = kSupportFolder,
@@ -66,6 +95,19 @@ int run(int argumentCount, const char* const* arguments) {
         .paint = ctl::Paint::forDescriptor(STDOUT_FILENO),
         .print = [](std::string_view text) { fmt::print("{}", text); },
         .note = [](std::string_view line) { fmt::print(stderr, "korvanectl: {}\n", line); },
+        .progress =
+            [](std::string_view line) {
+                // ECMA-48: to the beginning of the line, erase it.
+                if (isatty(STDERR_FILENO) == 1) fmt::print(stderr, "\r\x1b[K{}", line);
+            },
+        .pause = [&](std::chrono::milliseconds length) { return endRequests.pause(length); },
+        .beMainApplication =
+            [&] {
+                // Of 15 bytes, the most that the kernel keeps of a name.
+                (void)prctl(PR_SET_NAME, "Korvane Pro ctl");  // fails for no name
+                endRequests.hold();
+            },
+        .isTerminal = isatty(STDOUT_FILENO) == 1,
         .json = false,
         .command = {}};
     const int status = ctl::runProgram(program, argumentCount, arguments);

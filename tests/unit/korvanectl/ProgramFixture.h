@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -32,13 +33,39 @@ class FakeDaemon : public DaemonLink {
         if (present != DaemonPresence::reachable) {
             return Failure{ExitStatus::noDaemon, "the daemon does not run"};
         }
+        if (!answers.empty()) {
+            const bool next = answers.front();
+            answers.pop_front();
+            return next;
+        }
         return answer;
+    }
+    [[nodiscard]] Outcome<std::monostate> createItems(
+        const std::vector<std::string>& paths) override {
+        return handle("create", paths);
+    }
+    [[nodiscard]] Outcome<std::monostate> deleteItems(
+        const std::vector<std::string>& paths) override {
+        return handle("delete", paths);
     }
 
     DaemonPresence present = DaemonPresence::reachable;
     Outcome<bool> answer = true;
     std::function<void()> onWord;
     std::vector<std::string> words;
+    std::deque<bool> answers;  // to the next words, before `answer`
+    // Carries out "create" or "delete" of a path.
+    std::function<void(const std::string&, const std::string&)> onItem;
+
+  private:
+    Outcome<std::monostate> handle(const char* what, const std::vector<std::string>& paths) {
+        if (!answer) return answer.failure();
+        for (const std::string& path : paths) {
+            words.push_back(std::string(what) + " " + path);
+            if (onItem) onItem(what, path);
+        }
+        return std::monostate{};
+    }
 };
 
 // Mounted volumes by path. Asking for the size of one that is not there fails the test: only
@@ -108,17 +135,28 @@ class KorvanectlTest : public testing::Test {
     int run(std::vector<const char*> arguments) {
         arguments.insert(arguments.begin(), "korvanectl");
         out.clear();
+        shown.clear();
+        pauses = 0;
         err.clear();
-        Program program{.preferences = Preferences{file, std::chrono::milliseconds{0}},
-                        .supportFolder = folder.path(),
-                        .daemon = daemon,
-                        .volumes = [this]() -> Volumes& { return volumes; },
-                        .now = [this] { return now; },
-                        .paint = Paint{false},
-                        .print = [this](std::string_view text) { out += text; },
-                        .note = [this](std::string_view line) { (err += line) += '\n'; },
-                        .json = false,
-                        .command = {}};
+        Program program{
+            .preferences = Preferences{file, std::chrono::milliseconds{0}},
+            .supportFolder = folder.path(),
+            .daemon = daemon,
+            .volumes = [this]() -> Volumes& { return volumes; },
+            .now = [this] { return now; },
+            .paint = Paint{false},
+            .print = [this](std::string_view text) { out += text; },
+            .note = [this](std::string_view line) { (err += line) += '\n'; },
+            .progress = [this](std::string_view line) { shown.emplace_back(line); },
+            .pause =
+                [this](std::chrono::milliseconds) {
+                    daemon.words.emplace_back("(pause)");
+                    return ++pauses < mostPauses;
+                },
+            .beMainApplication = [this] { daemon.words.emplace_back("(main application)"); },
+            .isTerminal = isTerminal,
+            .json = false,
+            .command = {}};
         return runProgram(program, static_cast<int>(arguments.size()), arguments.data());
     }
 
@@ -146,6 +184,10 @@ class KorvanectlTest : public testing::Test {
 
     TemporaryFolder folder;
     std::string file = folder / "KorvaneProtection.plist";
+    bool isTerminal = false;
+    std::vector<std::string> shown;  // lines of progress
+    int pauses = 0;
+    int mostPauses = 10;
     FakeDaemon daemon;
     FakeVolumes volumes;
     Time now{std::chrono::seconds{1767225600}};  // 2026-01-01 00:00:00 UTC

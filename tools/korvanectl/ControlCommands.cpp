@@ -1,0 +1,200 @@
+// What steers the running daemon: start, stop, wait, free-space, emergency, create, delete, send.
+
+#include <fmt/format.h>
+
+#include <filesystem>
+#include <memory>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "core/DefaultPreferences.h"
+#include "korvanectl/Program.h"
+#include "storage/EntryFields.h"
+
+namespace korvane::ctl {
+
+namespace {
+
+using std::chrono::seconds;
+using Paths = std::vector<std::string>;
+
+// A command that consists of one word to the daemon.
+Outcome<ExitStatus> runWord(Program& program, const char* word, std::string_view done) {
+    const Outcome<bool> answer = program.daemon.send(word);
+    if (!answer) {
+        return answer.failure();
+    }
+    program.print(fmt::format("{}\n", done));
+    return ExitStatus::done;
+}
+
+Outcome<ExitStatus> runSwitch(Program& program, bool isOn, const char* word) {
+    const Edit edit{.apply = [isOn](Dictionary& preferences) -> Outcome<std::monostate> {
+                        preferences.set(kDaemonOn, isOn);
+                        return std::monostate{};
+                    },
+                    .holds =
+                        [isOn](const Dictionary& preferences) {
+                            const PropertyList* const stored = preferences.find(kDaemonOn);
+                            return stored != nullptr && booleanValue(stored) == isOn;
+                        },
+                    .word = word};
+    return finishEdit(program, edit, [isOn] {
+        return std::string{isOn ? "Protection is on" : "Protection is off"};
+    });
+}
+
+// Asks until the answer is yes.
+Outcome<ExitStatus> runWait(Program& program, const char* question, std::string_view work) {
+    constexpr seconds kInterval{1};
+    for (seconds waited{0};; waited += kInterval) {
+        const Outcome<bool> complete = program.daemon.send(question);
+        program.progress("");
+        if (!complete) {
+            return complete.failure();
+        }
+        if (*complete) {
+            program.print(fmt::format("No {} is due or under way.\n", work));
+            return ExitStatus::done;
+        }
+        program.progress(
+            fmt::format("A {} is due or under way: waiting for {} s ...", work, waited.count()));
+        if (!program.pause(kInterval)) {
+            return Failure{ExitStatus::noReply, fmt::format("the {} has not ended yet", work)};
+        }
+    }
+}
+
+constexpr char kIgnoreEmergencyVolume[] = "QLDaemonIgnoreMountedOstrand";
+constexpr char kUnmountEmergencyVolume[] = "QLDaemonUnmountMountedDrive";
+
+// The permission lasts while a process of the main application's name runs: this one.
+Outcome<ExitStatus> runEmergencyKeep(Program& program) {
+    constexpr std::chrono::hours kUntilAskedToEnd{1};
+    program.beMainApplication();
+    const Outcome<bool> begun = program.daemon.send(kIgnoreEmergencyVolume);
+    if (!begun) {
+        return begun.failure();
+    }
+    program.print("The emergency volume stays mounted until this command ends: Ctrl-C ends it.\n");
+    while (program.pause(kUntilAskedToEnd)) {
+    }
+    return runWord(program, kUnmountEmergencyVolume,
+                   "The emergency volume may be unmounted again.");
+}
+
+// A path of the person's is one of the current folder; the daemon's is another.
+Paths absolutePaths(const Paths& paths) {
+    Paths absolute;
+    for (const std::string& path : paths) {
+        std::error_code error;
+        const auto whole = std::filesystem::absolute(path, error);
+        absolute.push_back(error ? path : whole.string());
+    }
+    return absolute;
+}
+
+// The daemon says nothing of what failed but in its log; so it is looked at here.
+Outcome<ExitStatus> report(Program& program, const Paths& paths, bool shouldBeThere) {
+    for (const std::string& path : paths) {
+        std::error_code error;
+        const auto found = std::filesystem::symlink_status(path, error);
+        const bool asWanted = shouldBeThere ? std::filesystem::is_regular_file(found)
+                                            : found.type() == std::filesystem::file_type::not_found;
+        if (!asWanted) {
+            return Failure{
+                ExitStatus::fileProblem,
+                fmt::format("{} {}; the daemon's log says why: journalctl -u korvane-pro",
+                            printable(path),
+                            shouldBeThere ? "was not created" : "was not deleted")};
+        }
+    }
+    program.print(fmt::format(
+        "{} {}.\n", shouldBeThere ? "Created" : "Deleted",
+        paths.size() == 1 ? printable(paths.front()) : fmt::format("{} items", paths.size())));
+    return ExitStatus::done;
+}
+
+Outcome<ExitStatus> runCreate(Program& program, const Paths& words) {
+    const Paths paths = absolutePaths(words);
+    const auto created = program.daemon.createItems(paths);
+    return created ? report(program, paths, true) : Outcome<ExitStatus>{created.failure()};
+}
+
+Outcome<ExitStatus> runDelete(Program& program, const Paths& words) {
+    const Paths paths = absolutePaths(words);
+    const auto deleted = program.daemon.deleteItems(paths);
+    return deleted ? report(program, paths, false) : Outcome<ExitStatus>{deleted.failure()};
+}
+
+Outcome<ExitStatus> runSend(Program& program, const std::string& word) {
+    const Outcome<bool> answer = program.daemon.send(word);
+    if (!answer) {
+        return answer.failure();
+    }
+    program.print(*answer ? "yes\n" : "no\n");
+    return ExitStatus::done;
+}
+
+CLI::App* addGroup(CLI::App& app, const std::string& name, const std::string& description) {
+    CLI::App* const group = app.add_subcommand(name, description);
+    group->require_subcommand(1);
+    return group;
+}
+
+void addWord(CLI::App& parent, Program& program, const std::string& name,
+             const std::string& description, const char* word, const char* done) {
+    addCommand(parent, program, name, description,
+               [&program, word, done] { return runWord(program, word, done); });
+}
+
+void addSwitches(CLI::App& app, Program& program) {
+    addCommand(app, program, "start", "Turn protection on",
+               [&program] { return runSwitch(program, true, "daemonStartYourEngines"); });
+    addCommand(app, program, "stop", "Turn protection off",
+               [&program] { return runSwitch(program, false, "daemonStopYourEngines"); });
+
+    CLI::App& freeSpace = *addGroup(app, "free-space", "Free-space warnings, for now");
+    addWord(freeSpace, program, "ignore", "Check no volume until told otherwise",
+            "QLDaemonIgnoreFreeSpace_WipeData_Msg", "Free space is not checked for now.");
+    addWord(freeSpace, program, "check", "Check volumes again",
+            "QLDaemonCheckFreeSpace_WipeData_Msg", "Free space is checked again.");
+
+    CLI::App& emergency = *addGroup(app, "emergency", "The emergency volume");
+    addCommand(emergency, program, "keep", "Leave it mounted while this command runs",
+               [&program] { return runEmergencyKeep(program); });
+    addWord(emergency, program, "release", "Let it be unmounted again", kUnmountEmergencyVolume,
+            "The emergency volume may be unmounted again.");
+}
+
+}  // namespace
+
+void addControlCommands(CLI::App& app, Program& program) {
+    addSwitches(app, program);
+
+    CLI::App& wait = *addGroup(app, "wait", "Wait until work has ended");
+    addCommand(wait, program, "smart", "Wait for the SMART checks that are due",
+               [&program] { return runWait(program, "isSMARTExecuteComplete", "SMART check"); });
+    addCommand(wait, program, "backup", "Wait for the directory backups that are due", [&program] {
+        return runWait(program, "isDirectoryExecuteComplete", "directory backup");
+    });
+
+    const auto paths = std::make_shared<Paths>();
+    addCommand(app, program, "create", "Have the daemon create empty files",
+               [&program, paths] { return runCreate(program, *paths); })
+        ->add_option("PATH", *paths, "What to create, or to empty")
+        ->required();
+    addCommand(app, program, "delete", "Have the daemon delete files and folders",
+               [&program, paths] { return runDelete(program, *paths); })
+        ->add_option("PATH", *paths, "What to delete, a folder with its contents")
+        ->required();
+
+    const auto word = std::make_shared<std::string>();
+    addCommand(app, program, "send", "Send the daemon a command word and show its answer",
+               [&program, word] { return runSend(program, *word); })
+        ->add_option("WORD", *word, "A command word, sent as it is")
+        ->required();
+}
+
+}  // namespace korvane::ctl
