@@ -78,14 +78,14 @@ def usage_status(path):
 class PrivateBus:
     """A dbus-daemon in a temporary folder, which can be killed and started again."""
 
-    def __init__(self):
+    def __init__(self, configuration=BUS_CONFIGURATION):
         self.folder = tempfile.mkdtemp(prefix="korvane-bus-")
         os.chmod(self.folder, 0o755)
         self.socket = f"{self.folder}/socket"
         self.address = f"unix:path={self.socket}"
         self.process = None
         with open(f"{self.folder}/bus.conf", "w", encoding="utf-8") as file:
-            file.write(BUS_CONFIGURATION.format(socket=self.socket))
+            file.write(configuration.format(socket=self.socket))
 
     def start(self):
         with open(f"{self.folder}/log", "ab") as log:
@@ -111,9 +111,12 @@ class PrivateBus:
         command = ["busctl", f"--address={self.address}", "--timeout=10", "call", *arguments]
         return subprocess.run(command, capture_output=True, text=True, check=False, user=user)
 
-    def send(self, word, user=None):
+    def call_daemon(self, *method_and_arguments, user=None):
         return self.call("com.quorlen.KorvaneProDaemon", "/com/quorlen/KorvaneProDaemon",
-                         "com.quorlen.KorvaneProDaemon", "messageXmitRcvr", "s", word, user=user)
+                         "com.quorlen.KorvaneProDaemon", *method_and_arguments, user=user)
+
+    def send(self, word, user=None):
+        return self.call_daemon("messageXmitRcvr", "s", word, user=user)
 
 
 class Daemon:
@@ -126,7 +129,7 @@ class Daemon:
             ["setpriv", "--pdeathsig", "KILL", "unshare", "--time", "--boottime",
              str(boot_seconds), PROGRAM] if user is None else [PROGRAM],
             env={"PATH": os.environ["PATH"], "DBUS_SYSTEM_BUS_ADDRESS": bus_address,
-                 "ASAN_OPTIONS": "detect_leaks=0"},
+                 "DBUS_SESSION_BUS_ADDRESS": bus_address, "ASAN_OPTIONS": "detect_leaks=0"},
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=self.log, umask=umask,
             user=user, group=user, extra_groups=None if user is None else [])
 

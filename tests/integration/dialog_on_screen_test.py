@@ -1,0 +1,142 @@
+"""From a volume that runs low to the dialog on a real screen: the real daemon as root, the session
+bus of the user at the console, dunst as its notification service, and an X server without a screen.
+
+Runs as root in a mount namespace of its own, where the account nobody sits at the console.
+
+    dialog_on_screen_test.py KorvaneProDaemon [--picture PNG] [TEST]
+"""
+
+import contextlib
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import daemon_process_test as process  # takes the daemon's path off the arguments
+
+PICTURE = None
+if "--picture" in sys.argv:
+    at = sys.argv.index("--picture")
+    PICTURE = os.path.abspath(sys.argv[at + 1])
+    del sys.argv[at:at + 2]
+NOBODY = 65534
+RUNTIME = f"/run/user/{NOBODY}"
+BUS = f"unix:path={RUNTIME}/bus"
+SESSION_BUS = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig><type>session</type><listen>{address}</listen><auth>EXTERNAL</auth>
+<policy context="default"><allow send_destination="*"/><allow receive_sender="*"/><allow own="*"/>
+</policy></busconfig>"""
+DUNST = """[global]
+width = 400
+height = 200
+origin = top-right
+offset = 24x24
+font = Sans 11
+format = "<b>%s</b>\\n\\n%b"
+markup = full
+padding = 14
+horizontal_padding = 18
+frame_width = 1
+icon_position = off
+show_indicators = no
+corner_radius = 6
+history_length = 20
+[urgency_critical]
+background = "#2d2d33"
+foreground = "#f4f4f4"
+frame_color = "#d9534f"
+timeout = 0
+"""
+
+
+class DialogOnScreen(unittest.TestCase):
+    tearDownClass = classmethod(process.DaemonProcess.tearDownClass.__func__)
+    setUp = process.DaemonProcess.setUp
+    start = process.DaemonProcess.start
+    write_preferences = process.DaemonProcess.write_preferences
+    needs_root_volume = process.DaemonProcess.needs_root_volume
+
+    @classmethod
+    def setUpClass(cls):
+        process.DaemonProcess.setUpClass.__func__(cls)
+        for folder in ("/run/user", "/run/systemd"):
+            os.makedirs(folder, exist_ok=True)
+            process.mount("-t", "tmpfs", "tmpfs", folder)
+        os.mkdir(RUNTIME, 0o700)
+        os.chown(RUNTIME, NOBODY, NOBODY)
+        # What logind writes down of who sits where; see sd-login(3).
+        for path, text in (("seats/seat0", f"ACTIVE=c1\nACTIVE_UID={NOBODY}\n"),
+                           ("sessions/c1", f"UID={NOBODY}\nCLASS=user\nSEAT=seat0\nACTIVE=1\n")):
+            os.makedirs(os.path.dirname(f"/run/systemd/{path}"), exist_ok=True)
+            with open(f"/run/systemd/{path}", "w", encoding="utf-8") as file:
+                file.write(text)
+
+    def run_beside(self, command, **arguments):
+        started = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *command],
+                                   stderr=subprocess.DEVNULL, **arguments)
+        self.addCleanup(started.wait)
+        self.addCleanup(started.kill)
+        return started
+
+    def start_desktop(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        os.chmod(folder.name, 0o755)
+        for name, text in (("bus.conf", SESSION_BUS.format(address=BUS)), ("dunstrc", DUNST)):
+            with open(f"{folder.name}/{name}", "w", encoding="utf-8") as file:
+                file.write(text)
+        as_nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []}
+        self.run_beside(["dbus-daemon", f"--config-file={folder.name}/bus.conf", "--nofork",
+                         "--nopidfile"], **as_nobody)
+        process.wait_for(lambda: os.path.exists(f"{RUNTIME}/bus"))
+        reading, writing = os.pipe()
+        # The server takes the first free display number and tells it.
+        self.run_beside(["Xvfb", "-displayfd", str(writing), "-screen", "0", "464x176x24", "-ac",
+                         "-nolisten", "tcp", "-br"], pass_fds=[writing])
+        os.close(writing)
+        with os.fdopen(reading) as display:
+            number = display.readline().strip()
+        self.desktop = {"PATH": os.environ["PATH"], "DISPLAY": f":{number}",
+                        "DBUS_SESSION_BUS_ADDRESS": BUS, "HOME": "/nonexistent",
+                        "XDG_RUNTIME_DIR": RUNTIME}
+        self.run_beside(["dunst", "-config", f"{folder.name}/dunstrc"], env=self.desktop,
+                        stdout=subprocess.DEVNULL, **as_nobody)
+        process.wait_for(lambda: self.dunstctl("count", "displayed") == "0")
+
+    def dunstctl(self, *arguments):
+        return subprocess.run(["dunstctl", *arguments], env=self.desktop, capture_output=True,
+                              text=True, check=False, user=NOBODY, group=NOBODY,
+                              extra_groups=[]).stdout.strip()
+
+    def test_a_volume_that_runs_low_shows_its_dialog_to_the_user_at_the_console(self):
+        self.needs_root_volume()
+        self.start_desktop()
+        self.write_preferences()
+        preferences = process.read_preferences()
+        # No volume is wholly free: every measurement is below this level.
+        preferences["volumeArray"][0].update(executionTimeUsage=1.0, freeSpaceWarningLevel=100)
+        with open(process.PREFERENCES, "wb") as file:
+            file.write(process.plistlib.dumps(preferences))
+        daemon = self.start()
+        process.wait_for(lambda: self.dunstctl("count", "displayed") == "1")
+        self.assertEqual(process.volume_entries()["/"]["usageStatus"], "4")
+        if PICTURE:
+            with contextlib.suppress(FileNotFoundError):
+                os.unlink(PICTURE)
+            subprocess.run(["scrot", PICTURE], env=self.desktop, check=True)
+        self.dunstctl("close")
+        history = process.wait_for(
+            lambda: json.loads(self.dunstctl("history"))["data"][0])
+        self.assertEqual(len(history), 1)
+        self.assertRegex(history[0]["summary"]["data"], "(?i)korvane.*warning")
+        self.assertRegex(history[0]["body"]["data"], r'System.* \d+% ')
+        self.assertFalse([line for line in daemon.lines() if "is not shown" in line])
+        self.assertEqual(daemon.terminate()[0], 0)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
