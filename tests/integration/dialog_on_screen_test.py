@@ -123,7 +123,7 @@ class DialogOnScreen(unittest.TestCase):
             file.write(process.plistlib.dumps(preferences))
         daemon = self.start()
         process.wait_for(lambda: self.dunstctl("count", "displayed") == "1")
-        self.assertEqual(process.volume_entries()["/"]["usageStatus"], "4")
+        process.wait_for(lambda: process.usage_status("/") == "4")
         if PICTURE:
             with contextlib.suppress(FileNotFoundError):
                 os.unlink(PICTURE)
