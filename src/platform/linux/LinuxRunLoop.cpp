@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/resource.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
@@ -12,7 +11,6 @@
 #include <ctime>
 #include <string>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 namespace korvane {
@@ -23,10 +21,6 @@ namespace {
 constexpr std::uint64_t kTimerAccuracyMicroseconds = 1000;
 // Far beyond any uptime, and far from the end of the arithmetic.
 constexpr std::chrono::microseconds kLongestDelay = std::chrono::hours{24 * 365 * 100};
-// Half of the range of nice values: behind interactive work, yet not starved by every other batch
-// job while the main thread waits.
-constexpr int kBackgroundNiceIncrease = 10;
-constexpr int kLowestNice = 19;
 
 std::uint64_t boottimeMicrosecondsNow() {
     timespec time{};
@@ -38,16 +32,6 @@ std::uint64_t boottimeMicrosecondsNow() {
 // sd-event answers with negative error numbers.
 void require(int result, const char* what) {
     if (result < 0) throw std::system_error(-result, std::generic_category(), what);
-}
-
-void lowerThisThread() {
-    const auto thread = static_cast<id_t>(::gettid());
-    errno = 0;
-    const int nice = ::getpriority(PRIO_PROCESS, thread);
-    if (nice == -1 && errno != 0) return;
-    // A refusal leaves the work at its ordinary priority, which is no reason not to do it.
-    (void)::setpriority(PRIO_PROCESS, thread,
-                        std::min(nice + kBackgroundNiceIncrease, kLowestNice));
 }
 
 }  // namespace
@@ -238,29 +222,7 @@ int LinuxRunLoop::onPosts(sd_event_source*, int, std::uint32_t, void* self) noex
     return 0;
 }
 
-// The thread is made for each piece of work: that takes some 30 µs, against the stack and the
-// malloc arena that a parked one would keep from the rest of the machine all day.
-void LinuxRunLoop::runInBackgroundAndWait(const Callback& work) {
-    std::exception_ptr failure;
-    const auto body = [&work, &failure] {
-        lowerThisThread();
-        try {
-            work();
-        } catch (...) {
-            failure = std::current_exception();
-        }
-    };
-    std::thread thread;
-    try {
-        thread = std::thread(body);
-    } catch (const std::system_error&) {
-        // No thread to be had: the work matters more than its priority.
-        work();
-        return;
-    }
-    thread.join();
-    if (failure) std::rethrow_exception(std::exchange(failure, nullptr));
-}
+void LinuxRunLoop::runInBackgroundAndWait(const Callback& work) { background_.runAndWait(work); }
 
 void LinuxRunLoop::setWillBecomeActive(Callback callback) {
     willBecomeActive_ = std::move(callback);

@@ -16,6 +16,7 @@
 
 #include "platform/RunLoop.h"
 #include "platform/SystemLog.h"
+#include "platform/linux/BackgroundThread.h"
 #include "platform/linux/UniqueFd.h"
 
 namespace korvane {
@@ -122,6 +123,7 @@ class LinuxRunLoop final : public RunLoop {
     bool terminating_ = false;
     EventSource terminateSource_;
     std::vector<EventSource> signalSources_;
+    BackgroundThread background_;
 };
 
 }  // namespace korvane
