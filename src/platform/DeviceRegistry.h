@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/PropertyList.h"
+#include "platform/SmartInterface.h"
 
 namespace korvane {
 
@@ -38,6 +39,14 @@ class DeviceRegistry {
     // Relatives in the service plane: nothing at the root, at a leaf.
     [[nodiscard]] virtual std::optional<ServiceId> parent(ServiceId service) = 0;
     [[nodiscard]] virtual std::optional<ServiceId> firstChild(ServiceId service) = 0;
+
+    // The path of the whole disk that has this number; nothing when none has it.
+    [[nodiscard]] virtual std::optional<std::string> diskPath(unsigned number) {
+        return "/dev/disk" + std::to_string(number);
+    }
+    // Opens the SMART facility of a drive. A drive that is gone, has none or does not answer cannot
+    // be opened.
+    [[nodiscard]] virtual SmartOpening openSmart(ServiceId drive) = 0;
 };
 
 }  // namespace korvane

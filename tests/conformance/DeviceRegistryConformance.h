@@ -130,6 +130,22 @@ TEST_P(DeviceRegistryConformance, AnswersTheSameUntilTheTreeChanges) {
     for (const char* className : kClasses) EXPECT_EQ(services(className), services(className));
 }
 
+TEST_P(DeviceRegistryConformance, GivesNumberedDisksAPathAndNoPathTwice) {
+    std::set<std::string> paths;
+    for (unsigned number = 0; number < 25; ++number) {
+        const auto path = registry().diskPath(number);
+        if (!path) continue;
+        EXPECT_TRUE(path->starts_with("/dev/")) << *path;
+        EXPECT_TRUE(paths.insert(*path).second) << *path;
+    }
+}
+
+TEST_P(DeviceRegistryConformance, CannotOpenADriveThatIsNotThere) {
+    const SmartOpening opened = registry().openSmart(ServiceId{0xffffffff});
+    EXPECT_EQ(opened.smart, nullptr);
+    EXPECT_NE(opened.status, kDriveSuccess);
+}
+
 TEST_P(DeviceRegistryConformance, KnowsNothingOfAServiceThatIsGone) {
     const ServiceId media = services("IOMedia").back();
     const std::string name = bsdNameOf(media);

@@ -29,6 +29,13 @@ void DeviceTree::addDisk(const DiskFacts& disk) {
     if (disk.hasDrive) {
         parent = addNode(disk.drive, parent);
         classes_[kDrive].push_back(parent);
+        const bool isImage =
+            std::any_of(disk.ancestors.begin(), disk.ancestors.end(), [](const Dictionary& each) {
+                return stringValue(each.find("Product Name")) == "Disk Image";
+            });
+        if (!isImage && disk.kind == MediaKind::disk) {
+            numberedDisks_.push_back(disk.media.name);
+        }
     }
     addMedia(disk.media, disk.kernelName, disk.kind, parent);
     const std::uint32_t whole = mediaOfKernelName_.at(disk.kernelName);

@@ -42,6 +42,9 @@ class DeviceTree {
     [[nodiscard]] const std::vector<std::uint32_t>& nodesOfClass(std::string_view className) const;
     [[nodiscard]] std::vector<std::uint32_t> nodesNamed(std::string_view className,
                                                         std::string_view bsdName) const;
+    // The names below /dev of the disks that have a number, in the order of their numbers: whole
+    // disks with a drive of their own that is neither made by software nor optical.
+    [[nodiscard]] const std::vector<std::string>& numberedDisks() const { return numberedDisks_; }
 
   private:
     void addDisk(const DiskFacts& disk);
@@ -51,6 +54,7 @@ class DeviceTree {
                   std::uint32_t parent);
 
     std::vector<Node> nodes_;
+    std::vector<std::string> numberedDisks_;
     std::map<std::string, std::vector<std::uint32_t>, std::less<>> classes_;
     std::unordered_map<std::string, std::uint32_t> mediaOfKernelName_;
     std::unordered_map<std::string, std::vector<std::uint32_t>> mediaOfBsdName_;

@@ -248,6 +248,8 @@ class DiskReader {
         if (udev("ID_ATA_FEATURE_SET_SMART") == "1") {
             facts_.drive.set("SMART Capable", true);
         }
+        // Sticks and card readers are removable, disks in enclosures are not.
+        facts_.mayBeBehindBridge = udev_.empty() && !isRemovable_;
     }
 
     // The bus in the highest byte, then a digit for each port on the way: where it is plugged in.

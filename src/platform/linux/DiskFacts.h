@@ -30,6 +30,8 @@ struct DiskFacts {
     std::vector<std::string> underlying;
     bool isEncrypted = false;  // a LUKS (or plain) mapping
     bool hasDrive = false;
+    // An ATA drive may be behind the USB bridge, and no udevd has looked.
+    bool mayBeBehindBridge = false;
     Dictionary drive;                   // of the IOBlockStorageDevice
     std::vector<Dictionary> ancestors;  // of what the drive hangs on, nearest first
     friend bool operator==(const DiskFacts&, const DiskFacts&) = default;

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/linux/AtaCommand.h"
+
 namespace korvane {
 namespace {
 
@@ -25,8 +27,13 @@ bool isHiddenPath(const std::string& kernelName) {
 
 }  // namespace
 
-LinuxDeviceRegistry::LinuxDeviceRegistry(LinuxRunLoop& loop, const LinuxDevicePlaces& places)
-    : loop_(loop), sysfs_(places.sysfs), udevDatabase_(places.udevData) {
+LinuxDeviceRegistry::LinuxDeviceRegistry(LinuxRunLoop& loop, const LinuxDevicePlaces& places,
+                                         DriveCommands& commands)
+    : loop_(loop),
+      sysfs_(places.sysfs),
+      udevDatabase_(places.udevData),
+      deviceFiles_(places.deviceFiles),
+      commands_(commands) {
     listen(places.udevControl);
 }
 
@@ -155,8 +162,7 @@ bool LinuxDeviceRegistry::refresh() {
         const bool isKnown = known != disks_.end() && disksInLine_.contains(folder.kernelName) &&
                              known->second.partitions.size() == folder.partitions.size();
         disksRead_ += isKnown ? 0 : 1;
-        disks.emplace(folder.kernelName,
-                      isKnown ? known->second : readDisk(folder, sysfs_, udevDatabase_));
+        disks.emplace(folder.kernelName, isKnown ? known->second : readDiskFacts(folder));
         inLine.insert(folder.kernelName);
     }
     disksInLine_ = std::move(inLine);
@@ -164,11 +170,41 @@ bool LinuxDeviceRegistry::refresh() {
     turnOfLastLook_ = turn();
     // Most events change nothing that is told here; then the services stay as they are.
     if (!tree_ || disks != disks_) {
+        forgetOtherDrives(disks);
         tree_ = std::make_unique<DeviceTree>(disks);
         disks_ = std::move(disks);
         generation_ = (generation_ + 1) & kGenerationMask;
     }
     return true;
+}
+
+DiskFacts LinuxDeviceRegistry::readDiskFacts(const BlockFolder& folder) {
+    DiskFacts disk = readDisk(folder, sysfs_, udevDatabase_);
+    if (!disk.mayBeBehindBridge) return disk;
+    const std::shared_ptr<DriveMemory> memory = memoryOf(disk.kernelName);
+    if (!memory->identified) {
+        const SmartOpening opened =
+            openAtaSmart(commands_, deviceFiles_ + "/" + disk.media.name, memory);
+        // Zeros, which say no, stand for a drive that does not answer.
+        memory->identified = opened.smart ? opened.smart->identify().data : IdentifyData{};
+    }
+    if (isSmartSupported(*memory->identified)) disk.drive.set("SMART Capable", true);
+    return disk;
+}
+
+std::shared_ptr<DriveMemory> LinuxDeviceRegistry::memoryOf(const std::string& kernelName) {
+    std::shared_ptr<DriveMemory>& memory = memories_[kernelName];
+    if (!memory) memory = std::make_shared<DriveMemory>();
+    return memory;
+}
+
+void LinuxDeviceRegistry::forgetOtherDrives(const Disks& disks) {
+    std::erase_if(memories_, [&](const auto& memory) {
+        const auto now = disks.find(memory.first);
+        const auto before = disks_.find(memory.first);
+        return now == disks.end() ||
+               (before != disks_.end() && now->second.ancestors != before->second.ancestors);
+    });
 }
 
 ServiceId LinuxDeviceRegistry::serviceOf(std::uint32_t node) const {
@@ -230,6 +266,29 @@ std::optional<ServiceId> LinuxDeviceRegistry::firstChild(ServiceId service) {
     return node != nullptr && node->firstChild != DeviceTree::kNone
                ? std::optional{serviceOf(node->firstChild)}
                : std::nullopt;
+}
+
+std::optional<std::string> LinuxDeviceRegistry::diskPath(unsigned number) {
+    if (!refresh() || number >= tree_->numberedDisks().size()) {
+        return std::nullopt;
+    }
+    // As the path of its media is put together where that is asked for.
+    return "/dev/" + tree_->numberedDisks()[number];
+}
+
+SmartOpening LinuxDeviceRegistry::openSmart(ServiceId drive) {
+    const DeviceTree::Node* const node = nodeOf(drive);
+    const DeviceTree::Node* const media = node != nullptr && node->firstChild != DeviceTree::kNone
+                                              ? &tree_->nodes()[node->firstChild]
+                                              : nullptr;
+    const std::string name =
+        media != nullptr ? stringValue(media->properties.find("BSD Name")) : std::string{};
+    if (name.empty()) {
+        return {.status = ENODEV, .smart = nullptr};
+    }
+    const std::string path = deviceFiles_ + "/" + name;
+    return name.starts_with("nvme") ? openNvmeSmart(commands_, path)
+                                    : openAtaSmart(commands_, path, memoryOf(name));
 }
 
 }  // namespace korvane

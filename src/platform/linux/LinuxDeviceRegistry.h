@@ -1,6 +1,7 @@
 // The device tree of a Linux machine, from sysfs and the udev database, read by hand. The kernel,
 // or udevd where it runs, tells which disks have changed; only those are read again, and only when
-// somebody asks. No device is ever opened.
+// somebody asks. No device is opened for that, but for the disk behind a USB bridge where no udevd
+// has found out whether it has SMART: that is asked once.
 #pragma once
 
 #include <libudev.h>
@@ -15,7 +16,9 @@
 
 #include "platform/DeviceRegistry.h"
 #include "platform/linux/DeviceTree.h"
+#include "platform/linux/DriveCommands.h"
 #include "platform/linux/LinuxRunLoop.h"
+#include "platform/linux/LinuxSmart.h"
 #include "platform/linux/Sysfs.h"
 #include "platform/linux/UdevDatabase.h"
 
@@ -27,12 +30,14 @@ struct LinuxDevicePlaces {
     std::string udevData = "/run/udev/data";
     // There while udevd runs.
     std::string udevControl = "/run/udev/control";
+    std::string deviceFiles = "/dev";
 };
 
 class LinuxDeviceRegistry final : public DeviceRegistry {
   public:
-    // The loop must outlive this object.
-    LinuxDeviceRegistry(LinuxRunLoop& loop, const LinuxDevicePlaces& places);
+    // The loop and what drives are reached with must outlive this object.
+    LinuxDeviceRegistry(LinuxRunLoop& loop, const LinuxDevicePlaces& places,
+                        DriveCommands& commands = kernelDriveCommands());
     ~LinuxDeviceRegistry() override;
     LinuxDeviceRegistry(const LinuxDeviceRegistry&) = delete;
     LinuxDeviceRegistry& operator=(const LinuxDeviceRegistry&) = delete;
@@ -46,6 +51,9 @@ class LinuxDeviceRegistry final : public DeviceRegistry {
     [[nodiscard]] std::optional<Dictionary> properties(ServiceId service) override;
     [[nodiscard]] std::optional<ServiceId> parent(ServiceId service) override;
     [[nodiscard]] std::optional<ServiceId> firstChild(ServiceId service) override;
+    // Disks are counted in the kernel's order, those made by software and optical ones left out.
+    [[nodiscard]] std::optional<std::string> diskPath(unsigned number) override;
+    [[nodiscard]] SmartOpening openSmart(ServiceId drive) override;
 
     // Has the disk or partition with this kernel name, and the disk that it is a part of, read
     // again when the tree is next asked for.
@@ -74,18 +82,28 @@ class LinuxDeviceRegistry final : public DeviceRegistry {
     [[nodiscard]] std::uint64_t turn() const;
     [[nodiscard]] std::vector<BlockFolder> findDisks(const std::vector<std::string>& names);
 
+    [[nodiscard]] DiskFacts readDiskFacts(const BlockFolder& folder);
+    // The memory of the drive of this name.
+    [[nodiscard]] std::shared_ptr<DriveMemory> memoryOf(const std::string& kernelName);
+    // Forgets what drives have answered that are gone or have become others.
+    void forgetOtherDrives(const Disks& disks);
+
     [[nodiscard]] ServiceId serviceOf(std::uint32_t node) const;
     [[nodiscard]] const DeviceTree::Node* nodeOf(ServiceId service) const;
 
     LinuxRunLoop& loop_;
     Sysfs sysfs_;
     UdevDatabase udevDatabase_;
+    const std::string deviceFiles_;
+    DriveCommands& commands_;
 
     // The folders of disks and partitions by kernel name, until something is said to have changed.
     std::map<std::string, std::string> folders_;
     Disks disks_;
     std::set<std::string> disksInLine_;  // those of them that need not be read again
     std::unique_ptr<DeviceTree> tree_;
+    // What drives have answered, by kernel name, for as long as they stay what they are.
+    std::map<std::string, std::shared_ptr<DriveMemory>> memories_;
     std::uint32_t generation_ = 0;
     bool isStale_ = true;
     std::uint64_t turnOfLastLook_ = 0;

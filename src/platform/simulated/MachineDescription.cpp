@@ -152,6 +152,16 @@ void readPowerSources(DescriptionReader& reader, MachineDescription& machine) {
     }
 }
 
+void readDiskNumbering(DescriptionReader& reader, MachineDescription& machine) {
+    std::string numbering = "byName";
+    reader.read("diskNumbering", numbering);
+    if (numbering == "byOrder") {
+        machine.diskNumbering = DiskNumbering::byOrder;
+    } else if (numbering != "byName") {
+        reader.fail("diskNumbering", "is neither byName nor byOrder");
+    }
+}
+
 void readClocks(DescriptionReader& reader, MachineDescription& machine) {
     std::string version = "11.0.0";
     reader.read("version", version);
@@ -197,6 +207,7 @@ Result<MachineDescription> parseMachineDescription(std::string_view text) {
     std::optional<Error> error;
     readClocks(reader, machine);
     readPowerSources(reader, machine);
+    readDiskNumbering(reader, machine);
     const auto each = [&](std::string_view key, auto readOne, auto& target) {
         readEach(
             reader, key,

@@ -55,6 +55,12 @@ struct AccessoryDescription {
     std::vector<MountDescription> mounts;
 };
 
+// What the number of a disk stands for.
+enum class DiskNumbering {
+    byName,  // disk 2 is /dev/disk2
+    byOrder  // disk 2 is the third drive, whatever its name
+};
+
 struct ProcessDescription {
     std::string name;
     std::string bundleIdentifier;
@@ -69,6 +75,7 @@ struct MachineDescription {
     std::map<std::string, std::uint32_t> accounts{{"root", 0}};
     std::optional<std::vector<std::string>> powerSources;
     std::vector<ProcessDescription> processes;
+    DiskNumbering diskNumbering = DiskNumbering::byName;
     std::vector<ServiceDescription> services;  // parents first
     std::vector<MountDescription> mounts;      // in the order of mounting
     std::vector<AccessoryDescription> accessories;

@@ -64,6 +64,23 @@ std::optional<ServiceId> SimulatedDeviceRegistry::firstChild(ServiceId service) 
                                              : std::nullopt;
 }
 
+std::optional<std::string> SimulatedDeviceRegistry::diskPath(unsigned number) {
+    if (numbering_ == DiskNumbering::byName) return DeviceRegistry::diskPath(number);
+    const std::vector<ServiceId> drives =
+        services("IOBlockStorageDevice").value_or(std::vector<ServiceId>{});
+    if (number >= drives.size()) return std::nullopt;
+    const std::optional<ServiceId> medium = firstChild(drives[number]);
+    const std::optional<PropertyList> name = medium ? property(*medium, kBsdName) : std::nullopt;
+    return name && name->string() ? std::optional("/dev/" + *name->string()) : std::nullopt;
+}
+
+SmartOpening SimulatedDeviceRegistry::openSmart(ServiceId drive) {
+    const Service* found = find(drive);
+    // What a drive that is not there says is what a drive says that vanishes.
+    if (!found) return {.status = kDriveGone, .smart = nullptr};
+    return drives_.open(found->description.name);
+}
+
 bool SimulatedDeviceRegistry::add(const ServiceDescription& service) {
     std::optional<ServiceId> parentId;
     if (!service.parent.empty()) {

@@ -11,11 +11,16 @@
 
 #include "platform/DeviceRegistry.h"
 #include "platform/simulated/MachineDescription.h"
+#include "platform/simulated/SimulatedDrives.h"
 
 namespace korvane {
 
 class SimulatedDeviceRegistry final : public DeviceRegistry {
   public:
+    // The drives must outlive this object.
+    SimulatedDeviceRegistry(SimulatedDrives& drives, DiskNumbering numbering)
+        : drives_(drives), numbering_(numbering) {}
+
     [[nodiscard]] std::optional<std::vector<ServiceId>> services(
         std::string_view className) override;
     [[nodiscard]] std::optional<std::vector<ServiceId>> servicesNamed(
@@ -25,6 +30,8 @@ class SimulatedDeviceRegistry final : public DeviceRegistry {
     [[nodiscard]] std::optional<Dictionary> properties(ServiceId service) override;
     [[nodiscard]] std::optional<ServiceId> parent(ServiceId service) override;
     [[nodiscard]] std::optional<ServiceId> firstChild(ServiceId service) override;
+    [[nodiscard]] std::optional<std::string> diskPath(unsigned number) override;
+    [[nodiscard]] SmartOpening openSmart(ServiceId drive) override;
 
     // False, and nothing added, when the name is taken or the parent is not there.
     bool add(const ServiceDescription& service);
@@ -65,6 +72,8 @@ class SimulatedDeviceRegistry final : public DeviceRegistry {
     void removeInto(ServiceId id, std::vector<ServiceDescription>& removed);
     [[nodiscard]] const Service* find(ServiceId id) const;
 
+    SimulatedDrives& drives_;
+    DiskNumbering numbering_;
     std::unordered_map<ServiceId, Service> services_;
     std::unordered_map<std::string, ServiceId> idsByName_;
     TextMap<ClassIndex> classes_;

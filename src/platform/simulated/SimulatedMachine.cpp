@@ -13,6 +13,8 @@ SimulatedMachine::SimulatedMachine(const MachineDescription& description, std::u
       systemLog(clock, journal),
       fileSystem(clock, journal, seed, description.userName, description.accounts),
       volumes(runLoop, clock, fileSystem, journal),
+      drives(clock, journal),
+      deviceRegistry(drives, description.diskNumbering),
       powerSources(description.powerSources),
       processes(runLoop, journal),
       controlConnection(journal),

@@ -15,6 +15,7 @@
 #include "platform/simulated/SimulatedClock.h"
 #include "platform/simulated/SimulatedControlConnection.h"
 #include "platform/simulated/SimulatedDeviceRegistry.h"
+#include "platform/simulated/SimulatedDrives.h"
 #include "platform/simulated/SimulatedFileSystem.h"
 #include "platform/simulated/SimulatedHost.h"
 #include "platform/simulated/SimulatedJournal.h"
@@ -53,6 +54,7 @@ class SimulatedMachine {
     SimulatedSystemLog systemLog;
     SimulatedFileSystem fileSystem;
     SimulatedVolumes volumes;
+    SimulatedDrives drives;
     SimulatedDeviceRegistry deviceRegistry;
     SimulatedPowerSources powerSources;
     SimulatedProcesses processes;

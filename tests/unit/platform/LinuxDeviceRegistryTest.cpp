@@ -8,6 +8,7 @@
 #include "RecordingLog.h"
 #include "SysfsTree.h"
 #include "platform/linux/LinuxDeviceRegistry.h"
+#include "unit/platform/FakeDrives.h"
 
 namespace korvane {
 namespace {
@@ -341,6 +342,74 @@ TEST(KernelOrder, CountsLettersAndNumbersAsTheKernelDoes) {
                 << ordered[i] << " " << ordered[j];
         }
     }
+}
+
+TEST_F(DeviceTreeTest, NumbersHardwareDisksInTheKernelsOrder) {
+    std::vector<std::string> paths;
+    for (unsigned number = 0; const auto path = registry.diskPath(number); ++number) {
+        paths.push_back(*path);
+    }
+    EXPECT_THAT(paths, ElementsAre("/dev/cciss/c0d0", "/dev/mmcblk0", "/dev/mmcblk1",
+                                   "/dev/nvme0n1", "/dev/nvme1n1", "/dev/nvme2n1", "/dev/nvme3n1",
+                                   "/dev/sda", "/dev/sdb", "/dev/sdc", "/dev/sdd", "/dev/sde",
+                                   "/dev/sdf", "/dev/sdaa", "/dev/vda", "/dev/vdb"));
+}
+
+// The same with drives that answer.
+struct DriveOpeningTest : DeviceTreeTest {
+    explicit DriveOpeningTest(const std::string& fixture = "machine.txt")
+        : DeviceTreeTest(fixture) {}
+    ServiceId drive(DeviceRegistry& of, const std::string& name) {
+        return of.parent(of.servicesNamed("IOMedia", name).value().at(0)).value();
+    }
+    FakeDrives drives;
+    LinuxDeviceRegistry asking{
+        loop,
+        {.sysfs = tree.sysfs(), .udevData = tree.udevData(), .udevControl = "/nowhere"},
+        drives};
+};
+
+TEST_F(DriveOpeningTest, ReachesAtaAndNvmeDrivesByTheirOwnCommands) {
+    drives.drives["/dev/sda"].isFailing = true;
+    drives.drives["/dev/nvme0n1"].criticalWarning = 1;
+    for (const char* name : {"sda", "nvme0n1"}) {
+        const SmartOpening opened = asking.openSmart(drive(asking, name));
+        ASSERT_TRUE(opened.smart) << name;
+        EXPECT_TRUE(opened.smart->returnStatus().isThresholdExceeded) << name;
+    }
+}
+
+TEST_F(DriveOpeningTest, RemembersWhatARestingDriveSaidLast) {
+    FakeDrive& sda = drives.drives["/dev/sda"];
+    sda.isFailing = true;
+    (void)asking.openSmart(drive(asking, "sda")).smart->returnStatus();
+    sda.powerMode = 0;
+    sda.isFailing = false;
+    const SmartOpening opened = asking.openSmart(drive(asking, "sda"));
+    EXPECT_TRUE(opened.smart->returnStatus().isThresholdExceeded);
+    EXPECT_EQ(sda.commands.back(), 0xe5) << "nothing but whether it rests was asked";
+}
+
+TEST_F(DriveOpeningTest, CannotOpenWhatIsGone) {
+    EXPECT_EQ(asking.openSmart(drive(asking, "sdd")).status, ENOENT);
+    EXPECT_EQ(asking.openSmart(ServiceId{0xfffffU}).status, ENODEV);
+}
+
+struct BridgeTest : DriveOpeningTest {
+    BridgeTest() : DriveOpeningTest("no-udevd.txt") {}
+};
+
+TEST_F(BridgeTest, AsksADiskBehindAUsbBridgeOnceWhereNoUdevdHas) {
+    tree.add("block devices/usb1/1-9/1-9:1.0/host9/target9:0:0/9:0:0:0/block/sdx 65:112");
+    drives.drives["/dev/sdx"] = {};
+    asking.deviceChanged("sdx");
+    ASSERT_THAT(asking.servicesNamed("IOMedia", "sdx"), Optional(testing::SizeIs(1)));
+    EXPECT_TRUE(asking.property(drive(asking, "sdx"), "SMART Capable"));
+    const std::size_t asked = drives.drives["/dev/sdx"].commands.size();
+    EXPECT_EQ(asked, 2U);
+    asking.deviceChanged("sdx");
+    EXPECT_TRUE(asking.property(drive(asking, "sdx"), "SMART Capable"));
+    EXPECT_EQ(drives.drives["/dev/sdx"].commands.size(), asked);
 }
 
 }  // namespace

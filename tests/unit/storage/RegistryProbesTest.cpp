@@ -471,7 +471,8 @@ class RandomTree {
 
 TEST(PrefixLookups, AnswerAsAWalkOverAllMediaOnRandomTrees) {
     for (unsigned seed = 1; seed <= 60; ++seed) {
-        SimulatedDeviceRegistry registry;
+        SimulatedMachine machine{MachineDescription{}};
+        SimulatedDeviceRegistry& registry = machine.deviceRegistry;
         RandomTree tree(seed);
         tree.fill(registry);
         NaiveProbes naive(registry);
