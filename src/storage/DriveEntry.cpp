@@ -1,6 +1,21 @@
 #include "storage/DriveEntry.h"
 
+#include <chrono>
+
 namespace korvane {
+
+namespace {
+
+constexpr char kDriveModel[] = "driveModel";
+constexpr char kDriveSerial[] = "driveSerial";
+constexpr char kDriveChecked[] = "driveChecked";
+constexpr char kSmartOnOff[] = "smartOnOff";
+
+constexpr CheckInterval kDefaultInterval{.hours = 1};
+// A new drive is looked at soon, but not before it has settled.
+constexpr std::chrono::seconds kFirstCheckDelay{10};
+
+}  // namespace
 
 std::optional<ConstDriveEntry> ConstDriveEntry::over(const PropertyList& element) {
     const Dictionary* fields = element.dictionary();
@@ -8,7 +23,15 @@ std::optional<ConstDriveEntry> ConstDriveEntry::over(const PropertyList& element
     return ConstDriveEntry(*fields);
 }
 
-bool ConstDriveEntry::smartOnOff() const { return booleanValue(fields_->find("smartOnOff")); }
+const std::string& ConstDriveEntry::driveModel() const { return entryText(*fields_, kDriveModel); }
+
+const std::string& ConstDriveEntry::driveSerial() const {
+    return entryText(*fields_, kDriveSerial);
+}
+
+bool ConstDriveEntry::driveChecked() const { return booleanValue(fields_->find(kDriveChecked)); }
+
+bool ConstDriveEntry::smartOnOff() const { return booleanValue(fields_->find(kSmartOnOff)); }
 
 EntryStatus ConstDriveEntry::smartStatus() const { return entryStatus(*fields_, kSmartKeys); }
 
@@ -24,8 +47,22 @@ std::optional<DriveEntry> DriveEntry::over(PropertyList& element) {
     return DriveEntry(*fields);
 }
 
+void DriveEntry::setDriveChecked(bool isChecked) { fields_->set(kDriveChecked, isChecked); }
+
 void DriveEntry::setSmartStatus(EntryStatus status) {
     setEntryStatus(*fields_, kSmartKeys, status);
+}
+
+void DriveEntry::setExecutionTimeSmart(Time due) { setExecutionTime(*fields_, kSmartKeys, due); }
+
+Dictionary newDriveEntry(const DriveIdentity& identity, Time now) {
+    Dictionary fields{{kDriveChecked, true}, {kSmartOnOff, true}};
+    if (identity.model) fields.set(kDriveModel, *identity.model);
+    if (identity.serial) fields.set(kDriveSerial, *identity.serial);
+    setEntryStatus(fields, kSmartKeys, kStatusNotExamined);
+    setExecutionInterval(fields, kSmartKeys, kDefaultInterval);
+    setExecutionTime(fields, kSmartKeys, now + kFirstCheckDelay);
+    return fields;
 }
 
 }  // namespace korvane

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "base/Calendar.h"
 #include "base/PropertyList.h"
@@ -18,6 +19,11 @@ class ConstDriveEntry {
     // The view over an element of `driveArray`; nothing when that is no dictionary.
     [[nodiscard]] static std::optional<ConstDriveEntry> over(const PropertyList& element);
 
+    // Empty when there is none.
+    [[nodiscard]] const std::string& driveModel() const;
+    [[nodiscard]] const std::string& driveSerial() const;
+    // Whether the drive has been seen in the current pass of the inventory.
+    [[nodiscard]] bool driveChecked() const;
     [[nodiscard]] bool smartOnOff() const;
 
     [[nodiscard]] EntryStatus smartStatus() const;
@@ -34,10 +40,20 @@ class DriveEntry : public ConstDriveEntry {
     explicit DriveEntry(Dictionary& fields) : ConstDriveEntry(fields), fields_(&fields) {}
     [[nodiscard]] static std::optional<DriveEntry> over(PropertyList& element);
 
+    void setDriveChecked(bool isChecked);
     void setSmartStatus(EntryStatus status);
+    void setExecutionTimeSmart(Time due);
 
   private:
     Dictionary* fields_;
 };
+
+// What a drive is known by. One of the two may be absent: such an identity equals no entry's.
+struct DriveIdentity {
+    std::optional<std::string> model;
+    std::optional<std::string> serial;
+};
+// The entry of a drive that was not there before: checked every hour, the first time in 10 seconds.
+[[nodiscard]] Dictionary newDriveEntry(const DriveIdentity& identity, Time now);
 
 }  // namespace korvane

@@ -31,4 +31,8 @@ inline constexpr char kTrashDeletesPrefix[] = "Trash Deletes";
 [[nodiscard]] std::string volumeFolderName(std::string_view displayName);
 [[nodiscard]] std::string volumeFolder(std::string_view displayName);
 
+// The same of a drive: its model and serial number. A "/" or ".." in them is escaped.
+[[nodiscard]] std::string driveFolderName(std::string_view model, std::string_view serial);
+[[nodiscard]] std::string driveFolder(std::string_view model, std::string_view serial);
+
 }  // namespace korvane

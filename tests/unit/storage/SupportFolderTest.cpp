@@ -44,5 +44,26 @@ TEST(SupportFolder, IsNeverLeftByAVolumesName) {
     }
 }
 
+TEST(SupportFolder, IsNeverLeftByADrivesNames) {
+    const struct {
+        const char* model;
+        const char* serial;
+        const char* folderName;
+    } rows[] = {
+        {"Castor 500", "CST1", "Castor 500 - CST1"},
+        {"a/b", "c/d", "a%2Fb - c%2Fd"},
+        {"..", "..", "%2E%2E - %2E%2E"},
+        {"../../etc", "...", "%2E%2E%2F%2E%2E%2Fetc - %2E%2E."},
+        {"", "", " - "},
+        {"a.b", ".", "a.b - ."},
+        {"100%", "\\001", "100% - \\001"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(driveFolderName(row.model, row.serial), row.folderName);
+        EXPECT_EQ(driveFolder(row.model, row.serial),
+                  std::string(kSupportFolder) + '/' + row.folderName);
+    }
+}
+
 }  // namespace
 }  // namespace korvane
