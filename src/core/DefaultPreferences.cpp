@@ -26,7 +26,7 @@ Dictionary defaultPreferences() {
         {kDirectoryBackupOnOff, true},
         {"directoryFilesToSave", 3},
         {kSmartCheckOnOff, true},
-        {"smartEntryLimit", 15},
+        {kSmartEntryLimit, 15},
     };
 }
 

@@ -20,6 +20,7 @@ inline constexpr char kVolumeUsageOnOff[] = "volumeUsageOnOff";
 inline constexpr char kUsageEntryLimit[] = "usageEntryLimit";
 inline constexpr char kDirectoryBackupOnOff[] = "directoryBackupOnOff";
 inline constexpr char kSmartCheckOnOff[] = "smartCheckOnOff";
+inline constexpr char kSmartEntryLimit[] = "smartEntryLimit";
 inline constexpr char kDirectoryBackupLocations[] = "directoryBackupLocations";
 inline constexpr char kDriveArray[] = "driveArray";
 inline constexpr char kVolumeArray[] = "volumeArray";

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "core/KorvaneProDaemon.h"
+#include "storage/DriveInventory.h"
 #include "storage/VolumeLookups.h"
 
 namespace korvane {
@@ -52,6 +53,7 @@ void KorvaneProDaemon::volumeMountHandler() {
     armOstrandTimer(seconds(5));
     outTimer.reset();
     clockTimer.reset();
+    updateDrivePreferences(DriveProbe::smart);
     updateVolumePreferences();
     armClockTimer(seconds(1));
 }
@@ -59,6 +61,7 @@ void KorvaneProDaemon::volumeMountHandler() {
 void KorvaneProDaemon::volumeUnmountHandler() {
     outTimer.reset();
     clockTimer.reset();
+    updateDrivePreferences(DriveProbe::none);
     updateVolumePreferences();
     armClockTimer(seconds(0));
 }

@@ -2,9 +2,17 @@
 
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
+#include "storage/DriveInventory.h"
 #include "storage/VolumeInventory.h"
 
 namespace korvane {
+
+void KorvaneProDaemon::updateDrivePreferences(DriveProbe probe) {
+    const DrivePassOutcome outcome =
+        refreshDriveEntries(machine_.deviceRegistry, probe, driveArray, machine_.clock.now());
+    if (outcome.lackedRights) tellLackOfRights();
+    if (outcome.changed) writePreferences();
+}
 
 void KorvaneProDaemon::updateVolumePreferences() {
     const VolumePassSettings settings{

@@ -21,6 +21,8 @@
 namespace korvane {
 
 class VolumeEntry;
+struct CheckedDrive;
+enum class DriveProbe;
 
 class KorvaneProDaemon final : public ControlTarget {
     // ---- State ----------------------------------------------------------------------------------
@@ -43,6 +45,12 @@ class KorvaneProDaemon final : public ControlTarget {
     bool smartActive = false;   // a SMART check is due or runs
     bool backupActive = false;  // a directory backup is due or runs
 
+    // What the drive last asked said of itself; cleared for each disk number that a check goes
+    // through.
+    bool failing = false;
+    // The log has it that drives cannot be asked for want of rights.
+    bool hasToldLackOfRights = false;
+
     // What the main application has asked for.
     bool ignoreMountedOstrand = false;  // leave a mounted emergency volume alone
     bool ignoreFreeSpaceUsage = false;  // the volume usage check does nothing
@@ -60,6 +68,7 @@ class KorvaneProDaemon final : public ControlTarget {
     std::unique_ptr<Timer> clockTimer;       // the next tick and, once, the delayed start
     std::unique_ptr<Timer> outTimer;         // the tick at which the next check falls due
     std::unique_ptr<Timer> stepTimer_usage;  // starts the usage check of one volume
+    std::unique_ptr<Timer> stepTimer_smart;  // starts the SMART check of one drive
     std::unique_ptr<Timer> ostrandTimer;     // polls for the emergency volume
 
   public:
@@ -118,6 +127,7 @@ class KorvaneProDaemon final : public ControlTarget {
 
     // ---- core/: inventories (Inventory.cpp) -----------------------------------------------------
 
+    void updateDrivePreferences(DriveProbe probe);
     void updateVolumePreferences();
 
     // ---- core/: scheduler (Scheduler.cpp) -------------------------------------------------------
@@ -130,6 +140,7 @@ class KorvaneProDaemon final : public ControlTarget {
     // Whether protection is on: only a switch that is there and NO turns it off.
     [[nodiscard]] bool daemonIsOn() const;
     void startDueUsageCheck();
+    void startDueSmartCheck();
     void armClockTimer(std::chrono::microseconds delay);
 
     // ---- core/: control messages (ControlMessages.cpp) ------------------------------------------
@@ -161,6 +172,12 @@ class KorvaneProDaemon final : public ControlTarget {
 
     // ---- monitors/ ------------------------------------------------------------------------------
 
+    // Asks the drive whose entry has this index in driveArray (SmartCheck.cpp).
+    void smartCheck(std::size_t index);
+    // Opens the drive and asks it; sets `failing`. False when it cannot be asked.
+    [[nodiscard]] bool readSmartStatus(const CheckedDrive& drive);
+    void warnOfFailingDrive(const CheckedDrive& drive);
+    void tellLackOfRights();
     // Measures the volume whose entry has this index in volumeArray (VolumeUsageCheck.cpp).
     void volumeUsageCheck(std::size_t index);
     // Whether the volume is mounted, can be filled, and is not the emergency volume.

@@ -7,6 +7,7 @@
 #include "core/KorvaneProDaemon.h"
 #include "core/Schedule.h"
 #include "storage/DriveEntry.h"
+#include "storage/DriveInventory.h"
 #include "storage/SupportFolder.h"
 #include "storage/VolumeEntry.h"
 
@@ -68,6 +69,7 @@ void KorvaneProDaemon::awakeFromNib() {
 
 void KorvaneProDaemon::doStartup() {
     loadPreferences();
+    updateDrivePreferences(DriveProbe::smart);
     updateVolumePreferences();
     markNotYetExamined(driveArray, volumeArray);
     writePreferences();

@@ -5,6 +5,7 @@
 #include "base/Format.h"
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
+#include "storage/DriveInventory.h"
 #include "storage/SupportFolder.h"
 
 namespace korvane {
@@ -102,6 +103,7 @@ void KorvaneProDaemon::preferencesUpdated() {
         return;
     }
     loadPreferences();
+    updateDrivePreferences(DriveProbe::none);
     updateVolumePreferences();
     outTimer.reset();
     clockTimer.reset();

@@ -44,6 +44,17 @@ std::optional<std::size_t> usageCheckToStart(const PropertyListArray& volumeArra
     return std::nullopt;
 }
 
+DueSmartCheck dueSmartCheck(const PropertyListArray& driveArray, Time now) {
+    for (std::size_t index = 0; index < driveArray.size(); ++index) {
+        const auto entry = ConstDriveEntry::over(driveArray[index]);
+        if (!entry || !entry->smartOnOff()) continue;
+        if (!remainingTime(entry->executionTimeSmart(), now).isDue()) continue;
+        if (entry->smartStatus() == kStatusRunning) return {.isAnyDue = true, .toStart = {}};
+        return {.isAnyDue = true, .toStart = index};
+    }
+    return {};
+}
+
 std::chrono::duration<double> outTimerInterval(const PropertyListArray& volumeArray,
                                                const PropertyListArray& driveArray,
                                                const CheckSwitches& switches, Time now) {

@@ -26,6 +26,14 @@ namespace korvane {
 [[nodiscard]] std::optional<std::size_t> usageCheckToStart(const PropertyListArray& volumeArray,
                                                            Time now);
 
+// The first drive that is due, of those whose check is switched on: whether there is one, and its
+// index unless its check is running already.
+struct DueSmartCheck {
+    bool isAnyDue = false;
+    std::optional<std::size_t> toStart;
+};
+[[nodiscard]] DueSmartCheck dueSmartCheck(const PropertyListArray& driveArray, Time now);
+
 // The kinds of check that may be waited for.
 struct CheckSwitches {
     bool usage = false;

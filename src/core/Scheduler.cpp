@@ -4,6 +4,8 @@
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
 #include "core/Schedule.h"
+#include "storage/DriveEntry.h"
+#include "storage/DriveInventory.h"
 #include "storage/SupportFolder.h"
 #include "storage/VolumeEntry.h"
 
@@ -27,8 +29,10 @@ void KorvaneProDaemon::updateClock() {
         armOstrandTimer(seconds(5));
     }
 
+    updateDrivePreferences(DriveProbe::none);
     updateVolumePreferences();
     if (booleanValue(preference(kVolumeUsageOnOff))) startDueUsageCheck();
+    if (booleanValue(preference(kSmartCheckOnOff))) startDueSmartCheck();
 
     outTimer.reset();
     clockTimer.reset();
@@ -43,6 +47,15 @@ void KorvaneProDaemon::startDueUsageCheck() {
     if (entry.usageStatus() != kStatusFailing) entry.setUsageStatus(kStatusRunning);
     stepTimer_usage = machine_.runLoop.startTimer(
         seconds(0), Repeat::once, [this, started = *index] { volumeUsageCheck(started); });
+}
+
+void KorvaneProDaemon::startDueSmartCheck() {
+    const DueSmartCheck due = dueSmartCheck(driveArray, machine_.clock.now());
+    smartActive = due.isAnyDue;
+    if (!due.toStart) return;
+    DriveEntry(*driveArray[*due.toStart].dictionary()).setSmartStatus(kStatusRunning);
+    stepTimer_smart = machine_.runLoop.startTimer(
+        seconds(0), Repeat::once, [this, started = *due.toStart] { smartCheck(started); });
 }
 
 void KorvaneProDaemon::setOutTimer() {

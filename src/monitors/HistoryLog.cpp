@@ -16,16 +16,26 @@ namespace {
 
 constexpr char kLogEntries[] = "logEntries";
 
-// A kind of log: the entry's key that names the folder, the file in it, and the setting that says
+std::string folderOfDrive(const Dictionary& entry) {
+    return driveFolder(stringValue(entry.find("driveModel")),
+                       stringValue(entry.find("driveSerial")));
+}
+
+std::string folderOfVolume(const Dictionary& entry) {
+    return volumeFolder(stringValue(entry.find("displayName")));
+}
+
+// A kind of log: the folder that an entry belongs into, the file in it, and the setting that says
 // how many entries it keeps.
 struct HistoryKind {
     std::int16_t kind;
-    const char* folderKey;
+    std::string (*folder)(const Dictionary& entry);
     const char* fileName;
     const char* limitKey;
 };
 constexpr HistoryKind kHistoryKinds[] = {
-    {2, "displayName", "Volume Usage.plist", kUsageEntryLimit},
+    {1, folderOfDrive, "Smart Check.plist", kSmartEntryLimit},
+    {2, folderOfVolume, "Volume Usage.plist", kUsageEntryLimit},
 };
 
 const HistoryKind* historyKind(std::int16_t kind) {
@@ -64,7 +74,7 @@ void KorvaneProDaemon::updateLog(std::int16_t kind, const Dictionary& logDict,
     if (!files.exists(kSupportFolder)) {
         (void)files.createFolders(kSupportFolder, files.userName());
     }
-    const std::string folder = volumeFolder(stringValue(logDict.find(history->folderKey)));
+    const std::string folder = history->folder(logDict);
     if (!files.exists(folder)) (void)files.createFolders(folder, files.userName());
 
     const std::string path = folder + '/' + history->fileName;

@@ -61,8 +61,7 @@ TEST(StartUp, MakesAnEntryOfEveryVolume) {
 TEST(StartUp, MarksEveryEntryAsNotYetExaminedBeforeTheFirstTick) {
     Scenario s("two-volumes");
     Dictionary preferences = completePreferences();
-    preferences.set("driveArray", PropertyListArray{Dictionary{{"smartStatus", "4"}}, "no entry",
-                                                    Dictionary{{"smartStatus", 2}}});
+    preferences.set("driveArray", PropertyListArray{"no entry"});
     preferences.set("volumeArray",
                     PropertyListArray{Dictionary{{"volumeMountToName", "/Volumes/Data"},
                                                  {"usageStatus", "2"},
@@ -74,9 +73,7 @@ TEST(StartUp, MarksEveryEntryAsNotYetExaminedBeforeTheFirstTick) {
     putPreferences(s, preferences);
     s.run(milliseconds(999));
     const Dictionary stored = s.preferences();
-    EXPECT_EQ(*stored.find("driveArray"),
-              PropertyList(PropertyListArray{Dictionary{{"smartStatus", "0"}}, "no entry",
-                                             Dictionary{{"smartStatus", "0"}}}));
+    EXPECT_EQ(*stored.find("driveArray"), PropertyList(PropertyListArray{"no entry"}));
     for (const char* path : {"/Volumes/Data", "/Volumes/Gone", "/"}) {
         EXPECT_EQ(*s.volumeEntry(path).find("usageStatus"), PropertyList("0")) << path;
         EXPECT_EQ(*s.volumeEntry(path).find("directoryStatus"), PropertyList("0")) << path;

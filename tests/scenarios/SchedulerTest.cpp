@@ -244,13 +244,15 @@ TEST(OutTimer, CountsBackupsAndDrivesThatAreSwitchedOn) {
     EXPECT_THAT(pendingAfterReload(s, {backedUp, quietVolume(s, "/Volumes/Data")}),
                 ElementsAre(3600));
 
+    // A drive that is new is due in 10 seconds.
+    ASSERT_TRUE(s.machine().deviceRegistry.setProperty("drive-a", "SMART Capable", true));
+    s.send("daemonPreferencesUpdatedNotification");
+    EXPECT_THAT(s.pendingDelays(), ElementsAre(10));
     s.editPreferences([&](Dictionary& preferences) {
-        preferences.set("driveArray",
-                        PropertyListArray{Dictionary{{"smartOnOff", true},
-                                                     {"executionTimeSmart", s.secondsNow() + 40}}});
+        preferences.find("driveArray")->array()->front().dictionary()->set("smartOnOff", false);
     });
     s.send("daemonPreferencesUpdatedNotification");
-    EXPECT_THAT(s.pendingDelays(), ElementsAre(40));
+    EXPECT_THAT(s.pendingDelays(), ElementsAre(3600));
 }
 
 TEST(OutTimer, IsNotArmedWhileASwitchIsMissing) {

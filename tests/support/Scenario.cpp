@@ -175,6 +175,12 @@ Scenario& Scenario::pull(const std::string& name) {
     return *this;
 }
 
+Scenario& Scenario::age(const std::string& drive, DriveCondition condition) {
+    require(machine_.deviceRegistry.idOf(drive).has_value(), "age: there is no drive " + drive);
+    machine_.drives.setCondition(drive, condition);
+    return *this;
+}
+
 Scenario& Scenario::failNextWrites(int count) {
     machine_.fileSystem.failNextWrites(count);
     return *this;
@@ -307,8 +313,26 @@ Dictionary Scenario::volumeEntry(const std::string& path) {
     return {};
 }
 
+Dictionary Scenario::driveEntry(const std::string& serial) {
+    const Dictionary settings = preferences();
+    for (const PropertyList& element : arrayUnder(settings, kDriveArray)) {
+        const Dictionary* entry = element.dictionary();
+        if (entry && stringValue(entry->find("driveSerial")) == serial) {
+            return *entry;
+        }
+    }
+    return {};
+}
+
+std::vector<Dictionary> Scenario::smartLog(const std::string& model, const std::string& serial) {
+    return logEntriesAt(driveFolder(model, serial) + "/Smart Check.plist");
+}
+
 std::vector<Dictionary> Scenario::historyLog(const std::string& displayName) {
-    const std::string path = volumeFolder(displayName) + "/Volume Usage.plist";
+    return logEntriesAt(volumeFolder(displayName) + "/Volume Usage.plist");
+}
+
+std::vector<Dictionary> Scenario::logEntriesAt(const std::string& path) {
     if (!machine_.fileSystem.exists(path)) {
         return {};
     }

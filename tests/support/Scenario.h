@@ -79,6 +79,8 @@ class Scenario {
     Scenario& unmount(const std::string& path);
     Scenario& plug(const std::string& name);
     Scenario& pull(const std::string& name);
+    // The drive of this service, named as the description has it, behaves so from now on.
+    Scenario& age(const std::string& drive, DriveCondition condition);
     Scenario& failNextWrites(int count);
     Scenario& removeSupportFolder();
     Scenario& put(const std::string& path, const std::string& bytes);
@@ -114,6 +116,11 @@ class Scenario {
     [[nodiscard]] Dictionary preferences();
     // The volume's entry in them; empty when there is none.
     [[nodiscard]] Dictionary volumeEntry(const std::string& path);
+    // The drive's entry in them, by its serial number; empty when there is none.
+    [[nodiscard]] Dictionary driveEntry(const std::string& serial);
+    // The entries of a drive's SMART log, oldest first.
+    [[nodiscard]] std::vector<Dictionary> smartLog(const std::string& model,
+                                                   const std::string& serial);
     // The entries of a volume's usage log, oldest first, by the volume's display name.
     [[nodiscard]] std::vector<Dictionary> historyLog(const std::string& displayName);
     // Every path below the support folder, relative to it, sorted, folders with a closing "/".
@@ -131,6 +138,7 @@ class Scenario {
 
   private:
     [[nodiscard]] Dictionary dictionaryAt(const std::string& path);
+    [[nodiscard]] std::vector<Dictionary> logEntriesAt(const std::string& path);
 
     std::uint64_t seed_;
     ZoneSetting zone_;

@@ -158,5 +158,39 @@ TEST(OutTimer, LeavesOutWhatIsNotAvailableOrNotSwitchedOn) {
     EXPECT_EQ(intervalFor({}, {drive(-5)}, {.usage = true, .directory = true}), 3600);
 }
 
+Dictionary dueDrive(double inSeconds, const char* status = "3", bool isOn = true) {
+    return {{"smartOnOff", isOn},
+            {"smartStatus", status},
+            {"executionTimeSmart", secondsSince1970(kNow) + inSeconds}};
+}
+
+TEST(SmartWalk, StopsAtTheFirstDueDriveThatIsSwitchedOn) {
+    const DueSmartCheck due =
+        dueSmartCheck({dueDrive(60), dueDrive(-5, "3", false), dueDrive(-5), dueDrive(-60)}, kNow);
+    EXPECT_TRUE(due.isAnyDue);
+    EXPECT_EQ(due.toStart, 2u);
+}
+
+TEST(SmartWalk, FindsNothingDue) {
+    for (const PropertyListArray& drives :
+         {PropertyListArray{}, {dueDrive(1)}, {dueDrive(-5, "3", false)}, {"no entry", 5}}) {
+        const DueSmartCheck due = dueSmartCheck(drives, kNow);
+        EXPECT_FALSE(due.isAnyDue);
+        EXPECT_EQ(due.toStart, std::nullopt);
+    }
+}
+
+TEST(SmartWalk, LeavesARunningCheckAloneAndThoseBehindItToo) {
+    const DueSmartCheck due = dueSmartCheck({dueDrive(-5, "2"), dueDrive(-5)}, kNow);
+    EXPECT_TRUE(due.isAnyDue);
+    EXPECT_EQ(due.toStart, std::nullopt);
+}
+
+TEST(SmartWalk, ChecksDrivesOfAnyOtherStatus) {
+    for (const char* status : {"0", "3", "4", "5", "", "9"}) {
+        EXPECT_EQ(dueSmartCheck({dueDrive(0.5, status)}, kNow).toStart, 0u) << status;
+    }
+}
+
 }  // namespace
 }  // namespace korvane

@@ -1,0 +1,101 @@
+// The SMART check: asks one drive whether it says of itself that it is failing, warns each time it
+// does, and keeps the result.
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/Format.h"
+#include "core/KorvaneProDaemon.h"
+#include "monitors/SmartLogEntry.h"
+#include "storage/DriveEntry.h"
+#include "storage/SmartStatus.h"
+
+namespace korvane {
+
+namespace {
+
+// Disks with higher numbers are never looked at.
+constexpr unsigned kHighestDiskNumber = 24;
+// The history log of this check.
+constexpr std::int16_t kSmartLog = 1;
+
+// The drives that go by this entry's names, in the registry's order. All passes of a check share
+// this one reading: the tree does not change while one runs.
+std::vector<CheckedDrive> drivesOfEntry(DeviceRegistry& registry, const ConstDriveEntry& entry) {
+    std::vector<CheckedDrive> found;
+    const auto services = registry.services(kDriveClass);
+    for (const ServiceId service : services.value_or(std::vector<ServiceId>{})) {
+        const std::optional<Dictionary> properties = registry.properties(service);
+        if (!properties || !isSmartCapable(*properties)) continue;
+        CheckedDrive drive = checkedDrive(registry, service);
+        if (drive.identity.model != entry.driveModel()) continue;
+        if (drive.identity.serial != entry.driveSerial()) continue;
+        found.push_back(std::move(drive));
+    }
+    return found;
+}
+
+}  // namespace
+
+void KorvaneProDaemon::smartCheck(std::size_t index) {
+    // The array may have been reloaded since the timer was armed.
+    if (index >= driveArray.size()) return;
+    std::optional<DriveEntry> entry = DriveEntry::over(driveArray[index]);
+    if (!entry) return;
+
+    // One pass for each number that a disk can have. A drive is looked at in the pass of its own
+    // number, and only then opened: no other drive is asked anything, and this one is asked once.
+    const std::vector<CheckedDrive> drives = drivesOfEntry(machine_.deviceRegistry, *entry);
+    for (unsigned number = 0; number <= kHighestDiskNumber; ++number) {
+        failing = false;
+        const std::optional<std::string> path = machine_.deviceRegistry.diskPath(number);
+        for (const CheckedDrive& drive : drives) {
+            if (drive.path != path || !readSmartStatus(drive)) continue;
+            if (failing) warnOfFailingDrive(drive);
+            updateLog(kSmartLog, smartLogEntry(drive, machine_.clock.now(), failing), index);
+            break;
+        }
+    }
+    // What is left of `failing` is what the last pass found: the entry of a drive with a lower
+    // number says that all is well whatever the drive said. The warning and the log tell the truth.
+    entry->setExecutionTimeSmart(
+        addInterval(machine_.clock.now(), entry->executionIntervalSmart()));
+    entry->setSmartStatus(failing ? kStatusFailing : kStatusPassed);
+    savePreferences();
+}
+
+bool KorvaneProDaemon::readSmartStatus(const CheckedDrive& drive) {
+    const SmartOpening opened = machine_.deviceRegistry.openSmart(drive.service);
+    DriveStatus status = opened.status;
+    if (opened.smart) status = enable_smart(*opened.smart);
+    if (opened.smart && status == kDriveSuccess) status = checkSMART(*opened.smart);
+    if (opened.smart && status == kDriveSuccess) {
+        const SmartStatusAnswer answer = opened.smart->returnStatus();
+        status = answer.status;
+        failing = answer.isThresholdExceeded;
+    }
+    if (status == kDriveNotPermitted) tellLackOfRights();
+    return opened.smart && status == kDriveSuccess;
+}
+
+void KorvaneProDaemon::warnOfFailingDrive(const CheckedDrive& drive) {
+    const std::string message =
+        formatText(localized("smartReportingFailure"),
+                   {std::string_view(*drive.identity.model),
+                    std::string_view(*drive.identity.serial), std::string_view(drive.path)});
+    machine_.systemLog.write(LogLevel::warning, formatText("SMART is reporting failing for %s.",
+                                                           {std::string_view(drive.path)}));
+    showWarningDialog(message);
+}
+
+// Once: what an administrator has not granted now is not granted in an hour.
+void KorvaneProDaemon::tellLackOfRights() {
+    if (hasToldLackOfRights) return;
+    hasToldLackOfRights = true;
+    machine_.systemLog.write(LogLevel::warning,
+                             "No right to ask drives for their SMART status: they are not checked. "
+                             "Start the daemon as root.");
+}
+
+}  // namespace korvane

@@ -1,0 +1,391 @@
+// The SMART check and the drive inventory of the whole daemon: what is warned of, written and kept.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "scenarios/DaemonFiles.h"
+#include "storage/SupportFolder.h"
+#include "support/Scenario.h"
+
+namespace korvane {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::minutes;
+using std::chrono::seconds;
+using testing::AllOf;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+// Adds a drive "disk1 drive" with the medium "disk1" below a device with these properties.
+void addDrive(MachineDescription& machine, const std::string& disk, const Dictionary& device,
+              const Dictionary& drive = {{"SMART Capable", true}}) {
+    machine.services.push_back({disk + " device", "IOService", "", device});
+    machine.services.push_back({disk + " drive", "IOBlockStorageDevice", disk + " device", drive});
+    machine.services.push_back(
+        {disk, "IOMedia", disk + " drive", Dictionary{{"BSD Name", disk}, {"Whole", true}}});
+}
+
+Dictionary named(const std::string& model, const std::string& serial) {
+    return {{"device model", model}, {"device serial", serial}};
+}
+
+MachineDescription oneDrive(const std::string& disk = "disk1") {
+    MachineDescription machine = Scenario::describe("empty");
+    addDrive(machine, disk, named("Castor 500", "CST1"));
+    return machine;
+}
+
+std::vector<std::string> resultsOf(const std::vector<Dictionary>& log) {
+    std::vector<std::string> results;
+    for (const Dictionary& entry : log) results.push_back(stringValue(entry.find("result")));
+    return results;
+}
+std::vector<std::string> castorResults(Scenario& s) {
+    return resultsOf(s.smartLog("Castor 500", "CST1"));
+}
+std::string statusOf(Scenario& s, const std::string& serial = "CST1") {
+    return stringValue(s.driveEntry(serial).find("smartStatus"));
+}
+double dueOf(Scenario& s, const std::string& serial = "CST1") {
+    return doubleValue(s.driveEntry(serial).find("executionTimeSmart"));
+}
+std::vector<std::string> smartLines(Scenario& s) {
+    std::vector<std::string> lines = s.log();
+    std::erase_if(lines, [](const std::string& line) { return !line.starts_with("SMART is"); });
+    return lines;
+}
+
+TEST(SmartCheck, LogsAHealthyDriveAsPassedWithoutADialog) {
+    Scenario s(oneDrive());
+    s.run(seconds(15));
+    ASSERT_THAT(castorResults(s), ElementsAre("passed"));
+    EXPECT_EQ(statusOf(s), "3");
+    EXPECT_THAT(s.dialogs(), IsEmpty());
+    EXPECT_THAT(smartLines(s), IsEmpty());
+    const Dictionary entry = s.smartLog("Castor 500", "CST1")[0];
+    EXPECT_EQ(*entry.find("bsdName"), PropertyList("/dev/disk1"));
+    EXPECT_EQ(*entry.find("driveConnection"), PropertyList("ATA"));
+    EXPECT_EQ(*entry.find("driveModel"), PropertyList("Castor 500"));
+    EXPECT_EQ(*entry.find("driveSerial"), PropertyList("CST1"));
+    ASSERT_NE(entry.find("calendarDate")->date(), nullptr);
+    EXPECT_LE(secondsSince1970(*entry.find("calendarDate")->date()), s.secondsNow());
+}
+
+TEST(SmartCheck, WarnsOfAFailingDriveAndStillSetsItsStatusToPassed) {
+    Scenario s(oneDrive());
+    s.age("disk1 drive", DriveCondition::failing).run(seconds(15));
+    EXPECT_THAT(castorResults(s), ElementsAre("failed"));
+    EXPECT_EQ(statusOf(s), "3");
+    EXPECT_THAT(smartLines(s), ElementsAre("SMART is reporting failing for /dev/disk1."));
+    EXPECT_THAT(s.dialogs(), ElementsAre(AllOf(HasSubstr("Castor 500"), HasSubstr("CST1"),
+                                               HasSubstr("/dev/disk1"))));
+}
+
+TEST(SmartCheck, KeepsTheStatusOfTheLastPassAlone) {
+    Scenario s(oneDrive("disk24"));
+    s.age("disk24 drive", DriveCondition::failing).run(seconds(15));
+    EXPECT_EQ(statusOf(s), "4");
+    s.age("disk24 drive", DriveCondition::healthy).run(hours(1));
+    EXPECT_EQ(statusOf(s), "3");
+    EXPECT_THAT(castorResults(s), ElementsAre("failed", "passed"));
+}
+
+TEST(SmartCheck, NeverLooksAtADiskAbove24) {
+    Scenario s(oneDrive("disk25"));
+    s.age("disk25 drive", DriveCondition::failing).run(seconds(5));
+    const auto commands = s.machine().drives.commandCount("disk25 drive");
+    s.run(hours(2));
+    EXPECT_THAT(castorResults(s), IsEmpty());
+    EXPECT_THAT(s.dialogs(), IsEmpty());
+    EXPECT_EQ(statusOf(s), "3");
+    EXPECT_GT(dueOf(s), s.secondsNow());
+    EXPECT_EQ(s.machine().drives.commandCount("disk25 drive"), commands);
+}
+
+TEST(SmartCheck, WarnsAgainOnEveryRunWithOneDialogOnTheScreen) {
+    Scenario s(oneDrive());
+    s.age("disk1 drive", DriveCondition::failing).run(hours(3));
+    EXPECT_THAT(s.dialogs(), SizeIs(3));
+    EXPECT_THAT(s.dialogsOnScreen(), SizeIs(1));
+    EXPECT_THAT(smartLines(s), SizeIs(3));
+    EXPECT_THAT(castorResults(s), ElementsAre("failed", "failed", "failed"));
+}
+
+TEST(SmartCheck, SetsTheNextTimeOfADriveThatCannotBeAsked) {
+    for (const DriveCondition condition :
+         {DriveCondition::refusing, DriveCondition::noAutosave, DriveCondition::smartOff,
+          DriveCondition::withoutSmart, DriveCondition::vanishing, DriveCondition::unanswering,
+          DriveCondition::hanging}) {
+        Scenario s(oneDrive());
+        s.run(seconds(15)).age("disk1 drive", condition).run(hours(1));
+        EXPECT_THAT(castorResults(s), SizeIs(1)) << static_cast<int>(condition);
+        EXPECT_EQ(statusOf(s), "3");
+        EXPECT_GT(dueOf(s), s.secondsNow());
+        EXPECT_THAT(s.dialogs(), IsEmpty());
+    }
+}
+
+TEST(SmartCheck, GoesOnWithTheOthersWhenOneHangs) {
+    MachineDescription machine = oneDrive();
+    addDrive(machine, "disk2", named("Pollux", "PLX2"));
+    Scenario s(machine);
+    s.run(seconds(5)).age("disk1 drive", DriveCondition::hanging).run(hours(2));
+    EXPECT_THAT(castorResults(s), IsEmpty());
+    EXPECT_THAT(resultsOf(s.smartLog("Pollux", "PLX2")), Not(IsEmpty()));
+}
+
+TEST(SmartCheck, AsksNoOtherDriveAndThisOneOnce) {
+    MachineDescription machine = oneDrive();
+    addDrive(machine, "disk2", named("Pollux", "PLX2"));
+    Scenario s(machine);
+    s.run(minutes(1));
+    const auto castor = s.machine().drives.commandCount("disk1 drive");
+    const auto pollux = s.machine().drives.commandCount("disk2 drive");
+    // One probe at the start, one check each: never more than four commands for a question.
+    EXPECT_EQ(castor, 3U + 4U);
+    EXPECT_EQ(pollux, 3U + 4U);
+}
+
+TEST(SmartCheck, ChecksTheFirstOfTwoDrivesWithEqualNamesInEachPass) {
+    MachineDescription machine = oneDrive();
+    addDrive(machine, "disk3", named("Castor 500", "CST1"));
+    Scenario s(machine);
+    s.age("disk3 drive", DriveCondition::failing).run(seconds(15));
+    EXPECT_THAT(castorResults(s), ElementsAre("passed", "failed"));
+    EXPECT_THAT(s.dialogs(), SizeIs(1));
+    EXPECT_THAT(smartLines(s), ElementsAre("SMART is reporting failing for /dev/disk3."));
+}
+
+TEST(SmartCheck, TrimsAModelThatIsFoundAsVendorNameOnly) {
+    MachineDescription machine = Scenario::describe("empty");
+    addDrive(machine, "disk0", {{"Vendor Name", "  Mizar  "}, {"Serial", " MZ 1 "}});
+    Scenario s(machine);
+    s.run(seconds(15));
+    EXPECT_THAT(resultsOf(s.smartLog("Mizar", "MZ 1")), ElementsAre("passed"));
+}
+
+TEST(SmartCheck, JoinsAnIdentificationWithItsRevision) {
+    MachineDescription machine = Scenario::describe("empty");
+    addDrive(machine, "disk0",
+             {{"Vendor Identification", "Mizar"},
+              {"Product Identification", "ABC"},
+              {"Product Revision Level", "1.0"}});
+    Scenario s(machine);
+    s.run(seconds(15));
+    EXPECT_THAT(resultsOf(s.smartLog("Mizar", "ABC 1.0")), ElementsAre("passed"));
+}
+
+TEST(SmartCheck, TellsTheConnection) {
+    const auto connectionWith = [](const Dictionary& protocol) {
+        MachineDescription machine = Scenario::describe("empty");
+        addDrive(machine, "disk0", named("Mizar", "M1"),
+                 {{"SMART Capable", true}, {"Protocol Characteristics", protocol}});
+        Scenario s(machine);
+        s.run(seconds(15));
+        const auto log = s.smartLog("Mizar", "M1");
+        return log.empty() ? "" : stringValue(log[0].find("driveConnection"));
+    };
+    EXPECT_EQ(connectionWith({{"Physical Interconnect", "SATA"},
+                              {"Physical Interconnect Location", "Internal"}}),
+              "SATA");
+    EXPECT_EQ(connectionWith({{"Physical Interconnect Location", "Internal"}}), "Internal");
+    EXPECT_EQ(connectionWith({{"Physical Interconnect", ""}}), "ATA");
+    EXPECT_EQ(connectionWith({{"Physical Interconnect", 5}}), "ATA");
+}
+
+// The check looks at the drive itself first, the inventory never does.
+TEST(SmartCheck, DoesNotFindADriveThatItNamesOtherwiseThanTheInventory) {
+    MachineDescription machine = Scenario::describe("empty");
+    addDrive(machine, "disk0", named("Mizar", "M1"),
+             {{"SMART Capable", true}, {"device model", "Another"}});
+    Scenario s(machine);
+    s.run(minutes(1));
+    EXPECT_EQ(statusOf(s, "M1"), "3");
+    EXPECT_THAT(s.smartLog("Mizar", "M1"), IsEmpty());
+    EXPECT_THAT(s.smartLog("Another", "M1"), IsEmpty());
+}
+
+TEST(SmartCheck, EscapesWhatWouldLeadOutOfTheSupportFolder) {
+    MachineDescription machine = Scenario::describe("empty");
+    addDrive(machine, "disk0", named("../../etc/x", "a/.."));
+    Scenario s(machine);
+    s.run(seconds(15));
+    EXPECT_THAT(s.supportFiles(),
+                Contains("%2E%2E%2F%2E%2E%2Fetc%2Fx - a%2F%2E%2E/Smart Check.plist"));
+    EXPECT_THAT(s.machine().fileSystem.paths(), Not(Contains("/etc/x")));
+}
+
+TEST(SmartCheck, TrimsItsLogToTheLimit) {
+    Scenario s(oneDrive());
+    s.run(seconds(5)).editPreferences([](Dictionary& settings) {
+        settings.set("smartEntryLimit", 2);
+    });
+    s.send("daemonPreferencesUpdatedNotification").run(hours(5));
+    EXPECT_THAT(castorResults(s), SizeIs(2));
+}
+
+TEST(SmartCheck, TellsMissingRightsOnce) {
+    Scenario s(oneDrive());
+    s.age("disk1 drive", DriveCondition::notPermitted).run(hours(6));
+    EXPECT_THAT(castorResults(s), IsEmpty());
+    const auto lines = s.log();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& l) { return l.starts_with("No right to ask"); }),
+              1);
+}
+
+TEST(SmartCheck, CancelsTheDialogOfAnotherCheck) {
+    MachineDescription machine = Scenario::describe("one-volume");
+    addDrive(machine, "sdz", named("Castor 500", "CST1"));
+    Scenario s(machine);
+    s.fill("/Volumes/Data", Percent{99}).age("sdz drive", DriveCondition::failing);
+    s.run(minutes(1));
+    EXPECT_THAT(s.dialogs(), SizeIs(2));
+    EXPECT_THAT(s.dialogsOnScreen(), SizeIs(1));
+}
+
+TEST(SmartCheck, IsPutOffWhileSwitchedOff) {
+    Scenario s(oneDrive());
+    s.run(seconds(5)).editPreferences([](Dictionary& settings) {
+        settings.set("smartCheckOnOff", false);
+    });
+    s.send("daemonPreferencesUpdatedNotification").run(hours(2));
+    EXPECT_THAT(castorResults(s), IsEmpty());
+}
+
+TEST(SmartCheck, PassesOverADriveWhoseCheckIsOff) {
+    MachineDescription machine = oneDrive();
+    addDrive(machine, "disk2", named("Pollux", "PLX2"));
+    Scenario s(machine);
+    s.run(seconds(5)).editPreferences([](Dictionary& settings) {
+        settings.find("driveArray")->array()->front().dictionary()->set("smartOnOff", false);
+    });
+    s.send("daemonPreferencesUpdatedNotification").run(minutes(5));
+    EXPECT_THAT(castorResults(s), IsEmpty());
+    EXPECT_THAT(resultsOf(s.smartLog("Pollux", "PLX2")), SizeIs(1));
+}
+
+TEST(SmartCheck, RunsOnBatteryWithTheTicksThatEventsBring) {
+    Scenario s(oneDrive());
+    s.onBattery().run(seconds(15));
+    EXPECT_THAT(castorResults(s), IsEmpty());
+    s.becomeActive().run(seconds(15));
+    EXPECT_THAT(castorResults(s), ElementsAre("passed"));
+    s.run(hours(5));
+    EXPECT_THAT(castorResults(s), SizeIs(1));
+}
+
+TEST(SmartCheck, TellsTheMainApplicationWhileOneIsDue) {
+    Scenario s(oneDrive());
+    s.run(seconds(5)).send("isSMARTExecuteComplete");
+    EXPECT_EQ(s.answer(), Scenario::Answer::yes);
+    // The tick at which the check falls due says so, the tick after the check that it is done.
+    s.editPreferences([](Dictionary& settings) {
+        Dictionary& entry = *settings.find("driveArray")->array()->front().dictionary();
+        entry.set("executionTimeSmart", 0.0);
+        entry.set("smartStatus", "2");
+    });
+    s.send("daemonPreferencesUpdatedNotification").run(seconds(10));
+    s.send("isSMARTExecuteComplete");
+    EXPECT_EQ(s.answer(), Scenario::Answer::no);
+    EXPECT_THAT(castorResults(s), IsEmpty()) << "a check that is marked as running is left alone";
+}
+
+TEST(SmartCheck, OneTickStartsTheFirstDueDriveOnly) {
+    MachineDescription machine = oneDrive();
+    addDrive(machine, "disk2", named("Pollux", "PLX2"));
+    Scenario s(machine);
+    s.run(std::chrono::milliseconds(10'001));
+    EXPECT_THAT(castorResults(s), SizeIs(1));
+    EXPECT_THAT(s.smartLog("Pollux", "PLX2"), IsEmpty());
+    s.run(seconds(1));
+    EXPECT_THAT(s.smartLog("Pollux", "PLX2"), SizeIs(1));
+}
+
+TEST(DriveEntries, HaveTheirDefaultsAndAreWrittenAtTheStart) {
+    Scenario s(oneDrive());
+    s.run(std::chrono::milliseconds(1));
+    const Dictionary entry = s.driveEntry("CST1");
+    EXPECT_EQ(
+        textOf(entry),
+        textOf(Dictionary{{"driveModel", "Castor 500"},
+                          {"driveSerial", "CST1"},
+                          {"driveChecked", true},
+                          {"smartOnOff", true},
+                          {"smartStatus", "0"},
+                          {"executionIntervalSmart_hours", 1},
+                          {"executionIntervalSmart_minutes", 0},
+                          {"executionIntervalSmart_seconds", 0},
+                          {"executionTimeSmart", doubleValue(entry.find("executionTimeSmart"))}}));
+    EXPECT_NEAR(dueOf(s), s.secondsNow() + 10, 0.01);
+}
+
+TEST(DriveEntries, GoWithTheirDriveAndComeBackWithDefaults) {
+    Scenario s(oneDrive());
+    s.run(minutes(1)).editPreferences([](Dictionary& settings) {
+        settings.find("driveArray")->array()->front().dictionary()->set("smartOnOff", false);
+    });
+    s.send("daemonPreferencesUpdatedNotification").becomeActive().run(seconds(5));
+    EXPECT_EQ(*s.driveEntry("CST1").find("smartOnOff"), PropertyList(false));
+    s.pull("disk1 device").becomeActive().run(seconds(5));
+    EXPECT_TRUE(s.driveEntry("CST1").empty());
+    s.plug("disk1 device").becomeActive().run(seconds(5));
+    EXPECT_EQ(*s.driveEntry("CST1").find("smartOnOff"), PropertyList(true));
+    EXPECT_THAT(castorResults(s), SizeIs(1)) << "the log outlives the entry";
+}
+
+TEST(DriveEntries, AreMarkedAsNotYetExaminedAtTheStart) {
+    Scenario s(oneDrive());
+    s.run(minutes(1));
+    EXPECT_EQ(statusOf(s), "3");
+    s.restart().run(std::chrono::milliseconds(1));
+    EXPECT_EQ(statusOf(s), "0");
+}
+
+TEST(DriveEntries, AreProbedAtTheStartAndAtAMountAndNowhereElse) {
+    Scenario s(oneDrive());
+    s.age("disk1 drive", DriveCondition::smartOff).run(std::chrono::milliseconds(1));
+    EXPECT_TRUE(s.driveEntry("CST1").empty());
+    s.run(seconds(5));
+    EXPECT_FALSE(s.driveEntry("CST1").empty()) << "the tick takes the registry's word";
+    s.mount("/Volumes/New").run(std::chrono::milliseconds(100));
+    EXPECT_TRUE(s.driveEntry("CST1").empty());
+    s.unmount("/Volumes/New").run(std::chrono::milliseconds(100));
+    EXPECT_FALSE(s.driveEntry("CST1").empty());
+}
+
+TEST(DriveEntries, AreNotWrittenWhileNothingChanges) {
+    Scenario s(oneDrive());
+    s.run(minutes(2));
+    const auto writes = s.preferenceWrites();
+    s.becomeActive().run(minutes(2));
+    EXPECT_EQ(s.preferenceWrites(), writes);
+}
+
+TEST(DriveEntries, AreAllDeletedWhenTheRegistryCannotBeRead) {
+    Scenario s(oneDrive());
+    s.run(minutes(1));
+    s.machine().deviceRegistry.setUnreadable(true);
+    s.becomeActive().run(seconds(2));
+    EXPECT_TRUE(s.driveEntry("CST1").empty());
+}
+
+TEST(DriveEntries, AreDueInTheOutTimer) {
+    Scenario s(oneDrive());
+    s.run(minutes(2));
+    EXPECT_THAT(s.pendingDelays(), Contains(testing::DoubleNear(3600 - 110, 2)));
+}
+
+}  // namespace
+}  // namespace korvane
