@@ -50,6 +50,7 @@ int runProgram(Program& program, int argumentCount, const char* const* arguments
     app.add_flag("--json", program.json, "Print data as JSON");
     app.require_subcommand(1);
     addStatusCommands(app, program);
+    addDriveCommands(app, program);
     addSettingCommands(app, program);
     addVolumeCommands(app, program);
     addTrashCommands(app, program);

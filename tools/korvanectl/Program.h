@@ -58,6 +58,7 @@ void printJson(const Program& program, const PropertyList& value);
                                              const std::function<std::string()>& done);
 
 void addStatusCommands(CLI::App& app, Program& program);   // status, watch, volumes, history
+void addDriveCommands(CLI::App& app, Program& program);    // drives
 void addSettingCommands(CLI::App& app, Program& program);  // get, set, reload
 void addVolumeCommands(CLI::App& app, Program& program);   // volume NAME get, set, reset
 void addTrashCommands(CLI::App& app, Program& program);    // trash

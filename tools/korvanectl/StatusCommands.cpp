@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "core/DefaultPreferences.h"
+#include "korvanectl/DriveCommands.h"
+#include "korvanectl/DriveReport.h"
 #include "korvanectl/Program.h"
 #include "korvanectl/Table.h"
 #include "korvanectl/VolumeReport.h"
@@ -168,6 +170,7 @@ struct Findings {
     Dictionary preferences;
     DaemonPresence daemon = DaemonPresence::absent;
     Time now{};
+    std::vector<DriveReport> drives;
     std::vector<VolumeReport> volumes;
 };
 
@@ -180,6 +183,8 @@ Outcome<Findings> gather(Program& program) {
     findings.preferences = std::move(*preferences);
     findings.daemon = program.daemon.presence();
     findings.now = program.now();
+    findings.drives =
+        reportDrives(findings.preferences, program.supportFolder, findings.daemon, findings.now);
     findings.volumes = reportVolumes({.preferences = findings.preferences,
                                       .supportFolder = program.supportFolder,
                                       .volumes = program.volumes(),
@@ -196,6 +201,7 @@ void printStatusJson(const Program& program, const Findings& findings) {
     printJson(program, Dictionary{{"daemonRuns", findings.daemon != DaemonPresence::absent},
                                   {"daemonReachable", findings.daemon == DaemonPresence::reachable},
                                   {"protectionOn", protectionIsOn(findings.preferences)},
+                                  {"drives", drivesJson(findings.drives)},
                                   {"volumes", volumesJson(findings.volumes)}});
 }
 
@@ -206,9 +212,15 @@ void printStatus(const Program& program, const Findings& findings) {
         return booleanValue(findings.preferences.find(key)) ? "on" : "off";
     };
     program.print(fmt::format(
-        "Daemon            {}\nProtection        {}\nFree-space check  {}\n",
+        "Daemon            {}\nProtection        {}\nFree-space check  {}\nSMART check       {}\n",
         program.paint(runs ? Tone::good : Tone::bad, presenceWords(findings.daemon)),
-        program.paint(on ? Tone::good : Tone::bad, on ? "on" : "off"), onOff(kVolumeUsageOnOff)));
+        program.paint(on ? Tone::good : Tone::bad, on ? "on" : "off"), onOff(kVolumeUsageOnOff),
+        onOff(kSmartCheckOnOff)));
+    if (!findings.drives.empty()) {
+        program.print(
+            "\n" +
+            drivesTable(findings.drives, findings.daemon, findings.now).format(program.paint));
+    }
     if (findings.volumes.empty()) {
         program.print("\nNo volume has been found yet.\n");
         return;
@@ -307,6 +319,11 @@ void printHistory(const Program& program, const std::vector<LoggedCheck>& checks
     program.print(table.format(program.paint));
 }
 
+// Where a name is neither a volume's nor a drive's.
+Failure noSuchName(const Failure& volume, const Failure& drive) {
+    return {volume.status, volume.message + "; " + drive.message};
+}
+
 Outcome<ExitStatus> runHistory(Program& program, const std::string& name) {
     const Outcome<Dictionary> preferences = program.preferences.read();
     if (!preferences) {
@@ -314,7 +331,13 @@ Outcome<ExitStatus> runHistory(Program& program, const std::string& name) {
     }
     const Outcome<std::size_t> index = findVolume(*preferences, name);
     if (!index) {
-        return index.failure();
+        const std::vector<DriveReport> drives = reportDrives(*preferences, program.supportFolder,
+                                                             DaemonPresence::absent, program.now());
+        const Outcome<DriveReport> drive = findDrive(drives, name);
+        if (drive) {
+            return printDriveHistory(program, *drive);
+        }
+        return drives.empty() ? index.failure() : noSuchName(index.failure(), drive.failure());
     }
     const std::string mountPoint =
         ConstVolumeEntry{volumeEntryAt(*preferences, *index)}.volumeMountToName();
@@ -347,9 +370,12 @@ void addStatusCommands(CLI::App& app, Program& program) {
                        [&program] { return runVolumes(program); });
     const auto name = std::make_shared<std::string>();
     CLI::App* const history =
-        addPrintingCommand(app, program, "history", "The log of a volume's checks",
+        addPrintingCommand(app, program, "history", "The log of the checks of a volume or drive",
                            [&program, name] { return runHistory(program, *name); });
-    history->add_option("VOLUME", *name, "Mount point or name of a volume")->required();
+    history
+        ->add_option("NAME", *name,
+                     "Mount point or name of a volume; serial number, model or device of a drive")
+        ->required();
 }
 
 }  // namespace korvane::ctl

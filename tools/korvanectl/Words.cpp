@@ -126,6 +126,8 @@ std::string stateWords(CheckKind kind, CheckState state) {
             return kind == CheckKind::usage ? "LOW SPACE" : "FAILING";
         case CheckState::notAvailable:
             return "not available";
+        case CheckState::notChecked:
+            return "not checked";
         case CheckState::unknown:
             break;
     }
@@ -150,6 +152,8 @@ std::string stateToken(CheckState state) {
             return "failing";
         case CheckState::notAvailable:
             return "notAvailable";
+        case CheckState::notChecked:
+            return "notChecked";
         case CheckState::unknown:
             break;
     }
@@ -162,6 +166,7 @@ Tone stateTone(CheckState state) {
             return Tone::good;
         case CheckState::failing:
         case CheckState::stuck:
+        case CheckState::notChecked:
         case CheckState::unknown:
             return Tone::bad;
         case CheckState::notAvailable:

@@ -24,7 +24,8 @@ enum class CheckState {
     notWatched,  // examined, but its switch is off: it can never fail
     failing,
     notAvailable,
-    unknown  // a number that the daemon never writes
+    notChecked,  // a check has passed it by: it could not be asked
+    unknown      // a number that the daemon never writes
 };
 
 // How long after its due time a check that is recorded as running is taken for stuck, while a

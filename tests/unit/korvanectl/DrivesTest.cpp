@@ -1,0 +1,117 @@
+// Drives as the commands show them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "storage/DriveEntry.h"
+#include "storage/SupportFolder.h"
+#include "unit/korvanectl/ProgramFixture.h"
+
+namespace korvane::ctl {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr char kModel[] = "Castor 500";
+
+class Drives : public KorvanectlTest {
+  protected:
+    Drives() {
+        addDrive("CST1", "3");
+        addDrive("CST2", "3");
+    }
+    // A drive that was checked 10 minutes ago, every hour.
+    void addDrive(const char* serial, const char* status) {
+        Dictionary entry = newDriveEntry({.model = kModel, .serial = serial}, now);
+        entry.set("smartStatus", status);
+        entry.set("executionTimeSmart", secondsSince1970(now) + 3000);
+        Dictionary preferences = stored();
+        preferences.find(kDriveArray)->array()->emplace_back(std::move(entry));
+        store(preferences);
+    }
+    void log(const char* serial, const char* result, int minutesAgo = 10) {
+        const Dictionary entry{{"bsdName", "/dev/sda"},
+                               {"driveConnection", "SATA"},
+                               {"driveModel", kModel},
+                               {"driveSerial", serial},
+                               {"calendarDate", std::chrono::floor<std::chrono::seconds>(now) -
+                                                    std::chrono::minutes{minutesAgo}},
+                               {"result", result}};
+        folder.write(driveFolderName(kModel, serial) + "/Smart Check.plist",
+                     formatPropertyList(Dictionary{{"logEntries", PropertyListArray{entry}}}));
+    }
+    // The line of the output that has this text.
+    [[nodiscard]] std::string lineOf(const std::string& text) const {
+        std::istringstream lines(out);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.find(text) != std::string::npos) return line;
+        }
+        return {};
+    }
+};
+
+TEST_F(Drives, AreShownWithWhatTheLastCheckFound) {
+    log("CST1", "passed");
+    EXPECT_EQ(run({"drives"}), 0);
+    EXPECT_THAT(lineOf("CST1"),
+                AllOf(HasSubstr(kModel), HasSubstr("/dev/sda"), HasSubstr("SATA"),
+                      HasSubstr(" ok "), HasSubstr("passed"), HasSubstr("in 50 min")));
+}
+
+TEST_F(Drives, ThatFailAreUnmistakableThoughTheirStatusSaysPassed) {
+    log("CST1", "failed");
+    log("CST2", "passed");
+    for (const char* command : {"drives", "status"}) {
+        EXPECT_EQ(run({command}), 0);
+        EXPECT_THAT(lineOf("CST1"), HasSubstr("FAILING")) << command;
+        EXPECT_THAT(lineOf("CST2"), Not(HasSubstr("FAILING"))) << command;
+    }
+}
+
+TEST_F(Drives, ThatFailedAreShownSoThroughARestart) {
+    log("CST1", "failed");
+    Dictionary preferences = stored();
+    preferences.find(kDriveArray)->array()->front().dictionary()->set("smartStatus", "0");
+    store(preferences);
+    run({"drives"});
+    EXPECT_THAT(lineOf("CST1"), HasSubstr("FAILING"));
+}
+
+TEST_F(Drives, ThatLeaveNoLineAreNotChecked) {
+    run({"drives"});
+    EXPECT_THAT(lineOf("CST1"), HasSubstr("not checked"));
+    log("CST1", "passed", 200);
+    run({"drives"});
+    EXPECT_THAT(lineOf("CST1"), HasSubstr("not checked"));
+}
+
+TEST_F(Drives, AreDataToPrograms) {
+    log("CST1", "failed");
+    EXPECT_EQ(run({"drives", "--json"}), 0);
+    EXPECT_THAT(out, AllOf(HasSubstr("\"result\": \"failing\""), HasSubstr("\"serial\": \"CST1\""),
+                           HasSubstr("\"device\": \"/dev/sda\"")));
+    run({"status", "--json"});
+    EXPECT_THAT(out, HasSubstr("\"drives\""));
+}
+
+TEST_F(Drives, HaveAHistoryBySerialDeviceAndBothNames) {
+    log("CST1", "failed");
+    for (const char* name : {"CST1", "/dev/sda", "Castor 500 - CST1"}) {
+        EXPECT_EQ(run({"history", name}), 0) << name;
+        EXPECT_THAT(out, AllOf(HasSubstr("FAILING"), HasSubstr("/dev/sda")));
+    }
+    EXPECT_NE(run({"history", kModel}), 0);
+    EXPECT_THAT(err, HasSubstr("CST1, CST2"));
+    EXPECT_NE(run({"history", "nobody"}), 0);
+    EXPECT_THAT(err, AllOf(HasSubstr("no volume"), HasSubstr("no drive")));
+}
+
+TEST_F(Drives, SurviveADamagedLog) {
+    folder.write(driveFolderName(kModel, "CST1") + "/Smart Check.plist", "<plist");
+    EXPECT_EQ(run({"drives"}), 0);
+    EXPECT_NE(run({"history", "CST1"}), 0);
+}
+
+}  // namespace
+}  // namespace korvane::ctl
