@@ -25,12 +25,12 @@ struct FakeDrive {
     bool isFailing = false;
     std::uint8_t powerMode = 0xff;  // active
     bool isSmartOn = true;
-    int identifyFill = -1;             // every byte of the description, or a good one
-    int openError = 0;                 // errno
+    int identifyFill = -1;                  // every byte of the description, or a good one
+    int openError = 0;                      // errno
     std::map<int, int> controlErrors = {};  // errno by command; 0 stands for any
     bool timesOut = false;
     std::uint8_t criticalWarning = 0;  // of an NVMe drive
-    std::vector<int> commands = {};         // ATA commands, or 0x100 and the feature of SMART ones
+    std::vector<int> commands = {};    // ATA commands, or 0x100 and the feature of SMART ones
 };
 
 class FakeDrives final : public DriveCommands {
