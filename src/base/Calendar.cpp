@@ -1,12 +1,15 @@
 #include "base/Calendar.h"
 
+#include <langinfo.h>
 #include <locale.h>
 #include <time.h>
 
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <string_view>
 
 namespace korvane {
 
@@ -136,6 +139,21 @@ std::string formatLocalTime(Time time, std::string_view format) {
         return text;
     }
     return {};
+}
+
+std::string shortDateAndTime(Time time) {
+    const locale_t users = newlocale(LC_TIME_MASK | LC_CTYPE_MASK, "", nullptr);
+    if (users == locale_t{}) return formatLocalTime(time, "%x %H:%M");
+    const tm calendar = localCalendar(wholeSecondsOf(time));
+    // Whether the locale's clock counts to twelve: its format of a time then names the half of day.
+    const std::string_view clock = nl_langinfo_l(T_FMT, users);
+    const bool isTwelveHours =
+        clock.find("%r") != std::string_view::npos || clock.find("%p") != std::string_view::npos;
+    std::array<char, 128> text{};
+    const std::size_t length = strftime_l(
+        text.data(), text.size(), isTwelveHours ? "%x %I:%M %p" : "%x %H:%M", &calendar, users);
+    freelocale(users);
+    return std::string(text.data(), length);
 }
 
 std::string calendarDateDescription(Time time) {

@@ -44,6 +44,10 @@ struct CheckInterval {
 // names whatever the locale.
 [[nodiscard]] std::string formatLocalTime(Time time, std::string_view format);
 
+// Date and time in the short styles of the process's locale (LC_TIME of the environment), without
+// seconds, in the local zone.
+[[nodiscard]] std::string shortDateAndTime(Time time);
+
 // "%Y-%m-%d %H:%M:%S %z": how a calendar date describes itself.
 [[nodiscard]] std::string calendarDateDescription(Time time);
 

@@ -64,6 +64,9 @@ bool KorvaneProDaemon::dispatchControlWord(std::string_view word) {
         case ControlAction::unmountMountedOstrand:
             doUnMountOstrand();
             return true;
+        case ControlAction::testMail:
+            daemonTestSendingEmailNotification();
+            return true;
         case ControlAction::isDirectoryComplete:
             return !backupActive;
         case ControlAction::isSmartComplete:

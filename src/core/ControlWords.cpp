@@ -16,6 +16,7 @@ constexpr ControlWord kControlWords[] = {
     {"daemonStopYourEngines", ControlAction::reload},
     {"QLDaemonIgnoreMountedOstrand", ControlAction::ignoreMountedOstrand},
     {"QLDaemonUnmountMountedDrive", ControlAction::unmountMountedOstrand},
+    {"daemonTestSendingEmailNotification", ControlAction::testMail},
     {"daemonPreferencesUpdatedNotification", ControlAction::reload},
     {"isDirectoryExecuteComplete", ControlAction::isDirectoryComplete},
     {"isSMARTExecuteComplete", ControlAction::isSmartComplete},

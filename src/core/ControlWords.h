@@ -10,6 +10,7 @@ enum class ControlAction {
     reload,                 // read the preferences again and re-arm the scheduler
     ignoreMountedOstrand,   // leave a mounted emergency volume alone
     unmountMountedOstrand,  // no longer
+    testMail,               // send a test mail
     isDirectoryComplete,    // whether no directory backup is due or runs
     isSmartComplete,        // whether no SMART check is due or runs
     ignoreFreeSpace,        // raise no free-space alarm

@@ -14,8 +14,10 @@
 #include <string_view>
 #include <vector>
 
+#include "base/NotificationCenter.h"
 #include "base/PropertyList.h"
 #include "core/SystemVersion.h"
+#include "mail/QLSMTPController.h"
 #include "platform/Machine.h"
 
 namespace korvane {
@@ -60,6 +62,12 @@ class KorvaneProDaemon final : public ControlTarget {
 
     // The vended connection on which the main application talks to the daemon, or null.
     std::unique_ptr<RegisteredConnection> destConnection;
+
+    // E-mail: the one client, which tells its progress on the notification centre, and the dialog
+    // about it on the screen.
+    NotificationCenter notificationCenter;
+    std::unique_ptr<QLSMTPController> smtpController;
+    std::unique_ptr<AlertDialog> emailNotificationRef;
 
     // The monitors' dialog on the screen: a new one cancels it first, so there is one at most.
     std::unique_ptr<AlertDialog> userNotificationRef;
@@ -139,6 +147,8 @@ class KorvaneProDaemon final : public ControlTarget {
     [[nodiscard]] bool runningOnBattery();
     // Whether protection is on: only a switch that is there and NO turns it off.
     [[nodiscard]] bool daemonIsOn() const;
+    // Refreshes the inventories and starts what is due, one check of each kind at the most.
+    void startDueChecks();
     void startDueUsageCheck();
     void startDueSmartCheck();
     void armClockTimer(std::chrono::microseconds delay);
@@ -170,6 +180,28 @@ class KorvaneProDaemon final : public ControlTarget {
     // The text of the default strings table; the key itself where it has none.
     [[nodiscard]] std::string localized(std::string_view key);
 
+    // ---- core/: mail hooks (MailHooks.cpp) ------------------------------------------------------
+
+    void createSmtpController();
+    // A client whose server has hung up stays busy for ever: another one takes its place.
+    void replaceAbandonedSmtpController();
+    // An e-mail send is under way, and its server is still there.
+    [[nodiscard]] bool emailSendIsBusy() const;
+    // Mails a check's warning, where anybody is named who could read it.
+    void mailWarning(const std::string& message, const std::string& sender);
+    // Hands an alert to the client, for the check of that name. When an earlier session holds on
+    // for longer than a minute the alert is not mailed, and the log says so.
+    void sendAlertMail(const std::string& message, const std::string& sender);
+    void tellMailSessionEnd(const MailSessionEnd& end);
+    void daemonTestSendingEmailNotification();
+    // The dialogs about a test mail, from its request to its end.
+    void registerForSMTPNotifications();
+    void unregisterForSMTPNotifications();
+    void smtpDidBegin();
+    void smtpDidFinish();
+    void smtpDidError(const Notification& notification);
+    void showMailDialog(const Alert& alert);
+
     // ---- monitors/ ------------------------------------------------------------------------------
 
     // Asks the drive whose entry has this index in driveArray (SmartCheck.cpp).
@@ -183,6 +215,7 @@ class KorvaneProDaemon final : public ControlTarget {
     // Whether the volume is mounted, can be filled, and is not the emergency volume.
     [[nodiscard]] bool canMeasureUsage(const std::string& path);
     void measureVolumeUsage(const std::string& path, VolumeEntry& entry, std::size_t index);
+    void mailUsageWarning(const std::string& displayName, float percentFree);
     // Shows a warning with this message in place of the one on the screen (WarningDialog.cpp).
     void showWarningDialog(const std::string& message);
     // Adds one entry to the history log of a drive or a volume (HistoryLog.cpp). The index of the

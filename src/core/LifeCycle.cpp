@@ -61,6 +61,7 @@ void KorvaneProDaemon::awakeFromNib() {
     startupInProgress = true;
     const seconds delay = startUpDelay(microseconds(machine_.clock.microsecondsSinceBoot()));
     clockTimer = machine_.runLoop.startTimer(delay, Repeat::once, [this] { doStartup(); });
+    if (!smtpController) createSmtpController();
     machine_.systemLog.write(
         LogLevel::info,
         formatText("Started on system version %@: protection begins in %ld seconds.",
@@ -96,6 +97,7 @@ void KorvaneProDaemon::applicationWillTerminate() {
 }
 
 void KorvaneProDaemon::removeObservers() {
+    notificationCenter.removeObserver(this);
     machine_.volumes.setDidMount(nullptr);
     machine_.volumes.setDidUnmount(nullptr);
     machine_.processes.setDidTerminateApplication(nullptr);

@@ -29,14 +29,19 @@ void KorvaneProDaemon::updateClock() {
         armOstrandTimer(seconds(5));
     }
 
-    updateDrivePreferences(DriveProbe::none);
-    updateVolumePreferences();
-    if (booleanValue(preference(kVolumeUsageOnOff))) startDueUsageCheck();
-    if (booleanValue(preference(kSmartCheckOnOff))) startDueSmartCheck();
+    // While a mail is on its way nothing else is begun.
+    if (!emailSendIsBusy()) startDueChecks();
 
     outTimer.reset();
     clockTimer.reset();
     setOutTimer();
+}
+
+void KorvaneProDaemon::startDueChecks() {
+    updateDrivePreferences(DriveProbe::none);
+    updateVolumePreferences();
+    if (booleanValue(preference(kVolumeUsageOnOff))) startDueUsageCheck();
+    if (booleanValue(preference(kSmartCheckOnOff))) startDueSmartCheck();
 }
 
 void KorvaneProDaemon::startDueUsageCheck() {

@@ -20,6 +20,14 @@ constexpr char kEmergencyVolumeName[] = "Ostrand";
 // The history log of this check.
 constexpr std::int16_t kUsageLog = 2;
 
+// A volume is named by whoever formatted it: a name of several lines could end the message early
+// and go on with commands to the mail server.
+std::string onOneLine(std::string name) {
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return c == '\r' || c == '\n'; }, ' ');
+    return name;
+}
+
 }  // namespace
 
 void KorvaneProDaemon::volumeUsageCheck(std::size_t index) {
@@ -67,12 +75,23 @@ void KorvaneProDaemon::measureVolumeUsage(const std::string& path, VolumeEntry& 
             showWarningDialog(
                 formatText(localized("percentFreeSpaceRemaining"),
                            {std::string_view(displayName), double{measured.percentFree}}));
+            // Sent after this run, which so is saved whatever the mail server does.
+            machine_.runLoop.post([this, displayName, percentFree = measured.percentFree] {
+                mailUsageWarning(displayName, percentFree);
+            });
         }
         // The latch holds whether or not anybody could be shown the dialog.
         entry.setUsageStatus(kStatusFailing);
     }
     updateLog(kUsageLog, usageLogEntry(displayName, machine_.clock.now(), measured, outcome),
               index);
+}
+
+void KorvaneProDaemon::mailUsageWarning(const std::string& displayName, float percentFree) {
+    const std::string name = onOneLine(displayName);
+    mailWarning(formatText(localized("percentFreeSpaceRemaining"),
+                           {std::string_view(name), double{percentFree}}),
+                kSenderVolumeUsage);
 }
 
 }  // namespace korvane

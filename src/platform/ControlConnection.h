@@ -17,10 +17,28 @@ class ControlTarget {
     virtual void messageDoDeleteItems(const std::vector<std::string>& paths) = 0;
 };
 
+enum class MailOutcome {
+    sent,     // the server has taken the message
+    refused,  // the server has said no (5xx)
+    failed,   // no connection, no greeting in time, or a command that could not be handed over
+    dropped,  // the server has closed the connection in the middle of the session
+    busy      // not begun: an earlier session holds on
+};
+
+// How a mail session ended, for a caller that waits for its test mail.
+struct MailSessionEnd {
+    std::string sender;  // the word of who sent: empty for a test mail
+    MailOutcome outcome = MailOutcome::failed;
+    int step = 0;      // the step of the session in which it ended
+    std::string text;  // the server's last words, or what went wrong
+};
+
 // A registered name. Destroying it gives the name back.
 class RegisteredConnection {
   public:
     virtual ~RegisteredConnection() = default;
+    // Tells whoever listens; nobody may.
+    virtual void mailSessionEnded(const MailSessionEnd& end) = 0;
 };
 
 class ControlConnection {

@@ -11,6 +11,7 @@
 #include "platform/PowerSources.h"
 #include "platform/Processes.h"
 #include "platform/RunLoop.h"
+#include "platform/SocketStream.h"
 #include "platform/SystemLog.h"
 #include "platform/Volumes.h"
 
@@ -30,6 +31,7 @@ struct Machine {
     Host& host;
     AlertDialogs& alertDialogs;
     Bundle& bundle;
+    SocketStreams& socketStreams;
 };
 
 }  // namespace korvane

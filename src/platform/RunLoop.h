@@ -17,6 +17,18 @@ class Timer {
 
 enum class Repeat { once, every };
 
+// A lock with one holder at a time, which any thread may release.
+class HandoverLock {
+  public:
+    virtual ~HandoverLock() = default;
+    // Waits for the lock, up to the limit; false when it passes or the application is to end.
+    // Nothing is called back meanwhile. On the loop's thread, or on a runInBackgroundAndWait()
+    // thread.
+    [[nodiscard]] virtual bool take(std::chrono::microseconds limit) = 0;
+    // Without effect when nobody holds it. From any thread.
+    virtual void release() = 0;
+};
+
 class RunLoop {
   public:
     using Callback = std::function<void()>;
@@ -36,6 +48,9 @@ class RunLoop {
     // Runs the work on a thread of background priority and waits for it, so that it never overlaps
     // the loop's own work. On the loop's thread only. An exception from the work is rethrown here.
     virtual void runInBackgroundAndWait(const Callback& work) = 0;
+
+    // A lock that nobody holds; the loop outlives it.
+    [[nodiscard]] virtual std::unique_ptr<HandoverLock> makeLock() = 0;
 
     // What happens when the application becomes active (the user turns to it, or the machine
     // returns from sleep), and, once, before run() ends. On the loop's thread.

@@ -69,7 +69,9 @@ Scenario::Scenario(const std::string& machineName, std::uint64_t seed)
 
 Scenario::Scenario(const MachineDescription& description, std::uint64_t seed)
     : seed_(seed), zone_(description.zone), machine_(description, seed) {
-    machine_.bundle.setTable(kDefaultStringsTable, englishTable(kDefaultStringsTable));
+    for (const char* const table : {kDefaultStringsTable, "SMTPLocalizableStrings"}) {
+        machine_.bundle.setTable(table, englishTable(table));
+    }
 }
 
 Scenario::~Scenario() {

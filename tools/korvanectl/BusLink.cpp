@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -32,6 +33,34 @@ struct FreeBusError {
     FreeBusError& operator=(const FreeBusError&) = delete;
     ~FreeBusError() { sd_bus_error_free(&error); }
 };
+
+struct UnrefSlot {
+    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+};
+
+MailOutcome mailOutcomeOf(std::string_view word) {
+    if (word == "sent") return MailOutcome::sent;
+    if (word == "refused") return MailOutcome::refused;
+    if (word == "dropped") return MailOutcome::dropped;
+    if (word == "busy") return MailOutcome::busy;
+    return MailOutcome::failed;
+}
+
+// Takes the first end of a test mail's session; those of the checks' mails are not asked for.
+int onMailSessionEnded(sd_bus_message* message, void* found, sd_bus_error*) noexcept {
+    auto& end = *static_cast<std::optional<MailSessionEnd>*>(found);
+    const char* sender = nullptr;
+    const char* outcome = nullptr;
+    int step = 0;
+    const char* text = nullptr;
+    if (end || sd_bus_message_read(message, "ssis", &sender, &outcome, &step, &text) < 0 ||
+        *sender != '\0') {
+        return 0;
+    }
+    end = MailSessionEnd{
+        .sender = sender, .outcome = mailOutcomeOf(outcome), .step = step, .text = text};
+    return 0;
+}
 
 // Opening a bus only begins the conversation, and the library waits for its rest without a limit
 // worth the name; so it is led to its end here.
@@ -176,11 +205,13 @@ Outcome<BusLink::Message> BusLink::call(const char* method,
     return reply;
 }
 
-Outcome<bool> BusLink::send(const std::string& word) {
+Outcome<bool> BusLink::send(const std::string& word) { return send(word, kBusLimit); }
+
+Outcome<bool> BusLink::send(const std::string& word, std::chrono::seconds limit) {
     const auto append = [&word](sd_bus_message* request) {
         return sd_bus_message_append_basic(request, SD_BUS_TYPE_STRING, word.c_str());
     };
-    const Outcome<Message> reply = call("messageXmitRcvr", append, kBusLimit);
+    const Outcome<Message> reply = call("messageXmitRcvr", append, limit);
     if (!reply) {
         return reply.failure();
     }
@@ -213,6 +244,38 @@ Outcome<std::monostate> BusLink::createItems(const std::vector<std::string>& pat
 
 Outcome<std::monostate> BusLink::deleteItems(const std::vector<std::string>& paths) {
     return handOver("messageDoDeleteItems", paths);
+}
+
+Outcome<MailSessionEnd> BusLink::sendTestMail() {
+    std::optional<MailSessionEnd> end;
+    std::unique_ptr<sd_bus_slot, UnrefSlot> slot;
+    // Without a bus the word says why.
+    if (sd_bus* const bus = busWithDaemon()) {
+        sd_bus_slot* raw = nullptr;
+        const int matched = sd_bus_match_signal(bus, &raw, kName, kPath, kInterface,
+                                                "mailSessionEnded", onMailSessionEnded, &end);
+        if (matched < 0) return failureOf(FreeBusError{}.error, matched, kBusLimit);
+        slot.reset(raw);
+    }
+    const Outcome<bool> told = send(kTestMailWord, kTestMailAnswerLimit);
+    if (!told) return told.failure();
+    const auto deadline = std::chrono::steady_clock::now() + kTestMailLimit;
+    while (!end) {
+        const int processed = sd_bus_process(bus_.get(), nullptr);
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            return Failure{ExitStatus::noReply,
+                           "the daemon has not told what became of the test mail; see its log "
+                           "with: journalctl -u korvane-pro"};
+        }
+        if (processed < 0 ||
+            (processed == 0 &&
+             sd_bus_wait(bus_.get(), static_cast<std::uint64_t>(left.count())) < 0)) {
+            return Failure{ExitStatus::noDaemon, "the connection to the daemon broke"};
+        }
+    }
+    return *end;
 }
 
 }  // namespace korvane::ctl

@@ -17,6 +17,10 @@ namespace korvane::ctl {
 inline constexpr std::chrono::seconds kBusLimit{5};
 // Removing a folder takes a while on a slow disk: some thousand files a second.
 inline constexpr std::chrono::seconds kItemsLimit{300};
+// The daemon answers the word for a test mail after a minute when an earlier mail is under way.
+inline constexpr std::chrono::seconds kTestMailAnswerLimit{75};
+// The kernel gives a connection up after some two minutes, and a session may follow.
+inline constexpr std::chrono::seconds kTestMailLimit{240};
 
 class BusLink : public DaemonLink {
   public:
@@ -26,6 +30,7 @@ class BusLink : public DaemonLink {
         const std::vector<std::string>& paths) override;
     [[nodiscard]] Outcome<std::monostate> deleteItems(
         const std::vector<std::string>& paths) override;
+    [[nodiscard]] Outcome<MailSessionEnd> sendTestMail() override;
 
   private:
     struct UnrefMessage {
@@ -38,6 +43,7 @@ class BusLink : public DaemonLink {
     };
     using Bus = std::unique_ptr<sd_bus, CloseBus>;
 
+    [[nodiscard]] Outcome<bool> send(const std::string& word, std::chrono::seconds limit);
     // A connection on which the daemon's name is owned. Asked for once; later calls ask anew only
     // when there was none, so that a daemon that comes up meanwhile is found.
     sd_bus* busWithDaemon();

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "korvanectl/Outcome.h"
+#include "platform/ControlConnection.h"
 
 namespace korvane::ctl {
 
@@ -31,9 +32,14 @@ class DaemonLink {
         const std::vector<std::string>& paths) = 0;
     [[nodiscard]] virtual Outcome<std::monostate> deleteItems(
         const std::vector<std::string>& paths) = 0;
+
+    // Has the daemon send a test mail and waits for the end of its session, at most some minutes.
+    // Failures as above.
+    [[nodiscard]] virtual Outcome<MailSessionEnd> sendTestMail() = 0;
 };
 
 // Has the daemon read its preferences again; the answer comes when it has.
 inline constexpr char kReloadWord[] = "daemonPreferencesUpdatedNotification";
+inline constexpr char kTestMailWord[] = "daemonTestSendingEmailNotification";
 
 }  // namespace korvane::ctl

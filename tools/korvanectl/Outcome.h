@@ -16,6 +16,7 @@ enum class ExitStatus : int {
     notAllowed = 3,   // another user's daemon or files
     noReply = 4,      // the daemon did not answer in time
     fileProblem = 5,  // a file is missing, damaged, cannot be written, or keeps being overwritten
+    notSent = 6,      // the test mail did not reach the server
 };
 
 // The message says what is wrong and what to do about it, in one line without a final full stop.

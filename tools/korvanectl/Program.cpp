@@ -55,6 +55,7 @@ int runProgram(Program& program, int argumentCount, const char* const* arguments
     addVolumeCommands(app, program);
     addTrashCommands(app, program);
     addControlCommands(app, program);
+    addMailCommands(app, program);
     try {
         app.parse(argumentCount, arguments);
     } catch (const CLI::CallForHelp&) {

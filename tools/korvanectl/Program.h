@@ -5,6 +5,7 @@
 #include <CLI/App.hpp>
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -17,6 +18,8 @@
 #include "platform/Volumes.h"
 
 namespace korvane::ctl {
+
+enum class Echo { on, off };
 
 struct Program {
     Preferences preferences;
@@ -35,6 +38,9 @@ struct Program {
     // From here on the process goes by the name of the main application's processes.
     std::function<void()> beMainApplication;
     bool isTerminal = false;  // standard output is one
+
+    // Puts a question and gives the line that was typed, shown or not; nothing at the end of input.
+    std::function<std::optional<std::string>(const std::string& question, Echo echo)> ask;
 
     // Set by the command line.
     bool json = false;
@@ -65,6 +71,7 @@ void addTrashCommands(CLI::App& app, Program& program);    // trash
 void addTrashRecovery(CLI::App& group, Program& program);  // recover, within trash
 // start, stop, wait, free-space, emergency, create, delete, send
 void addControlCommands(CLI::App& app, Program& program);
+void addMailCommands(CLI::App& app, Program& program);     // mail show, mail set, test-mail
 
 // Understands and carries out one command line; what it answers is the process's exit status.
 [[nodiscard]] int runProgram(Program& program, int argumentCount, const char* const* arguments);

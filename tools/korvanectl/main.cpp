@@ -3,13 +3,16 @@
 #include <fmt/format.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <iostream>
 #include <optional>
 #include <thread>
+#include <string>
 
 #include "korvanectl/BusLink.h"
 #include "korvanectl/Program.h"
@@ -25,6 +28,7 @@ using namespace korvane;
 class NoLog : public SystemLog {
   public:
     void write(LogLevel, std::string_view) override {}
+    void writeConfidential(LogLevel, std::string_view) override {}
 };
 
 // The mounted volumes, read once. Numbers and links are the daemon's to keep.
@@ -73,6 +77,37 @@ class EndRequests {
     bool isHolding_ = false;
 };
 
+// The terminal without its echo for as long as this lives; what is no terminal is left alone.
+class HiddenTyping {
+  public:
+    HiddenTyping() : isTerminal_(::tcgetattr(STDIN_FILENO, &before_) == 0) {
+        if (!isTerminal_) return;
+        termios hidden = before_;
+        hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        (void)::tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);  // shown, then: no worse than before
+    }
+    ~HiddenTyping() {
+        if (!isTerminal_) return;
+        (void)::tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);  // as it was found
+        fmt::print(stderr, "\n");                              // the one that was not shown
+    }
+    HiddenTyping(const HiddenTyping&) = delete;
+    HiddenTyping& operator=(const HiddenTyping&) = delete;
+
+  private:
+    termios before_{};
+    bool isTerminal_;
+};
+
+std::optional<std::string> askOnTerminal(const std::string& question, ctl::Echo echo) {
+    fmt::print(stderr, "{}", question);
+    std::optional<HiddenTyping> hidden;
+    if (echo == ctl::Echo::off) hidden.emplace();
+    std::string line;
+    if (!std::getline(std::cin, line)) return std::nullopt;
+    return line;
+}
+
 int run(int argumentCount, const char* const* arguments) {
     std::optional<MountedNow> mounted;
     ctl::BusLink daemon;
@@ -108,6 +143,7 @@ int run(int argumentCount, const char* const* arguments) {
                 endRequests.hold();
             },
         .isTerminal = isatty(STDOUT_FILENO) == 1,
+        .ask = askOnTerminal,
         .json = false,
         .command = {}};
     const int status = ctl::runProgram(program, argumentCount, arguments);

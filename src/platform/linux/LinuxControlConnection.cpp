@@ -22,6 +22,24 @@ constexpr char kObjectPath[] = "/com/quorlen/KorvaneProDaemon";
 // Callers come and go; a full table is begun anew, which costs each one question more.
 constexpr std::size_t kMostRememberedSenders = 64;
 
+constexpr char kMailSessionEndedSignal[] = "mailSessionEnded";
+
+const char* wordOf(MailOutcome outcome) {
+    switch (outcome) {
+        case MailOutcome::sent:
+            return "sent";
+        case MailOutcome::refused:
+            return "refused";
+        case MailOutcome::failed:
+            return "failed";
+        case MailOutcome::dropped:
+            return "dropped";
+        case MailOutcome::busy:
+            return "busy";
+    }
+    return "failed";
+}
+
 struct CredentialsCloser {
     void operator()(sd_bus_creds* credentials) const { (void)sd_bus_creds_unref(credentials); }
 };
@@ -65,13 +83,14 @@ class Registration final : public RegisteredConnection, public BusUser {
     // Again: whoever has taken the name meanwhile keeps it.
     void busCame(sd_bus* bus) override;
     void busWent() override;
+    void mailSessionEnded(const MailSessionEnd& end) override;
 
   private:
     // What a method does once its caller is known to be served; the result of its sd-bus handler.
     using Work = int (*)(ControlTarget& target, sd_bus_message* message);
     template <Work work>
     static int onCall(sd_bus_message* message, void* self, sd_bus_error* error) noexcept;
-    static const std::array<sd_bus_vtable, 5> kVtable;
+    static const std::array<sd_bus_vtable, 6> kVtable;
 
     [[nodiscard]] bool exportObject(sd_bus* bus);
     [[nodiscard]] bool isServed(sd_bus_message* message);
@@ -87,7 +106,7 @@ class Registration final : public RegisteredConnection, public BusUser {
 };
 
 // Open to every caller as far as sd-bus is concerned: who is served is decided here.
-const std::array<sd_bus_vtable, 5> Registration::kVtable{
+const std::array<sd_bus_vtable, 6> Registration::kVtable{
     {SD_BUS_VTABLE_START(0),
      SD_BUS_METHOD_WITH_ARGS("messageXmitRcvr", SD_BUS_ARGS("s", word), SD_BUS_RESULT("b", answer),
                              onCall<transmitWord>, SD_BUS_VTABLE_UNPRIVILEGED),
@@ -97,6 +116,8 @@ const std::array<sd_bus_vtable, 5> Registration::kVtable{
      SD_BUS_METHOD_WITH_ARGS("messageDoDeleteItems", SD_BUS_ARGS("as", paths), SD_BUS_NO_RESULT,
                              onCall<handOverPaths<&ControlTarget::messageDoDeleteItems>>,
                              SD_BUS_VTABLE_UNPRIVILEGED),
+     SD_BUS_SIGNAL_WITH_ARGS(kMailSessionEndedSignal,
+                             SD_BUS_ARGS("s", sender, "s", outcome, "i", step, "s", text), 0),
      SD_BUS_VTABLE_END}};
 
 Registration::~Registration() {
@@ -138,6 +159,14 @@ void Registration::busWent() {
     object_.reset();
     nameRequest_.reset();
     servedSenders_.clear();
+}
+
+void Registration::mailSessionEnded(const MailSessionEnd& end) {
+    sd_bus* const bus = bus_.connection();
+    if (bus == nullptr) return;
+    // Without anybody who listens, or without a bus, there is nobody to miss it.
+    (void)sd_bus_emit_signal(bus, kObjectPath, kName, kMailSessionEndedSignal, "ssis",
+                             end.sender.c_str(), wordOf(end.outcome), end.step, end.text.c_str());
 }
 
 bool Registration::isServed(sd_bus_message* message) {

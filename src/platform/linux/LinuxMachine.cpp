@@ -14,7 +14,8 @@ LinuxMachine::LinuxMachine(SystemLog& systemLog, const LinuxVolumesPlaces& volum
       processes_(runLoop_, controlBus_),
       sleepWatch_(runLoop_, systemBus_),
       controlConnection_(runLoop_, controlBus_, systemLog),
-      alertDialogs_(runLoop_, bundle_, systemLog) {}
+      alertDialogs_(runLoop_, bundle_, systemLog),
+      socketStreams_(runLoop_, bundle_) {}
 
 LinuxBus& LinuxMachine::connectedControlBus() {
     systemBus_.connect();
@@ -36,7 +37,8 @@ Machine LinuxMachine::machine() {
                    .controlConnection = controlConnection_,
                    .host = host_,
                    .alertDialogs = alertDialogs_,
-                   .bundle = bundle_};
+                   .bundle = bundle_,
+                   .socketStreams = socketStreams_};
 }
 
 }  // namespace korvane

@@ -16,6 +16,7 @@
 #include "platform/linux/LinuxPowerSources.h"
 #include "platform/linux/LinuxProcesses.h"
 #include "platform/linux/LinuxRunLoop.h"
+#include "platform/linux/LinuxSocketStreams.h"
 #include "platform/linux/LinuxVolumes.h"
 #include "platform/linux/SleepWatch.h"
 
@@ -51,6 +52,7 @@ class LinuxMachine {
     LinuxControlConnection controlConnection_;
     LinuxBundle bundle_;
     LinuxAlertDialogs alertDialogs_;
+    LinuxSocketStreams socketStreams_;
 };
 
 }  // namespace korvane

@@ -1,12 +1,16 @@
 #include "platform/linux/LinuxRunLoop.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <ctime>
 #include <string>
@@ -21,6 +25,8 @@ namespace {
 constexpr std::uint64_t kTimerAccuracyMicroseconds = 1000;
 // Far beyond any uptime, and far from the end of the arithmetic.
 constexpr std::chrono::microseconds kLongestDelay = std::chrono::hours{24 * 365 * 100};
+// sd_watchdog_enabled(3) asks for a sign of life in half of the time at the latest.
+constexpr std::uint64_t kWatchdogDivisor = 3;
 
 std::uint64_t boottimeMicrosecondsNow() {
     timespec time{};
@@ -94,6 +100,15 @@ LinuxRunLoop::LinuxRunLoop(SystemLog& systemLog) : systemLog_(systemLog) {
     postsFd_ = UniqueFd{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     if (!postsFd_) throw std::system_error(errno, std::generic_category(), "eventfd");
     addSources();
+    sigset_t endSignals;
+    sigemptyset(&endSignals);
+    for (const int signal : {SIGTERM, SIGINT}) sigaddset(&endSignals, signal);
+    endSignalsFd_ = UniqueFd{::signalfd(-1, &endSignals, SFD_CLOEXEC | SFD_NONBLOCK)};
+    if (!endSignalsFd_) throw std::system_error(errno, std::generic_category(), "signalfd");
+    std::uint64_t watchdogMicroseconds = 0;
+    if (sd_watchdog_enabled(0, &watchdogMicroseconds) > 0) {
+        watchdogInterval_ = std::chrono::microseconds{watchdogMicroseconds / kWatchdogDivisor};
+    }
     // Answers the service manager in time when it asked for it in the environment, else nothing.
     require(sd_event_set_watchdog(event_.get(), 1), "watchdog");
 }
@@ -223,6 +238,63 @@ int LinuxRunLoop::onPosts(sd_event_source*, int, std::uint32_t, void* self) noex
 }
 
 void LinuxRunLoop::runInBackgroundAndWait(const Callback& work) { background_.runAndWait(work); }
+
+// The semaphore of an event descriptor, so that the wait for it is a wait like any other.
+class LinuxRunLoop::DescriptorLock final : public HandoverLock {
+  public:
+    explicit DescriptorLock(LinuxRunLoop& loop)
+        : loop_(loop), free_(::eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK)) {
+        if (!free_) throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+
+    bool take(std::chrono::microseconds limit) override {
+        eventfd_t ignoredCount = 0;
+        if (eventfd_read(free_.get(), &ignoredCount) != 0 &&
+            (loop_.waitServingNothing(free_.get(), POLLIN, limit) != Wait::ready ||
+             eventfd_read(free_.get(), &ignoredCount) != 0)) {
+            return false;
+        }
+        isHeld_ = true;
+        return true;
+    }
+
+    void release() override {
+        if (isHeld_.exchange(false)) (void)eventfd_write(free_.get(), 1);  // 0 to 1: cannot fail
+    }
+
+  private:
+    LinuxRunLoop& loop_;
+    UniqueFd free_;
+    std::atomic<bool> isHeld_ = false;
+};
+
+std::unique_ptr<HandoverLock> LinuxRunLoop::makeLock() {
+    return std::make_unique<DescriptorLock>(*this);
+}
+
+LinuxRunLoop::Wait LinuxRunLoop::waitServingNothing(
+    int fd, short events, std::optional<std::chrono::microseconds> limit) {
+    using std::chrono::steady_clock;
+    const auto deadline = steady_clock::now() + limit.value_or(kLongestDelay);
+    for (;;) {
+        if (terminating_) return Wait::interrupted;
+        if (watchdogInterval_) (void)sd_notify(0, "WATCHDOG=1");
+        const auto remaining = std::max(deadline - steady_clock::now(), steady_clock::duration{0});
+        const auto slice =
+            std::min<steady_clock::duration>(remaining, watchdogInterval_.value_or(kLongestDelay));
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(slice);
+        const timespec timeout{.tv_sec = seconds.count(),
+                               .tv_nsec = std::chrono::nanoseconds{slice - seconds}.count()};
+        std::array<pollfd, 2> watched{
+            {{.fd = fd, .events = events, .revents = 0},
+             {.fd = endSignalsFd_.get(), .events = POLLIN, .revents = 0}}};
+        const int ready = ::ppoll(watched.data(), watched.size(), &timeout, nullptr);
+        if (ready < 0 && errno != EINTR) return Wait::interrupted;
+        if (ready > 0 && watched[1].revents != 0) return Wait::interrupted;
+        if (ready > 0) return Wait::ready;
+        if (steady_clock::now() >= deadline) return Wait::timedOut;
+    }
+}
 
 void LinuxRunLoop::setWillBecomeActive(Callback callback) {
     willBecomeActive_ = std::move(callback);

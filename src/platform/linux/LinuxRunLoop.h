@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -48,6 +49,7 @@ class LinuxRunLoop final : public RunLoop {
                                                     Callback callback) override;
     void post(Callback callback) override;
     void runInBackgroundAndWait(const Callback& work) override;
+    [[nodiscard]] std::unique_ptr<HandoverLock> makeLock() override;
     void setWillBecomeActive(Callback callback) override;
     void setWillTerminate(Callback callback) override;
     void terminate() override;
@@ -57,6 +59,13 @@ class LinuxRunLoop final : public RunLoop {
     [[nodiscard]] sd_event* event() { return event_.get(); }
     // Tells the application that it becomes active.
     void becomeActive();
+
+    enum class Wait { ready, timedOut, interrupted };
+    // Waits until the descriptor has one of the events of poll(2), serving nothing: for the few
+    // calls that have to stay on this thread. SIGTERM and SIGINT interrupt it and are left for the
+    // loop to see; the service watchdog is fed. Without a limit it may take for ever.
+    [[nodiscard]] Wait waitServingNothing(int fd, short events,
+                                          std::optional<std::chrono::microseconds> limit);
     // Every callback from a C library into the daemon goes through here: an exception ends as one
     // line of the system log that begins with `where`, and once termination was asked for nothing
     // is called.
@@ -74,6 +83,7 @@ class LinuxRunLoop final : public RunLoop {
 
   private:
     class LoopTimer;
+    class DescriptorLock;
     // When a timer fires, and its place among those of the same moment.
     struct TimerKey {
         std::uint64_t boottimeMicroseconds = 0;
@@ -124,6 +134,8 @@ class LinuxRunLoop final : public RunLoop {
     EventSource terminateSource_;
     std::vector<EventSource> signalSources_;
     BackgroundThread background_;
+    UniqueFd endSignalsFd_;  // ready while a signal to end is pending; nothing is read from it
+    std::optional<std::chrono::microseconds> watchdogInterval_;
 };
 
 }  // namespace korvane

@@ -32,11 +32,14 @@ int priorityOf(LogLevel level) {
 
 iovec fieldOf(std::string& text) { return {text.data(), text.size()}; }
 
-void writeToJournal(LogLevel level, const std::string& line) {
+// The facility as syslog(3) codes it, in the upper bits.
+void writeToJournal(int facility, LogLevel level, const std::string& line) {
     std::string message = "MESSAGE=" + line;
     std::string priority = "PRIORITY=" + std::to_string(priorityOf(level));
+    std::string facilityNumber = "SYSLOG_FACILITY=" + std::to_string(LOG_FAC(facility));
     std::string identifier = std::string("SYSLOG_IDENTIFIER=") + kIdentifier;
-    const std::array fields{fieldOf(message), fieldOf(priority), fieldOf(identifier)};
+    const std::array fields{fieldOf(message), fieldOf(priority), fieldOf(facilityNumber),
+                            fieldOf(identifier)};
     // A log that cannot be written has nowhere to say so.
     (void)sd_journal_sendv(fields.data(), static_cast<int>(fields.size()));
 }
@@ -68,9 +71,15 @@ LinuxSystemLog::LinuxSystemLog(const std::string& journalSocket, const std::stri
 
 void LinuxSystemLog::write(LogLevel level, std::string_view line) {
     const std::string shown = escapedForLog(line);
-    if (sink_ == Sink::journal) writeToJournal(level, shown);
+    if (sink_ == Sink::journal) writeToJournal(LOG_DAEMON, level, shown);
     if (sink_ == Sink::syslog) ::syslog(priorityOf(level), "%s", shown.c_str());
     if (toStandardError_) writeToStandardError(shown);
+}
+
+void LinuxSystemLog::writeConfidential(LogLevel level, std::string_view line) {
+    const std::string shown = escapedForLog(line);
+    if (sink_ == Sink::journal) writeToJournal(LOG_AUTHPRIV, level, shown);
+    if (sink_ == Sink::syslog) ::syslog(LOG_AUTHPRIV | priorityOf(level), "%s", shown.c_str());
 }
 
 }  // namespace korvane

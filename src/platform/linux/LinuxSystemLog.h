@@ -16,6 +16,9 @@ class LinuxSystemLog final : public SystemLog {
                             const std::string& syslogSocket = "/dev/log");
 
     void write(LogLevel level, std::string_view line) override;
+    // Under the facility authpriv (syslog(3)), which is what its name says. Where there is neither
+    // journal nor syslog the line is lost.
+    void writeConfidential(LogLevel level, std::string_view line) override;
 
   private:
     enum class Sink { journal, syslog, none };

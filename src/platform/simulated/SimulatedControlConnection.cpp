@@ -11,6 +11,11 @@ class SimulatedControlConnection::Registration final : public RegisteredConnecti
     Registration(const Registration&) = delete;
     Registration& operator=(const Registration&) = delete;
 
+    void mailSessionEnded(const MailSessionEnd& end) override {
+        connection_.mailSessionEnds_.push_back(end);
+        connection_.journal_.note("mail session ended", end.text);
+    }
+
   private:
     SimulatedControlConnection& connection_;
 };
@@ -75,5 +80,9 @@ SimulatedControlConnection::Answer SimulatedControlConnection::deleteItems(
 }
 
 bool SimulatedControlConnection::isRegistered() const { return target_ != nullptr; }
+
+const std::vector<MailSessionEnd>& SimulatedControlConnection::mailSessionEnds() const {
+    return mailSessionEnds_;
+}
 
 }  // namespace korvane

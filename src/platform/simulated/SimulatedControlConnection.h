@@ -30,6 +30,8 @@ class SimulatedControlConnection final : public ControlConnection {
     Answer createItems(const std::vector<std::string>& paths, Caller caller = Caller::root);
     Answer deleteItems(const std::vector<std::string>& paths, Caller caller = Caller::root);
     [[nodiscard]] bool isRegistered() const;
+    // What the daemon has told of its mail sessions.
+    [[nodiscard]] const std::vector<MailSessionEnd>& mailSessionEnds() const;
 
   private:
     class Registration;
@@ -40,6 +42,7 @@ class SimulatedControlConnection final : public ControlConnection {
     SimulatedJournal& journal_;
     ControlTarget* target_ = nullptr;
     bool isUnavailable_ = false;
+    std::vector<MailSessionEnd> mailSessionEnds_;
 };
 
 }  // namespace korvane

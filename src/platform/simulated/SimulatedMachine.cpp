@@ -19,7 +19,8 @@ SimulatedMachine::SimulatedMachine(const MachineDescription& description, std::u
       processes(runLoop, journal),
       controlConnection(journal),
       host(description.version),
-      alertDialogs(runLoop, clock, journal) {
+      alertDialogs(runLoop, clock, journal),
+      mailServer(runLoop, clock, journal) {
     for (const ServiceDescription& service : description.services) {
         deviceRegistry.add(service);
     }
@@ -36,8 +37,9 @@ SimulatedMachine::SimulatedMachine(const MachineDescription& description, std::u
 }
 
 Machine SimulatedMachine::machine() {
-    return {runLoop,   clock,     fileSystem,        volumes, deviceRegistry, powerSources,
-            processes, systemLog, controlConnection, host,    alertDialogs,   bundle};
+    return {runLoop,      clock,     fileSystem, volumes,           deviceRegistry,
+            powerSources, processes, systemLog,  controlConnection, host,
+            alertDialogs, bundle,    mailServer};
 }
 
 bool SimulatedMachine::plug(const std::string& name) {

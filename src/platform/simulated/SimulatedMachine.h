@@ -19,6 +19,7 @@
 #include "platform/simulated/SimulatedFileSystem.h"
 #include "platform/simulated/SimulatedHost.h"
 #include "platform/simulated/SimulatedJournal.h"
+#include "platform/simulated/SimulatedMailServer.h"
 #include "platform/simulated/SimulatedPowerSources.h"
 #include "platform/simulated/SimulatedProcesses.h"
 #include "platform/simulated/SimulatedRunLoop.h"
@@ -62,6 +63,7 @@ class SimulatedMachine {
     SimulatedHost host;
     SimulatedAlertDialogs alertDialogs;
     SimulatedBundle bundle;
+    SimulatedMailServer mailServer;
 
   private:
     std::map<std::string, AccessoryDescription> unplugged_;

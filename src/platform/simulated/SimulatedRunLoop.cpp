@@ -67,6 +67,29 @@ void SimulatedRunLoop::runInBackgroundAndWait(const Callback& work) {
     work();
 }
 
+class SimulatedRunLoop::VirtualLock final : public HandoverLock {
+  public:
+    explicit VirtualLock(SimulatedClock& clock) : clock_(clock) {}
+
+    bool take(std::chrono::microseconds limit) override {
+        if (isHeld_) {
+            clock_.advance(limit);
+            return false;
+        }
+        isHeld_ = true;
+        return true;
+    }
+    void release() override { isHeld_ = false; }
+
+  private:
+    SimulatedClock& clock_;
+    bool isHeld_ = false;
+};
+
+std::unique_ptr<HandoverLock> SimulatedRunLoop::makeLock() {
+    return std::make_unique<VirtualLock>(clock_);
+}
+
 void SimulatedRunLoop::setWillBecomeActive(Callback callback) {
     willBecomeActive_ = std::move(callback);
 }

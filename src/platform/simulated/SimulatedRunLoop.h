@@ -34,6 +34,8 @@ class SimulatedRunLoop final : public RunLoop {
                                                     Callback callback) override;
     void post(Callback callback) override;
     void runInBackgroundAndWait(const Callback& work) override;
+    // Nobody else runs while somebody waits here: a lock that is held costs the whole limit.
+    [[nodiscard]] std::unique_ptr<HandoverLock> makeLock() override;
     void setWillBecomeActive(Callback callback) override;
     void setWillTerminate(Callback callback) override;
     void terminate() override;
@@ -64,6 +66,7 @@ class SimulatedRunLoop final : public RunLoop {
   private:
     struct Event;
     class PendingTimerHandle;
+    class VirtualLock;
     // Time since boot in microseconds, then the order of arming.
     using Key = std::pair<std::uint64_t, std::uint64_t>;
 

@@ -49,6 +49,11 @@ void SimulatedSystemLog::write(LogLevel level, std::string_view line) {
     journal_.note(nameOf(level), lines_.back().text);
 }
 
+void SimulatedSystemLog::writeConfidential(LogLevel level, std::string_view line) {
+    lines_.push_back({clock_.now(), level, escaped(line), true});
+    journal_.note("log confidential", lines_.back().text);
+}
+
 const std::vector<SimulatedSystemLog::Line>& SimulatedSystemLog::lines() const { return lines_; }
 
 void SimulatedSystemLog::clear() { lines_.clear(); }

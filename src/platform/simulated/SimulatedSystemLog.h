@@ -17,11 +17,13 @@ class SimulatedSystemLog final : public SystemLog {
         Time time{};
         LogLevel level = LogLevel::info;
         std::string text;
+        bool isConfidential = false;
     };
 
     SimulatedSystemLog(SimulatedClock& clock, SimulatedJournal& journal);
 
     void write(LogLevel level, std::string_view line) override;
+    void writeConfidential(LogLevel level, std::string_view line) override;
 
     [[nodiscard]] const std::vector<Line>& lines() const;
     void clear();

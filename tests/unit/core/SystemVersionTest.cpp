@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "core/SystemVersion.h"
+#include "platform/simulated/SimulatedHost.h"
 
 namespace korvane {
 namespace {
@@ -8,15 +9,6 @@ namespace {
 constexpr auto kAscending = ComparisonResult::ascending;
 constexpr auto kSame = ComparisonResult::same;
 constexpr auto kDescending = ComparisonResult::descending;
-
-class FixedHost : public Host {
-  public:
-    explicit FixedHost(SystemVersion version) : version_(version) {}
-    SystemVersion systemVersion() override { return version_; }
-
-  private:
-    SystemVersion version_;
-};
 
 TEST(SystemVersion, ComparesRunsOfDigitsAsNumbers) {
     const struct {
@@ -56,21 +48,21 @@ TEST(SystemVersion, LettersAndBlanksAroundTheGivenVersionDoNotCount) {
 }
 
 TEST(SystemVersion, IsThreeNumbersJoinedByPoints) {
-    FixedHost host({10, 6, 8});
+    SimulatedHost host({10, 6, 8});
     EXPECT_EQ(QLGetCurrentSystemString(host), "10.6.8");
 }
 
 TEST(SystemVersion, ComparesTheRunningSystemWithTheGivenVersion) {
-    FixedHost snow({10, 6, 0});
+    SimulatedHost snow({10, 6, 0});
     EXPECT_EQ(QLCompareCurrentSystemVersionWith(snow, "Mac OS X 10.6 "), kDescending);
     EXPECT_EQ(QLCompareCurrentSystemVersionWith(snow, "10.6.0"), kSame);
     EXPECT_EQ(QLCompareCurrentSystemVersionWith(snow, "10.7"), kAscending);
-    FixedHost yosemite({10, 10, 0});
+    SimulatedHost yosemite({10, 10, 0});
     EXPECT_EQ(QLCompareCurrentSystemVersionWith(yosemite, "10.7"), kDescending);
 }
 
 TEST(SystemVersion, IsTheSameAsTheEmptyText) {
-    FixedHost host({10, 6, 0});
+    SimulatedHost host({10, 6, 0});
     EXPECT_EQ(QLCompareCurrentSystemVersionWith(host, ""), kSame);
     // Only the text as given counts as empty, not what is left of it.
     EXPECT_EQ(QLCompareCurrentSystemVersionWith(host, "Tiger"), kDescending);

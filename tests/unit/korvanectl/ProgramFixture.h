@@ -48,9 +48,14 @@ class FakeDaemon : public DaemonLink {
         const std::vector<std::string>& paths) override {
         return handle("delete", paths);
     }
+    [[nodiscard]] Outcome<MailSessionEnd> sendTestMail() override {
+        words.emplace_back(kTestMailWord);
+        return mailEnd;
+    }
 
     DaemonPresence present = DaemonPresence::reachable;
     Outcome<bool> answer = true;
+    Outcome<MailSessionEnd> mailEnd = MailSessionEnd{};
     std::function<void()> onWord;
     std::vector<std::string> words;
     std::deque<bool> answers;  // to the next words, before `answer`
@@ -155,6 +160,13 @@ class KorvanectlTest : public testing::Test {
                 },
             .beMainApplication = [this] { daemon.words.emplace_back("(main application)"); },
             .isTerminal = isTerminal,
+            .ask = [this](const std::string& question, Echo echo) -> std::optional<std::string> {
+                questions.push_back({question, echo});
+                if (answers.empty()) return std::nullopt;
+                std::string answer = answers.front();
+                answers.pop_front();
+                return answer;
+            },
             .json = false,
             .command = {}};
         return runProgram(program, static_cast<int>(arguments.size()), arguments.data());
@@ -191,6 +203,9 @@ class KorvanectlTest : public testing::Test {
     FakeDaemon daemon;
     FakeVolumes volumes;
     Time now{std::chrono::seconds{1767225600}};  // 2026-01-01 00:00:00 UTC
+    // What the person at the terminal types, and what was asked.
+    std::deque<std::string> answers;
+    std::vector<std::pair<std::string, Echo>> questions;
     std::string out;
     std::string err;
 };

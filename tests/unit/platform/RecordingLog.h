@@ -12,6 +12,7 @@ namespace korvane {
 class RecordingLog final : public SystemLog {
   public:
     void write(LogLevel, std::string_view line) override { lines.emplace_back(line); }
+    void writeConfidential(LogLevel, std::string_view) override {}
     std::vector<std::string> lines;
 };
 

@@ -1,0 +1,282 @@
+// Alert mails and the test mail: who sends when, what the user is shown, and what a server that
+// hangs up or falls silent does to the daemon.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "scenarios/DaemonFiles.h"
+#include "support/Scenario.h"
+
+namespace korvane {
+namespace {
+
+using std::chrono::minutes;
+using std::chrono::seconds;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr char kData[] = "/Volumes/Data";
+constexpr char kTestMail[] = "daemonTestSendingEmailNotification";
+constexpr char kConnecting[] = "Korvane Pro is sending a test message.";
+constexpr char kSent[] = "The test message has been sent. Please see whether it arrives.";
+
+// Settings with mail, and a volume that is checked at the first tick.
+void putMailSettings(Scenario& scenario, const Dictionary& more = {}) {
+    Dictionary entry{{"volumeMountToName", kData},
+                     {"volumeOnOff", true},
+                     {"freeSpaceWarningLevel", 10},
+                     {"executionIntervalUsage_minutes", 5}};
+    Dictionary preferences = completePreferences();
+    preferences.set("volumeArray", PropertyListArray{std::move(entry)});
+    preferences.set("volumeUsageEmail", true);
+    preferences.set("emailServer", "mail.example.org");
+    preferences.set("emailPort", "25");
+    preferences.set("emailSubject", "Korvane Pro");
+    preferences.set("emailAddress", "ada@example.org");
+    for (const Dictionary::Entry& setting : more) preferences.set(setting.key, setting.value);
+    putPreferences(scenario, preferences);
+}
+
+Scenario& runningLow(Scenario& scenario) {
+    return scenario.setSpace(kData, 1'000'000'000, 96'000'000);
+}
+
+const SimulatedMailServer& server(Scenario& scenario) { return scenario.machine().mailServer; }
+SimulatedMailServer& script(Scenario& scenario) { return scenario.machine().mailServer; }
+
+MailReply hangUp() { return {.chunks = {}, .thenCloses = true}; }
+
+std::vector<MailOutcome> outcomes(Scenario& scenario) {
+    std::vector<MailOutcome> found;
+    for (const auto& end : scenario.machine().controlConnection.mailSessionEnds()) {
+        found.push_back(end.outcome);
+    }
+    return found;
+}
+
+TEST(AlertMail, TellsOfALowVolumeOncePerEpisode) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    runningLow(s).run(seconds(1));
+    ASSERT_THAT(server(s).messages(), SizeIs(1));
+    const std::string message = server(s).messages()[0];
+    EXPECT_THAT(message, HasSubstr("\r\nTo: ada@example.org\r\nSubject: Korvane Pro\r\n"));
+    EXPECT_THAT(message, HasSubstr("\r\n\tThe volume \u201CData\u201D has only 10% free space "
+                                   "remaining."));
+    EXPECT_THAT(message, HasSubstr("\r\nComputer: studio\r\n"));
+    EXPECT_THAT(message, HasSubstr("\r\nUser: Ada Example\r\n"));
+    EXPECT_THAT(message, HasSubstr("\r\nNetwork addresses: 192.168.1.20\r\n"));
+    s.run(minutes(30));
+    EXPECT_THAT(server(s).messages(), SizeIs(1));
+    s.setSpace(kData, 1'000'000'000, 500'000'000).run(minutes(6));
+    runningLow(s).run(minutes(6));
+    EXPECT_THAT(server(s).messages(), SizeIs(2));
+}
+
+TEST(AlertMail, IsSentAfterTheCheckHasSavedItsResult) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    script(s).setReachability(SimulatedMailServer::Reachability::noAnswer);
+    runningLow(s).run(seconds(1));
+    EXPECT_EQ(usageStatusIn(s, kData), "4");
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("failed"));
+    EXPECT_EQ(server(s).connections(), 1U);
+}
+
+TEST(AlertMail, ShowsNoDialogsOfItsOwn) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    runningLow(s).run(seconds(1));
+    EXPECT_THAT(s.dialogs(), ElementsAre(HasSubstr("free space")));
+}
+
+TEST(AlertMail, CanBeSwitchedOffForTheCheck) {
+    Scenario s("one-volume");
+    putMailSettings(s, {{"volumeUsageEmail", false}});
+    runningLow(s).run(minutes(10));
+    EXPECT_EQ(server(s).connections(), 0U);
+    EXPECT_THAT(s.dialogs(), SizeIs(1));
+}
+
+TEST(AlertMail, DoesNotAskWhetherMailIsEnabledAsAWhole) {
+    Scenario s("one-volume");
+    putMailSettings(s, {{"emailEnabled", false}});
+    runningLow(s).run(seconds(1));
+    EXPECT_THAT(server(s).messages(), SizeIs(1));
+}
+
+TEST(AlertMail, AVolumesNameCannotSpeakToTheServer) {
+    Scenario s("one-volume");
+    s.run(seconds(1));
+    auto mount = s.machine().volumes.describe(kData);
+    ASSERT_TRUE(mount);
+    mount->displayName = "Data\r\n.\r\nMAIL FROM: <mallory@example.org>\r\nx";
+    s.unmount(kData);
+    s.mount(*mount);
+    putMailSettings(s);
+    runningLow(s).send("daemonPreferencesUpdatedNotification").run(minutes(1));
+    ASSERT_THAT(server(s).messages(), SizeIs(1));
+    EXPECT_THAT(server(s).messages()[0],
+                HasSubstr("\tThe volume \u201CData  .  MAIL FROM: <mallory@example.org>  x"));
+}
+
+// ---- The tick -----------------------------------------------------------------------------------
+
+TEST(AlertMail, NothingIsBegunWhileAMailIsOnItsWay) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    s.run(seconds(30));
+    script(s).setReachability(SimulatedMailServer::Reachability::noAnswer);
+    s.send(kTestMail);
+    runningLow(s);
+    s.run(minutes(10));
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed"));
+    EXPECT_THAT(s.pendingDelays(), testing::Not(IsEmpty()));  // ticks go on
+}
+
+TEST(AlertMail, ADroppedConnectionSilencesNeitherTheChecksNorTheNextMail) {
+    for (const char* const command : {"EHLO", "NOOP", "MAIL", "RCPT", "DATA", "message"}) {
+        Scenario s("one-volume");
+        putMailSettings(s);
+        script(s).setReplies(command, {hangUp()});
+        runningLow(s).run(minutes(1));
+        EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::dropped)) << command;
+        s.run(minutes(10));
+        EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(testing::Ge(2U))) << command;
+
+        script(s).setReplies(
+            command,
+            {{.chunks = {std::string_view{command} == "DATA" ? "354 go on\r\n" : "250 OK\r\n"}}});
+        s.setSpace(kData, 1'000'000'000, 500'000'000).run(minutes(6));
+        const std::size_t before = server(s).messages().size();
+        runningLow(s).run(minutes(6));
+        EXPECT_THAT(server(s).messages(), SizeIs(before + 1)) << command;
+        EXPECT_EQ(outcomes(s).back(), MailOutcome::sent) << command;
+    }
+}
+
+TEST(AlertMail, AServerThatFallsSilentIsOvercomeWhenItHangsUp) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    script(s).setReplies("RCPT", {MailReply{}});
+    runningLow(s).run(minutes(1));
+    EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::dropped));
+    s.run(minutes(20));
+    EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(testing::Ge(3U)));
+}
+
+TEST(AlertMail, ACheckThatCannotMailGoesOnWithItsWork) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    s.run(seconds(30));
+    script(s).setReachability(SimulatedMailServer::Reachability::noAnswer);
+    s.send(kTestMail).run(seconds(1));
+    s.send(kTestMail);  // waits for a minute in vain
+    EXPECT_EQ(s.answer(), Scenario::Answer::yes);
+    EXPECT_THAT(s.log(), Contains("QLSMTPAquireLockTimeoutException: SMTP controller failed to "
+                                  "aquire lock!"));
+    EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::busy));
+}
+
+// ---- The test mail ------------------------------------------------------------------------------
+
+TEST(TestMail, ShowsConnectingThenSentAndNoDialogsAfterThat) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    s.run(seconds(30)).send(kTestMail);
+    EXPECT_EQ(s.answer(), Scenario::Answer::yes);
+    EXPECT_THAT(s.dialogs(), ElementsAre(kConnecting));
+    s.run(seconds(1));
+    EXPECT_THAT(s.dialogs(), ElementsAre(kConnecting, kSent));
+    EXPECT_THAT(s.dialogsOnScreen(), ElementsAre(kSent));
+    ASSERT_THAT(server(s).messages(), SizeIs(1));
+    EXPECT_THAT(server(s).messages()[0], HasSubstr("\tThis is a test."));
+    EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::sent));
+    s.run(seconds(5));
+    EXPECT_THAT(s.dialogsOnScreen(), IsEmpty());
+    runningLow(s).run(minutes(6));
+    EXPECT_THAT(server(s).messages(), SizeIs(2));
+    EXPECT_THAT(s.dialogs(), SizeIs(3));  // the warning about the volume alone
+}
+
+TEST(TestMail, ItsDialogsHaveTheseParts) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    s.run(seconds(30)).send(kTestMail).run(seconds(1));
+    const auto& shown = s.machine().alertDialogs.shown();
+    ASSERT_THAT(shown, SizeIs(2));
+    EXPECT_EQ(shown[0].alert.header, "Connecting to the Mail Server");
+    EXPECT_EQ(shown[0].alert.defaultButton, std::nullopt);
+    EXPECT_EQ(shown[0].alert.level, AlertLevel::note);
+    EXPECT_EQ(shown[0].alert.timeOut, seconds(5));
+    EXPECT_EQ(shown[1].alert.header, "Message Sent");
+    EXPECT_EQ(shown[1].alert.defaultButton, "OK");
+    EXPECT_EQ(shown[1].alert.level, AlertLevel::note);
+    EXPECT_EQ(shown[1].alert.timeOut, seconds(5));
+}
+
+TEST(TestMail, ShowsWhyItFailed) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    script(s).setGreeting(std::nullopt);
+    s.run(seconds(30)).send(kTestMail).run(seconds(5));
+    ASSERT_THAT(s.dialogs(), ElementsAre(kConnecting, HasSubstr("Try double-checking")));
+    const Alert& failed = s.machine().alertDialogs.shown()[1].alert;
+    EXPECT_EQ(failed.header, "Sending Failed");
+    EXPECT_EQ(failed.defaultButton, "OK");
+    EXPECT_EQ(failed.level, AlertLevel::caution);
+    EXPECT_EQ(failed.timeOut, seconds(5));
+}
+
+TEST(TestMail, WithoutAServerShowsOnlyThatItFailed) {
+    Scenario s("one-volume");
+    putMailSettings(s, {{"emailServer", ""}});
+    s.run(seconds(30)).send(kTestMail).run(seconds(1));
+    EXPECT_THAT(s.dialogs(), ElementsAre("Failed to connect to SMTP server  on port 25"));
+    EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::failed));
+}
+
+TEST(TestMail, ARefusalShowsNothingAndKeepsTheDialogsForTheNextMail) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    script(s).setReplies("RCPT", {{.chunks = {"550 unknown\r\n"}}, {.chunks = {"250 OK\r\n"}}});
+    s.run(seconds(30));
+    script(s).setReplies("RCPT", {{.chunks = {"550 unknown\r\n"}}});
+    s.send(kTestMail).run(seconds(1));
+    EXPECT_THAT(s.dialogs(), ElementsAre(kConnecting));
+    EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::refused));
+    script(s).setReplies("RCPT", {{.chunks = {"250 OK\r\n"}}});
+    runningLow(s).run(minutes(6));
+    EXPECT_THAT(s.dialogs(), ElementsAre(kConnecting, HasSubstr("free space"), kConnecting, kSent));
+}
+
+TEST(TestMail, TheDialogsOutliveAConnectionThatWasDropped) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    s.run(seconds(30));
+    script(s).setReplies("MAIL", {hangUp()});
+    s.send(kTestMail).run(seconds(1));
+    EXPECT_THAT(s.dialogs(), ElementsAre(kConnecting));
+    script(s).setReplies("MAIL", {{.chunks = {"250 OK\r\n"}}});
+    s.send(kTestMail).run(seconds(1));
+    EXPECT_THAT(s.dialogs(), ElementsAre(kConnecting, kConnecting, kSent));
+    EXPECT_THAT(s.dialogsOnScreen(), ElementsAre(kSent));
+}
+
+TEST(TestMail, IsSentWithoutSettingsLikeAnyOther) {
+    Scenario s("one-volume");
+    s.put("/Library/Application Support/Korvane Protection/KorvaneProtection.plist", "no settings");
+    s.run(seconds(30)).send(kTestMail).run(seconds(1));
+    EXPECT_EQ(server(s).connections(), 0U);
+    EXPECT_EQ(s.answer(), Scenario::Answer::yes);
+}
+
+}  // namespace
+}  // namespace korvane

@@ -1,0 +1,283 @@
+// The steps of a session: what is sent on which reply, and what is passed over.
+
+#include "mail/SmtpSteps.h"
+#include "unit/mail/MailSession.h"
+
+namespace korvane {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
+
+using SmtpConversation = MailSession;
+
+TEST_F(SmtpConversation, SendsAMessageWithoutLogin) {
+    send(settings());
+    EXPECT_THAT(commands(),
+                ElementsAre("EHLO studio.example.org", "NOOP", "MAIL FROM: <ada@example.org>",
+                            "RCPT TO: <ada@example.org>", "DATA", "message", "QUIT"));
+    EXPECT_THAT(progress(), ElementsAre(kQLSMTPBeginConnection, kQLSMTPSentEmail));
+    EXPECT_TRUE(controller_->emailSentSuccessfully());
+    EXPECT_FALSE(controller_->emailSendIsBusy());
+    EXPECT_FALSE(controller_->smtpError());
+    EXPECT_FALSE(controller_->peerHasGone());
+    EXPECT_EQ(machine_.mailServer.openStreams(), 0U);
+    EXPECT_EQ(machine_.mailServer.lastHost(), "mail.example.org");
+    EXPECT_EQ(machine_.mailServer.lastPort(), 25);
+    ASSERT_THAT(ends_, SizeIs(1));
+    EXPECT_EQ(ends_[0].outcome, MailOutcome::sent);
+}
+
+TEST_F(SmtpConversation, PostsOneReplyForEachChunk) {
+    send(settings());
+    EXPECT_EQ(std::count(notifications_.begin(), notifications_.end(), kQLRecievedSMTPResponse), 8);
+}
+
+TEST_F(SmtpConversation, LogsInWithTheStoredFormOfNameAndPassword) {
+    send(withLogin());
+    EXPECT_THAT(commands(), ElementsAre("EHLO studio.example.org", "NOOP", "AUTH LOGIN",
+                                        "Z3JhY2VAZXhhbXBsZS5vcmc=", "c2VjcmV0",
+                                        "MAIL FROM: <grace@example.org>",
+                                        "RCPT TO: <ada@example.org>", "DATA", "message", "QUIT"));
+}
+
+TEST_F(SmtpConversation, UpgradesToTlsAndLogsInWithoutASecondHello) {
+    send(withLogin({{"emailUseSSLAuthentication", true}, {"emailPort", "587"}}));
+    const auto& received = machine_.mailServer.received();
+    EXPECT_THAT(commands(), ElementsAre("EHLO studio.example.org", "STARTTLS", "AUTH LOGIN",
+                                        "Z3JhY2VAZXhhbXBsZS5vcmc=", "c2VjcmV0",
+                                        "MAIL FROM: <grace@example.org>",
+                                        "RCPT TO: <ada@example.org>", "DATA", "message", "QUIT"));
+    for (std::size_t i = 0; i < received.size(); ++i) {
+        EXPECT_EQ(received[i].isUnderTls, i >= 2) << received[i].text;
+    }
+}
+
+TEST_F(SmtpConversation, GoesOnWithoutTlsWhereTheServerAnswersTheUpgradeBy250) {
+    machine_.mailServer.setReplies("STARTTLS", {reply("250 as you like")});
+    send(withLogin({{"emailUseSSLAuthentication", true}, {"emailPort", "587"}}));
+    EXPECT_THAT(commands(), testing::Contains("AUTH LOGIN"));
+    EXPECT_FALSE(machine_.mailServer.received().back().isUnderTls);
+}
+
+TEST_F(SmtpConversation, SpeaksTlsFromTheFirstByteOnPort465) {
+    send(withLogin({{"emailUseSSLAuthentication", true}, {"emailPort", "465"}}));
+    EXPECT_EQ(commands()[1], "NOOP");
+    for (const auto& line : machine_.mailServer.received()) EXPECT_TRUE(line.isUnderTls);
+}
+
+TEST_F(SmtpConversation, UsesNoTlsWithoutLogin) {
+    for (const char* const port : {"587", "465"}) {
+        send(settings({{"emailUseSSLAuthentication", true}, {"emailPort", port}}));
+    }
+    EXPECT_THAT(commands(), Not(testing::Contains("STARTTLS")));
+    for (const auto& line : machine_.mailServer.received()) EXPECT_FALSE(line.isUnderTls);
+    EXPECT_THAT(machine_.mailServer.messages(), SizeIs(2));
+}
+
+TEST_F(SmtpConversation, NamesEachRecipientInItsOrder) {
+    for (int session = 0; session < 2; ++session) {
+        send(settings({{"emailAddress", "a@x.org, b@x.org,c@x.org"}}));
+    }
+    std::vector<std::string> recipients;
+    for (const std::string& line : commands()) {
+        if (line.starts_with("RCPT")) recipients.push_back(line);
+    }
+    EXPECT_THAT(recipients,
+                ElementsAre("RCPT TO: <a@x.org>", "RCPT TO: <b@x.org>", "RCPT TO: <c@x.org>",
+                            "RCPT TO: <a@x.org>", "RCPT TO: <b@x.org>", "RCPT TO: <c@x.org>"));
+    EXPECT_THAT(machine_.mailServer.messages(), SizeIs(2));
+}
+
+// ---- Replies ------------------------------------------------------------------------------------
+
+TEST_F(SmtpConversation, TakesOnlyTheFirstLineOfAChunk) {
+    machine_.mailServer.setReplies("MAIL", {reply("250-first\r\n550 second")});
+    send(settings());
+    EXPECT_THAT(machine_.mailServer.messages(), SizeIs(1));
+}
+
+TEST_F(SmtpConversation, TakesEachChunkAsAReply) {
+    // The second chunk of the greeting is a reply to EHLO as far as the session can tell.
+    machine_.mailServer.setGreeting(MailReply{.chunks = {"220-one\r\n", "220 two\r\n"}});
+    machine_.mailServer.setReplies("EHLO", {MailReply{}});
+    send(settings());
+    EXPECT_THAT(machine_.mailServer.messages(), SizeIs(1));
+}
+
+TEST_F(SmtpConversation, PassesOverWhatDoesNotFitTheStep) {
+    const struct {
+        const char* command;
+        std::vector<std::string> chunks;
+    } rows[] = {
+        {"EHLO", {"421 wait\r\n", "250 OK\r\n"}},    {"NOOP", {"421 wait\r\n", "250 OK\r\n"}},
+        {"AUTH", {"235 what\r\n", "334 go\r\n"}},    {"MAIL", {"451 wait\r\n", "250 OK\r\n"}},
+        {"RCPT", {"451 wait\r\n", "250 OK\r\n"}},    {"DATA", {"451 wait\r\n", "354 go\r\n"}},
+        {"message", {"451 wait\r\n", "250 OK\r\n"}},
+    };
+    std::size_t sent = 0;
+    for (const auto& row : rows) {
+        machine_.mailServer.setReplies(row.command, {MailReply{.chunks = row.chunks}});
+        send(withLogin());
+        EXPECT_THAT(machine_.mailServer.messages(), SizeIs(++sent)) << row.command;
+    }
+}
+
+TEST_F(SmtpConversation, AnEhloThatIsRefusedIsPassedOver) {
+    machine_.mailServer.setReplies(
+        "EHLO", {MailReply{.chunks = {"502 what is that?\r\n", "250 all right\r\n"}}});
+    send(settings());
+    EXPECT_THAT(machine_.mailServer.messages(), SizeIs(1));
+    EXPECT_FALSE(controller_->smtpError());
+}
+
+TEST_F(SmtpConversation, EveryOtherRefusalEndsTheSessionWithoutANotification) {
+    const struct {
+        const char* command;
+        int step;
+    } rows[] = {{"NOOP", kStepStartTls},   {"AUTH", kStepLogin}, {"MAIL", kStepMailFrom},
+                {"RCPT", kStepRecipients}, {"DATA", kStepData},  {"message", kStepMessage}};
+    for (const auto& row : rows) {
+        SimulatedMailServer& server = machine_.mailServer;
+        const std::size_t before = notifications_.size();
+        server.setReplies(row.command, {reply("550 no, thank you")});
+        send(withLogin());
+        ASSERT_TRUE(controller_->smtpError()) << row.command;
+        EXPECT_EQ(controller_->smtpError()->domain, "com.quorlen.protectiontool.smtp");
+        EXPECT_EQ(controller_->smtpError()->code, 550);
+        EXPECT_EQ(controller_->smtpError()->description,
+                  "There was an error talking to the SMTP server");
+        EXPECT_EQ(controller_->smtpError()->recoverySuggestion, "550 no, thank you");
+        EXPECT_FALSE(controller_->emailSendIsBusy());
+        EXPECT_EQ(server.openStreams(), 0U);
+        EXPECT_EQ(ends_.back().outcome, MailOutcome::refused);
+        EXPECT_EQ(ends_.back().step, row.step) << row.command;
+        EXPECT_EQ(ends_.back().text, "550 no, thank you");
+        EXPECT_EQ(std::count(notifications_.begin() + static_cast<std::ptrdiff_t>(before),
+                             notifications_.end(), kQLSMTPError),
+                  0);
+        server.setReplies(row.command, {});
+        machine_.mailServer.setReplies("NOOP", {reply("250 OK")});
+        machine_.mailServer.setReplies("AUTH", {reply("334 VXNlcm5hbWU6")});
+        machine_.mailServer.setReplies("MAIL", {reply("250 OK")});
+        machine_.mailServer.setReplies("RCPT", {reply("250 OK")});
+        machine_.mailServer.setReplies("DATA", {reply("354 go on")});
+    }
+}
+
+TEST_F(SmtpConversation, ARefusedRecipientMeansNoMessageWasSent) {
+    machine_.mailServer.setReplies("RCPT", {reply("550 unknown")});
+    send(settings());
+    EXPECT_THAT(progress(), ElementsAre(kQLSMTPBeginConnection));
+    EXPECT_FALSE(controller_->emailSentSuccessfully());
+}
+
+TEST_F(SmtpConversation, AWrongPasswordHasTheServersOwnCode) {
+    machine_.mailServer.setReplies("login", {reply("334 UGFzc3dvcmQ6"), reply("535 wrong")});
+    send(withLogin());
+    ASSERT_TRUE(controller_->smtpError());
+    EXPECT_EQ(controller_->smtpError()->code, 535);
+    EXPECT_EQ(ends_.back().step, kStepPassword);
+}
+
+TEST_F(SmtpConversation, AnyOtherReplyToThePasswordIsAConnectionError) {
+    machine_.mailServer.setReplies("login", {reply("334 UGFzc3dvcmQ6"), reply("334 again?")});
+    send(withLogin());
+    ASSERT_TRUE(controller_->smtpError());
+    EXPECT_EQ(controller_->smtpError()->code, kSmtpErrorGeneric);
+    EXPECT_THAT(suggestions_,
+                ElementsAre("Failed to connect to SMTP server mail.example.org on port 25"));
+}
+
+TEST_F(SmtpConversation, AnyReplyToTheEndEndsTheSession) {
+    machine_.mailServer.setReplies("QUIT", {reply("500 that was one line too many")});
+    send(settings());
+    EXPECT_EQ(machine_.mailServer.openStreams(), 0U);
+    EXPECT_EQ(ends_.back().outcome, MailOutcome::sent);
+    EXPECT_FALSE(controller_->peerHasGone());
+}
+
+TEST_F(SmtpConversation, AReplyBeyondAsciiEndsTheSession) {
+    machine_.mailServer.setGreeting(reply("220 Gr\xC3\xBC\xC3\x9F Gott"));
+    send(settings());
+    EXPECT_THAT(suggestions_,
+                ElementsAre("Failed to connect to SMTP server mail.example.org on port 25"));
+    EXPECT_EQ(machine_.mailServer.openStreams(), 0U);
+}
+
+TEST_F(SmtpConversation, AReplyOfOneByteAtATimeFitsNoStep) {
+    machine_.mailServer.setGreeting(MailReply{.chunks = {"2", "2", "0", " ", "\r", "\n"}});
+    send(settings());
+    EXPECT_THAT(commands(), IsEmpty());
+    EXPECT_TRUE(controller_->peerHasGone());  // the server has lost its patience
+}
+
+// ---- Who sends ----------------------------------------------------------------------------------
+
+TEST_F(SmtpConversation, ALoginNameThatIsNoAddressIsLoggedAndTheFirstRecipientSends) {
+    send(withLogin({{"emailUserName", NewBase64Encode("grace", LineSeparation::on)}}));
+    EXPECT_THAT(log(), testing::Contains("username: grace is not detected as an email address."));
+    EXPECT_THAT(commands(), testing::Contains("MAIL FROM: <ada@example.org>"));
+}
+
+TEST_F(SmtpConversation, WithoutLoginTheFirstRecipientSendsWhateverTheName) {
+    send(settings({{"emailUserName", NewBase64Encode("grace@example.org", LineSeparation::on)},
+                   {"emailAddress", "b@x.org,a@x.org"}}));
+    EXPECT_THAT(commands(), testing::Contains("MAIL FROM: <b@x.org>"));
+    EXPECT_THAT(machine_.mailServer.messages()[0],
+                HasSubstr("From: b@x.org\r\nTo: b@x.org, a@x.org"));
+}
+
+TEST_F(SmtpConversation, WithoutRecipientsTheSessionEndsInAConnectionError) {
+    Dictionary none = settings();
+    none.remove("emailAddress");
+    for (const Dictionary& configuration :
+         {settings({{"emailAddress", ""}}), none,
+          settings({{"emailAddress", PropertyListArray{"a@x.org"}}})}) {
+        suggestions_.clear();
+        send(configuration);
+        EXPECT_THAT(suggestions_,
+                    ElementsAre("Failed to connect to SMTP server mail.example.org on port 25"));
+        EXPECT_FALSE(controller_->emailSendIsBusy());
+    }
+    EXPECT_THAT(machine_.mailServer.messages(), IsEmpty());
+}
+
+TEST_F(SmtpConversation, WithoutNameOrPasswordNothingIsSentInTheirPlace) {
+    Dictionary configuration = withLogin();
+    configuration.remove("emailUserName");
+    machine_.mailServer.setReplies("AUTH",
+                                   {MailReply{.chunks = {"334 name\r\n", "334 password\r\n"}}});
+    // The server takes MAIL for the second line of the login.
+    machine_.mailServer.setReplies("login", {reply("235 accepted"), reply("250 OK")});
+    send(configuration);
+    EXPECT_THAT(commands(), testing::Contains("c2VjcmV0"));
+    EXPECT_THAT(machine_.mailServer.messages(), SizeIs(1));
+}
+
+TEST_F(SmtpConversation, SendsTextBeyondAsciiAndNotesItsLength) {
+    machine_.host.setHostName(
+        "k\xC3\xBC"
+        "che\xF0\x9F\x92\xBE");
+    send(settings());
+    EXPECT_EQ(commands()[0],
+              "EHLO k\xC3\xBC"
+              "che\xF0\x9F\x92\xBE");
+    // "EHLO küche", a character of two UTF-16 units, and the line's end.
+    EXPECT_EQ(log()[0], "strlen(rawText): 17 && [streamedText length]: 14");
+}
+
+TEST_F(SmtpConversation, TheMessageEndsWithAPointAndOneMoreEmptyLine) {
+    send(settings());
+    // The server's line is without the end that the client appends to each.
+    EXPECT_THAT(machine_.mailServer.messages()[0], testing::EndsWith("fails.\r\n\r\n.\r\n"));
+    EXPECT_THAT(machine_.mailServer.messages()[0],
+                StartsWith("Content-Type: text/plain;charset=UTF-8;\r\nDate: "));
+}
+
+}  // namespace
+}  // namespace korvane
