@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace korvane {
 
@@ -24,16 +25,23 @@ constexpr std::array<std::uint8_t, 256> kSymbols = [] {
     return symbols;
 }();
 
+// The two characters of every twelve bits: half of the look-ups of one character each.
+constexpr std::array<std::array<char, 2>, 4096> kPairs = [] {
+    std::array<std::array<char, 2>, 4096> pairs{};
+    for (std::size_t bits = 0; bits < pairs.size(); ++bits) {
+        pairs[bits] = {kAlphabet[bits >> 6], kAlphabet[bits & 0x3F]};
+    }
+    return pairs;
+}();
+
 std::uint32_t byteAt(std::string_view bytes, std::size_t index) {
     return static_cast<unsigned char>(bytes[index]);
 }
 
 char* encodeGroup(std::uint32_t threeBytes, char* out) {
-    *out++ = kAlphabet[threeBytes >> 18];
-    *out++ = kAlphabet[threeBytes >> 12 & 0x3F];
-    *out++ = kAlphabet[threeBytes >> 6 & 0x3F];
-    *out++ = kAlphabet[threeBytes & 0x3F];
-    return out;
+    std::memcpy(out, kPairs[threeBytes >> 12].data(), 2);
+    std::memcpy(out + 2, kPairs[threeBytes & 0xFFF].data(), 2);
+    return out + 4;
 }
 
 char* encodeLine(std::string_view bytes, char* out) {

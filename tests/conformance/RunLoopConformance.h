@@ -60,6 +60,26 @@ TEST_P(RunLoopConformance, FiresTimersInTheOrderOfTheirDelays) {
     EXPECT_THAT(called_, testing::ElementsAre(1, 2, 3));
 }
 
+TEST_P(RunLoopConformance, ALockHasOneHolderAtATime) {
+    const std::unique_ptr<HandoverLock> lock = loop().makeLock();
+    lock->release();  // nobody held it: the next holder is still the only one
+    EXPECT_TRUE(lock->take(microseconds{0}));
+    const std::uint64_t start = now();
+    EXPECT_FALSE(lock->take(milliseconds{30}));
+    EXPECT_GE(now(), start + 29000);
+    lock->release();
+    lock->release();
+    EXPECT_TRUE(lock->take(milliseconds{30}));
+    EXPECT_FALSE(lock->take(microseconds{0}));
+}
+
+TEST_P(RunLoopConformance, AnyThreadMayReleaseALock) {
+    const std::unique_ptr<HandoverLock> lock = loop().makeLock();
+    ASSERT_TRUE(lock->take(microseconds{0}));
+    std::thread([&lock] { lock->release(); }).join();
+    EXPECT_TRUE(lock->take(microseconds{0}));
+}
+
 TEST_P(RunLoopConformance, NeverFiresATimerEarly) {
     const std::uint64_t start = now();
     std::uint64_t firedAt = 0;

@@ -105,7 +105,8 @@ TEST_F(MailCommands, ShowsThatNothingIsSetYet) {
 }
 
 TEST_F(MailCommands, SaysThatTheServerHasTakenTheTestMail) {
-    daemon.mailEnd = MailSessionEnd{.outcome = MailOutcome::sent, .step = 11, .text = "221 bye"};
+    daemon.mailEnd =
+        MailSessionEnd{.sender = "", .outcome = MailOutcome::sent, .step = 11, .text = "221 bye"};
     EXPECT_EQ(run({"test-mail"}), 0);
     EXPECT_THAT(out, HasSubstr("has taken the test mail"));
     EXPECT_THAT(err, IsEmpty());

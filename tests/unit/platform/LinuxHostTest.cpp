@@ -54,6 +54,30 @@ TEST(LinuxHost, PrefersTheFileInEtcToTheVendors) {
     EXPECT_EQ(numbersOf(LinuxHost(root.path()).systemVersion()), (Numbers{12, 1, 0}));
 }
 
+TEST(LinuxHost, HasTheSystemsOwnWordsForItsVersion) {
+    const TemporaryFolder root;
+    EXPECT_EQ(LinuxHost(root.path()).systemVersionText(), "Linux");
+    root.write("etc/os-release", "PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\nVERSION_ID=12\n");
+    EXPECT_EQ(LinuxHost(root.path()).systemVersionText(), "Debian GNU/Linux 12 (bookworm)");
+}
+
+TEST(LinuxHost, IsKnownOnItsLinkByTheFirstPartOfItsName) {
+    LinuxHost host;
+    const std::vector<std::string> names = host.names();
+    ASSERT_FALSE(names.empty());
+    EXPECT_EQ(names[0], host.hostName());
+    if (names.size() > 1) {
+        EXPECT_EQ(names[1], names[0].substr(0, names[0].find('.')) + ".local");
+    }
+}
+
+TEST(LinuxHost, KnowsUsersByTheirShortNames) {
+    LinuxHost host;
+    EXPECT_TRUE(host.fullUserName("root"));
+    EXPECT_EQ(host.fullUserName("no such user"), std::nullopt);
+    EXPECT_FALSE(host.ownFullUserName().empty());
+}
+
 TEST(LinuxHost, CountsAsModernWithoutAnyFile) {
     const TemporaryFolder root;
     EXPECT_EQ(numbersOf(LinuxHost(root.path()).systemVersion()), (Numbers{11, 0, 0}));
