@@ -44,6 +44,7 @@ class NoConnection final : public ControlConnection {
 class NoLog final : public SystemLog {
   public:
     void write(LogLevel /*level*/, std::string_view /*line*/) override {}
+    void writeConfidential(LogLevel /*level*/, std::string_view /*line*/) override {}
 };
 class NoDialogs final : public AlertDialogs {
   public:
