@@ -64,7 +64,8 @@ void runDaemon() {
                              .controlConnection = connection,
                              .host = simulated.host,
                              .alertDialogs = simulated.alertDialogs,
-                             .bundle = simulated.bundle}};
+                             .bundle = simulated.bundle,
+                             .socketStreams = simulated.mailServer}};
     daemon.awakeFromNib();
     loop.run();
 }

@@ -24,6 +24,7 @@
 #include "platform/linux/LinuxHost.h"
 #include "platform/linux/LinuxPowerSources.h"
 #include "platform/linux/LinuxRunLoop.h"
+#include "platform/linux/LinuxSocketStreams.h"
 #include "platform/linux/LinuxVolumes.h"
 
 namespace korvane {
@@ -123,6 +124,7 @@ struct Parts {
     LinuxHost host;
     NoDialogs dialogs;
     LinuxBundle bundle;
+    LinuxSocketStreams streams{loop, bundle};
     KorvaneProDaemon daemon;
 
     explicit Parts(const std::string& root)
@@ -146,7 +148,8 @@ struct Parts {
                   .controlConnection = connection,
                   .host = host,
                   .alertDialogs = dialogs,
-                  .bundle = bundle}) {}
+                  .bundle = bundle,
+                  .socketStreams = streams}) {}
 
     // Runs the daemon for this long, doing something on the way.
     void runFor(milliseconds length, const RunLoop::Callback& begin, const RunLoop::Callback& end) {

@@ -269,9 +269,8 @@ Outcome<MailSessionEnd> BusLink::sendTestMail() {
                            "the daemon has not told what became of the test mail; see its log "
                            "with: journalctl -u korvane-pro"};
         }
-        if (processed < 0 ||
-            (processed == 0 &&
-             sd_bus_wait(bus_.get(), static_cast<std::uint64_t>(left.count())) < 0)) {
+        if (processed < 0 || (processed == 0 && sd_bus_wait(bus_.get(), static_cast<std::uint64_t>(
+                                                                            left.count())) < 0)) {
             return Failure{ExitStatus::noDaemon, "the connection to the daemon broke"};
         }
     }
