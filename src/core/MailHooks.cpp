@@ -1,6 +1,8 @@
 // The daemon and its mail client: who sends what, what becomes of a client that hangs, and the
 // dialogs about a test mail.
 
+#include <algorithm>
+
 #include "base/Format.h"
 #include "core/KorvaneProDaemon.h"
 
@@ -9,6 +11,14 @@ namespace korvane {
 namespace {
 
 constexpr std::chrono::seconds kMailDialogTimeOut{5};
+
+// A volume is named by whoever formatted it, a drive by whoever built it: a name of several lines
+// could end the message early and go on with commands to the mail server.
+std::string onOneLine(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n'; }, ' ');
+    return text;
+}
 
 }  // namespace
 
@@ -31,7 +41,7 @@ bool KorvaneProDaemon::emailSendIsBusy() const {
 
 void KorvaneProDaemon::mailWarning(const std::string& message, const std::string& sender) {
     if (stringValue(preference("emailAddress")).empty()) return;
-    sendAlertMail(message, sender);
+    sendAlertMail(onOneLine(message), sender);
 }
 
 void KorvaneProDaemon::sendAlertMail(const std::string& message, const std::string& sender) {

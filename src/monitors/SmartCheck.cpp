@@ -87,6 +87,8 @@ void KorvaneProDaemon::warnOfFailingDrive(const CheckedDrive& drive) {
     machine_.systemLog.write(LogLevel::warning, formatText("SMART is reporting failing for %s.",
                                                            {std::string_view(drive.path)}));
     showWarningDialog(message);
+    // At once, unlike the usage check's: the drive may not be there for long.
+    mailWarning(message, kSenderSmartCheck);
 }
 
 // Once: what an administrator has not granted now is not granted in an hour.

@@ -20,14 +20,6 @@ constexpr char kEmergencyVolumeName[] = "Ostrand";
 // The history log of this check.
 constexpr std::int16_t kUsageLog = 2;
 
-// A volume is named by whoever formatted it: a name of several lines could end the message early
-// and go on with commands to the mail server.
-std::string onOneLine(std::string name) {
-    std::replace_if(
-        name.begin(), name.end(), [](char c) { return c == '\r' || c == '\n'; }, ' ');
-    return name;
-}
-
 }  // namespace
 
 void KorvaneProDaemon::volumeUsageCheck(std::size_t index) {
@@ -88,9 +80,8 @@ void KorvaneProDaemon::measureVolumeUsage(const std::string& path, VolumeEntry& 
 }
 
 void KorvaneProDaemon::mailUsageWarning(const std::string& displayName, float percentFree) {
-    const std::string name = onOneLine(displayName);
     mailWarning(formatText(localized("percentFreeSpaceRemaining"),
-                           {std::string_view(name), double{percentFree}}),
+                           {std::string_view(displayName), double{percentFree}}),
                 kSenderVolumeUsage);
 }
 

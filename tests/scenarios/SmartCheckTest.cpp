@@ -92,6 +92,27 @@ TEST(SmartCheck, WarnsOfAFailingDriveAndStillSetsItsStatusToPassed) {
                                                HasSubstr("/dev/disk1"))));
 }
 
+TEST(SmartCheck, MailsAboutAFailingDriveOnEveryRun) {
+    Scenario s(oneDrive());
+    s.run(seconds(1)).editPreferences([](Dictionary& settings) {
+        settings.set("emailServer", "mail.example.org");
+        settings.set("emailPort", "25");
+        settings.set("emailAddress", "ada@example.org");
+    });
+    s.send("daemonPreferencesUpdatedNotification");
+    s.age("disk1 drive", DriveCondition::failing).run(seconds(30));
+    ASSERT_EQ(s.machine().mailServer.messages().size(), 1U);
+    EXPECT_THAT(s.machine().mailServer.messages()[0],
+                AllOf(HasSubstr("Castor 500"), HasSubstr("CST1"), HasSubstr("/dev/disk1")));
+    s.run(std::chrono::hours(2));
+    EXPECT_GE(s.machine().mailServer.messages().size(), 2U);
+    s.editPreferences([](Dictionary& settings) { settings.set("SMARTCheckEmail", false); });
+    s.send("daemonPreferencesUpdatedNotification");
+    const std::size_t before = s.machine().mailServer.messages().size();
+    s.run(std::chrono::hours(2));
+    EXPECT_EQ(s.machine().mailServer.messages().size(), before);
+}
+
 TEST(SmartCheck, KeepsTheStatusOfTheLastPassAlone) {
     Scenario s(oneDrive("disk24"));
     s.age("disk24 drive", DriveCondition::failing).run(seconds(15));
