@@ -60,7 +60,7 @@ std::string attribute(const std::string& line, const std::string& name) {
 
 // The methods of the daemon's own interface in introspection data, one tag a line, each as
 // "name(direction type name, ...)".
-std::vector<std::string> methodsIn(const std::string& xml) {
+std::vector<std::string> membersIn(const std::string& xml) {
     std::vector<std::string> methods;
     std::istringstream lines(xml);
     bool isOurs = false;
@@ -69,13 +69,17 @@ std::vector<std::string> methodsIn(const std::string& xml) {
             isOurs = attribute(line, "name") == "com.quorlen.KorvaneProDaemon";
         }
         if (!isOurs) continue;
-        if (line.find("<method ") != std::string::npos) {
+        if (line.find("<method ") != std::string::npos ||
+            line.find("<signal ") != std::string::npos) {
             methods.push_back(attribute(line, "name") + "()");
         } else if (line.find("<arg ") != std::string::npos) {
             std::string& method = methods.back();
             method.pop_back();
-            method += (method.back() == '(' ? "" : ", ") + attribute(line, "direction") + " " +
-                      attribute(line, "type") + " " + attribute(line, "name") + ")";
+            // The arguments of a signal have no direction.
+            std::string direction = attribute(line, "direction");
+            if (!direction.empty()) direction += " ";
+            method += (method.back() == '(' ? "" : ", ") + direction + attribute(line, "type") +
+                      " " + attribute(line, "name") + ")";
         }
     }
     return methods;
@@ -198,10 +202,12 @@ TEST_F(ControlConnectionTest, ShowsTheInterfaceThatIsInstalledWithIt) {
             .output;
     std::ifstream file(KORVANE_SOURCE_DIR "/packaging/dbus/com.quorlen.KorvaneProDaemon.xml");
     const std::string installed{std::istreambuf_iterator<char>{file}, {}};
-    EXPECT_THAT(methodsIn(shown), ElementsAre("messageXmitRcvr(in s word, out b answer)",
+    EXPECT_THAT(membersIn(shown), ElementsAre("messageXmitRcvr(in s word, out b answer)",
                                               "messageDoCreateItems(in as paths)",
-                                              "messageDoDeleteItems(in as paths)"));
-    EXPECT_EQ(methodsIn(installed), methodsIn(shown));
+                                              "messageDoDeleteItems(in as paths)",
+                                              "mailSessionEnded(s sender, s outcome, i step, "
+                                              "s text)"));
+    EXPECT_EQ(membersIn(installed), membersIn(shown));
     EXPECT_THAT(shown, HasSubstr("<interface name=\"com.quorlen.KorvaneProDaemon\">"));
     EXPECT_THAT(installed, HasSubstr("<interface name=\"com.quorlen.KorvaneProDaemon\">"));
 }
