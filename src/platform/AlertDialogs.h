@@ -1,5 +1,5 @@
-// System alert dialogs for the user at the console. Showing one never waits: not for the answer, and
-// not for a desktop that is absent or hangs.
+// System alert dialogs for the user at the console. Showing one never waits: not for the answer,
+// and not for a desktop that is absent or hangs.
 #pragma once
 
 #include <chrono>

@@ -71,7 +71,7 @@ void addTrashCommands(CLI::App& app, Program& program);    // trash
 void addTrashRecovery(CLI::App& group, Program& program);  // recover, within trash
 // start, stop, wait, free-space, emergency, create, delete, send
 void addControlCommands(CLI::App& app, Program& program);
-void addMailCommands(CLI::App& app, Program& program);     // mail show, mail set, test-mail
+void addMailCommands(CLI::App& app, Program& program);  // mail show, mail set, test-mail
 
 // Understands and carries out one command line; what it answers is the process's exit status.
 [[nodiscard]] int runProgram(Program& program, int argumentCount, const char* const* arguments);

@@ -11,8 +11,8 @@
 #include <exception>
 #include <iostream>
 #include <optional>
-#include <thread>
 #include <string>
+#include <thread>
 
 #include "korvanectl/BusLink.h"
 #include "korvanectl/Program.h"
