@@ -56,6 +56,11 @@ class NoProcesses final : public Processes {
     void forEachName(const std::function<bool(std::string_view)>& /*visit*/) override {}
     void setDidTerminateApplication(std::function<void(const std::string&)> /*told*/) override {}
     void watchApplication(std::string_view /*beginning*/, const std::string& /*told*/) override {}
+    std::unique_ptr<Task> launch(const std::string& /*path*/,
+                                 const std::vector<std::string>& /*arguments*/) override {
+        return nullptr;
+    }
+    void setTaskDidTerminate(std::function<void(const Task&)> /*told*/) override {}
 };
 
 // A machine whose settled state is that of one that has been up for long.

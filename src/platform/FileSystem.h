@@ -68,6 +68,8 @@ class FileSystem {
     [[nodiscard]] virtual std::string displayName(const std::string& path) = 0;
     // The login name of the account the daemon runs as.
     [[nodiscard]] virtual std::string userName() = 0;
+    // The number of that account.
+    [[nodiscard]] virtual std::uint32_t userId() = 0;
 };
 
 }  // namespace korvane

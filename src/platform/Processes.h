@@ -1,11 +1,26 @@
-// Other programs on the machine.
+// Other programs on the machine: those that run anyway, and those that this one launches.
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace korvane {
+
+// A program that was launched. Destroying it stops nothing: the program runs on, and its end is no
+// longer told.
+class Task {
+  public:
+    virtual ~Task() = default;
+
+    // Whether it still runs, now: its end may not have been told yet.
+    [[nodiscard]] virtual bool isRunning() = 0;
+    // Ask it to end, the second one with more weight. Without effect once it has ended.
+    virtual void interrupt() = 0;
+    virtual void terminate() = 0;
+};
 
 class Processes {
   public:
@@ -23,6 +38,16 @@ class Processes {
     // none runs now. The last one asked for counts; it ends with the telling.
     virtual void watchApplication(std::string_view nameBeginning,
                                   const std::string& bundleIdentifier) = 0;
+
+    // Launches the executable at the path with these arguments, its own name not among them. It
+    // reads nothing, and what it writes goes where this program's own output goes. Null when it
+    // cannot be launched.
+    [[nodiscard]] virtual std::unique_ptr<Task> launch(
+        const std::string& path, const std::vector<std::string>& arguments) = 0;
+
+    // Told on the loop's thread when a launched program has ended, however it did; never from
+    // within launch(). The callback may destroy the task.
+    virtual void setTaskDidTerminate(std::function<void(const Task& task)> callback) = 0;
 };
 
 }  // namespace korvane

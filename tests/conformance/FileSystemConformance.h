@@ -311,6 +311,10 @@ TEST_P(FileSystemConformance, KnowsItemsByTheLastComponentAndTheRootAsSystem) {
     EXPECT_EQ(files().displayName("/Volumes/Not there"), "Not there");
 }
 
-TEST_P(FileSystemConformance, KnowsWhoItRunsAs) { EXPECT_FALSE(files().userName().empty()); }
+TEST_P(FileSystemConformance, KnowsWhoItRunsAs) {
+    EXPECT_FALSE(files().userName().empty());
+    ASSERT_TRUE(files().createFolders(at("mine"), files().userName()));
+    EXPECT_EQ(files().attributes(at("mine"))->ownerId, files().userId());
+}
 
 }  // namespace korvane

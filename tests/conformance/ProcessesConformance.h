@@ -29,6 +29,14 @@ class ProcessesSubject {
     virtual bool isQuiet() { return true; }
     // The loop runs until `isDone`, or until nothing more is to be expected of it.
     virtual void runUntil(const std::function<bool()>&) {}
+
+    // Programs that can be launched: one that makes a file at the path it is given and ends, and
+    // one that runs until it is told to end.
+    virtual std::string fileMaker() = 0;
+    virtual std::string sleeper() = 0;
+    // A path for a file that is not there, and whether it is there now.
+    virtual std::string newPath() = 0;
+    virtual bool exists(const std::string& path) = 0;
 };
 
 class ProcessesConformance : public testing::TestWithParam<Implementation<ProcessesSubject>> {
@@ -42,6 +50,13 @@ class ProcessesConformance : public testing::TestWithParam<Implementation<Proces
             return true;
         });
         return names;
+    }
+
+    // Counts the ends of the task that is told of.
+    void countEnds(const std::unique_ptr<Task>& task, int& ends) {
+        subject_->processes().setTaskDidTerminate([&](const Task& ended) {
+            if (&ended == task.get()) ++ends;
+        });
     }
 
     std::unique_ptr<ProcessesSubject> subject_;
@@ -101,6 +116,66 @@ TEST_P(ProcessesConformance, TellOfAWatchedApplicationWhenItsLastProcessEnds) {
     subject_->runUntil([&] { return !ended.empty(); });
     EXPECT_THAT(ended, testing::ElementsAre("com.quorlen.korvanepro"));
     subject_->processes().setDidTerminateApplication(nullptr);
+}
+
+TEST_P(ProcessesConformance, TellOnceThatALaunchedProgramHasEnded) {
+    const std::string path = subject_->newPath();
+    std::unique_ptr<Task> task;
+    int ends = 0;
+    countEnds(task, ends);
+    task = subject_->processes().launch(subject_->fileMaker(), {path});
+    ASSERT_NE(task, nullptr);
+    EXPECT_EQ(ends, 0);
+    subject_->runUntil([&] { return ends > 0; });
+    EXPECT_EQ(ends, 1);
+    EXPECT_FALSE(task->isRunning());
+    EXPECT_TRUE(subject_->exists(path));
+    // Of no effect, and not on anybody else either.
+    task->interrupt();
+    task->terminate();
+}
+
+TEST_P(ProcessesConformance, LaunchNothingFromAPathWithoutAProgram) {
+    EXPECT_EQ(subject_->processes().launch(subject_->newPath(), {}), nullptr);
+}
+
+TEST_P(ProcessesConformance, EndALaunchedProgramThatIsInterruptedOrTerminated) {
+    for (void (Task::*const ask)() : {&Task::interrupt, &Task::terminate}) {
+        std::unique_ptr<Task> task;
+        int ends = 0;
+        countEnds(task, ends);
+        task = subject_->processes().launch(subject_->sleeper(), {"60"});
+        ASSERT_NE(task, nullptr);
+        EXPECT_TRUE(task->isRunning());
+        ((*task).*ask)();
+        subject_->runUntil([&] { return ends > 0; });
+        EXPECT_EQ(ends, 1);
+        EXPECT_FALSE(task->isRunning());
+    }
+}
+
+TEST_P(ProcessesConformance, LetAProgramRunOnWhoseTaskIsDestroyed) {
+    const std::string path = subject_->newPath();
+    int ends = 0;
+    subject_->processes().setTaskDidTerminate([&](const Task&) { ++ends; });
+    ASSERT_NE(subject_->processes().launch(subject_->fileMaker(), {path}), nullptr);
+    subject_->runUntil([&] { return subject_->exists(path); });
+    EXPECT_TRUE(subject_->exists(path));
+    EXPECT_EQ(ends, 0);
+}
+
+TEST_P(ProcessesConformance, MayLoseTheTaskInTheCallbackOfItsEnd) {
+    std::unique_ptr<Task> task;
+    bool isOver = false;
+    subject_->processes().setTaskDidTerminate([&](const Task&) {
+        subject_->processes().setTaskDidTerminate(nullptr);
+        task.reset();
+        isOver = true;
+    });
+    task = subject_->processes().launch(subject_->fileMaker(), {subject_->newPath()});
+    subject_->runUntil([&] { return isOver; });
+    EXPECT_TRUE(isOver);
+    EXPECT_EQ(task, nullptr);
 }
 
 }  // namespace korvane

@@ -52,6 +52,19 @@ struct SimulatedProcessesSubject final : ProcessesSubject {
     Processes& processes() override { return machine.processes; }
     void start(const std::string& name) override { machine.processes.start({name, ""}); }
     void quit(const std::string& name) override { machine.processes.quit(name); }
+    std::string fileMaker() override {
+        machine.processes.setProgram("/bin/touch",
+                                     {std::chrono::seconds{1}, [this](const auto& arguments) {
+                                          machine.fileSystem.put(arguments.at(0), "");
+                                      }});
+        return "/bin/touch";
+    }
+    std::string sleeper() override {
+        machine.processes.setProgram("/bin/sleep", {});
+        return "/bin/sleep";
+    }
+    std::string newPath() override { return "/tmp/" + std::to_string(++paths); }
+    bool exists(const std::string& path) override { return machine.fileSystem.exists(path); }
     bool runApplication(const std::string& bundleIdentifier) override {
         machine.processes.start({"application", bundleIdentifier});
         return machine.processes.quit("application");
@@ -60,6 +73,7 @@ struct SimulatedProcessesSubject final : ProcessesSubject {
         while (!isDone() && machine.runLoop.runOnce()) {
         }
     }
+    int paths = 0;
     SimulatedMachine machine{MachineDescription{}};
 };
 INSTANTIATE_TEST_SUITE_P(Simulated, ProcessesConformance,

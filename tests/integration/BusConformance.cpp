@@ -118,6 +118,10 @@ struct LinuxProcessesSubject final : ProcessesSubject {
             (void)sd_event_run(machine.runLoop.event(), 10'000);
         }
     }
+    std::string fileMaker() override { return "/usr/bin/touch"; }
+    std::string sleeper() override { return "/bin/sleep"; }
+    std::string newPath() override { return folder / std::to_string(++paths); }
+    bool exists(const std::string& path) override { return ::access(path.c_str(), F_OK) == 0; }
     ~LinuxProcessesSubject() override {
         for (const auto& [name, child] : running) {
             ::kill(child, SIGKILL);
@@ -131,6 +135,8 @@ struct LinuxProcessesSubject final : ProcessesSubject {
     LinuxBus application{machine.runLoop, LinuxBus::Kind::system};
     LinuxProcesses list{machine.runLoop, machine.bus};
     std::map<std::string, pid_t> running;
+    TemporaryFolder folder;
+    int paths = 0;
 };
 INSTANTIATE_TEST_SUITE_P(Linux, ProcessesConformance,
                          testing::Values(Implementation<ProcessesSubject>{

@@ -2,8 +2,10 @@
 // desktop: a desktop that hangs can keep only that program waiting.
 #pragma once
 
-#include <map>
+#include <signal.h>
+
 #include <memory>
+#include <vector>
 
 #include "platform/AlertDialogs.h"
 #include "platform/Bundle.h"
@@ -24,16 +26,14 @@ class LinuxAlertDialogs final : public AlertDialogs {
 
   private:
     class Dialog;
-    struct NoticeProcess;
+    struct Notice;
 
-    static int onExit(sd_event_source* source, const siginfo_t* info, void* process) noexcept;
-    [[nodiscard]] std::shared_ptr<NoticeProcess> start(const Alert& alert);
-    void ended(const NoticeProcess& process, const siginfo_t& info);
+    void ended(const Notice* notice, const siginfo_t& info);
 
     LinuxRunLoop& runLoop_;
     Bundle& bundle_;
     SystemLog& systemLog_;
-    std::map<pid_t, std::shared_ptr<NoticeProcess>> running_;
+    std::vector<std::shared_ptr<Notice>> onScreen_;
 };
 
 }  // namespace korvane

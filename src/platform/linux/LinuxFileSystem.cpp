@@ -262,4 +262,6 @@ std::string LinuxFileSystem::userName() {
     return account.pw_name;
 }
 
+std::uint32_t LinuxFileSystem::userId() { return ::geteuid(); }
+
 }  // namespace korvane

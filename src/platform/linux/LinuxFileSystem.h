@@ -31,6 +31,7 @@ class LinuxFileSystem final : public FileSystem {
                                                            Durability durability) override;
     [[nodiscard]] std::string displayName(const std::string& path) override;
     [[nodiscard]] std::string userName() override;
+    [[nodiscard]] std::uint32_t userId() override;
 
   private:
     // Where the path lies below the root folder; empty, which no call opens, when it is relative.

@@ -55,12 +55,37 @@ std::optional<std::string> runningNameOf(std::string_view stat) {
     return std::string(stat.substr(open + 1, close - open - 1));
 }
 
+class LinuxProcesses::LaunchedTask final : public Task {
+  public:
+    explicit LaunchedTask(std::shared_ptr<Launched> launched) : launched_(std::move(launched)) {
+        launched_->task = this;
+    }
+    ~LaunchedTask() override { launched_->task = nullptr; }
+    LaunchedTask(const LaunchedTask&) = delete;
+    LaunchedTask& operator=(const LaunchedTask&) = delete;
+
+    bool isRunning() override { return launched_->process && launched_->process->isRunning(); }
+    void interrupt() override { signal(SIGINT); }
+    void terminate() override { signal(SIGTERM); }
+
+  private:
+    void signal(int number) {
+        if (launched_->process) launched_->process->signal(number);
+    }
+
+    std::shared_ptr<Launched> launched_;
+};
+
 LinuxProcesses::LinuxProcesses(LinuxRunLoop& loop, LinuxBus& bus, std::string processFolder)
     : loop_(loop), bus_(bus), processFolder_(std::move(processFolder)) {
     bus_.join(*this);
 }
 
-LinuxProcesses::~LinuxProcesses() { bus_.leave(*this); }
+// A task handed out may live longer, and must not reach the loop then.
+LinuxProcesses::~LinuxProcesses() {
+    for (const auto& launched : running_) launched->process.reset();
+    bus_.leave(*this);
+}
 
 std::optional<std::string> LinuxProcesses::nameOf(pid_t id) const {
     const std::string process = processFolder_ + "/" + std::to_string(id);
@@ -142,6 +167,33 @@ void LinuxProcesses::watchedProcessEnded(int descriptor) {
     // Others may have come since.
     watchApplication(watchedBeginning_, watchedIdentifier_);
     if (watchedProcesses_.empty()) tell(watchedIdentifier_);
+}
+
+std::unique_ptr<Task> LinuxProcesses::launch(const std::string& path,
+                                             const std::vector<std::string>& arguments) {
+    auto launched = std::make_shared<Launched>();
+    Result<std::unique_ptr<ChildProcess>> process =
+        ChildProcess::start(loop_, path, arguments, -1,
+                            [this, known = launched.get()](const siginfo_t&) { ended(known); });
+    if (!process) return nullptr;
+    launched->process = std::move(*process);
+    running_.push_back(launched);
+    return std::make_unique<LaunchedTask>(std::move(launched));
+}
+
+void LinuxProcesses::setTaskDidTerminate(std::function<void(const Task& task)> callback) {
+    taskDidTerminate_ = std::move(callback);
+}
+
+void LinuxProcesses::ended(const Launched* launched) {
+    const auto known = std::find_if(running_.begin(), running_.end(),
+                                    [&](const auto& each) { return each.get() == launched; });
+    const std::shared_ptr<Launched> kept = std::move(*known);
+    running_.erase(known);
+    kept->process.reset();
+    // A copy, since it may set another one.
+    const auto callback = taskDidTerminate_;
+    if (callback && kept->task) callback(*kept->task);
 }
 
 void LinuxProcesses::busCame(sd_bus* bus) {

@@ -7,11 +7,14 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/Processes.h"
+#include "platform/linux/ChildProcess.h"
 #include "platform/linux/LinuxBus.h"
 #include "platform/linux/LinuxRunLoop.h"
 #include "platform/linux/UniqueFd.h"
@@ -39,8 +42,17 @@ class LinuxProcesses final : public Processes, private BusUser {
     // An end that the bus tells of is not told of again.
     void watchApplication(std::string_view nameBeginning,
                           const std::string& bundleIdentifier) override;
+    [[nodiscard]] std::unique_ptr<Task> launch(const std::string& path,
+                                               const std::vector<std::string>& arguments) override;
+    void setTaskDidTerminate(std::function<void(const Task& task)> callback) override;
 
   private:
+    class LaunchedTask;
+    // A launched program and, while somebody holds it, its task.
+    struct Launched {
+        std::unique_ptr<ChildProcess> process;  // null once this machine goes
+        const Task* task = nullptr;
+    };
     // A process of the watched application; its descriptor is readable once it has ended.
     struct WatchedProcess {
         UniqueFd descriptor;
@@ -59,6 +71,7 @@ class LinuxProcesses final : public Processes, private BusUser {
     [[nodiscard]] std::optional<std::string> nameOf(pid_t id) const;
     void watchProcess(pid_t id);
     void watchedProcessEnded(int descriptor);
+    void ended(const Launched* launched);
 
     LinuxRunLoop& loop_;
     LinuxBus& bus_;
@@ -68,6 +81,8 @@ class LinuxProcesses final : public Processes, private BusUser {
     std::string watchedBeginning_;
     std::string watchedIdentifier_;
     std::map<pid_t, WatchedProcess> watchedProcesses_;
+    std::function<void(const Task&)> taskDidTerminate_;
+    std::vector<std::shared_ptr<Launched>> running_;
 };
 
 }  // namespace korvane

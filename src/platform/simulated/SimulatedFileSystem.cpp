@@ -237,6 +237,11 @@ std::string SimulatedFileSystem::displayName(const std::string& path) {
 
 std::string SimulatedFileSystem::userName() { return userName_; }
 
+std::uint32_t SimulatedFileSystem::userId() {
+    const auto account = accounts_.find(userName_);
+    return account == accounts_.end() ? 0 : account->second;
+}
+
 bool SimulatedFileSystem::put(const std::string& path, std::string bytes,
                               std::optional<mode_t> permissions) {
     const std::size_t slash = path.rfind('/');
@@ -287,6 +292,20 @@ std::vector<std::string> SimulatedFileSystem::paths() {
 
 void SimulatedFileSystem::setDisplayName(const std::string& path, const std::string& name) {
     displayNames_[path] = name;
+}
+
+bool SimulatedFileSystem::setModificationDate(const std::string& path, Time date) {
+    const std::optional<Place> place = find(path, LastLink::kept);
+    if (!place || !place->node) return false;
+    place->node->modificationDate = date;
+    return true;
+}
+
+bool SimulatedFileSystem::setOwner(const std::string& path, std::uint32_t ownerId) {
+    const std::optional<Place> place = find(path, LastLink::kept);
+    if (!place || !place->node) return false;
+    place->node->ownerId = ownerId;
+    return true;
 }
 
 void SimulatedFileSystem::attach(const std::string& path, const std::string& volume) {
@@ -460,8 +479,7 @@ SimulatedNode& SimulatedFileSystem::add(SimulatedNode& folder, std::string_view 
     node->kind = kind;
     node->permissions = permissions;
     node->modificationDate = clock_.now();
-    const auto account = accounts_.find(userName_);
-    node->ownerId = account == accounts_.end() ? 0 : account->second;
+    node->ownerId = userId();
     folder.modificationDate = clock_.now();
     std::unique_ptr<SimulatedNode>& place = folder.children[SimulatedName(seed_, name)];
     place = std::move(node);

@@ -54,6 +54,7 @@ class SimulatedFileSystem final : public FileSystem {
                                                            Durability durability) override;
     [[nodiscard]] std::string displayName(const std::string& path) override;
     [[nodiscard]] std::string userName() override;
+    [[nodiscard]] std::uint32_t userId() override;
 
     // What other programs do. They make the folders above as they need them and return whether the
     // machine let them. A file that is there keeps its permissions unless others are named.
@@ -61,6 +62,8 @@ class SimulatedFileSystem final : public FileSystem {
              std::optional<mode_t> permissions = std::nullopt);
     bool putLink(const std::string& path, const std::string& target);
     bool removeItem(const std::string& path);
+    bool setModificationDate(const std::string& path, Time date);
+    bool setOwner(const std::string& path, std::uint32_t ownerId);
     // The bytes of a file, links followed.
     [[nodiscard]] std::optional<std::string> bytes(const std::string& path);
     // Every path there is, sorted, folders with a closing "/".

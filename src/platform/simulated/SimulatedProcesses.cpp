@@ -5,8 +5,42 @@
 
 namespace korvane {
 
+// One run of a program.
+struct SimulatedProcesses::Running {
+    Launch launch;
+    const Task* task = nullptr;  // while somebody holds it
+    std::unique_ptr<Timer> timer;
+};
+
+class SimulatedProcesses::LaunchedTask final : public Task {
+  public:
+    LaunchedTask(SimulatedProcesses& processes, std::shared_ptr<Running> running)
+        : processes_(processes), running_(std::move(running)) {
+        running_->task = this;
+    }
+    ~LaunchedTask() override { running_->task = nullptr; }
+    LaunchedTask(const LaunchedTask&) = delete;
+    LaunchedTask& operator=(const LaunchedTask&) = delete;
+
+    bool isRunning() override { return running_->launch.isRunning; }
+    void interrupt() override {
+        ++running_->launch.interrupts;
+        processes_.end(*running_);
+    }
+    void terminate() override {
+        ++running_->launch.terminates;
+        processes_.end(*running_);
+    }
+
+  private:
+    SimulatedProcesses& processes_;
+    std::shared_ptr<Running> running_;
+};
+
 SimulatedProcesses::SimulatedProcesses(SimulatedRunLoop& runLoop, SimulatedJournal& journal)
     : runLoop_(runLoop), journal_(journal) {}
+
+SimulatedProcesses::~SimulatedProcesses() = default;
 
 void SimulatedProcesses::forEachName(const std::function<bool(std::string_view name)>& visit) {
     for (const Process& process : processes_) {
@@ -31,6 +65,54 @@ bool SimulatedProcesses::watchedRuns() const {
     return std::any_of(processes_.begin(), processes_.end(), [this](const Process& process) {
         return process.name.starts_with(watchedBeginning_);
     });
+}
+
+std::unique_ptr<Task> SimulatedProcesses::launch(const std::string& path,
+                                                 const std::vector<std::string>& arguments) {
+    const auto known = programs_.find(path);
+    if (known == programs_.end()) return nullptr;
+    journal_.note("launched", path);
+    auto running = std::make_shared<Running>();
+    running->launch = Launch{.path = path, .arguments = arguments};
+    launched_.push_back(running);
+    if (known->second.duration) {
+        running->timer =
+            runLoop_.startTimer(*known->second.duration, Repeat::once,
+                                [this, each = running.get(), work = known->second.work] {
+                                    if (work) work(each->launch.arguments);
+                                    end(*each);
+                                });
+    }
+    return std::make_unique<LaunchedTask>(*this, std::move(running));
+}
+
+void SimulatedProcesses::setTaskDidTerminate(std::function<void(const Task& task)> callback) {
+    taskDidTerminate_ = std::move(callback);
+}
+
+void SimulatedProcesses::setProgram(const std::string& path, Program program) {
+    programs_.insert_or_assign(path, std::move(program));
+}
+
+void SimulatedProcesses::removeProgram(const std::string& path) { programs_.erase(path); }
+
+std::vector<SimulatedProcesses::Launch> SimulatedProcesses::launches() const {
+    std::vector<Launch> launches;
+    for (const auto& running : launched_) launches.push_back(running->launch);
+    return launches;
+}
+
+void SimulatedProcesses::kill(std::size_t launch) { end(*launched_.at(launch)); }
+
+void SimulatedProcesses::end(Running& running) {
+    if (!std::exchange(running.launch.isRunning, false)) return;
+    journal_.note("program ended", running.launch.path);
+    // Told at the next pass, as the kernel would: until then it has ended and nobody knows.
+    runLoop_.post([this, &running] {
+        const auto callback = taskDidTerminate_;
+        if (callback && running.task) callback(*running.task);
+    });
+    running.timer.reset();
 }
 
 void SimulatedProcesses::start(Process process) {

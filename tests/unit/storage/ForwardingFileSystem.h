@@ -49,6 +49,7 @@ class ForwardingFileSystem : public FileSystem {
     }
     std::string displayName(const std::string& path) override { return target_.displayName(path); }
     std::string userName() override { return target_.userName(); }
+    std::uint32_t userId() override { return target_.userId(); }
 
   private:
     FileSystem& counted() {
