@@ -67,6 +67,15 @@ bool KorvaneProDaemon::dispatchControlWord(std::string_view word) {
         case ControlAction::testMail:
             daemonTestSendingEmailNotification();
             return true;
+        case ControlAction::stopDirectoryBackup:
+            directoryBackupStopNotification();
+            return true;
+        case ControlAction::disableDirectoryBackup:
+            disableDirectoryBackupNotification();
+            return true;
+        case ControlAction::enableDirectoryBackup:
+            enableDirectoryBackupNotification();
+            return true;
         case ControlAction::isDirectoryComplete:
             return !backupActive;
         case ControlAction::isSmartComplete:

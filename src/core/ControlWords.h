@@ -7,15 +7,18 @@
 namespace korvane {
 
 enum class ControlAction {
-    reload,                 // read the preferences again and re-arm the scheduler
-    ignoreMountedOstrand,   // leave a mounted emergency volume alone
-    unmountMountedOstrand,  // no longer
-    testMail,               // send a test mail
-    isDirectoryComplete,    // whether no directory backup is due or runs
-    isSmartComplete,        // whether no SMART check is due or runs
-    ignoreFreeSpace,        // raise no free-space alarm
-    checkFreeSpace,         // raise it again
-    nothing                 // any other word
+    reload,                  // read the preferences again and re-arm the scheduler
+    ignoreMountedOstrand,    // leave a mounted emergency volume alone
+    unmountMountedOstrand,   // no longer
+    testMail,                // send a test mail
+    stopDirectoryBackup,     // end the directory backup that runs
+    disableDirectoryBackup,  // and let no other start
+    enableDirectoryBackup,   // let them start again
+    isDirectoryComplete,     // whether no directory backup is due or runs
+    isSmartComplete,         // whether no SMART check is due or runs
+    ignoreFreeSpace,         // raise no free-space alarm
+    checkFreeSpace,          // raise it again
+    nothing                  // any other word
 };
 
 // Words are compared exactly, letter case included.

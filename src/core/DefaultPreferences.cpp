@@ -24,7 +24,7 @@ Dictionary defaultPreferences() {
         {kVolumeUsageOnOff, true},
         {kUsageEntryLimit, 15},
         {kDirectoryBackupOnOff, true},
-        {"directoryFilesToSave", 3},
+        {kDirectoryFilesToSave, 3},
         {kSmartCheckOnOff, true},
         {kSmartEntryLimit, 15},
     };

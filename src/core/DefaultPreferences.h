@@ -21,6 +21,7 @@ inline constexpr char kUsageEntryLimit[] = "usageEntryLimit";
 inline constexpr char kDirectoryBackupOnOff[] = "directoryBackupOnOff";
 inline constexpr char kSmartCheckOnOff[] = "smartCheckOnOff";
 inline constexpr char kSmartEntryLimit[] = "smartEntryLimit";
+inline constexpr char kDirectoryFilesToSave[] = "directoryFilesToSave";
 inline constexpr char kDirectoryBackupLocations[] = "directoryBackupLocations";
 inline constexpr char kDriveArray[] = "driveArray";
 inline constexpr char kVolumeArray[] = "volumeArray";

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -72,12 +73,30 @@ class KorvaneProDaemon final : public ControlTarget {
     // The monitors' dialog on the screen: a new one cancels it first, so there is one at most.
     std::unique_ptr<AlertDialog> userNotificationRef;
 
+    // The directory backup. The helper of the current run and the copy launched last, or null.
+    std::unique_ptr<Task> directoryPipeTask;
+    std::unique_ptr<Task> cpTask;
+    std::string dirBackupFilePath;    // the file of the current or the last run; empty: none
+    bool directoryActive = false;     // from the helper's launch until the run's copying is over
+    bool backupDisabled = false;      // by word of the main application; the scheduler heeds it
+    std::size_t directoryOffset = 0;  // the index in volumeArray of the current run's volume
+    std::uint64_t directoryRun = 0;   // tells the runs apart
+
     // Timers. To cancel one is to reset its field; one that has fired may stay in its field.
-    std::unique_ptr<Timer> clockTimer;       // the next tick and, once, the delayed start
-    std::unique_ptr<Timer> outTimer;         // the tick at which the next check falls due
-    std::unique_ptr<Timer> stepTimer_usage;  // starts the usage check of one volume
-    std::unique_ptr<Timer> stepTimer_smart;  // starts the SMART check of one drive
-    std::unique_ptr<Timer> ostrandTimer;     // polls for the emergency volume
+    std::unique_ptr<Timer> clockTimer;        // the next tick and, once, the delayed start
+    std::unique_ptr<Timer> outTimer;          // the tick at which the next check falls due
+    std::unique_ptr<Timer> stepTimer_usage;   // starts the usage check of one volume
+    std::unique_ptr<Timer> stepTimer_backup;  // starts the directory backup of one volume
+    std::unique_ptr<Timer> stepTimer_smart;   // starts the SMART check of one drive
+    std::unique_ptr<Timer> ostrandTimer;      // polls for the emergency volume
+
+    // The polls of launched copies that are pending, by number, each with its run.
+    struct CopyPoll {
+        std::uint64_t run = 0;
+        std::unique_ptr<Timer> timer;
+    };
+    std::map<std::uint64_t, CopyPoll> copyPolls;
+    std::uint64_t nextCopyPoll = 0;
 
   public:
     // ---- The process ----------------------------------------------------------------------------
@@ -124,6 +143,8 @@ class KorvaneProDaemon final : public ControlTarget {
     void createPreferences();
     // Puts the arrays into the dictionary and rewrites the file; failures are ignored.
     void writePreferences();
+    // Writes the loaded dictionary, with the arrays, to a file of its own or to another one.
+    Result<std::monostate> writePreferencesTo(const std::string& path, Durability durability);
     // Writes and asks for a tick in a second; quits when the support folder is no longer a folder.
     void savePreferences();
     // Reloads everything and re-arms; quits as savePreferences() does.
@@ -150,6 +171,7 @@ class KorvaneProDaemon final : public ControlTarget {
     // Refreshes the inventories and starts what is due, one check of each kind at the most.
     void startDueChecks();
     void startDueUsageCheck();
+    void startDueDirectoryBackup();
     void startDueSmartCheck();
     void armClockTimer(std::chrono::microseconds delay);
 
@@ -221,6 +243,29 @@ class KorvaneProDaemon final : public ControlTarget {
     // Adds one entry to the history log of a drive or a volume (HistoryLog.cpp). The index of the
     // drive's or volume's own entry is not needed for it.
     void updateLog(std::int16_t kind, const Dictionary& logDict, std::size_t index);
+
+    // ---- backup/ --------------------------------------------------------------------------------
+
+    // Starts the backup of the volume whose entry has this index in volumeArray
+    // (DirectoryBackup.cpp). Where it cannot start, nothing is written.
+    void directoryBackup(std::size_t index);
+    // Makes room for one more backup in the volume's folder, or makes the folder.
+    void prepareVolumeFolder(const std::string& displayName);
+    void launchDirectoryBackup(std::size_t index, const std::string& path,
+                               const std::string& displayName);
+    // The helper has ended: its file is copied to the locations and the run is noted.
+    void directoryTaskTerminateNotification(const Task& task);
+    void noteDirectoryBackup();
+    void copyToLocation(const std::string& location);
+    void launchCopy(const std::string& location, const std::string& folder);
+    void scheduleCopyPoll(std::uint64_t number, std::uint64_t run);
+    // One poll: when the copy has ended, or there is none, the copying of its run is over.
+    void checkCopyTaskComplete(std::uint64_t number);
+    // Ends the helper and removes what it has written.
+    void abandonDirectoryBackup();
+    void directoryBackupStopNotification();
+    void disableDirectoryBackupNotification();
+    void enableDirectoryBackupNotification();
 };
 
 }  // namespace korvane

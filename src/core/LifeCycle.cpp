@@ -92,6 +92,7 @@ void KorvaneProDaemon::applicationWillBecomeActive() {
 
 // Saves nothing: the preferences are written in the course of the work alone.
 void KorvaneProDaemon::applicationWillTerminate() {
+    if (directoryPipeTask && directoryPipeTask->isRunning()) abandonDirectoryBackup();
     destConnection.reset();
     removeObservers();
 }
@@ -101,6 +102,7 @@ void KorvaneProDaemon::removeObservers() {
     machine_.volumes.setDidMount(nullptr);
     machine_.volumes.setDidUnmount(nullptr);
     machine_.processes.setDidTerminateApplication(nullptr);
+    machine_.processes.setTaskDidTerminate(nullptr);
 }
 
 void KorvaneProDaemon::didTerminateApplicationNotification(const std::string& bundleIdentifier) {

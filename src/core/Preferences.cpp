@@ -75,16 +75,22 @@ void KorvaneProDaemon::writePreferences() {
         // that finds no folder ends the daemon.
         (void)files.createFolders(kSupportFolder, files.userName());
     }
+    // A failed write leaves the last complete state on disk, and the next one tries again.
+    (void)writePreferencesTo(kPreferencesFile, Durability::powerLoss);
+}
+
+Result<std::monostate> KorvaneProDaemon::writePreferencesTo(const std::string& path,
+                                                            Durability durability) {
     // Lent to the dictionary rather than copied: the arrays can be large.
     preferenceDictionary->set(kDriveArray, std::move(driveArray));
     preferenceDictionary->set(kVolumeArray, std::move(volumeArray));
     PropertyList document(std::move(*preferenceDictionary));
-    // A failed write leaves the last complete state on disk, and the next one tries again.
-    (void)files.writePropertyList(kPreferencesFile, document, kSharedFilePermissions,
-                                  Durability::powerLoss);
+    Result<std::monostate> written =
+        machine_.fileSystem.writePropertyList(path, document, kSharedFilePermissions, durability);
     preferenceDictionary = std::move(*document.dictionary());
     driveArray = takeArray(*preferenceDictionary, kDriveArray);
     volumeArray = takeArray(*preferenceDictionary, kVolumeArray);
+    return written;
 }
 
 void KorvaneProDaemon::savePreferences() {

@@ -44,6 +44,17 @@ std::optional<std::size_t> usageCheckToStart(const PropertyListArray& volumeArra
     return std::nullopt;
 }
 
+std::optional<std::size_t> dueDirectoryBackup(const PropertyListArray& volumeArray, Time now) {
+    for (std::size_t index = 0; index < volumeArray.size(); ++index) {
+        const auto entry = ConstVolumeEntry::over(volumeArray[index]);
+        if (entry && entry->directoryOnOff() && entry->directoryStatus() != kStatusNotAvailable &&
+            remainingTime(entry->executionTimeDirectory(), now).isDue()) {
+            return index;
+        }
+    }
+    return std::nullopt;
+}
+
 DueSmartCheck dueSmartCheck(const PropertyListArray& driveArray, Time now) {
     for (std::size_t index = 0; index < driveArray.size(); ++index) {
         const auto entry = ConstDriveEntry::over(driveArray[index]);

@@ -26,6 +26,11 @@ namespace korvane {
 [[nodiscard]] std::optional<std::size_t> usageCheckToStart(const PropertyListArray& volumeArray,
                                                            Time now);
 
+// The volume whose directory backup is due first, running or not: while it is, it keeps the others
+// waiting. Entries that are switched off or not available are passed over.
+[[nodiscard]] std::optional<std::size_t> dueDirectoryBackup(const PropertyListArray& volumeArray,
+                                                            Time now);
+
 // The first drive that is due, of those whose check is switched on: whether there is one, and its
 // index unless its check is running already.
 struct DueSmartCheck {

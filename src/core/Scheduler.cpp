@@ -14,6 +14,13 @@ namespace korvane {
 using std::chrono::microseconds;
 using std::chrono::seconds;
 
+namespace {
+
+// How long a backup waits before it looks again whether another one still runs.
+constexpr seconds kBackupDeferral{5};
+
+}  // namespace
+
 void KorvaneProDaemon::updateClock() {
     if (!machine_.fileSystem.exists(kSupportFolder)) {
         quitWithoutSupportFolder();
@@ -41,6 +48,9 @@ void KorvaneProDaemon::startDueChecks() {
     updateDrivePreferences(DriveProbe::none);
     updateVolumePreferences();
     if (booleanValue(preference(kVolumeUsageOnOff))) startDueUsageCheck();
+    if (!backupDisabled && booleanValue(preference(kDirectoryBackupOnOff)) && !runningOnBattery()) {
+        startDueDirectoryBackup();
+    }
     if (booleanValue(preference(kSmartCheckOnOff))) startDueSmartCheck();
 }
 
@@ -52,6 +62,25 @@ void KorvaneProDaemon::startDueUsageCheck() {
     if (entry.usageStatus() != kStatusFailing) entry.setUsageStatus(kStatusRunning);
     stepTimer_usage = machine_.runLoop.startTimer(
         seconds(0), Repeat::once, [this, started = *index] { volumeUsageCheck(started); });
+}
+
+// Two backups never run together: one that falls due meanwhile is put off a little at a time.
+void KorvaneProDaemon::startDueDirectoryBackup() {
+    const Time now = machine_.clock.now();
+    const auto index = dueDirectoryBackup(volumeArray, now);
+    backupActive = index.has_value();
+    if (!index) return;
+    VolumeEntry entry(*volumeArray[*index].dictionary());
+    if (entry.directoryStatus() == kStatusRunning) return;
+    if (directoryActive) {
+        entry.setDirectoryStatus(kStatusWaiting);
+        entry.setExecutionTimeDirectory(now + kBackupDeferral);
+        savePreferences();
+        return;
+    }
+    entry.setDirectoryStatus(kStatusRunning);
+    stepTimer_backup = machine_.runLoop.startTimer(
+        seconds(0), Repeat::once, [this, started = *index] { directoryBackup(started); });
 }
 
 void KorvaneProDaemon::startDueSmartCheck() {

@@ -22,6 +22,10 @@ inline constexpr unsigned kSharedFilePermissions = 0666;
 // are switched on.
 inline constexpr char kBackupOnMarker[] = "DirectoryBackup (ON)";
 inline constexpr char kBackupOffMarker[] = "DirectoryBackup (OFF)";
+// Directory backups begin so; the markers, without the blank, do not.
+inline constexpr char kBackupFilePrefix[] = "Directory Backup";
+// The copy of the settings at the top of a volume that holds copies of directory backups.
+inline constexpr char kSettingsCopyName[] = ".KorvaneProtection.plist";
 // Files with the records of a volume's deleted items begin so.
 inline constexpr char kTrashDeletesPrefix[] = "Trash Deletes";
 

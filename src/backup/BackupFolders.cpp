@@ -1,0 +1,63 @@
+#include "backup/BackupFolders.h"
+
+#include <cstdint>
+#include <optional>
+
+#include "backup/BackupPlaces.h"
+#include "storage/SupportFolder.h"
+
+namespace korvane {
+
+namespace {
+
+constexpr std::uint32_t kRootAccount = 0;
+
+// Whether somebody else decides where the path leads. One that is not there decides nothing.
+bool isSomebodyElses(FileSystem& fileSystem, const std::string& path) {
+    const std::optional<ItemAttributes> item = fileSystem.attributes(path);
+    return item && (item->kind == ItemKind::link ||
+                    (item->ownerId != kRootAccount && item->ownerId != fileSystem.userId()));
+}
+
+}  // namespace
+
+FolderState prepareFolderAt(FileSystem& fileSystem, const std::string& location,
+                            std::string_view volume) {
+    const std::string outer = locationFolder(location);
+    if (isSomebodyElses(fileSystem, outer)) return FolderState::notOurs;
+    if (!fileSystem.exists(outer)) {
+        for (const std::string& folder : locationFoldersToMake(location)) {
+            if (fileSystem.exists(folder)) continue;
+            if (!fileSystem.createFolders(folder, fileSystem.userName())) {
+                return FolderState::notMade;
+            }
+        }
+    }
+    const std::string inner = volumeFolderAt(location, volume);
+    if (isSomebodyElses(fileSystem, inner)) return FolderState::notOurs;
+    if (!fileSystem.exists(inner) && !fileSystem.createFolders(inner, fileSystem.userName())) {
+        return FolderState::notMade;
+    }
+    return FolderState::ready;
+}
+
+void repairPermissions(FileSystem& fileSystem, const std::string& folder) {
+    for (const std::string& item : fileSystem.enumerate(folder)) {
+        const std::string path = folder + '/' + item;
+        const std::optional<ItemAttributes> attributes = fileSystem.attributes(path);
+        if (!attributes || attributes->kind != ItemKind::folder) continue;
+        for (const std::string& name : fileSystem.enumerate(path)) {
+            const std::string below = path + '/' + name;
+            const std::optional<ItemAttributes> descendant = fileSystem.attributes(below);
+            if (!descendant) continue;
+            if (descendant->ownerId != kRootAccount) break;
+            if (descendant->kind != ItemKind::link &&
+                descendant->permissions != kSharedFilePermissions) {
+                // What cannot be opened now is tried again after the next backup.
+                (void)fileSystem.setPermissions(below, kSharedFilePermissions);
+            }
+        }
+    }
+}
+
+}  // namespace korvane
