@@ -1,0 +1,236 @@
+"""The directory backup's helper on real trees: its record is read by bsdtar and by the reader below,
+which shares nothing with the writer, and held against what the kernel says of each entry. Runs as
+root in a mount namespace of its own.
+
+    directory_backup_program_test.py PROGRAM
+"""
+
+import os
+import re
+import shutil
+import signal
+import stat
+import subprocess
+import sys
+import tempfile
+import unittest
+
+PROGRAM = ""
+NOBODY = 65534
+TYPES = {"file": stat.S_IFREG, "dir": stat.S_IFDIR, "link": stat.S_IFLNK, "fifo": stat.S_IFIFO,
+         "socket": stat.S_IFSOCK, "block": stat.S_IFBLK, "char": stat.S_IFCHR}
+
+
+def plain(word):
+    return re.sub(rb"\\([0-3][0-7]{2})", lambda match: bytes([int(match[1], 8)]), word)
+
+
+def read_record(path):
+    """The entries by path, and the comments, of an mtree file with full paths."""
+    entries, comments = {}, []
+    with open(path, "rb") as file:
+        for line in file.read().splitlines():
+            if line.startswith(b"#"):
+                comments.append(line)
+                continue
+            name, *words = line.split(b" ")
+            assert name not in entries, name
+            entries[plain(name)] = dict(word.split(b"=", 1) for word in words)
+    return entries, comments
+
+
+class DirectoryBackupProgram(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="korvane-")
+        self.addCleanup(folder.cleanup)
+        self.tree = folder.name + "/tree"
+        self.out = folder.name + "/out"
+        os.mkdir(self.tree)
+        os.mkdir(self.out)
+        os.chmod(folder.name, 0o755)
+        self.record = self.out + "/Directory Backup 2026-03-02-08-00-01"
+
+    def run_program(self, *arguments, **options):
+        return subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=60,
+                              **options)
+
+    def write_record(self, path=None, **options):
+        result = self.run_program("quorlen", path or self.record, self.tree, **options)
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        return read_record(path or self.record)
+
+    def assert_refused(self, result):
+        self.assertEqual(result.returncode, 1)
+        self.assertRegex(result.stderr, r"\AKorvaneProDirectoryBackup: [^\n]+\n\Z")
+        self.assertEqual(os.listdir(self.out), [])
+
+    def fill_tree(self):
+        names = [b"plain", b"two words", b"#hash", b"back\\slash", b"line\nend", b"star*?[x]",
+                 "é-名前".encode(), b"\xff\xfe broken", b"type=dir", b"\\040", b"-rf", b"a=b"]
+        tree = os.fsencode(self.tree)
+        for name in names:
+            os.makedirs(tree + b"/" + name + b"-folder/below")
+            with open(tree + b"/" + name + b"-folder/below/" + name, "wb") as file:
+                file.write(name * 3)
+            os.symlink(name + b" \n#", tree + b"/" + name)
+        os.mkfifo(tree + b"/fifo", 0o640)
+        os.mknod(tree + b"/device", stat.S_IFCHR | 0o600, os.makedev(1, 3))
+        os.chown(tree + b"/plain-folder", 1234, 4321)
+        os.chmod(tree + b"/plain-folder", 0o2751)
+        os.utime(tree + b"/plain-folder/below/plain", ns=(1, 1_700_000_000_000_000_005))
+        os.truncate(tree + b"/plain-folder/below/plain", 5 << 32)
+        os.utime(tree + b"/plain-folder/below/plain", ns=(1, -7_000_000_001))
+
+    def test_tells_of_every_entry_what_the_kernel_says(self):
+        self.fill_tree()
+        entries, comments = self.write_record()
+        tree = os.fsencode(self.tree)
+        paths = {b"."}
+        for folder, folders, files in os.walk(tree):
+            paths.update(b"." + (folder + b"/" + name)[len(tree):] for name in folders + files)
+        self.assertEqual(set(entries), paths)
+        self.assertEqual(len(comments), 2)
+        for path, words in entries.items():
+            status = os.lstat(tree + b"/" + path)
+            self.assertEqual(TYPES[words[b"type"].decode()], stat.S_IFMT(status.st_mode), path)
+            self.assertEqual(int(words[b"mode"], 8), stat.S_IMODE(status.st_mode), path)
+            self.assertEqual((int(words[b"uid"]), int(words[b"gid"])),
+                             (status.st_uid, status.st_gid), path)
+            seconds, nanoseconds = words[b"time"].split(b".")
+            self.assertEqual(int(seconds) * 10**9 + int(nanoseconds), status.st_mtime_ns, path)
+            self.assertEqual(int(words[b"inode"]), status.st_ino, path)
+            if stat.S_ISREG(status.st_mode):
+                self.assertEqual(int(words[b"size"]), status.st_size, path)
+            if stat.S_ISLNK(status.st_mode):
+                self.assertEqual(plain(words[b"link"]), os.readlink(tree + b"/" + path), path)
+
+    def test_is_read_by_bsdtar(self):
+        self.fill_tree()
+        entries, _ = self.write_record()
+        listing = subprocess.run(["bsdtar", "-cf", "-", "--format=mtree", "--options=!all,type,"
+                                  "mode,uid,gid,size,time,link", "@" + self.record],
+                                 capture_output=True, cwd=self.tree, check=True)
+        self.assertEqual(listing.stderr, b"")
+        with open(self.out + "/again", "wb") as file:
+            file.write(listing.stdout)
+        read = subprocess.run(["bsdtar", "-tf", self.record], capture_output=True, check=True,
+                              cwd=self.tree)
+        self.assertEqual(read.stderr, b"")
+        self.assertEqual(len(entries), len(listing.stdout.splitlines()) - 1)
+
+    def test_is_the_same_for_an_unchanged_volume_but_for_its_header(self):
+        self.fill_tree()
+        self.write_record()
+        self.write_record(self.out + "/second")
+        with open(self.record, "rb") as first, open(self.out + "/second", "rb") as second:
+            first_lines, second_lines = first.readlines(), second.readlines()
+        self.assertEqual(first_lines[2:], second_lines[2:])
+        paths = [line.split(b" ")[0] for line in first_lines[2:]]
+        top = [plain(path) for path in paths[1:] if path.count(b"/") == 1]
+        self.assertEqual(top, sorted(top))
+
+    def test_stays_on_its_file_system(self):
+        os.mkdir(self.tree + "/mounted")
+        os.mkdir(self.tree + "/bound")
+        os.mkdir(self.tree + "/own")
+        open(self.tree + "/own/file", "w").close()
+        subprocess.run(["mount", "-t", "tmpfs", "none", self.tree + "/mounted"], check=True)
+        subprocess.run(["mount", "--bind", self.tree + "/own", self.tree + "/bound"], check=True)
+        try:
+            open(self.tree + "/mounted/other", "w").close()
+            entries, _ = self.write_record()
+        finally:
+            subprocess.run(["umount", self.tree + "/mounted", self.tree + "/bound"], check=True)
+        self.assertEqual(set(entries), {b".", b"./mounted", b"./bound", b"./own", b"./own/file"})
+        self.assertEqual(entries[b"./mounted"], {b"type": b"dir"})
+
+    def test_names_folders_that_cannot_be_read_and_goes_on(self):
+        os.makedirs(self.tree + "/closed one/within")
+        os.makedirs(self.tree + "/open")
+        os.chmod(self.tree + "/closed one", 0)
+        os.chmod(self.out, 0o777)
+        shutil.copy(PROGRAM, self.tree + "/../program")
+        os.chmod(self.tree + "/../program", 0o755)
+        result = subprocess.run([self.tree + "/../program", "quorlen", self.record, self.tree],
+                                user=NOBODY, capture_output=True, text=True)
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        entries, comments = read_record(self.record)
+        self.assertEqual(set(entries), {b".", b"./closed one", b"./open"})
+        self.assertIn(b"# ./closed\\040one cannot be read: Permission denied", comments)
+
+    def test_goes_down_as_deep_as_folders_go(self):
+        depth = 1500
+        here = os.open(self.tree, os.O_RDONLY)
+        for _ in range(depth):
+            os.mkdir("d", dir_fd=here)
+            below = os.open("d", os.O_RDONLY, dir_fd=here)
+            os.close(here)
+            here = below
+        os.close(here)
+        entries, _ = self.write_record()
+        self.assertEqual(len(entries), depth + 1)
+        subprocess.run(["rm", "-rf", self.tree], check=True)
+
+    def test_refuses_bad_arguments_in_one_line(self):
+        for arguments in ([], ["quorlen"], ["quorlen", self.record],
+                          ["Quorlen", self.record, self.tree],
+                          ["quorlen", self.record, self.tree, "more"],
+                          ["quorlen", self.record, self.tree + "/nowhere"],
+                          ["quorlen", self.record, PROGRAM],
+                          ["quorlen", "relative", self.tree],
+                          ["quorlen", self.tree + "/nowhere/file", self.tree]):
+            with self.subTest(arguments=arguments):
+                self.assert_refused(self.run_program(*arguments))
+
+    def test_replaces_nothing(self):
+        with open(self.record, "w") as file:
+            file.write("precious")
+        result = self.run_program("quorlen", self.record, self.tree)
+        self.assertEqual(result.returncode, 1)
+        with open(self.record) as file:
+            self.assertEqual(file.read(), "precious")
+
+    def many_files(self):
+        for folder in range(10):
+            os.mkdir(f"{self.tree}/{folder}")
+            for name in range(100):
+                os.mknod(f"{self.tree}/{folder}/{name}")
+
+    def test_leaves_nothing_when_there_is_no_space(self):
+        self.many_files()
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "none", self.out], check=True)
+        try:
+            self.assert_refused(self.run_program("quorlen", self.record, self.tree))
+        finally:
+            subprocess.run(["umount", self.out], check=True)
+
+    def test_leaves_nothing_when_it_is_told_to_end(self):
+        self.many_files()
+        for number in (signal.SIGINT, signal.SIGTERM):
+            for _ in range(10):
+                program = subprocess.Popen([PROGRAM, "quorlen", self.record, self.tree])
+                while os.readlink(f"/proc/{program.pid}/exe") != os.path.realpath(PROGRAM):
+                    pass
+                program.send_signal(number)
+                if program.wait(30) != 0:
+                    self.assertEqual(os.listdir(self.out), [])
+                    break
+                os.unlink(self.record)
+            else:
+                self.fail("it always ended first")
+
+    def test_stands_back_for_others(self):
+        self.many_files()
+        trace = self.out + "/../trace"
+        subprocess.run(["strace", "-o", trace, "-e", "trace=setpriority,ioprio_set", PROGRAM,
+                        "quorlen", self.record, self.tree], check=True)
+        with open(trace) as file:
+            text = file.read()
+        self.assertIn("setpriority(PRIO_PROCESS, 0, 19) = 0", text)
+        self.assertRegex(text, r"ioprio_set\(.*IDLE.*\) = 0")
+
+
+if __name__ == "__main__":
+    PROGRAM = os.path.realpath(sys.argv.pop())
+    subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+    unittest.main()
