@@ -160,14 +160,14 @@ TEST_F(AlertDialogsTest, ADesktopThatDoesNotShowItIsOneLine) {
 }
 
 TEST_F(AlertDialogsTest, CancellingEndsTheProgramSilently) {
-    installProgram("trap 'touch " + folder_ +
-                   "/cancelled; exit 0' TERM\nwhile :; do sleep 0.02; done");
+    installProgram("trap 'touch " + folder_ + "/cancelled; exit 0' TERM\ntouch " + folder_ +
+                   "/ready\nwhile :; do sleep 0.02; done");
     LinuxBundle bundle{folder_, {}};
     LinuxAlertDialogs dialogs{loop_, bundle, log_};
     const std::unique_ptr<AlertDialog> dialog = dialogs.show(alert_);
     ASSERT_NE(dialog, nullptr);
     runUntil([&] {
-        if (!std::filesystem::exists(folder_ + "/started")) return false;
+        if (!std::filesystem::exists(folder_ + "/ready")) return false;
         dialog->cancel();
         return std::filesystem::exists(folder_ + "/cancelled");
     });
