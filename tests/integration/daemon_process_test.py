@@ -159,7 +159,9 @@ class Daemon:
         self.log.close()
 
 
-class DaemonProcess(unittest.TestCase):
+class DaemonBed(unittest.TestCase):
+    """A support folder and a folder of volume links that nothing outside this test sees."""
+
     @classmethod
     def setUpClass(cls):
         cls.place = tempfile.mkdtemp(prefix="korvane-process-")
@@ -224,6 +226,8 @@ class DaemonProcess(unittest.TestCase):
         with open(PREFERENCES, "wb") as file:
             file.write(plistlib.dumps(document))
 
+
+class DaemonProcess(DaemonBed):
     def test_creates_the_preferences_with_their_defaults_and_open_permissions(self):
         daemon = self.start(umask=0o077)
         preferences = wait_for(read_preferences)

@@ -36,10 +36,10 @@ void standBack() {
 }
 
 int record(const std::string& path, const std::string& mountPath) {
-    standBack();
     const Time now = std::chrono::floor<Time::duration>(std::chrono::system_clock::now());
     Result<RecordFile> file = RecordFile::create(path);
     if (!file) return fail(file.error().message);
+    standBack();
     const Result<std::monostate> written = writeDirectoryRecord(mountPath, now, *file);
     if (!written) return fail(written.error().message);
     const Result<std::monostate> committed = file->commit();
