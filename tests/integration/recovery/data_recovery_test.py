@@ -1,7 +1,8 @@
 """KorvaneProDataRecovery on a real ext4 volume: what it records is read back from the device.
 
-Takes the paths of the program and of korvanectl, which brings contents back by the records. Runs as root, in a mount namespace of its own. Reads the records by
-docs/trash-records.md with nothing of the program's own code.
+Takes the paths of the program and of korvanectl, which brings contents back by the records. Runs as
+root, in a mount namespace of its own, and reads the records by docs/trash-records.md with nothing of
+the program's own code.
 """
 
 import hashlib
@@ -314,4 +315,10 @@ class DataRecovery(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(verbosity=1)
+    # The programs may have been built below /tmp, which the tests cover with a folder of their own.
+    with tempfile.TemporaryDirectory(dir="/run") as programs:
+        os.chmod(programs, 0o755)
+        PROGRAM = shutil.copy(PROGRAM, programs)
+        KORVANECTL = shutil.copy(KORVANECTL, programs)
+        result = unittest.main(verbosity=1, exit=False).result
+    sys.exit(not result.wasSuccessful())
