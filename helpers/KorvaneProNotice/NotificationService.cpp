@@ -40,7 +40,7 @@ class BusError {
     }
 
   private:
-    sd_bus_error error_ = SD_BUS_ERROR_NULL;
+    sd_bus_error error_{};
 };
 
 bool contains(const std::vector<std::string>& list, const char* word) {

@@ -1,5 +1,7 @@
 #include "backup/BackupFolders.h"
 
+#include <fmt/format.h>
+
 #include <cstdint>
 #include <optional>
 
@@ -43,11 +45,11 @@ FolderState prepareFolderAt(FileSystem& fileSystem, const std::string& location,
 
 void repairPermissions(FileSystem& fileSystem, const std::string& folder) {
     for (const std::string& item : fileSystem.enumerate(folder)) {
-        const std::string path = folder + '/' + item;
+        const std::string path = fmt::format("{}/{}", folder, item);
         const std::optional<ItemAttributes> attributes = fileSystem.attributes(path);
         if (!attributes || attributes->kind != ItemKind::folder) continue;
         for (const std::string& name : fileSystem.enumerate(path)) {
-            const std::string below = path + '/' + name;
+            const std::string below = fmt::format("{}/{}", path, name);
             const std::optional<ItemAttributes> descendant = fileSystem.attributes(below);
             if (!descendant) continue;
             if (descendant->ownerId != kRootAccount) break;

@@ -1,5 +1,7 @@
 #include "backup/BackupRotation.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <utility>
 #include <vector>
@@ -46,7 +48,7 @@ void rotateBackups(FileSystem& fileSystem, const std::string& folder, std::int64
     for (std::string& name : fileSystem.list(folder).value_or(std::vector<std::string>{})) {
         if (!isBackupName(name)) continue;
         // One that has just vanished takes no part.
-        const auto attributes = fileSystem.attributes(folder + '/' + name);
+        const auto attributes = fileSystem.attributes(fmt::format("{}/{}", folder, name));
         if (attributes) files.push_back({std::move(name), attributes->modificationDate});
     }
     std::sort(files.begin(), files.end(), [](const BackupFile& first, const BackupFile& second) {

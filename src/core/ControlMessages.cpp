@@ -1,8 +1,6 @@
 // The daemon's end of the control connection: what a command word does, and the files that it makes
 // and removes for the main application, which may lack the right to.
 
-#include <ranges>
-
 #include "base/Format.h"
 #include "core/ControlWords.h"
 #include "core/KorvaneProDaemon.h"
@@ -30,7 +28,8 @@ bool KorvaneProDaemon::messageXmitRcvr(const std::string& word) {
 }
 
 void KorvaneProDaemon::messageDoCreateItems(const std::vector<std::string>& paths) {
-    for (const std::string& path : std::views::reverse(paths)) {
+    for (auto each = paths.rbegin(); each != paths.rend(); ++each) {
+        const std::string& path = *each;
         if (!machine_.fileSystem.createEmptyFile(path, kCreatedFilePermissions)) {
             machine_.systemLog.write(LogLevel::warning,
                                      formatText("\"%@\" create error", {std::string_view(path)}));
@@ -41,7 +40,8 @@ void KorvaneProDaemon::messageDoCreateItems(const std::vector<std::string>& path
 void KorvaneProDaemon::messageDoDeleteItems(const std::vector<std::string>& paths) {
     // Older systems do not say why a removal failed.
     const bool saysWhy = compareCurrentSystemVersionWith("10.5") != ComparisonResult::ascending;
-    for (const std::string& path : std::views::reverse(paths)) {
+    for (auto each = paths.rbegin(); each != paths.rend(); ++each) {
+        const std::string& path = *each;
         const Result<std::monostate> removed = machine_.fileSystem.remove(path);
         if (removed) continue;
         machine_.systemLog.write(

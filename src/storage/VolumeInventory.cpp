@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <optional>
-#include <ranges>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -107,8 +106,8 @@ class VolumePass {
     }
 
     void markAbsentVolumes() {
-        for (PropertyList& element : std::views::reverse(volumeArray_)) {
-            auto entry = VolumeEntry::over(element);
+        for (auto element = volumeArray_.rbegin(); element != volumeArray_.rend(); ++element) {
+            auto entry = VolumeEntry::over(*element);
             if (!entry || entryOfMount_.contains(entry->volumeMountToName())) continue;
             if (entry->usageStatus() != kStatusNotAvailable) {
                 entry->setUsageStatus(kStatusNotAvailable);
@@ -123,8 +122,8 @@ class VolumePass {
 
     void refreshFolders() {
         VolumeFolders folders(fileSystem_);
-        for (PropertyList& element : std::views::reverse(volumeArray_)) {
-            auto entry = VolumeEntry::over(element);
+        for (auto element = volumeArray_.rbegin(); element != volumeArray_.rend(); ++element) {
+            auto entry = VolumeEntry::over(*element);
             if (!entry) continue;
             const std::string path = entry->volumeMountToName();
             const bool isAvailable = entry->usageStatus() != kStatusNotAvailable &&
