@@ -27,7 +27,7 @@ constexpr std::uint64_t kLimitMicroseconds =
     std::chrono::duration_cast<std::chrono::microseconds>(kBusLimit).count();
 
 struct FreeBusError {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     FreeBusError() = default;
     FreeBusError(const FreeBusError&) = delete;
     FreeBusError& operator=(const FreeBusError&) = delete;
