@@ -183,7 +183,7 @@ Outcome<ExitStatus> runSet(Program& program) {
                             }
                             return true;
                         }};
-    const Outcome<ExitStatus> outcome = finishEdit(program, edit, [] {
+    Outcome<ExitStatus> outcome = finishEdit(program, edit, [] {
         return std::string{"The mail settings are stored; try them with: korvanectl test-mail"};
     });
     if (outcome && usesTls(*answers) && !usesLogin(*answers)) {
