@@ -1,5 +1,5 @@
 // The desktop's notification service, org.freedesktop.Notifications (Desktop Notifications
-// Specification 1.2): shows one notice and stays until it is off the screen.
+// protocol 1.2): shows one notice and stays until it is off the screen.
 #pragma once
 
 #include <systemd/sd-bus.h>

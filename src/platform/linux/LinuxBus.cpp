@@ -23,7 +23,7 @@ constexpr std::chrono::microseconds kLongestWait = std::chrono::seconds{2};
 constexpr milliseconds kFirstRetryDelay{50};
 constexpr std::size_t kMostAttempts = 7;
 
-// D-Bus specification, "Well-known Message Bus Instances".
+// The D-Bus document, "Well-known Message Bus Instances".
 constexpr char kSystemBusAddress[] = "unix:path=/run/dbus/system_bus_socket";
 
 std::string addressOf(LinuxBus::Kind kind) {
