@@ -77,7 +77,7 @@ TEST_F(Drives, ThatHaveSmartHaveAnEntryAndPass) {
     ASSERT_TRUE(becomes([] {
         return lastResultOf(kAta) == "passed" && lastResultOf(kNvme) == "passed";
     })) << ::testing::PrintToString(driveNames());
-    EXPECT_THAT(driveNames(), UnorderedElementsAre(kAta, kNvme));
+    EXPECT_THAT(driveNames(), UnorderedElementsAre(kAta, kAtaModel + " - ATA-2", kNvme));
     const Dictionary ata = historyOf(kAta).back();
     EXPECT_EQ(*ata.find("driveConnection"), PropertyList("ATA"));
     EXPECT_THAT(stringValue(ata.find("bsdName")), HasSubstr("/dev/sd"));
