@@ -19,16 +19,6 @@ namespace {
 using std::chrono::seconds;
 using Paths = std::vector<std::string>;
 
-// A command that consists of one word to the daemon.
-Outcome<ExitStatus> runWord(Program& program, const char* word, std::string_view done) {
-    const Outcome<bool> answer = program.daemon.send(word);
-    if (!answer) {
-        return answer.failure();
-    }
-    program.print(fmt::format("{}\n", done));
-    return ExitStatus::done;
-}
-
 Outcome<ExitStatus> runSwitch(Program& program, bool isOn, const char* word) {
     const Edit edit{.apply = [isOn](Dictionary& preferences) -> Outcome<std::monostate> {
                         preferences.set(kDaemonOn, isOn);
@@ -80,8 +70,8 @@ Outcome<ExitStatus> runEmergencyKeep(Program& program) {
     program.print("The emergency volume stays mounted until this command ends: Ctrl-C ends it.\n");
     while (program.pause(kUntilAskedToEnd)) {
     }
-    return runWord(program, kUnmountEmergencyVolume,
-                   "The emergency volume may be unmounted again.");
+    return sendWord(program, kUnmountEmergencyVolume,
+                    "The emergency volume may be unmounted again.");
 }
 
 // A path of the person's is one of the current folder; the daemon's is another.
@@ -137,35 +127,23 @@ Outcome<ExitStatus> runSend(Program& program, const std::string& word) {
     return ExitStatus::done;
 }
 
-CLI::App* addGroup(CLI::App& app, const std::string& name, const std::string& description) {
-    CLI::App* const group = app.add_subcommand(name, description);
-    group->require_subcommand(1);
-    return group;
-}
-
-void addWord(CLI::App& parent, Program& program, const std::string& name,
-             const std::string& description, const char* word, const char* done) {
-    addCommand(parent, program, name, description,
-               [&program, word, done] { return runWord(program, word, done); });
-}
-
 void addSwitches(CLI::App& app, Program& program) {
     addCommand(app, program, "start", "Turn protection on",
                [&program] { return runSwitch(program, true, "daemonStartYourEngines"); });
     addCommand(app, program, "stop", "Turn protection off",
                [&program] { return runSwitch(program, false, "daemonStopYourEngines"); });
 
-    CLI::App& freeSpace = *addGroup(app, "free-space", "Free-space warnings, for now");
-    addWord(freeSpace, program, "ignore", "Check no volume until told otherwise",
-            "QLDaemonIgnoreFreeSpace_WipeData_Msg", "Free space is not checked for now.");
-    addWord(freeSpace, program, "check", "Check volumes again",
-            "QLDaemonCheckFreeSpace_WipeData_Msg", "Free space is checked again.");
+    CLI::App& freeSpace = addGroup(app, "free-space", "Free-space warnings, for now");
+    addWordCommand(freeSpace, program, "ignore", "Check no volume until told otherwise",
+                   "QLDaemonIgnoreFreeSpace_WipeData_Msg", "Free space is not checked for now.");
+    addWordCommand(freeSpace, program, "check", "Check volumes again",
+                   "QLDaemonCheckFreeSpace_WipeData_Msg", "Free space is checked again.");
 
-    CLI::App& emergency = *addGroup(app, "emergency", "The emergency volume");
+    CLI::App& emergency = addGroup(app, "emergency", "The emergency volume");
     addCommand(emergency, program, "keep", "Leave it mounted while this command runs",
                [&program] { return runEmergencyKeep(program); });
-    addWord(emergency, program, "release", "Let it be unmounted again", kUnmountEmergencyVolume,
-            "The emergency volume may be unmounted again.");
+    addWordCommand(emergency, program, "release", "Let it be unmounted again",
+                   kUnmountEmergencyVolume, "The emergency volume may be unmounted again.");
 }
 
 }  // namespace
@@ -173,7 +151,7 @@ void addSwitches(CLI::App& app, Program& program) {
 void addControlCommands(CLI::App& app, Program& program) {
     addSwitches(app, program);
 
-    CLI::App& wait = *addGroup(app, "wait", "Wait until work has ended");
+    CLI::App& wait = addGroup(app, "wait", "Wait until work has ended");
     addCommand(wait, program, "smart", "Wait for the SMART checks that are due",
                [&program] { return runWait(program, "isSMARTExecuteComplete", "SMART check"); });
     addCommand(wait, program, "backup", "Wait for the directory backups that are due", [&program] {

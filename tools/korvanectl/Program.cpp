@@ -26,6 +26,27 @@ CLI::App* addPrintingCommand(CLI::App& parent, Program& program, const std::stri
     return command;
 }
 
+CLI::App& addGroup(CLI::App& parent, const std::string& name, const std::string& description) {
+    CLI::App* const group = parent.add_subcommand(name, description);
+    group->require_subcommand(1);
+    return *group;
+}
+
+void addWordCommand(CLI::App& parent, Program& program, const std::string& name,
+                    const std::string& description, const char* word, const char* done) {
+    addCommand(parent, program, name, description,
+               [&program, word, done] { return sendWord(program, word, done); });
+}
+
+Outcome<ExitStatus> sendWord(Program& program, const char* word, const char* done) {
+    const Outcome<bool> answer = program.daemon.send(word);
+    if (!answer) {
+        return answer.failure();
+    }
+    program.print(fmt::format("{}\n", done));
+    return ExitStatus::done;
+}
+
 void printJson(const Program& program, const PropertyList& value) {
     program.print(formatJson(value));
 }
@@ -55,6 +76,8 @@ int runProgram(Program& program, int argumentCount, const char* const* arguments
     addVolumeCommands(app, program);
     addTrashCommands(app, program);
     addControlCommands(app, program);
+    addBackupCommands(app, program);
+    addLocationCommands(app, program);
     addMailCommands(app, program);
     try {
         app.parse(argumentCount, arguments);

@@ -55,6 +55,15 @@ CLI::App* addPrintingCommand(CLI::App& parent, Program& program, const std::stri
                              const std::string& description,
                              std::function<Outcome<ExitStatus>()> run);
 
+// Adds a subcommand that only holds others.
+CLI::App& addGroup(CLI::App& parent, const std::string& name, const std::string& description);
+// One that consists of a word to the daemon, and of what is said when the daemon took it.
+void addWordCommand(CLI::App& parent, Program& program, const std::string& name,
+                    const std::string& description, const char* word, const char* done);
+
+// Sends the word and says so.
+[[nodiscard]] Outcome<ExitStatus> sendWord(Program& program, const char* word, const char* done);
+
 // Prints the value as JSON.
 void printJson(const Program& program, const PropertyList& value);
 
@@ -71,7 +80,9 @@ void addTrashCommands(CLI::App& app, Program& program);    // trash
 void addTrashRecovery(CLI::App& group, Program& program);  // recover, within trash
 // start, stop, wait, free-space, emergency, create, delete, send
 void addControlCommands(CLI::App& app, Program& program);
-void addMailCommands(CLI::App& app, Program& program);  // mail show, mail set, test-mail
+void addBackupCommands(CLI::App& app, Program& program);    // backup
+void addLocationCommands(CLI::App& app, Program& program);  // locations
+void addMailCommands(CLI::App& app, Program& program);      // mail show, mail set, test-mail
 
 // Understands and carries out one command line; what it answers is the process's exit status.
 [[nodiscard]] int runProgram(Program& program, int argumentCount, const char* const* arguments);
