@@ -43,14 +43,22 @@ std::uint32_t flagsOf(const fiemap_extent& extent) {
 std::uint32_t flagsOfAll(int file) {
     std::uint32_t flags = 0;
     struct statfs system {};
-    // Btrfs answers with places in its own address space, which its chunks map to devices.
-    if (::fstatfs(file, &system) != 0 || system.f_type == BTRFS_SUPER_MAGIC) {
+    // Btrfs answers with places in its own address space, which its chunks map to devices;
+    // overlayfs with those of a layer, on a device that is not the volume's.
+    if (::fstatfs(file, &system) != 0 || system.f_type == BTRFS_SUPER_MAGIC ||
+        system.f_type == OVERLAYFS_SUPER_MAGIC) {
         flags |= kExtentPlaceUnknown;
     }
     struct statx status {};
     if (::statx(file, "", AT_EMPTY_PATH, STATX_BASIC_STATS, &status) == 0 &&
         (status.stx_attributes & (STATX_ATTR_COMPRESSED | STATX_ATTR_ENCRYPTED)) != 0) {
         flags |= kExtentEncoded;
+    }
+    // XFS keeps such files on a device of their own.
+    fsxattr attributes{};
+    if (::ioctl(file, FS_IOC_FSGETXATTR, &attributes) == 0 &&
+        (attributes.fsx_xflags & FS_XFLAG_REALTIME) != 0) {
+        flags |= kExtentPlaceUnknown;
     }
     return flags;
 }

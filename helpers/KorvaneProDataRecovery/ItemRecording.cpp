@@ -8,6 +8,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -75,7 +76,7 @@ class Recording {
                                      const std::string& name) {
         const auto status = statusOf(folder, name.c_str());
         const auto folderStatus = statusOf(folder, "");
-        if (!status || !folderStatus || limit_.itemsLeft == 0) return {};
+        if (!status || !folderStatus) return {};
         trashNode_ = status->stx_ino;
         device_ = identityOf(*status).device;
         volumeId_ = volumeIdOf(folder);
@@ -87,7 +88,6 @@ class Recording {
   private:
     void add(int folder, std::uint64_t parent, const std::string& folderPath,
              const std::string& name, const struct statx& status) {
-        --limit_.itemsLeft;
         RecordedItem item{.node = status.stx_ino,
                           .parent = parent,
                           .trashNode = trashNode_,
@@ -111,6 +111,11 @@ class Recording {
     void addData(int folder, RecordedItem& item, Identity identity) {
         const UniqueFd file = openFile(folder, item.name.c_str(), identity);
         ExtentList list = file ? readExtents(file.get()) : ExtentList{};
+        // The first one is the item of the trash itself: it has all that a record may hold.
+        if (!items_.empty() && list.extents.size() > extentsLeft_) {
+            list = ExtentList{.extents = {}, .isWhole = false};
+        }
+        extentsLeft_ -= std::min(extentsLeft_, list.extents.size());
         if (!list.isWhole) item.flags |= kRecordExtentsCut;
         item.extents = std::move(list.extents);
         const auto sum =
@@ -139,10 +144,15 @@ class Recording {
     bool addLevel(FolderDescent& descent, const std::string& path, std::size_t depth) {
         std::vector<FolderDescent::Name> names;
         const auto self = statusOf(descent.folder(), "");
-        if (!self || !descent.read(names)) {
+        if (!self || !descent.read(names, limit_.namesOfFolder)) {
             items_.front().flags |= kRecordFolderCut;
             return true;
         }
+        if (names.size() == limit_.namesOfFolder) items_.front().flags |= kRecordFolderCut;
+        std::sort(names.begin(), names.end(),
+                  [](const auto& a, const auto& b) { return a.text < b.text; });
+        // More are never recorded, and every level of the way down holds its own.
+        if (names.size() > limit_.itemsOfFolder + 1) names.resize(limit_.itemsOfFolder + 1);
         for (const FolderDescent::Name& name : names) {
             if (items_.size() > limit_.itemsOfFolder || limit_.itemsLeft == 0) {
                 items_.front().flags |= kRecordFolderCut;
@@ -151,6 +161,7 @@ class Recording {
             const auto status = statusOf(descent.folder(), name.text.c_str());
             // Gone since, or another volume mounted there.
             if (!status || identityOf(*status).device != device_) continue;
+            --limit_.itemsLeft;
             add(descent.folder(), self->stx_ino, path, name.text, *status);
             if (S_ISDIR(status->stx_mode) && !addBelow(descent, path, name.text, depth)) {
                 return false;
@@ -176,6 +187,7 @@ class Recording {
     std::uint64_t trashNode_ = 0;
     std::uint64_t volumeId_ = 0;
     dev_t device_ = 0;
+    std::size_t extentsLeft_ = limit_.extentsOfFolder;
     std::vector<RecordedItem> items_;
 };
 

@@ -1,4 +1,5 @@
-// The jobs that the daemon hands over: records of 76 bytes. Pure, and made for bytes from anywhere.
+// The jobs that the daemon hands over, records of trash/TrashFormats.h: which of them this program
+// takes. Pure, and made for bytes from anywhere.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +10,6 @@
 
 namespace korvane {
 
-inline constexpr std::size_t kJobRecordSize = 76;
 // The daemon hands over at most 100 at once; a longer file is read to here.
 inline constexpr std::size_t kMostJobs = 100;
 

@@ -33,12 +33,12 @@ void recordJobs(const JobFile& file, const MachinePlaces& places, const std::str
         TrashFolders& folders = volumes.try_emplace(job.device, places, job.device).first->second;
         const auto place = folders.find(job.node, job.parent);
         if (!place) continue;  // emptied, or put back, before this program came to it
+        auto items = recordItem(place->folder->folder.get(), place->folder->path, place->name,
+                                limit, reading);
+        // Gone since, or another item has taken its name.
+        if (items.empty() || static_cast<std::uint32_t>(items.front().node) != job.node) continue;
         std::string bytes;
-        for (RecordedItem& item : recordItem(place->folder->folder.get(), place->folder->path,
-                                             place->name, limit, reading)) {
-            bytes += encodeItem(std::move(item));
-        }
-        if (bytes.empty()) continue;
+        for (RecordedItem& item : items) bytes += encodeItem(std::move(item));
         if (const auto saved = saveResult(resultFolder, job.resultName, bytes); !saved) {
             tell(saved.error().message);
         }

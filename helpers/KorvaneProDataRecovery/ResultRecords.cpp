@@ -40,8 +40,9 @@ constexpr std::size_t kExtentsAt = kResultStampOffset + 4;
 constexpr std::size_t kExtentSize = 28;
 constexpr std::size_t kExtentRoom = (kResultRecordSize - kExtentsAt) / kExtentSize;
 
-// NAME_MAX and PATH_MAX of linux/limits.h: no name and no path in one call is longer.
-constexpr std::size_t kMostName = 255;
+// 255 UTF-16 units, which FAT and NTFS allow, are 765 bytes of UTF-8; elsewhere it is NAME_MAX.
+constexpr std::size_t kMostName = 765;
+// PATH_MAX of linux/limits.h: no path in one call is longer.
 constexpr std::size_t kMostPath = 4096;
 constexpr std::size_t kMostText = kMostName + 2 * kMostPath + 3;
 

@@ -12,11 +12,13 @@
 #include <string_view>
 #include <vector>
 
+#include "trash/TrashFormats.h"
+
 namespace korvane {
 
-// The size is the suite's; so is the place of the stamp, which the daemon sets when it collects.
-inline constexpr std::size_t kResultRecordSize = 764;
-inline constexpr std::size_t kResultStampOffset = 544;
+// The daemon copies whole records and sets the stamp in them when it collects them.
+inline constexpr std::size_t kResultRecordSize = kTrashRecordBytes;
+inline constexpr std::size_t kResultStampOffset = kTrashStampOffset;
 
 using Sha256 = std::array<std::uint8_t, 32>;
 
@@ -56,8 +58,8 @@ struct RecordedItem {
     std::uint16_t flags = 0;
     std::uint64_t node = 0;
     std::uint64_t parent = 0;  // the node of the folder it lies in
-    std::uint64_t trashNode =
-        0;  // the item of the trash that it belongs to: itself, or a folder above
+    // The item of the trash that it belongs to: itself, or a folder above.
+    std::uint64_t trashNode = 0;
     std::uint64_t volumeId = 0;  // statfs(2)'s f_fsid; 0 when unknown
     std::uint32_t mode = 0;      // as in stat(2), with the kind of file
     std::uint32_t userId = 0;

@@ -81,6 +81,15 @@ bool isSource(const std::string& source, const std::string& device) {
     return source == device || (device.size() == kCutDevice && source.starts_with(device));
 }
 
+// A file system of several devices has no device's number; its source may be another name of one:
+// "/dev/mapper/data" is "/dev/dm-0".
+bool isNode(const std::string& source, const DeviceNumber& number) {
+    struct stat status {};
+    return source.starts_with(kDevices) && ::stat(source.c_str(), &status) == 0 &&
+           S_ISBLK(status.st_mode) && ::major(status.st_rdev) == number.major &&
+           ::minor(status.st_rdev) == number.minor;
+}
+
 // The mount points, in the table's order, of the volume on the device.
 std::vector<std::string> mountPointsOf(const MachinePlaces& places, const std::string& device) {
     const std::vector<MountRow> rows = parseMountTable(textOf(places.mountTable));
@@ -88,7 +97,9 @@ std::vector<std::string> mountPointsOf(const MachinePlaces& places, const std::s
     std::vector<std::string> paths;
     for (const std::size_t index : reachableMounts(rows)) {
         const MountRow& row = rows[index];
-        if ((number && row.device == *number) || isSource(row.source, device)) {
+        const bool isIt = isSource(row.source, device) ||
+                          (number && (row.device == *number || isNode(row.source, *number)));
+        if (isIt) {
             paths.push_back(row.mountPoint);
         }
     }

@@ -16,6 +16,7 @@
 
 #include "KorvaneProDataRecovery/Recovery.h"
 #include "KorvaneProDataRecovery/ResultFile.h"
+#include "trash/TrashFormats.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ void yieldToEverything() {
 
 int run(const std::string& inputPath) {
     // One record more than are taken, so that a longer file is noticed.
-    const Result<std::string> input = readOwnFile(inputPath, (kMostJobs + 1) * kJobRecordSize);
+    const Result<std::string> input = readOwnFile(inputPath, (kMostJobs + 1) * kSearchJobBytes);
     if (!input) {
         tell(input.error().message);
         return kBadInput;
@@ -51,7 +52,7 @@ int run(const std::string& inputPath) {
 }  // namespace
 
 int main(int count, char** arguments) {
-    if (count != 3 || std::string_view{arguments[1]} != "inFile") {
+    if (count != 3 || std::string_view{arguments[1]} != kInFileArgument) {
         tell("takes \"inFile\" and the path of a job file");
         return kBadInput;
     }

@@ -57,7 +57,7 @@ bool FolderDescent::leave() {
     return true;
 }
 
-bool FolderDescent::read(std::vector<Name>& names) const {
+bool FolderDescent::read(std::vector<Name>& names, std::size_t most) const {
     // A descriptor of its own, since closing the stream closes the one that it reads.
     UniqueFd copy{::openat(folder_.get(), ".", kFolderFlags)};
     if (!copy) return false;
@@ -70,6 +70,7 @@ bool FolderDescent::read(std::vector<Name>& names) const {
         if (name == "." || name == "..") continue;
         names.push_back(
             {std::string(name), entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN});
+        if (names.size() >= most) return true;
     }
     return errno == 0;
 }

@@ -5,6 +5,8 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -37,8 +39,8 @@ class FolderDescent {
         std::string text;
         bool mayBeFolder = false;
     };
-    // False, with errno set, when it cannot be read.
-    [[nodiscard]] bool read(std::vector<Name>& names) const;
+    // At most `most` of them. False, with errno set, when it cannot be read.
+    [[nodiscard]] bool read(std::vector<Name>& names, std::size_t most = SIZE_MAX) const;
 
   private:
     struct Identity {

@@ -99,8 +99,40 @@ TEST_F(ItemRecordingTest, StopsAtTheLimitsOfAFolderAndSaysSo) {
     items = record("box");
     EXPECT_THAT(namesOf(items), ElementsAre("box", "inner"));
     EXPECT_NE(items[0].flags & kRecordFolderCut, 0);
+    limit.itemsOfFolder = 10;
+    limit.namesOfFolder = 1;
+    EXPECT_NE(record("box")[0].flags & kRecordFolderCut, 0);
+}
+
+TEST_F(ItemRecordingTest, RecordsAnItemItselfWhateverOthersHeld) {
+    folder.write("box/letter", "abc");
     limit.itemsLeft = 0;
-    EXPECT_THAT(record("box"), IsEmpty());
+    const auto items = record("box");
+    EXPECT_THAT(namesOf(items), ElementsAre("box"));
+    EXPECT_NE(items[0].flags & kRecordFolderCut, 0);
+}
+
+TEST_F(ItemRecordingTest, KeepsTheExtentsOfAFolderWithinTheirLimit) {
+    folder.write("box/letter", std::string(10'000, 'a'));
+    limit.extentsOfFolder = 0;
+    const auto items = record("box");
+    ASSERT_THAT(namesOf(items), ElementsAre("box", "letter"));
+    EXPECT_THAT(items[1].extents, IsEmpty());
+    EXPECT_NE(items[1].flags & kRecordExtentsCut, 0);
+    folder.write("letter", std::string(10'000, 'a'));
+    const bool fileSystemSays = !record("letter")[0].extents.empty();
+    EXPECT_EQ(record("letter")[0].flags & kRecordExtentsCut,
+              fileSystemSays ? 0 : kRecordExtentsCut);
+}
+
+TEST_F(ItemRecordingTest, GoesThroughAFolderInTheOrderOfItsNames) {
+    for (const char* const name : {"c", "a/2", "b", "a/1", "B", "\xFF", "10", "9"}) {
+        folder.write(std::string("box/") + name, "abc");
+    }
+    EXPECT_THAT(namesOf(record("box")),
+                ElementsAre("box", "10", "9", "B", "a", "1", "2", "b", "c", "\xFF"));
+    limit.itemsOfFolder = 3;
+    EXPECT_THAT(namesOf(record("box")), ElementsAre("box", "10", "9", "B"));
 }
 
 TEST_F(ItemRecordingTest, OpensNoPipe) {

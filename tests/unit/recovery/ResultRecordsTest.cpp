@@ -66,7 +66,7 @@ TEST(ResultRecords, OneHoldsAUsualItem) {
 
 TEST(ResultRecords, SeveralHoldLongNamesAndManyExtents) {
     RecordedItem item = anItem();
-    item.name = std::string(255, '\n');
+    item.name = std::string(765, '\n');
     item.path = "/" + std::string(4095, '\xFF');
     item.linkTarget = std::string(4096, ' ');
     for (std::uint64_t i = 0; i < 1000; ++i) item.extents.push_back({i, i * 2, 1, 0});
