@@ -25,9 +25,10 @@ bool isSomebodyElses(FileSystem& fileSystem, const std::string& path) {
 
 FolderState prepareFolderAt(FileSystem& fileSystem, const std::string& location,
                             std::string_view volume) {
-    const std::string outer = locationFolder(location);
-    if (isSomebodyElses(fileSystem, outer)) return FolderState::notOurs;
-    if (!fileSystem.exists(outer)) {
+    for (const std::string& folder : foldersOnLocation(location, volume)) {
+        if (isSomebodyElses(fileSystem, folder)) return FolderState::notOurs;
+    }
+    if (!fileSystem.exists(locationFolder(location))) {
         for (const std::string& folder : locationFoldersToMake(location)) {
             if (fileSystem.exists(folder)) continue;
             if (!fileSystem.createFolders(folder, fileSystem.userName())) {
@@ -36,7 +37,6 @@ FolderState prepareFolderAt(FileSystem& fileSystem, const std::string& location,
         }
     }
     const std::string inner = volumeFolderAt(location, volume);
-    if (isSomebodyElses(fileSystem, inner)) return FolderState::notOurs;
     if (!fileSystem.exists(inner) && !fileSystem.createFolders(inner, fileSystem.userName())) {
         return FolderState::notMade;
     }

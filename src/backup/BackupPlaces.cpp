@@ -51,6 +51,18 @@ std::vector<std::string> locationFoldersToMake(std::string_view location) {
     return folders;
 }
 
+std::vector<std::string> foldersOnLocation(std::string_view location, std::string_view volume) {
+    constexpr std::size_t kComponentsOfTop = 2;  // "Volumes" and the volume's name
+    const std::string whole = volumeFolderAt(location, volume);
+    const std::vector<std::string_view> components = componentsOf(whole);
+    std::vector<std::string> folders;
+    for (std::size_t index = kComponentsOfTop; index < components.size(); ++index) {
+        folders.push_back(
+            whole.substr(0, static_cast<std::size_t>(components[index].end() - whole.data())));
+    }
+    return folders;
+}
+
 std::string settingsCopyPath(std::string_view location) {
     const std::vector<std::string_view> components = componentsOf(location);
     if (components.size() < 2) return {};

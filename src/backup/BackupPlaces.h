@@ -21,9 +21,14 @@ namespace korvane {
 [[nodiscard]] std::string volumeFolderAt(std::string_view location, std::string_view volume);
 
 // The folders to be made, outermost first, for the daemon's folder at the location: everything
-// below
-// "/Volumes", under which every location lies, that its path names from its third component on.
+// below "/Volumes", under which every location lies, that its path names from its third component
+// on.
 [[nodiscard]] std::vector<std::string> locationFoldersToMake(std::string_view location);
+
+// The folders on the way to the volume's own, outermost first, that lie below the top of the volume
+// that the location is on: of "/Volumes/NAME/…" all but the first two.
+[[nodiscard]] std::vector<std::string> foldersOnLocation(std::string_view location,
+                                                         std::string_view volume);
 
 // The settings copy at the top of the volume that the location is on: by the location's third
 // component, "/" being the first. Empty for a location without one.

@@ -106,26 +106,25 @@ std::uint16_t read16(const unsigned char* address) {
     return value;
 }
 
-void swapFields(unsigned char* record, Fields fields) {
-    for (const Field& field : fields) {
-        unsigned char* address = record + field.offset;
-        for (unsigned index = 0; index < field.count; ++index, address += field.bits / 8) {
-            switch (field.bits) {
-                case 16:
-                    SetEndian16_Swap(address);
-                    break;
-                case 32:
-                    SetEndian32_Swap(address);
-                    break;
-                default:
-                    SetEndian64_Swap(address);
-            }
-        }
-    }
+template <typename Value>
+void swapRun(unsigned char* address, unsigned count) {
+    for (unsigned index = 0; index < count; ++index) swapAt<Value>(address + index * sizeof(Value));
 }
 
-void swapCharacters(unsigned char* characters, std::uint16_t count) {
-    for (std::uint16_t index = 0; index < count; ++index) SetEndian16_Swap(characters + 2 * index);
+void swapFields(unsigned char* record, Fields fields) {
+    for (const Field& field : fields) {
+        unsigned char* const address = record + field.offset;
+        switch (field.bits) {
+            case 16:
+                swapRun<std::uint16_t>(address, field.count);
+                break;
+            case 32:
+                swapRun<std::uint32_t>(address, field.count);
+                break;
+            default:
+                swapRun<std::uint64_t>(address, field.count);
+        }
+    }
 }
 
 enum class Direction { in, out };
@@ -147,7 +146,7 @@ bool swapName(Direction direction, unsigned char* lengthField) {
     bool isSound = true;
     swapDecidingField(direction, lengthField, [&](std::uint16_t length) {
         isSound = direction == Direction::out || length <= kLongestName;
-        if (isSound) swapCharacters(lengthField + 2, std::min(length, kLongestName));
+        if (isSound) swapRun<std::uint16_t>(lengthField + 2, std::min(length, kLongestName));
     });
     return isSound;
 }
@@ -175,8 +174,11 @@ void swapHFSPlusCatalogKey(Direction direction, unsigned char* key) {
 
 // TN1150, HFSPlusCatalogThread: parentID 4, nodeName 8.
 void swapHFSPlusThread(Direction direction, unsigned char* record) {
-    SetEndian32_Swap(record + 4);
-    if (!swapName(direction, record + 8)) std::memset(record + 2, 0, 4);
+    if (swapName(direction, record + 8)) {
+        SetEndian32_Swap(record + 4);
+    } else {
+        std::memset(record + 2, 0, 4);
+    }
 }
 
 void swapHFSPlusCatalogRecord(Direction direction, unsigned char* record) {

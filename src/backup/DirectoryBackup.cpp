@@ -100,7 +100,7 @@ void KorvaneProDaemon::directoryTaskTerminateNotification(const Task& task) {
     }
     noteDirectoryBackup();
     directoryPipeTask.reset();
-    savePreferences();
+    if (!savePreferences()) return;
     repairPermissions(machine_.fileSystem, kSupportFolder);
     if (!cpTask) directoryActive = false;
 }
@@ -201,7 +201,7 @@ void KorvaneProDaemon::directoryBackupStopNotification() {
     }
     abandonDirectoryBackup();
     directoryActive = false;
-    savePreferences();
+    (void)savePreferences();  // a stop ends here either way
 }
 
 void KorvaneProDaemon::disableDirectoryBackupNotification() {

@@ -145,8 +145,9 @@ class KorvaneProDaemon final : public ControlTarget {
     void writePreferences();
     // Writes the loaded dictionary, with the arrays, to a file of its own or to another one.
     Result<std::monostate> writePreferencesTo(const std::string& path, Durability durability);
-    // Writes and asks for a tick in a second; quits when the support folder is no longer a folder.
-    void savePreferences();
+    // Writes and asks for a tick in a second. False, having quit instead, when the support folder is
+    // no longer a folder: then nothing more is done.
+    bool savePreferences();
     // Reloads everything and re-arms; quits as savePreferences() does.
     void preferencesUpdated();
     // A setting, or null; null too while no dictionary is loaded.
@@ -168,10 +169,12 @@ class KorvaneProDaemon final : public ControlTarget {
     [[nodiscard]] bool runningOnBattery();
     // Whether protection is on: only a switch that is there and NO turns it off.
     [[nodiscard]] bool daemonIsOn() const;
-    // Refreshes the inventories and starts what is due, one check of each kind at the most.
-    void startDueChecks();
+    // Refreshes the inventories and starts what is due, one check of each kind at the most. False
+    // when the daemon quits meanwhile.
+    [[nodiscard]] bool startDueChecks();
     void startDueUsageCheck();
-    void startDueDirectoryBackup();
+    // Starts it or puts it off; false when the daemon quits over that.
+    [[nodiscard]] bool startDueDirectoryBackup();
     void startDueSmartCheck();
     void armClockTimer(std::chrono::microseconds delay);
 

@@ -93,14 +93,15 @@ Result<std::monostate> KorvaneProDaemon::writePreferencesTo(const std::string& p
     return written;
 }
 
-void KorvaneProDaemon::savePreferences() {
+bool KorvaneProDaemon::savePreferences() {
     if (!machine_.fileSystem.isFolder(kSupportFolder)) {
         quitWithoutSupportFolder();
-        return;
+        return false;
     }
     writePreferences();
     outTimer.reset();
     armClockTimer(seconds(1));
+    return true;
 }
 
 void KorvaneProDaemon::preferencesUpdated() {

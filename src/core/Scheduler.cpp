@@ -37,21 +37,22 @@ void KorvaneProDaemon::updateClock() {
     }
 
     // While a mail is on its way nothing else is begun.
-    if (!emailSendIsBusy()) startDueChecks();
+    if (!emailSendIsBusy() && !startDueChecks()) return;
 
     outTimer.reset();
     clockTimer.reset();
     setOutTimer();
 }
 
-void KorvaneProDaemon::startDueChecks() {
+bool KorvaneProDaemon::startDueChecks() {
     updateDrivePreferences(DriveProbe::none);
     updateVolumePreferences();
     if (booleanValue(preference(kVolumeUsageOnOff))) startDueUsageCheck();
-    if (!backupDisabled && booleanValue(preference(kDirectoryBackupOnOff)) && !runningOnBattery()) {
-        startDueDirectoryBackup();
-    }
+    const bool backupsMayRun =
+        !backupDisabled && booleanValue(preference(kDirectoryBackupOnOff)) && !runningOnBattery();
+    if (backupsMayRun && !startDueDirectoryBackup()) return false;
     if (booleanValue(preference(kSmartCheckOnOff))) startDueSmartCheck();
+    return true;
 }
 
 void KorvaneProDaemon::startDueUsageCheck() {
@@ -65,22 +66,22 @@ void KorvaneProDaemon::startDueUsageCheck() {
 }
 
 // Two backups never run together: one that falls due meanwhile is put off a little at a time.
-void KorvaneProDaemon::startDueDirectoryBackup() {
+bool KorvaneProDaemon::startDueDirectoryBackup() {
     const Time now = machine_.clock.now();
     const auto index = dueDirectoryBackup(volumeArray, now);
     backupActive = index.has_value();
-    if (!index) return;
+    if (!index) return true;
     VolumeEntry entry(*volumeArray[*index].dictionary());
-    if (entry.directoryStatus() == kStatusRunning) return;
+    if (entry.directoryStatus() == kStatusRunning) return true;
     if (directoryActive) {
         entry.setDirectoryStatus(kStatusWaiting);
         entry.setExecutionTimeDirectory(now + kBackupDeferral);
-        savePreferences();
-        return;
+        return savePreferences();
     }
     entry.setDirectoryStatus(kStatusRunning);
     stepTimer_backup = machine_.runLoop.startTimer(
         seconds(0), Repeat::once, [this, started = *index] { directoryBackup(started); });
+    return true;
 }
 
 void KorvaneProDaemon::startDueSmartCheck() {

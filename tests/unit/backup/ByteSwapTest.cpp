@@ -266,6 +266,7 @@ TEST(ByteSwap, AThreadWithAnImpossibleNameLosesItsParentAndKeepsTheRest) {
     const Bytes disk = DiskRecord{10 + 2 * 255}.put16(0, 3).put16(8, 256).bytes;
     const Bytes host = converted(122, disk);
     EXPECT_EQ(Bytes(host.begin() + 2, host.begin() + 6), Bytes(4, 0));
+    EXPECT_EQ(Bytes(host.begin() + 6, host.begin() + 8), Bytes(disk.begin() + 6, disk.begin() + 8));
     EXPECT_EQ(Bytes(host.begin() + 10, host.end()), Bytes(disk.begin() + 10, disk.end()));
 }
 
