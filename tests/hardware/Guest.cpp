@@ -16,6 +16,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -76,14 +77,55 @@ void loadModule(const std::string& name) {
     FAIL() << "the kernel has no module " << name;
 }
 
-void mountDevice(const std::string& device, const std::string& type, const std::string& path) {
+std::string diskOf(const std::string& serial) {
+    namespace fs = std::filesystem;
+    for (const auto& disk : fs::directory_iterator("/sys/block")) {
+        // The number stands with the disk, its device or, of a USB device, further above.
+        for (fs::path folder = fs::canonical(disk.path()); folder != "/sys/devices";
+             folder = folder.parent_path()) {
+            for (const char* file : {"serial", "device/serial", "device/vpd_pg80"}) {
+                std::ifstream attribute{folder / file};
+                const std::string text{std::istreambuf_iterator<char>(attribute), {}};
+                if (text.find(serial) != std::string::npos) {
+                    return "/dev/" + disk.path().filename().string();
+                }
+            }
+        }
+    }
+    return {};
+}
+
+void mountDevice(const std::string& device, const std::string& type, const std::string& path,
+                 unsigned long flags) {
     std::filesystem::create_directories(path);
-    ASSERT_EQ(mount(device.c_str(), path.c_str(), type.c_str(), 0, nullptr), 0)
+    ASSERT_EQ(mount(device.c_str(), path.c_str(), type.c_str(), flags, nullptr), 0)
         << device << " at " << path << ": " << std::strerror(errno);
 }
 
 void unmount(const std::string& path) {
     ASSERT_EQ(umount2(path.c_str(), 0), 0) << path << ": " << std::strerror(errno);
+}
+
+// Not by system(3), whose way to start a process a time namespace does not allow.
+void run(const std::string& command) {
+    const pid_t child = fork();
+    if (child == 0) {
+        (void)execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+        _exit(127);
+    }
+    int status = -1;
+    (void)waitpid(child, &status, 0);
+    ASSERT_EQ(status, 0) << command;
+}
+
+void askEmulator(const std::string& command) {
+    static int asked = 0;
+    const std::string file = "/results/" + std::to_string(++asked);
+    std::ofstream(file + ".ask") << command;
+    ASSERT_TRUE(becomes([&] { return std::filesystem::exists(file + ".done"); })) << command;
+    std::ifstream answer(file + ".done");
+    const std::string text{std::istreambuf_iterator<char>(answer), {}};
+    ASSERT_EQ(text.find("error"), std::string::npos) << command << ": " << text;
 }
 
 void fill(const std::string& volume, int percent) {
@@ -167,6 +209,15 @@ bool becomes(const std::function<bool()>& condition) {
     return condition();
 }
 
+int linesLogged(const std::string& text) {
+    std::ifstream log{kDaemonLog};
+    int count = 0;
+    for (std::string line; std::getline(log, line);) {
+        count += line.find(text) != std::string::npos ? 1 : 0;
+    }
+    return count;
+}
+
 RunningDaemon::RunningDaemon() {
     static const bool isLongUp = makeMachineSeemLongUp();
     EXPECT_TRUE(isLongUp) << std::strerror(errno);
@@ -181,6 +232,8 @@ RunningDaemon::RunningDaemon() {
 }
 
 RunningDaemon::~RunningDaemon() { (void)stop(); }
+
+void RunningDaemon::wake() const { EXPECT_EQ(kill(process_, SIGHUP), 0); }
 
 std::optional<int> RunningDaemon::stop() {
     if (process_ <= 0) {

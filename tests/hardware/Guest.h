@@ -19,9 +19,20 @@ inline const std::string kPreferences = kSupportFolder + "/KorvaneProtection.pli
 // Loads a driver and what it needs, as the kernel package has them.
 void loadModule(const std::string& name);
 
-// Makes the folder and mounts the device there; unmounts. A failure is the test's.
-void mountDevice(const std::string& device, const std::string& type, const std::string& path);
+// The device file of the whole disk with this serial number; empty when there is none.
+[[nodiscard]] std::string diskOf(const std::string& serial);
+
+// Makes the folder and mounts the device there, with mount(2)'s flags; unmounts. A failure is the
+// test's.
+void mountDevice(const std::string& device, const std::string& type, const std::string& path,
+                 unsigned long flags = 0);
 void unmount(const std::string& path);
+
+// Runs a command of the shell's and expects it to succeed.
+void run(const std::string& command);
+
+// Has the emulator carry out a command (emulator_control), and expects it to succeed.
+void askEmulator(const std::string& command);
 
 // Fills the volume until this share of it is taken, with one file; emptyAgain removes it.
 void fill(const std::string& volume, int percent);
@@ -44,6 +55,9 @@ void keepSupportFolder();
 // Looks until it is so, for half a minute at most.
 [[nodiscard]] bool becomes(const std::function<bool()>& condition);
 
+// How many lines of the daemons' log so far hold the text.
+[[nodiscard]] int linesLogged(const std::string& text);
+
 // The daemon, in a time namespace in which the machine has been up long enough for it to begin. Its
 // log goes to /results, which outlives the machine.
 class RunningDaemon {
@@ -53,6 +67,8 @@ class RunningDaemon {
     RunningDaemon(const RunningDaemon&) = delete;
     RunningDaemon& operator=(const RunningDaemon&) = delete;
 
+    // Has it look at everything again: the application becoming active.
+    void wake() const;
     // Ends it with SIGTERM; its exit status, or nothing when it had to be killed.
     std::optional<int> stop();
 

@@ -32,7 +32,7 @@ DefinitionBlock("", "SSDT", 2, "KORVAN", "POWER", 1)
             }
             Method(_BTP, 1)
             {
-                FEED = (Arg0 != 1)
+                If (Arg0 == 1) { FEED = Zero } Else { FEED = One }
                 Notify(ADP0, 0x80)
                 Notify(BAT0, 0x80)
             }
