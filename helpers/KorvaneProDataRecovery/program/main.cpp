@@ -2,12 +2,6 @@
 //   KorvaneProDataRecovery inFile FILE
 // Yields to everything else on the machine. SIGTERM ends it at once; a result file is whole or
 // absent.
-#include <fmt/format.h>
-#include <linux/ioprio.h>
-#include <sched.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <exception>
@@ -16,6 +10,7 @@
 
 #include "KorvaneProDataRecovery/Recovery.h"
 #include "KorvaneProDataRecovery/ResultFile.h"
+#include "platform/linux/BackgroundPriority.h"
 #include "trash/TrashFormats.h"
 
 namespace {
@@ -27,15 +22,6 @@ constexpr int kBadInput = 2;
 
 void tell(const std::string& line) {
     (void)std::fprintf(stderr, "KorvaneProDataRecovery: %s\n", line.c_str());
-}
-
-// A machine that refuses one of them has the work done all the same.
-void yieldToEverything() {
-    constexpr int kLowest = 19;  // setpriority(2)
-    const sched_param noPriority{};
-    (void)::setpriority(PRIO_PROCESS, 0, kLowest);
-    (void)::sched_setscheduler(0, SCHED_IDLE, &noPriority);
-    (void)::syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0));
 }
 
 int run(const std::string& inputPath) {

@@ -1,11 +1,6 @@
 // Writes a record of a volume's folders into a new file.
 //   KorvaneProDirectoryBackup quorlen FILE MOUNT-PATH
 // Ends with 0 when the whole file is there, else with 1, one line on standard error and no file.
-#include <linux/ioprio.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +10,7 @@
 
 #include "KorvaneProDirectoryBackup/DirectoryRecord.h"
 #include "KorvaneProDirectoryBackup/RecordFile.h"
+#include "platform/linux/BackgroundPriority.h"
 
 namespace {
 
@@ -28,18 +24,11 @@ int fail(const std::string& why) {
     return EXIT_FAILURE;
 }
 
-// Whatever else the machine does comes first. A kernel that refuses costs only that courtesy.
-void standBack() {
-    constexpr int kLeastFavoured = 19;
-    (void)::setpriority(PRIO_PROCESS, 0, kLeastFavoured);
-    (void)::syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0));
-}
-
 int record(const std::string& path, const std::string& mountPath) {
     const Time now = std::chrono::floor<Time::duration>(std::chrono::system_clock::now());
     Result<RecordFile> file = RecordFile::create(path);
     if (!file) return fail(file.error().message);
-    standBack();
+    yieldToEverything();
     const Result<std::monostate> written = writeDirectoryRecord(mountPath, now, *file);
     if (!written) return fail(written.error().message);
     const Result<std::monostate> committed = file->commit();
