@@ -8,6 +8,7 @@
 #include <variant>
 
 #include "core/DefaultPreferences.h"
+#include "korvanectl/BackupList.h"
 #include "korvanectl/Program.h"
 #include "korvanectl/VolumeReport.h"
 #include "storage/PathText.h"
@@ -46,13 +47,8 @@ Outcome<std::string> locationOf(Volumes& volumes, const std::string& path) {
     return kVolumesFolder + name;
 }
 
-PropertyListArray locationsIn(const Dictionary& preferences) {
-    const PropertyList* const stored = preferences.find(kDirectoryBackupLocations);
-    return stored != nullptr && stored->array() != nullptr ? *stored->array() : PropertyListArray{};
-}
-
 bool hasLocation(const Dictionary& preferences, const std::string& location) {
-    const PropertyListArray locations = locationsIn(preferences);
+    const PropertyListArray locations = backupLocations(preferences);
     return std::find(locations.begin(), locations.end(), PropertyList(location)) != locations.end();
 }
 
@@ -61,7 +57,7 @@ Outcome<ExitStatus> runShow(Program& program) {
     if (!preferences) {
         return preferences.failure();
     }
-    const PropertyListArray locations = locationsIn(*preferences);
+    const PropertyListArray locations = backupLocations(*preferences);
     if (program.json) {
         printJson(program, PropertyList(locations));
         return ExitStatus::done;
@@ -80,7 +76,7 @@ Outcome<ExitStatus> runAdd(Program& program, const std::string& path) {
     const Edit edit{
         .apply = [name = *location](Dictionary& preferences) -> Outcome<std::monostate> {
             if (!hasLocation(preferences, name)) {
-                PropertyListArray locations = locationsIn(preferences);
+                PropertyListArray locations = backupLocations(preferences);
                 locations.emplace_back(name);
                 preferences.set(kDirectoryBackupLocations, std::move(locations));
             }
@@ -114,7 +110,7 @@ Outcome<ExitStatus> runRemove(Program& program, const std::string& words) {
                                            "locations shows all of them",
                                            printable(path))};
             }
-            PropertyListArray locations = locationsIn(preferences);
+            PropertyListArray locations = backupLocations(preferences);
             std::erase(locations, PropertyList(path));
             if (locations.empty()) {
                 return Failure{ExitStatus::refused,

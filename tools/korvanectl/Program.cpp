@@ -77,6 +77,7 @@ int runProgram(Program& program, int argumentCount, const char* const* arguments
     addTrashCommands(app, program);
     addControlCommands(app, program);
     addBackupCommands(app, program);
+    addBackupListCommands(app, program);
     addLocationCommands(app, program);
     addMailCommands(app, program);
     try {

@@ -80,9 +80,10 @@ void addTrashCommands(CLI::App& app, Program& program);    // trash
 void addTrashRecovery(CLI::App& group, Program& program);  // recover, within trash
 // start, stop, wait, free-space, emergency, create, delete, send
 void addControlCommands(CLI::App& app, Program& program);
-void addBackupCommands(CLI::App& app, Program& program);    // backup
-void addLocationCommands(CLI::App& app, Program& program);  // locations
-void addMailCommands(CLI::App& app, Program& program);      // mail show, mail set, test-mail
+void addBackupCommands(CLI::App& app, Program& program);      // backup
+void addBackupListCommands(CLI::App& app, Program& program);  // backups
+void addLocationCommands(CLI::App& app, Program& program);    // locations
+void addMailCommands(CLI::App& app, Program& program);        // mail show, mail set, test-mail
 
 // Understands and carries out one command line; what it answers is the process's exit status.
 [[nodiscard]] int runProgram(Program& program, int argumentCount, const char* const* arguments);

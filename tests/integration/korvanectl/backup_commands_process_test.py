@@ -4,6 +4,7 @@ is stopped, and what the backups hold. Runs as root in a mount namespace of its 
     backup_commands_process_test.py KorvaneProDaemon korvanectl [TEST]
 """
 
+import json
 import os
 import subprocess
 import sys
@@ -108,6 +109,35 @@ class BackupCommands(process.DaemonBed):
                       self.ctl("locations", "add", self.place, bus=bus, expect=1).stderr)
         self.ctl("locations", "remove", "/Volumes/Safe", bus=bus)
         self.assertEqual(commands.preferences()["directoryBackupLocations"], ["/Volumes/System"])
+
+    def test_lists_compares_and_searches_what_the_daemon_kept(self):
+        self.mount_volume(DATA)
+        os.mkdir(f"{DATA}/folder")
+        with open(f"{DATA}/folder/Letter", "w", encoding="ascii") as file:
+            file.write("text")
+        self.write_backup(time.time())
+        bus, _ = self.start_both()
+        [first] = process.wait_for(backups)
+        process.wait_for(lambda: directory_status() == "3")
+        os.rename(f"{DATA}/folder/Letter", f"{DATA}/folder/Moved letter")
+        while time.strftime("Directory Backup %Y-%m-%d-%H-%M-%S") <= first:
+            time.sleep(0.1)  # its name would be the same
+        self.ctl("volume", DATA, "set", "executionTimeDirectory", "1", bus=bus)
+        process.wait_for(lambda: len(backups()) == 2)
+        listed = json.loads(self.ctl("backups", "Data", "--json", bus=bus).stdout)["backups"]
+        self.assertEqual([each["name"] for each in listed], backups())
+        entries = sum(len(folders) + len(files) for _, folders, files in os.walk(DATA))
+        self.assertEqual([each["entries"] for each in listed], [entries, entries])
+        stamps = [name.removeprefix("Directory Backup ") for name in backups()]
+        told = self.ctl("backups", "diff", *stamps, bus=bus).stdout
+        self.assertIn("vanished  /folder/Letter\n", told)
+        self.assertIn("appeared  /folder/Moved letter\n", told)
+        self.assertIn("\n1 appeared, 1 vanished, 1 changed.\n", told)
+        found = json.loads(self.ctl("backups", "find", "letter", "--json", bus=bus).stdout)["found"]
+        self.assertEqual([(each["path"], each["inBackups"], each["newestBackup"])
+                          for each in found],
+                         [(f"{DATA}/folder/Letter", 1, f"{DATA_FOLDER}/{first}"),
+                          (f"{DATA}/folder/Moved letter", 1, f"{DATA_FOLDER}/{backups()[1]}")])
 
 
 if __name__ == "__main__":
