@@ -5,9 +5,12 @@
 #include <cstdint>
 #include <optional>
 
+#include "platform/linux/AtaCommand.h"
+
 namespace korvane {
 namespace {
 
+constexpr char kAta[] = "ATA";
 constexpr char kInternal[] = "Internal";
 constexpr char kExternal[] = "External";
 
@@ -78,6 +81,23 @@ std::optional<DeviceNumber> parseDeviceNumber(const std::optional<std::string>& 
         return std::nullopt;
     }
     return DeviceNumber{static_cast<std::uint32_t>(*major), static_cast<std::uint32_t>(*minor)};
+}
+
+// What a drive's description says, where it is one.
+AtaIdentity identityOf(const IdentifyData& identify) {
+    if (!isIdentifyData(identify)) return {};
+    // ATA8-ACS 7.16.7: the first character of each word is in its upper byte.
+    const auto text = [&](std::size_t firstWord, std::size_t wordCount) {
+        std::string swapped;
+        for (std::size_t i = firstWord; i < firstWord + wordCount; ++i) {
+            swapped += static_cast<char>(identify[2 * i + 1]);
+            swapped += static_cast<char>(identify[2 * i]);
+        }
+        return textOfBytes(trimmed(swapped));
+    };
+    return {.model = text(27, 20),
+            .serial = text(10, 10),
+            .isSmartSupported = isSmartSupported(identify)};
 }
 
 // Reads one disk; holds what several of its nodes need.
@@ -165,7 +185,7 @@ class DiskReader {
             readUsb(*usb);
         } else if (const auto fireWire = folderNumbered("fw")) {
             readFireWire(*fireWire);
-        } else if (folderNumbered("ata")) {
+        } else if (folderNumbered("ata") || isAtaBehindAdapter()) {
             readAta();
         } else if (folderNumbered("host")) {
             readScsi();
@@ -242,14 +262,17 @@ class DiskReader {
             product = deviceAttribute("model");
         }
         setText(device, "USB Product Name", product);
-        setText(device, "USB Serial Number", deviceText(sysfs_.attribute(usb + "/serial")));
+        const std::string serial = deviceText(sysfs_.attribute(usb + "/serial"));
+        setText(device, "USB Serial Number", serial);
+        // A bridge without a number of its own: the disk's, so that the drive has a name at all.
+        if (serial.empty()) setText(device, "Serial Number", textOfBytes(udev("ID_SERIAL_SHORT")));
         setText(device, "USB Vendor Name", deviceText(sysfs_.attribute(usb + "/manufacturer")));
         device.set("locationID", static_cast<std::int64_t>(usbLocation(lastComponent(usb))));
         if (udev("ID_ATA_FEATURE_SET_SMART") == "1") {
             facts_.drive.set("SMART Capable", true);
         }
         // Sticks and card readers are removable, disks in enclosures are not.
-        facts_.mayBeBehindBridge = udev_.empty() && !isRemovable_;
+        facts_.wantsIdentity = udev_.empty() && !isRemovable_;
     }
 
     // The bus in the highest byte, then a digit for each port on the way: where it is plugged in.
@@ -280,15 +303,22 @@ class DiskReader {
         }
     }
 
+    // SAS and RAID adapters speak SCSI to the kernel for the ATA drives on them: they take the same
+    // commands, and only the vendor tells them from SCSI drives.
+    [[nodiscard]] bool isAtaBehindAdapter() const {
+        return deviceAttribute("vendor") == kAta && !folderNumbered("session");
+    }
+
     void readAta() {
-        const bool isDisk = deviceAttribute("vendor") == "ATA";
-        Dictionary& device = addAncestor(isDisk ? "ATA" : "ATAPI", location());
+        const bool isDisk = deviceAttribute("vendor") == kAta;
+        Dictionary& device = addAncestor(isDisk ? kAta : "ATAPI", location());
         AtaIdentity identity = parseAtaInformationPage(attribute("device/vpd_pg89").value_or(""));
         if (identity.model.empty()) {
             identity.model = textOfBytes(trimmed(decodeUdevText(udev("ID_MODEL_ENC"))));
             identity.isSmartSupported = udev("ID_ATA_FEATURE_SET_SMART") == "1";
         }
         if (identity.model.empty()) {
+            facts_.wantsIdentity = isDisk;
             // The SCSI form of the name has 16 characters: a longer name has lost its end, perhaps
             // right after a blank.
             constexpr std::size_t kSurelyWhole = 14;
@@ -369,32 +399,26 @@ DiskFacts readDisk(const BlockFolder& disk, const Sysfs& sysfs, const UdevDataba
 AtaIdentity parseAtaInformationPage(std::string_view page) {
     constexpr unsigned char kPageCode = 0x89;
     constexpr std::size_t kIdentifyOffset = 60;  // SAT-4 table 187
-    constexpr std::size_t kLastWord = 85;
-    if (page.size() < kIdentifyOffset + 2 * (kLastWord + 1) ||
-        static_cast<unsigned char>(page[1]) != kPageCode) {
+    if (page.size() <= kIdentifyOffset || static_cast<unsigned char>(page[1]) != kPageCode) {
         return {};
     }
-    const std::string_view identify = page.substr(kIdentifyOffset);
-    const auto word = [&](std::size_t number) {
-        return static_cast<unsigned>(static_cast<unsigned char>(identify[2 * number])) |
-               static_cast<unsigned>(static_cast<unsigned char>(identify[2 * number + 1])) << 8U;
-    };
-    // ATA8-ACS 7.16.7: the first character of each word is in its upper byte.
-    const auto text = [&](std::size_t firstWord, std::size_t wordCount) {
-        std::string swapped;
-        for (std::size_t i = firstWord; i < firstWord + wordCount; ++i) {
-            swapped += identify[2 * i + 1];
-            swapped += identify[2 * i];
-        }
-        return textOfBytes(trimmed(swapped));
-    };
-    // ATA8-ACS 7.16.7.37: words 82 and 83 tell only when word 83 ends in the bits 01. A page of
-    // ones or zeros is no answer at all.
-    if ((word(83) & 0xc000U) != 0x4000U) {
-        return {};
+    // Words that a page which was cut short does not have are 0, which says that it tells nothing.
+    IdentifyData identify{};
+    std::copy_n(page.begin() + kIdentifyOffset,
+                std::min(page.size() - kIdentifyOffset, identify.size()), identify.begin());
+    return identityOf(identify);
+}
+
+void addIdentity(DiskFacts& disk, const IdentifyData& identify) {
+    const AtaIdentity identity = identityOf(identify);
+    Dictionary& device = disk.ancestors.front();
+    if (stringValue(device.find("Physical Interconnect")) == kAta) {
+        setText(device, "device model", identity.model);
+        setText(device, "device serial", identity.serial);
+    } else if (!device.contains("USB Serial Number")) {
+        setText(device, "Serial Number", identity.serial);
     }
-    return {
-        .model = text(27, 20), .serial = text(10, 10), .isSmartSupported = (word(82) & 1U) != 0};
+    if (identity.isSmartSupported) disk.drive.set("SMART Capable", true);
 }
 
 std::string parseUnitSerialPage(std::string_view page) {

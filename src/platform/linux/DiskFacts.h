@@ -1,5 +1,5 @@
 // One whole disk as sysfs and the udev database describe it, already in the terms of the device
-// tree: a set of properties for each node. The device itself is never opened.
+// tree: a set of properties for each node. The device itself is never opened here.
 #pragma once
 
 #include <string>
@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/PropertyList.h"
+#include "platform/SmartInterface.h"
 #include "platform/linux/Sysfs.h"
 #include "platform/linux/UdevDatabase.h"
 
@@ -30,8 +31,9 @@ struct DiskFacts {
     std::vector<std::string> underlying;
     bool isEncrypted = false;  // a LUKS (or plain) mapping
     bool hasDrive = false;
-    // An ATA drive may be behind the USB bridge, and no udevd has looked.
-    bool mayBeBehindBridge = false;
+    // It is or may be an ATA drive, and neither the kernel nor udevd tells what its IDENTIFY DEVICE
+    // data does: its full name, and whether it has SMART. addIdentity then adds that.
+    bool wantsIdentity = false;
     Dictionary drive;                   // of the IOBlockStorageDevice
     std::vector<Dictionary> ancestors;  // of what the drive hangs on, nearest first
     friend bool operator==(const DiskFacts&, const DiskFacts&) = default;
@@ -55,6 +57,8 @@ struct AtaIdentity {
     bool isSmartSupported = false;
 };
 [[nodiscard]] AtaIdentity parseAtaInformationPage(std::string_view page);
+// Adds what the drive has answered itself; zeros add nothing.
+void addIdentity(DiskFacts& disk, const IdentifyData& identify);
 // The text of a unit serial number page (SPC-4 7.8.15: VPD page 80h); empty for anything else.
 [[nodiscard]] std::string parseUnitSerialPage(std::string_view page);
 

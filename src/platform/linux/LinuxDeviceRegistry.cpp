@@ -81,7 +81,12 @@ void LinuxDeviceRegistry::takeEvents() {
             return;
         }
         if (const char* const path = udev_device_get_syspath(device.get()); path != nullptr) {
-            deviceChanged(lastComponent(path));
+            const char* const action = udev_device_get_action(device.get());
+            if (action != nullptr && std::string_view{action} == "change") {
+                deviceChanged(lastComponent(path));
+            } else {
+                deviceReplaced(lastComponent(path));
+            }
             // Of a partition, the disk; of a disk, a folder that is no device.
             deviceChanged(lastComponent(parentFolder(path)));
         }
@@ -97,8 +102,14 @@ void LinuxDeviceRegistry::deviceChanged(const std::string& kernelName) {
     disksInLine_.erase(kernelName);
 }
 
+void LinuxDeviceRegistry::deviceReplaced(const std::string& kernelName) {
+    knownDrives_.erase(kernelName);
+    deviceChanged(kernelName);
+}
+
 void LinuxDeviceRegistry::everythingChanged() {
     isStale_ = true;
+    knownDrives_.clear();
     folders_.clear();
     disksInLine_.clear();
 }
@@ -170,7 +181,8 @@ bool LinuxDeviceRegistry::refresh() {
     turnOfLastLook_ = turn();
     // Most events change nothing that is told here; then the services stay as they are.
     if (!tree_ || disks != disks_) {
-        forgetOtherDrives(disks);
+        std::erase_if(knownDrives_,
+                      [&](const auto& known) { return !disks.contains(known.first); });
         tree_ = std::make_unique<DeviceTree>(disks);
         disks_ = std::move(disks);
         generation_ = (generation_ + 1) & kGenerationMask;
@@ -180,31 +192,20 @@ bool LinuxDeviceRegistry::refresh() {
 
 DiskFacts LinuxDeviceRegistry::readDiskFacts(const BlockFolder& folder) {
     DiskFacts disk = readDisk(folder, sysfs_, udevDatabase_);
-    if (!disk.mayBeBehindBridge) return disk;
-    const std::shared_ptr<DriveMemory> memory = memoryOf(disk.kernelName);
+    KnownDrive& known = knownDrives_[disk.kernelName];
+    if (known.ancestors != disk.ancestors) known = {.ancestors = disk.ancestors};
+    if (!disk.wantsIdentity) return disk;
+    const std::shared_ptr<DriveMemory>& memory = known.memory;
     if (!memory->identified) {
         const SmartOpening opened =
             openAtaSmart(commands_, deviceFiles_ + "/" + disk.media.name, memory);
-        // Zeros, which say no, stand for a drive that does not answer.
-        memory->identified = opened.smart ? opened.smart->identify().data : IdentifyData{};
+        const DriveStatus status = opened.smart ? opened.smart->identify().status : opened.status;
+        // What knows no such question is no ATA drive, and need not be asked again; zeros stand for
+        // that. What has not answered is asked when the disk is read the next time.
+        if (status == EOPNOTSUPP || status == ENOTTY) memory->identified = IdentifyData{};
     }
-    if (isSmartSupported(*memory->identified)) disk.drive.set("SMART Capable", true);
+    if (memory->identified) addIdentity(disk, *memory->identified);
     return disk;
-}
-
-std::shared_ptr<DriveMemory> LinuxDeviceRegistry::memoryOf(const std::string& kernelName) {
-    std::shared_ptr<DriveMemory>& memory = memories_[kernelName];
-    if (!memory) memory = std::make_shared<DriveMemory>();
-    return memory;
-}
-
-void LinuxDeviceRegistry::forgetOtherDrives(const Disks& disks) {
-    std::erase_if(memories_, [&](const auto& memory) {
-        const auto now = disks.find(memory.first);
-        const auto before = disks_.find(memory.first);
-        return now == disks.end() ||
-               (before != disks_.end() && now->second.ancestors != before->second.ancestors);
-    });
 }
 
 ServiceId LinuxDeviceRegistry::serviceOf(std::uint32_t node) const {
@@ -288,7 +289,7 @@ SmartOpening LinuxDeviceRegistry::openSmart(ServiceId drive) {
     }
     const std::string path = deviceFiles_ + "/" + name;
     return name.starts_with("nvme") ? openNvmeSmart(commands_, path)
-                                    : openAtaSmart(commands_, path, memoryOf(name));
+                                    : openAtaSmart(commands_, path, knownDrives_[name].memory);
 }
 
 }  // namespace korvane

@@ -1,7 +1,7 @@
 // The device tree of a Linux machine, from sysfs and the udev database, read by hand. The kernel,
 // or udevd where it runs, tells which disks have changed; only those are read again, and only when
-// somebody asks. No device is opened for that, but for the disk behind a USB bridge where no udevd
-// has found out whether it has SMART: that is asked once.
+// somebody asks. No device is opened for that, but for a drive whose full name or SMART neither the
+// kernel nor a udevd tells: that is asked once.
 #pragma once
 
 #include <libudev.h>
@@ -58,6 +58,8 @@ class LinuxDeviceRegistry final : public DeviceRegistry {
     // Has the disk or partition with this kernel name, and the disk that it is a part of, read
     // again when the tree is next asked for.
     void deviceChanged(const std::string& kernelName);
+    // The same of a disk that has come or gone: nothing that was said by what had its name stands.
+    void deviceReplaced(const std::string& kernelName);
     // How many disks have been read.
     [[nodiscard]] std::size_t disksRead() const { return disksRead_; }
 
@@ -66,6 +68,12 @@ class LinuxDeviceRegistry final : public DeviceRegistry {
         void operator()(udev* context) const { (void)udev_unref(context); }
         void operator()(udev_monitor* monitor) const { (void)udev_monitor_unref(monitor); }
         void operator()(udev_device* device) const { (void)udev_device_unref(device); }
+    };
+
+    // What a drive has answered, and what it hung on then.
+    struct KnownDrive {
+        std::vector<Dictionary> ancestors = {};
+        std::shared_ptr<DriveMemory> memory = std::make_shared<DriveMemory>();
     };
 
     static int onDeviceEvent(sd_event_source* source, int fd, std::uint32_t events,
@@ -83,10 +91,6 @@ class LinuxDeviceRegistry final : public DeviceRegistry {
     [[nodiscard]] std::vector<BlockFolder> findDisks(const std::vector<std::string>& names);
 
     [[nodiscard]] DiskFacts readDiskFacts(const BlockFolder& folder);
-    // The memory of the drive of this name.
-    [[nodiscard]] std::shared_ptr<DriveMemory> memoryOf(const std::string& kernelName);
-    // Forgets what drives have answered that are gone or have become others.
-    void forgetOtherDrives(const Disks& disks);
 
     [[nodiscard]] ServiceId serviceOf(std::uint32_t node) const;
     [[nodiscard]] const DeviceTree::Node* nodeOf(ServiceId service) const;
@@ -102,8 +106,8 @@ class LinuxDeviceRegistry final : public DeviceRegistry {
     Disks disks_;
     std::set<std::string> disksInLine_;  // those of them that need not be read again
     std::unique_ptr<DeviceTree> tree_;
-    // What drives have answered, by kernel name, for as long as they stay what they are.
-    std::map<std::string, std::shared_ptr<DriveMemory>> memories_;
+    // By kernel name, for as long as the drives stay what they are.
+    std::map<std::string, KnownDrive> knownDrives_;
     std::uint32_t generation_ = 0;
     bool isStale_ = true;
     std::uint64_t turnOfLastLook_ = 0;

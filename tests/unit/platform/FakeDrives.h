@@ -25,7 +25,9 @@ struct FakeDrive {
     bool isFailing = false;
     std::uint8_t powerMode = 0xff;  // active
     bool isSmartOn = true;
-    int identifyFill = -1;                  // every byte of the description, or a good one
+    int identifyFill = -1;   // every byte of the description, or a good one
+    std::string model = {};  // in the description, as its serial number
+    std::string serial = {};
     int openError = 0;                      // errno
     std::map<int, int> controlErrors = {};  // errno by command; 0 stands for any
     bool timesOut = false;
@@ -103,6 +105,15 @@ class FakeDrives final : public DriveCommands {
         data[2 * 82] = 1;
         data[2 * 83 + 1] = 0x40;
         data[2 * 85] = drive.isSmartOn ? 1 : 0;
+        fill(data + 2 * 27, drive.model, 40);
+        fill(data + 2 * 10, drive.serial, 20);
+    }
+
+    // Padded with blanks, and the bytes of each word turned round.
+    static void fill(std::uint8_t* field, const std::string& text, std::size_t size) {
+        for (std::size_t i = 0; i < size; ++i) {
+            field[i ^ 1U] = i < text.size() ? static_cast<std::uint8_t>(text[i]) : ' ';
+        }
     }
 
     static void registers(const FakeDrive& drive, sg_io_hdr_t& header, std::uint8_t count,

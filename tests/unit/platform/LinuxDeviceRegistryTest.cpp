@@ -80,7 +80,7 @@ TEST_F(DeviceTreeTest, ListsDisksAndPartitionsInTheKernelsOrder) {
         ElementsAre("cciss/c0d0", "dm-0", "dm-1", "dm-10", "dm-11", "loop0", "md127", "mmcblk0",
                     "mmcblk1", "nbd0", "nvme0n1", "nvme0n1p1", "nvme1n1", "nvme2n1", "nvme3n1",
                     "ram0", "sda", "sda1", "sda2", "sda3", "sdb", "sdb1", "sdc", "sdd", "sde",
-                    "sdf", "sdaa", "sr0", "sr1", "vda", "vdb", "zram0"));
+                    "sdf", "sdg", "sdaa", "sr0", "sr1", "vda", "vdb", "zram0"));
     EXPECT_THAT(namesOf("IODVDMedia"), ElementsAre("sr0"));
     EXPECT_THAT(namesOf("IOCDMedia"), ElementsAre("sr1"));
 }
@@ -100,6 +100,12 @@ TEST_F(DeviceTreeTest, NamesAtaDrivesInFull) {
     EXPECT_EQ(location("sda1"), "Internal");
 }
 
+TEST_F(DeviceTreeTest, TakesAnAtaDriveBehindAnAdapterForOne) {
+    EXPECT_EQ(above("sdg", "device model"), "Ostwind Spinner 4000GB Enterprise");
+    EXPECT_EQ(above("sdg", "device serial"), "OW-0007");
+    EXPECT_EQ(above("sdg", "SMART Capable"), "true");
+}
+
 TEST_F(DeviceTreeTest, NamesUsbDevicesByTheirPlugs) {
     EXPECT_EQ(above("sdb1", "USB Product Name"), "Pocket Stick");
     EXPECT_EQ(above("sdb1", "USB Serial Number"), "60A44C413A8AF0B1");
@@ -107,6 +113,8 @@ TEST_F(DeviceTreeTest, NamesUsbDevicesByTheirPlugs) {
     EXPECT_EQ(above("sdb1", "SMART Capable"), "none");
     EXPECT_EQ(above("sdc", "USB Product Name"), "SATA Dock");
     EXPECT_EQ(above("sdc", "USB Serial Number"), "none");
+    // The disk's own number, where the bridge has none.
+    EXPECT_EQ(above("sdc", "Serial Number"), "DOCKED-1");
     EXPECT_EQ(above("sdc", "SMART Capable"), "true");
     EXPECT_EQ(location("sdb"), "External");
     EXPECT_EQ(location("sdc"), "External");
@@ -196,7 +204,7 @@ TEST_F(DeviceTreeTest, HasADriveForEachDiskThatIsNotMapped) {
         EXPECT_TRUE(registry.property(drive, "Protocol Characteristics"));
         EXPECT_TRUE(registry.parent(drive));
     }
-    EXPECT_EQ(drives->size(), 22U);
+    EXPECT_EQ(drives->size(), 23U);
 }
 
 TEST_F(DeviceTreeTest, ReadsOnlyWhatHasChanged) {
@@ -352,7 +360,7 @@ TEST_F(DeviceTreeTest, NumbersHardwareDisksInTheKernelsOrder) {
     EXPECT_THAT(paths, ElementsAre("/dev/cciss/c0d0", "/dev/mmcblk0", "/dev/mmcblk1",
                                    "/dev/nvme0n1", "/dev/nvme1n1", "/dev/nvme2n1", "/dev/nvme3n1",
                                    "/dev/sda", "/dev/sdb", "/dev/sdc", "/dev/sdd", "/dev/sde",
-                                   "/dev/sdf", "/dev/sdaa", "/dev/vda", "/dev/vdb"));
+                                   "/dev/sdf", "/dev/sdg", "/dev/sdaa", "/dev/vda", "/dev/vdb"));
 }
 
 // The same with drives that answer.
@@ -395,21 +403,84 @@ TEST_F(DriveOpeningTest, CannotOpenWhatIsGone) {
     EXPECT_EQ(asking.openSmart(ServiceId{0xfffffU}).status, ENODEV);
 }
 
-struct BridgeTest : DriveOpeningTest {
-    BridgeTest() : DriveOpeningTest("no-udevd.txt") {}
+// Drives that neither the kernel nor a udevd tells enough of.
+struct AskedDriveTest : DriveOpeningTest {
+    AskedDriveTest() : DriveOpeningTest("no-udevd.txt") {}
+
+    // The commands that the drive gets when the tree is read after a change to it.
+    std::size_t commandsAfter(const std::string& name,
+                              void (LinuxDeviceRegistry::*event)(const std::string&)) {
+        const std::size_t before = drives.drives["/dev/" + name].commands.size();
+        (asking.*event)(name);
+        (void)asking.services("IOMedia");
+        return drives.drives["/dev/" + name].commands.size() - before;
+    }
+    std::string text(ServiceId service, const char* key) {
+        const auto value = asking.property(service, key);
+        return value ? stringValue(&*value) : "none";
+    }
 };
 
-TEST_F(BridgeTest, AsksADiskBehindAUsbBridgeOnceWhereNoUdevdHas) {
+TEST_F(AskedDriveTest, GivesItsFullNameOnce) {
+    drives.drives["/dev/sdb"] = {.model = "Ostwind Spinner 4000GB Enterprise", .serial = "OW-2"};
+    drives.drives["/dev/sda"] = {};
+    const ServiceId device = asking.parent(drive(asking, "sdb")).value();
+    EXPECT_EQ(text(device, "device model"), "Ostwind Spinner 4000GB Enterprise");
+    EXPECT_EQ(text(device, "device serial"), "OW-2");
+    EXPECT_TRUE(asking.property(drive(asking, "sdb"), "SMART Capable"));
+    EXPECT_EQ(commandsAfter("sdb", &LinuxDeviceRegistry::deviceChanged), 0U);
+    EXPECT_EQ(text(asking.parent(drive(asking, "sdb")).value(), "device serial"), "OW-2");
+    // Of that one the kernel shows the page.
+    EXPECT_THAT(drives.drives["/dev/sda"].commands, IsEmpty());
+}
+
+TEST_F(AskedDriveTest, IsAskedAnewWhenItMayBeAnother) {
+    drives.drives["/dev/sdb"] = {.model = "First", .serial = "1"};
+    (void)asking.services("IOMedia");
+    drives.drives["/dev/sdb"] = {.model = "Second", .serial = "2"};
+    EXPECT_GT(commandsAfter("sdb", &LinuxDeviceRegistry::deviceReplaced), 0U);
+    EXPECT_EQ(text(asking.parent(drive(asking, "sdb")).value(), "device model"), "Second");
+}
+
+TEST_F(AskedDriveTest, IsAskedAgainWhenItHasNotAnswered) {
+    drives.drives["/dev/sdb"] = {.model = "Late", .serial = "1", .timesOut = true};
+    EXPECT_FALSE(asking.property(drive(asking, "sdb"), "SMART Capable"));
+    drives.drives["/dev/sdb"].timesOut = false;
+    EXPECT_GT(commandsAfter("sdb", &LinuxDeviceRegistry::deviceChanged), 0U);
+    EXPECT_EQ(text(asking.parent(drive(asking, "sdb")).value(), "device model"), "Late");
+}
+
+TEST_F(AskedDriveTest, IsAskedOnceBehindAUsbBridge) {
     tree.add("block devices/usb1/1-9/1-9:1.0/host9/target9:0:0/9:0:0:0/block/sdx 65:112");
-    drives.drives["/dev/sdx"] = {};
-    asking.deviceChanged("sdx");
-    ASSERT_THAT(asking.servicesNamed("IOMedia", "sdx"), Optional(testing::SizeIs(1)));
-    EXPECT_TRUE(asking.property(drive(asking, "sdx"), "SMART Capable"));
-    const std::size_t asked = drives.drives["/dev/sdx"].commands.size();
-    EXPECT_EQ(asked, 2U);
+    drives.drives["/dev/sdx"] = {.serial = "DISK-9"};
     asking.deviceChanged("sdx");
     EXPECT_TRUE(asking.property(drive(asking, "sdx"), "SMART Capable"));
-    EXPECT_EQ(drives.drives["/dev/sdx"].commands.size(), asked);
+    EXPECT_EQ(text(asking.parent(drive(asking, "sdx")).value(), "Serial Number"), "DISK-9");
+    EXPECT_EQ(drives.drives["/dev/sdx"].commands.size(), 2U);
+    EXPECT_EQ(commandsAfter("sdx", &LinuxDeviceRegistry::deviceChanged), 0U);
+    EXPECT_TRUE(asking.property(drive(asking, "sdx"), "SMART Capable"));
+}
+
+TEST_F(AskedDriveTest, IsNotAskedAgainWhenItIsNoAtaDrive) {
+    tree.add("block devices/usb1/1-9/1-9:1.0/host9/target9:0:0/9:0:0:0/block/sdx 65:112");
+    drives.drives["/dev/sdx"] = {.controlErrors = {{0xec, EOPNOTSUPP}}};
+    EXPECT_GT(commandsAfter("sdx", &LinuxDeviceRegistry::deviceChanged), 0U);
+    EXPECT_EQ(commandsAfter("sdx", &LinuxDeviceRegistry::deviceChanged), 0U);
+}
+
+// Texts come from outside: what can be printed stays, and the same bytes give the same text.
+TEST_F(AskedDriveTest, IsNamedInPrintableCharactersWhateverItAnswers) {
+    drives.drives["/dev/sdb"] = {.model = "Disk \x01\xff/..", .serial = "A\nB\x80/../C"};
+    const auto names = [&] {
+        const ServiceId device = asking.parent(drive(asking, "sdb")).value();
+        return text(device, "device model") + "|" + text(device, "device serial");
+    };
+    const std::string first = names();
+    EXPECT_THAT(first, testing::HasSubstr("/.."));
+    EXPECT_TRUE(std::all_of(first.begin(), first.end(), [](char c) { return c >= ' ' && c < 127; }))
+        << first;
+    asking.deviceReplaced("sdb");
+    EXPECT_EQ(names(), first);
 }
 
 }  // namespace
