@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "core/DefaultPreferences.h"
-#include "korvanectl/Document.h"
+#include "korvanectl/HistoryLog.h"
 #include "korvanectl/Text.h"
 #include "storage/DriveEntry.h"
 #include "storage/SupportFolder.h"
@@ -131,23 +131,7 @@ Outcome<std::vector<LoggedDriveCheck>> readDriveLog(const std::string& supportFo
                                                     const std::string& serial) {
     const std::string path =
         fmt::format("{}/{}/{}", supportFolder, driveFolderName(model, serial), kSmartLogName);
-    const Outcome<std::optional<Document>> log = readDocument(path);
-    if (!log) {
-        return log.failure();
-    }
-    std::vector<LoggedDriveCheck> checks;
-    if (!*log) {
-        return checks;
-    }
-    const PropertyList* const entries = (*log)->contents.find("logEntries");
-    if (entries != nullptr && entries->array() != nullptr) {
-        for (const PropertyList& element : *entries->array()) {
-            if (const Dictionary* const fields = element.dictionary()) {
-                checks.push_back(loggedCheck(*fields));
-            }
-        }
-    }
-    return checks;
+    return readLog<LoggedDriveCheck>(path, loggedCheck);
 }
 
 }  // namespace korvane::ctl

@@ -6,6 +6,7 @@
 #include <CLI/Formatter.hpp>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "korvanectl/Json.h"
 
@@ -64,6 +65,31 @@ Outcome<ExitStatus> finishEdit(Program& program, const Edit& edit,
     return ExitStatus::done;
 }
 
+namespace {
+
+// What is wrong with a command line, named by the word that is wrong where there is one.
+std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
+    std::string place = app.get_name();
+    const CLI::App* innermost = &app;
+    while (!innermost->get_subcommands().empty()) {
+        innermost = innermost->get_subcommands().back();
+        place += ' ' + innermost->get_name();
+    }
+    std::string what = error.what();
+    if (const std::vector<std::string> left = app.remaining(true); !left.empty()) {
+        const std::string& word = left.front();
+        const bool isCommand = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
+        what = word.starts_with('-') ? fmt::format("there is no option \"{}\"", word)
+               : isCommand           ? fmt::format("there is no command \"{} {}\"", place, word)
+                                     : fmt::format("\"{}\" is one word too many", word);
+    } else if (what == CLI::RequiredError::Subcommand(1).what()) {
+        what = fmt::format("\"{}\" needs a command", place);
+    }
+    return fmt::format("{}; see {} --help", printable(what), place);
+}
+
+}  // namespace
+
 int runProgram(Program& program, int argumentCount, const char* const* arguments) {
     CLI::App app{"Shows what the Korvane Pro protection daemon found, and changes its settings.",
                  "korvanectl"};
@@ -89,7 +115,7 @@ int runProgram(Program& program, int argumentCount, const char* const* arguments
         program.print(fmt::format("{}\n", version.what()));
         return static_cast<int>(ExitStatus::done);
     } catch (const CLI::ParseError& error) {
-        program.note(fmt::format("{}; see korvanectl --help", printable(error.what())));
+        program.note(complaint(app, error));
         return static_cast<int>(ExitStatus::refused);
     }
     const Outcome<ExitStatus> outcome = program.command();

@@ -24,6 +24,7 @@ enum class Echo { on, off };
 struct Program {
     Preferences preferences;
     std::string supportFolder;
+    std::string plugInsFolder;  // of the daemon's helper programs
     DaemonLink& daemon;
     std::function<Volumes&()> volumes;  // made when first asked for
     std::function<Time()> now;

@@ -1,6 +1,7 @@
 // What the daemon found: status, volumes, history.
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <memory>
 #include <utility>
@@ -165,11 +166,32 @@ Cell latestResultCell(const VolumeReport& volume, Time now) {
         stateTone(then)};
 }
 
+struct MissingHelper {
+    std::string name;
+    std::string_view consequence;
+};
+
+// The daemon's helper programs that are not where it looks for them, or cannot be run.
+std::vector<MissingHelper> missingHelpers(const std::string& folder) {
+    const MissingHelper all[] = {
+        {"KorvaneProDirectoryBackup", "no directory backup can be made"},
+        {"KorvaneProDataRecovery", "what goes through the trash cannot be recovered"},
+        {"KorvaneProNotice", "warnings show no dialog"}};
+    std::vector<MissingHelper> missing;
+    for (const MissingHelper& helper : all) {
+        if (::access(fmt::format("{}/{}", folder, helper.name).c_str(), X_OK) != 0) {
+            missing.push_back(helper);
+        }
+    }
+    return missing;
+}
+
 // Everything the three commands look at, gathered once.
 struct Findings {
     Dictionary preferences;
     DaemonPresence daemon = DaemonPresence::absent;
     Time now{};
+    std::vector<MissingHelper> missing;
     std::vector<DriveReport> drives;
     std::vector<VolumeReport> volumes;
 };
@@ -183,6 +205,7 @@ Outcome<Findings> gather(Program& program) {
     findings.preferences = std::move(*preferences);
     findings.daemon = program.daemon.presence();
     findings.now = program.now();
+    findings.missing = missingHelpers(program.plugInsFolder);
     findings.drives =
         reportDrives(findings.preferences, program.supportFolder, findings.daemon, findings.now);
     findings.volumes = reportVolumes({.preferences = findings.preferences,
@@ -198,9 +221,14 @@ ExitStatus statusFor(DaemonPresence daemon) {
 }
 
 void printStatusJson(const Program& program, const Findings& findings) {
+    PropertyListArray missing;
+    for (const MissingHelper& helper : findings.missing) {
+        missing.emplace_back(helper.name);
+    }
     printJson(program, Dictionary{{"daemonRuns", findings.daemon != DaemonPresence::absent},
                                   {"daemonReachable", findings.daemon == DaemonPresence::reachable},
                                   {"protectionOn", protectionIsOn(findings.preferences)},
+                                  {"missingHelpers", std::move(missing)},
                                   {"drives", drivesJson(findings.drives)},
                                   {"volumes", volumesJson(findings.volumes)}});
 }
@@ -216,6 +244,11 @@ void printStatus(const Program& program, const Findings& findings) {
         program.paint(runs ? Tone::good : Tone::bad, presenceWords(findings.daemon)),
         program.paint(on ? Tone::good : Tone::bad, on ? "on" : "off"), onOff(kVolumeUsageOnOff),
         onOff(kSmartCheckOnOff)));
+    for (const MissingHelper& helper : findings.missing) {
+        program.print(fmt::format(
+            "Missing helper    {}\n",
+            program.paint(Tone::bad, fmt::format("{}: {}", helper.name, helper.consequence))));
+    }
     if (!findings.drives.empty()) {
         program.print(
             "\n" +

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "core/DefaultPreferences.h"
-#include "korvanectl/Document.h"
+#include "korvanectl/HistoryLog.h"
 #include "korvanectl/Text.h"
 #include "storage/SupportFolder.h"
 #include "storage/VolumeEntry.h"
@@ -146,23 +146,7 @@ Outcome<std::vector<LoggedCheck>> readVolumeLog(const std::string& supportFolder
                                                 std::string_view mountPoint) {
     const std::string path = fmt::format("{}/{}/{}", supportFolder,
                                          volumeFolderName(volumeName(mountPoint)), kUsageLogName);
-    const Outcome<std::optional<Document>> log = readDocument(path);
-    if (!log) {
-        return log.failure();
-    }
-    std::vector<LoggedCheck> checks;
-    if (!*log) {
-        return checks;
-    }
-    const PropertyList* const entries = (*log)->contents.find("logEntries");
-    if (entries != nullptr && entries->array() != nullptr) {
-        for (const PropertyList& element : *entries->array()) {
-            if (const Dictionary* const fields = element.dictionary()) {
-                checks.push_back(loggedCheck(*fields));
-            }
-        }
-    }
-    return checks;
+    return readLog<LoggedCheck>(path, loggedCheck);
 }
 
 }  // namespace korvane::ctl

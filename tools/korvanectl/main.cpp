@@ -9,9 +9,11 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "korvanectl/BusLink.h"
@@ -108,6 +110,15 @@ std::optional<std::string> askOnTerminal(const std::string& question, ctl::Echo 
     return line;
 }
 
+// Where the daemon has its helper programs: beside itself. In a build it lies beside this program,
+// installed in the library folder of the same place.
+std::string plugInsFolder() {
+    std::error_code error;
+    const auto here = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+    const bool isBuild = std::filesystem::exists(here / "KorvaneProDaemon", error);
+    return ((isBuild ? here : here.parent_path() / "lib/korvane-pro") / "PlugIns").string();
+}
+
 int run(int argumentCount, const char* const* arguments) {
     std::optional<MountedNow> mounted;
     ctl::BusLink daemon;
@@ -115,6 +126,7 @@ int run(int argumentCount, const char* const* arguments) {
     ctl::Program program{
         .preferences = ctl::Preferences{kPreferencesFile},
         .supportFolder = kSupportFolder,
+        .plugInsFolder = plugInsFolder(),
         .daemon = daemon,
         .volumes = [&]() -> Volumes& {
             if (!mounted) {

@@ -259,5 +259,43 @@ TEST_F(Commands, HelpAndVersionGoToStandardOutput) {
     EXPECT_THAT(err, IsEmpty());
 }
 
+TEST_F(Commands, StatusNamesAMissingHelperProgramAndWhatDoesNotWorkWithoutIt) {
+    EXPECT_EQ(run({"status"}), 0);
+    EXPECT_THAT(out, Not(HasSubstr("Missing")));
+    EXPECT_EQ(run({"status", "--json"}), 0);
+    EXPECT_THAT(out, HasSubstr("\"missingHelpers\": []"));
+    std::filesystem::remove(plugIns / "KorvaneProDirectoryBackup");
+    std::filesystem::permissions(plugIns / "KorvaneProNotice", std::filesystem::perms::owner_read);
+    EXPECT_EQ(run({"status"}), 0);
+    EXPECT_THAT(out, HasSubstr("\nMissing helper    KorvaneProDirectoryBackup: no directory backup "
+                               "can be made\n"
+                               "Missing helper    KorvaneProNotice: warnings show no dialog\n"));
+    EXPECT_EQ(run({"status", "--json"}), 0);
+    EXPECT_THAT(out, HasSubstr("\"KorvaneProDirectoryBackup\",\n    \"KorvaneProNotice\"\n"));
+}
+
+TEST_F(Commands, AMistypedLineIsToldByTheWordThatIsWrong) {
+    const struct {
+        std::vector<const char*> line;
+        const char* expected;
+    } rows[] = {
+        {{"statsu"}, "there is no command \"korvanectl statsu\"; see korvanectl --help\n"},
+        {{"backup", "halt"},
+         "there is no command \"korvanectl backup halt\"; see korvanectl backup --help\n"},
+        {{"backup"}, "\"korvanectl backup\" needs a command; see korvanectl backup --help\n"},
+        {{}, "\"korvanectl\" needs a command; see korvanectl --help\n"},
+        {{"status", "now"}, "\"now\" is one word too many; see korvanectl status --help\n"},
+        {{"status", "--colour"}, "there is no option \"--colour\"; see korvanectl status --help\n"},
+        {{"--colour"}, "there is no option \"--colour\"; see korvanectl --help\n"},
+        {{"a\x1b[2J"}, "there is no command \"korvanectl a\\x1b[2J\"; see korvanectl --help\n"},
+        {{"history"}, "NAME is required; see korvanectl history --help\n"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(run(row.line), 1) << row.expected;
+        EXPECT_EQ(err, row.expected);
+        EXPECT_THAT(out, IsEmpty());
+    }
+}
+
 }  // namespace
 }  // namespace korvane::ctl

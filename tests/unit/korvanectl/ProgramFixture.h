@@ -134,6 +134,11 @@ class KorvanectlTest : public testing::Test {
         }
         preferences.set(kVolumeArray, std::move(entries));
         store(preferences);
+        for (const char* const name :
+             {"KorvaneProDirectoryBackup", "KorvaneProDataRecovery", "KorvaneProNotice"}) {
+            plugIns.write(name, "");
+            std::filesystem::permissions(plugIns / name, std::filesystem::perms::owner_all);
+        }
     }
 
     // Runs one command line and gives its exit status.
@@ -146,6 +151,7 @@ class KorvanectlTest : public testing::Test {
         Program program{
             .preferences = Preferences{file, std::chrono::milliseconds{0}},
             .supportFolder = folder.path(),
+            .plugInsFolder = plugIns.path(),
             .daemon = daemon,
             .volumes = [this]() -> Volumes& { return volumes; },
             .now = [this] { return now; },
@@ -195,6 +201,7 @@ class KorvanectlTest : public testing::Test {
     }
 
     TemporaryFolder folder;
+    TemporaryFolder plugIns;
     std::string file = folder / "KorvaneProtection.plist";
     bool isTerminal = false;
     std::vector<std::string> shown;  // lines of progress
