@@ -1,191 +1,29 @@
-"""The whole path of a mail, from the daemon's alert to the message that a real server has stored.
-
-Runs as root in a mount and a network namespace of its own, so that the ports of mail are free. The
-daemon is the real process; `korvanectl test-mail` asks it for a mail and tells what became of it.
+"""Alert mails and servers that misbehave: what the daemon says, how it waits, and that the next mail is
+not the worse for it.
    alert_mail_test.py DAEMON KORVANECTL MODULES
 """
 
-import base64
 import contextlib
-import email
-import email.policy
-import email.utils
 import os
-import plistlib
 import re
-import shutil
 import socket
 import subprocess
-import sys
-import tempfile
 import time
 import unittest
+import unittest.mock
 
-sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-CONTROL = os.path.abspath(sys.argv.pop(2))
-MODULES = os.path.abspath(sys.argv.pop(2))
-import daemon_process_test as process  # noqa: E402  (takes the daemon's path from the arguments)
-import mail_servers as servers  # noqa: E402
+import mail_bed as bed
+from mail_bed import CONTROL, encoded, process, servers, wait_for
 
-wait_for = process.wait_for
+setUpModule = bed.set_up_machine
 
 
-def encoded(text):
-    return base64.b64encode(text.encode()).decode()
-
-
-CERTIFICATE = []  # made once
-
-
-def setUpModule():
-    process.DaemonProcess.setUpClass()
-    folder = tempfile.mkdtemp(prefix="korvane-mail-")
-    unittest.addModuleCleanup(shutil.rmtree, folder)
-    os.chmod(folder, 0o755)
-    CERTIFICATE.append(servers.Certificate(folder))
-    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-    with open("/proc/sys/net/ipv4/ip_unprivileged_port_start", "w", encoding="ascii") as file:
-        file.write("0")
-
-
-def tearDownModule():
-    process.DaemonProcess.tearDownClass()
-
-
-class MailTest(unittest.TestCase):
-    def setUp(self):
-        self.folder = tempfile.mkdtemp(prefix="korvane-mail-")
-        self.addCleanup(shutil.rmtree, self.folder)
-        os.chmod(self.folder, 0o755)
-        self.certificate = CERTIFICATE[0]
-        process.DaemonProcess.setUp(self)
-        self.bus = process.PrivateBus()
-        self.addCleanup(self.bus.end)
-        self.bus.start()
-
-    def serve(self, server):
-        self.addCleanup(server.end)
-        return server
+class MailTest(bed.MailBed):
+    def start(self, **settings):
+        super().start(**{"emailAddress": "ada@example.org"} | settings)
 
     def misbehave(self, script, port=25):
         return self.serve(servers.Misbehaving(port, script, self.certificate))
-
-    def start(self, port=25, login=False, tls=False, **changes):
-        entry = {"volumeMountToName": "/nowhere"}
-        document = {"DAEMON_ON": True, "volumeUsageOnOff": True, "directoryBackupOnOff": False,
-                    "smartCheckOnOff": False, "trashSaveDays": 5, "usageEntryLimit": 15,
-                    "smartEntryLimit": 15, "directoryFilesToSave": 3, "driveArray": [],
-                    "directoryBackupLocations": ["/Volumes/System"], "volumeArray": [entry],
-                    "SMARTCheckEmail": True, "volumeUsageEmail": True,
-                    "emailServer": "127.0.0.1", "emailPort": str(port),
-                    "emailSubject": "Caf\u00e9 Korvane", "emailAddress": "ada@example.org",
-                    "emailUserName": encoded(servers.USER),
-                    "emailPassword": encoded(servers.PASSWORD),
-                    "emailUseAuthentication": login, "emailUseSSLAuthentication": tls, **changes}
-        os.makedirs(process.SUPPORT)
-        with open(process.PREFERENCES, "wb") as file:
-            file.write(plistlib.dumps(document))
-        self.daemon = process.Daemon(bus_address=self.bus.address)
-        self.addCleanup(self.daemon.end)
-        self.daemon.wait_for_line("Started on system version")
-
-    def ask(self, *arguments):
-        done = subprocess.run([CONTROL, *arguments], capture_output=True, text=True, check=False,
-                              timeout=90, env={"DBUS_SYSTEM_BUS_ADDRESS": self.bus.address})
-        return done.returncode, done.stdout + done.stderr
-
-    def assert_sent(self, server, sender="ada@example.org", recipients=("ada@example.org",)):
-        status, said = self.ask("test-mail")
-        self.assertEqual((status, said.startswith("The server 127.0.0.1 has taken")), (0, True),
-                         said + "\n".join(self.daemon.lines()))
-        stored = wait_for(server.messages)
-        self.assertEqual(len(stored), 1)
-        envelope_sender, envelope_recipients, raw = stored[0]
-        if envelope_sender is not None:
-            self.assertEqual(envelope_sender, sender)
-            self.assertEqual(envelope_recipients, list(recipients))
-        message = email.message_from_bytes(raw, policy=email.policy.default)
-        self.assertEqual(message.get_content_type(), "text/plain")
-        self.assertEqual(message.get_content_charset(), "utf-8")
-        self.assertIsNone(message["MIME-Version"])
-        self.assertEqual(message["From"], sender)
-        self.assertEqual(message["To"], ", ".join(recipients))
-        self.assertIn("Subject: Caf\u00e9 Korvane".encode(), raw.replace(b"\r\n", b"\n"))
-        self.assertAlmostEqual(email.utils.parsedate_to_datetime(message["Date"]).timestamp(),
-                               time.time(), delta=60)
-        body = message.get_payload(decode=True).decode().replace("\r\n", "\n")
-        paragraphs = body.strip("\n").split("\n\n")
-        self.assertEqual(len(paragraphs), 9, body)
-        self.assertEqual(paragraphs[0], "Caf\u00e9 Korvane")
-        for paragraph, caption in zip(paragraphs[2:7], ("Date: ", "User: ", "Computer: ",
-                                                        "Network addresses:", "System: ")):
-            self.assertTrue(paragraph.startswith(caption), body)
-        self.assertEqual(paragraphs[8], "\tThis is a test. Korvane Pro can reach you at this "
-                                        "address.")
-
-    # ---- Real servers ---------------------------------------------------------------------------
-
-    def test_exim_takes_a_message(self):
-        server = self.serve(servers.Exim(f"{self.folder}/exim", self.certificate))
-        self.start()
-        self.assert_sent(server)
-
-    def test_exim_takes_a_message_after_a_login(self):
-        server = self.serve(servers.Exim(f"{self.folder}/exim", self.certificate))
-        self.start(login=True)
-        self.assert_sent(server, sender=servers.USER)
-
-    def test_exim_takes_a_message_through_starttls(self):
-        server = self.serve(servers.Exim(f"{self.folder}/exim", self.certificate))
-        self.start(login=True, tls=True)
-        self.assert_sent(server, sender=servers.USER)
-
-    def test_exim_takes_a_message_through_tls_from_the_first_byte(self):
-        server = self.serve(servers.Exim(f"{self.folder}/exim", self.certificate))
-        self.start(port=465, login=True, tls=True)
-        self.assert_sent(server, sender=servers.USER)
-
-    def test_exim_refuses_a_wrong_password(self):
-        self.serve(servers.Exim(f"{self.folder}/exim", self.certificate))
-        self.start(login=True, emailPassword=encoded("guess"))
-        status, said = self.ask("test-mail")
-        self.assertEqual(status, 6)
-        self.assertIn("refused the password: 535", said)
-
-    def test_exim_refuses_a_recipient(self):
-        self.serve(servers.Exim(f"{self.folder}/exim", self.certificate))
-        self.start(emailAddress="ada@example.org,unknown@example.org")
-        status, said = self.ask("test-mail")
-        self.assertEqual(status, 6)
-        self.assertIn("refused the last recipient: 550", said)
-
-    def test_aiosmtpd_takes_a_message_in_every_mode(self):
-        for mode, port in (("plain", 25), ("login", 25), ("tls", 465)):
-            with self.subTest(mode):
-                self.setUp()
-                server = self.serve(servers.Aiosmtpd(port, mode, self.certificate))
-                self.start(port=port, login=mode != "plain", tls=mode == "tls",
-                           emailAddress="ada@example.org, b@example.org")
-                self.assert_sent(server,
-                                 sender=servers.USER if mode != "plain" else "ada@example.org",
-                                 recipients=("ada@example.org", "b@example.org"))
-                self.doCleanups()
-        self.setUp()
-
-    def test_nodemailer_takes_a_message_in_every_mode(self):
-        if not os.path.isdir(f"{MODULES}/smtp-server"):
-            self.skipTest("no npm to install smtp-server with")
-        for mode, port in (("plain", 25), ("login", 25), ("tls", 465)):
-            with self.subTest(mode):
-                self.setUp()
-                server = self.serve(servers.Nodemailer(MODULES, port, mode, self.certificate))
-                self.start(port=port, login=mode != "plain", tls=mode == "tls",
-                           emailAddress="ada@example.org, b@example.org")
-                self.assert_sent(server,
-                                 sender=servers.USER if mode != "plain" else "ada@example.org",
-                                 recipients=("ada@example.org", "b@example.org"))
-                self.doCleanups()
-        self.setUp()
 
     # ---- Servers that misbehave -----------------------------------------------------------------
 
@@ -267,7 +105,7 @@ class MailTest(unittest.TestCase):
         self.assertIn("Failed to connect to SMTP server no-such-host.invalid", said)
 
     def test_a_name_is_resolved(self):
-        server = self.serve(servers.Aiosmtpd(25, "plain", self.certificate))
+        server = self.serve(servers.Aiosmtpd(self, 25, "plain"))
         self.start(emailServer="localhost")
         self.assertEqual(self.ask("test-mail")[0], 0)
         self.assertEqual(len(server.messages()), 1)
@@ -412,13 +250,31 @@ class MailTest(unittest.TestCase):
     # ---- What it costs to have the possibility --------------------------------------------------
 
     def test_no_tls_library_is_mapped_before_the_first_session_with_tls(self):
-        server = self.serve(servers.Exim(f"{self.folder}/exim", self.certificate))
+        self.serve(servers.Exim(self, 25, "login"))
         self.start(login=True)
 
         def maps():
             return process.read_bytes(f"/proc/{self.daemon.process.pid}/maps").decode()
-        self.assert_sent(server, sender=servers.USER)
-        self.assertNotRegex(maps(), r"lib(ssl|crypto)|KorvaneProTls")
+        library = r"lib(ssl|crypto)|KorvaneProTls"
+        self.assertNotRegex(maps(), library)  # nor at rest
+        self.assertEqual(self.ask("test-mail")[0], 0)
+        self.assertNotRegex(maps(), library)
+        self.ask("set", "emailPort", "465")
+        self.ask("set", "emailUseSSLAuthentication", "yes")
+        self.serve(servers.Aiosmtpd(self, 465, "tls"))
+        self.assertEqual(self.ask("test-mail")[0], 0)
+        self.assertRegex(maps(), library)
+
+    def test_the_installed_daemon_speaks_tls_too(self):
+        build = os.path.dirname(process.PROGRAM)
+        subprocess.run(["cmake", "--install", build, "--prefix", f"{self.folder}/usr"], check=True,
+                       capture_output=True)
+        installed = f"{self.folder}/usr/lib/korvane-pro/KorvaneProDaemon"
+        self.serve(servers.Aiosmtpd(self, 465, "tls"))
+        with unittest.mock.patch.object(process, "PROGRAM", installed):
+            self.start(port=465, login=True, tls=True)
+        status, said = self.ask("test-mail")
+        self.assertEqual(status, 0, said + "\n".join(self.daemon.lines()))
 
     def test_mail_settings_are_asked_for_and_shown_without_the_password(self):
         self.start()

@@ -1,12 +1,19 @@
 """Mail servers for the tests, all on 127.0.0.1 and in a temporary folder: Exim, aiosmtpd, Nodemailer's
 smtp-server, and a server of our own that misbehaves as it is told.
 
-Each has messages(): what it has stored so far, as (sender, recipients, bytes).
+A real server is given its port, its mode (plain, login, starttls, or tls from the first byte on) and
+traits: "keeps hello" (takes AUTH after STARTTLS without a second EHLO), "refuses hello", "silent" (no
+greeting), "impatient" (gives a silent client up in a moment). Each has messages(): what it has stored
+so far, as (sender, recipients, bytes).
 """
 
+import asyncio
 import base64
+import contextlib
+import email
 import glob
 import json
+import logging
 import os
 import pwd
 import shutil
@@ -16,7 +23,13 @@ import subprocess
 import tempfile
 import threading
 import time
+import warnings
 
+from aiosmtpd.controller import Controller
+from aiosmtpd.smtp import SMTP, AuthResult
+
+logging.getLogger("mail.log").setLevel(logging.ERROR)  # a login without TLS is no news here
+IMPATIENCE = 2  # seconds
 USER, PASSWORD = "grace@example.org", "secret"
 
 
@@ -76,7 +89,7 @@ commonName = supplied
 
 
 class Exim:
-    """Plain and AUTH LOGIN on port 25, STARTTLS there too, TLS from the first byte on port 465."""
+    """Plain, AUTH LOGIN and STARTTLS, or TLS from the first byte on."""
 
     CONFIGURATION = """
 exim_user = {user}
@@ -85,21 +98,25 @@ primary_hostname = exim.example.org
 spool_directory = {folder}/spool
 log_file_path = {folder}/%slog
 pid_file_path = {folder}/pid
-local_interfaces = <; [127.0.0.1]:25 ; [127.0.0.1]:465
-tls_on_connect_ports = 465
+local_interfaces = <; [127.0.0.1]:{port}
+tls_on_connect_ports = {tls_port}
 tls_advertise_hosts = *
 tls_certificate = {certificate}
 tls_privatekey = {key}
 never_users =
 deliver_drop_privilege
 keep_environment =
-hosts_require_helo =
+smtp_receive_timeout = {patience}s
+{traits}
+acl_smtp_helo = acl_hello
 acl_smtp_connect = acl_connect
 acl_smtp_rcpt = acl_recipient
 domainlist local_domains = *
 begin acl
+acl_hello:
+  {hello}
 acl_connect:
-  accept control = allow_auth_unadvertised
+  {connect}
 acl_recipient:
   deny local_parts = unknown
        message = no such user
@@ -113,6 +130,7 @@ file:
   driver = appendfile
   directory = {folder}/mail
   maildir_format
+  batch_max = 100
   envelope_to_add
   return_path_add
 begin authenticators
@@ -120,34 +138,47 @@ login:
   driver = plaintext
   public_name = LOGIN
   server_prompts = Username:: : Password::
-  server_condition = ${{if and{{{{eq{{$auth1}}{{%s}}}}{{eq{{$auth2}}{{%s}}}}}}}}
+  server_condition = ${{if and{{{{eq{{$auth1}}{{LOGIN}}}}{{eq{{$auth2}}{{PASSWORD}}}}}}}}
   server_set_id = $auth1
-""".replace("%s}}", "{login}}}", 1).replace("%s}}", "{password}}}", 1)
+""".replace("LOGIN}}}}", USER + "}}}}").replace("PASSWORD", PASSWORD)
 
-    def __init__(self, folder, certificate):
-        self.folder = folder
+    def __init__(self, bed, port, mode, *traits):
+        self.folder = f"{bed.folder}/exim"
         entry = next(entry for name in ("Debian-exim", "nobody")
                      for entry in pwd.getpwall() if entry.pw_name == name)
-        for path in (folder, f"{folder}/spool", f"{folder}/mail"):
+        for path in (self.folder, f"{self.folder}/spool", f"{self.folder}/mail"):
             os.makedirs(path, exist_ok=True)
             shutil.chown(path, entry.pw_uid, entry.pw_gid)
-        os.chmod(folder, 0o755)
+        os.chmod(self.folder, 0o755)
+        connect = "accept"
+        if "keeps hello" in traits:
+            connect += " control = allow_auth_unadvertised"
+        if "silent" in traits:
+            connect += " delay = 20s"
         text = self.CONFIGURATION.format(
-            user=entry.pw_uid, group=entry.pw_gid, folder=folder, certificate=certificate.file,
-            key=certificate.key, login=USER, password=PASSWORD)
-        with open(f"{folder}/exim.conf", "w", encoding="utf-8") as file:
+            user=entry.pw_uid, group=entry.pw_gid, folder=self.folder, port=port,
+            tls_port=port if mode == "tls" else "", certificate=bed.certificate.file,
+            key=bed.certificate.key, connect=connect,
+            patience=IMPATIENCE if "impatient" in traits else 300,
+            hello="deny message = not you" if "refuses hello" in traits else "accept",
+            traits="hosts_require_helo =" if "keeps hello" in traits else "")
+        with open(f"{self.folder}/exim.conf", "w", encoding="utf-8") as file:
             file.write(text)
         self.process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "KILL", "exim4", "-C", f"{folder}/exim.conf", "-bdf"],
+            ["setpriv", "--pdeathsig", "KILL", "exim4", "-C", f"{self.folder}/exim.conf", "-bdf"],
             user=entry.pw_uid, group=entry.pw_gid, extra_groups=[], stdout=subprocess.DEVNULL,
             stderr=subprocess.DEVNULL)
-        wait_for(lambda: accepts(25))
+        wait_for(lambda: accepts(port))
 
     def messages(self):
+        """The envelope is in the headers that Exim puts before those of the message."""
         found = []
         for path in sorted(glob.glob(f"{self.folder}/mail/new/*")):
             with open(path, "rb") as file:
-                found.append((None, None, file.read()))
+                raw = file.read()
+            headers = email.message_from_bytes(raw)
+            recipients = sorted(headers["Envelope-to"].replace("\n", "").replace(" ", "").split(","))
+            found.append((headers["Return-path"].strip("<>"), recipients, raw))
         return found
 
     def end(self):
@@ -155,51 +186,89 @@ login:
         self.process.wait()
 
 
-class Aiosmtpd:
-    """One mode on one port: plain, login, or tls from the first byte."""
+class KeepsHello(SMTP):
+    """Takes what was said before the upgrade to TLS as said after it, too."""
 
-    def __init__(self, port, mode, certificate):
-        from aiosmtpd.controller import Controller
-        from aiosmtpd.smtp import AuthResult
+    def connection_made(self, transport):
+        before = self.session
+        super().connection_made(transport)
+        if before:
+            self.session.host_name = before.host_name
+            self.session.extended_smtp = before.extended_smtp
 
+
+class Silent(SMTP):
+    async def _handle_client(self):
+        await asyncio.sleep(3600)
+
+
+class Aiosmtpd(Controller):
+    """One mode on one port: plain, login, starttls, or tls from the first byte on."""
+
+    def __init__(self, bed, port, mode, *traits):
         self.stored = []
-
-        def authenticate(server, session, envelope, mechanism, data):
-            good = (data.login, data.password) == (USER.encode(), PASSWORD.encode())
-            return AuthResult(success=good, handled=False)
-
-        class Store:
-            @staticmethod
-            async def handle_DATA(server, session, envelope):
-                self.stored.append((envelope.mail_from, list(envelope.rcpt_tos),
-                                    bytes(envelope.content)))
-                return "250 queued"
-
-        arguments = {"hostname": "127.0.0.1", "port": port}
+        self.traits = traits
+        self.arguments = {"timeout": IMPATIENCE if "impatient" in traits else 300}
         if mode != "plain":
-            arguments |= {"authenticator": authenticate, "auth_require_tls": False,
-                          "auth_required": True}
-        if mode == "tls":
-            arguments["ssl_context"] = certificate.context()
-        self.controller = Controller(Store(), **arguments)
-        self.controller.start()
+            self.arguments |= {"authenticator": self.authenticate, "auth_required": True,
+                               "auth_require_tls": mode == "starttls"}
+        if mode == "starttls":
+            self.arguments["tls_context"] = bed.certificate.context()
+        super().__init__(self, hostname="127.0.0.1", port=port,
+                         ssl_context=bed.certificate.context() if mode == "tls" else None)
+        warnings.simplefilter("ignore", UserWarning)  # of a login without TLS, too
+        try:
+            self.start()
+        except Exception:
+            self.end()
+            raise
+
+    def factory(self):
+        kind = (Silent if "silent" in self.traits else
+                KeepsHello if "keeps hello" in self.traits else SMTP)
+        return kind(self, hostname="mail.example.org", **self.arguments)
+
+    @staticmethod
+    def authenticate(server, session, envelope, mechanism, data):
+        good = (data.login, data.password) == (USER.encode(), PASSWORD.encode())
+        return AuthResult(success=good, handled=False)
+
+    async def handle_EHLO(self, server, session, envelope, hostname, responses):
+        if "refuses hello" in self.traits:
+            return ["550 not you"]
+        session.host_name = hostname
+        # Each line is a packet, and so a reply to the client: how many it takes the time decides.
+        return responses[-1:]
+
+    async def handle_RCPT(self, server, session, envelope, address, options):
+        if address.startswith("unknown@"):
+            return "550 no such user"
+        envelope.rcpt_tos.append(address)
+        return "250 OK"
+
+    async def handle_DATA(self, server, session, envelope):
+        self.stored.append((envelope.mail_from, list(envelope.rcpt_tos), bytes(envelope.content)))
+        return "250 queued"
 
     def messages(self):
         return list(self.stored)
 
     def end(self):
-        self.controller.stop()
+        self.stop(no_assert=True)
 
 
 class Nodemailer:
     """Nodemailer's smtp-server: one mode on one port."""
 
-    def __init__(self, modules, port, mode, certificate):
+    MODULES = ""  # where npm has put it
+
+    def __init__(self, bed, port, mode, *traits):
         self.stored = []
         script = os.path.join(os.path.dirname(__file__), "smtp_server.js")
         self.process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "KILL", "node", script, modules, certificate.key,
-             certificate.file, str(port), mode], stdout=subprocess.PIPE, text=True)
+            ["setpriv", "--pdeathsig", "KILL", "node", script, self.MODULES, bed.certificate.key,
+             bed.certificate.file, str(port), mode, str(IMPATIENCE * 1000), *traits],
+            stdout=subprocess.PIPE, text=True)
         assert self.process.stdout.readline() == "ready\n"
         self.reader = threading.Thread(target=self.read, daemon=True)
         self.reader.start()
@@ -218,6 +287,75 @@ class Nodemailer:
         self.process.wait()
         self.reader.join()
         self.process.stdout.close()
+
+
+class Meddler:
+    """Stands between the client and a server. What it does with the next connections is set by
+    `cut_after`: the number of client's lines at which it drops the connection instead of passing on
+    the last of them (the message counts as one, 0 is the connection itself), and by `dribbles`: the
+    server's bytes are passed on one at a time.
+    """
+
+    def __init__(self, port, server_port):
+        self.cut_after = None
+        self.dribbles = False
+        self.server_port = server_port
+        self.closing = threading.Event()
+        self.listener = socket.create_server(("127.0.0.1", port))
+        self.listener.settimeout(0.05)
+        self.thread = threading.Thread(target=self.serve, daemon=True)
+        self.thread.start()
+
+    def serve(self):
+        while not self.closing.is_set():
+            with contextlib.suppress(OSError):
+                client, _ = self.listener.accept()
+                server = socket.create_connection(("127.0.0.1", self.server_port))
+                client.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+                with client, server:
+                    back = threading.Thread(target=self.pass_back, args=(server, client),
+                                            daemon=True)
+                    if self.cut_after != 0:
+                        back.start()
+                        self.pass_on(client, server)
+                        back.join()
+
+    def pass_on(self, client, server):
+        lines, pending = 0, b""
+        end = b"\r\n"
+        with contextlib.suppress(OSError):
+            while more := client.recv(65536):
+                pending += more
+                while end in pending:
+                    line, pending = pending.split(end, 1)
+                    lines += 1
+                    if lines == self.cut_after:
+                        return self.shut(client, server)
+                    server.sendall(line + end)
+                    end = b"\r\n.\r\n" if line == b"DATA" else b"\r\n"
+        return self.shut(client, server)
+
+    def pass_back(self, server, client):
+        with contextlib.suppress(OSError):
+            while more := server.recv(65536):
+                if not self.dribbles:
+                    client.sendall(more)
+                    continue
+                for byte in more:
+                    client.sendall(bytes([byte]))
+                    time.sleep(0.01)  # else the client's end might join them again
+        self.shut(client, server)
+
+    @staticmethod
+    def shut(*connections):
+        for connection in connections:
+            with contextlib.suppress(OSError):
+                connection.shutdown(socket.SHUT_RDWR)
+
+    def end(self):
+        self.closing.set()
+        self.thread.join()
+        self.listener.close()
 
 
 class Misbehaving:

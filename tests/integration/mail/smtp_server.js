@@ -1,8 +1,8 @@
 // Nodemailer's smtp-server as a peer of the tests: prints "ready", then each message as a line of
-// JSON.   node smtp_server.js MODULES KEY CERTIFICATE PORT MODE(plain|login|starttls|tls)
+// JSON.   node smtp_server.js MODULES KEY CERTIFICATE PORT MODE IMPATIENCE TRAIT...
 "use strict";
 const fs = require("fs");
-const [modules, key, certificate, port, mode] = process.argv.slice(2);
+const [modules, key, certificate, port, mode, impatience, ...traits] = process.argv.slice(2);
 const {SMTPServer} = require(`${modules}/smtp-server`);
 
 const server = new SMTPServer({
@@ -12,8 +12,13 @@ const server = new SMTPServer({
     authOptional: mode === "plain",
     allowInsecureAuth: mode === "login",
     hideSTARTTLS: mode === "plain" || mode === "login",
+    disabledCommands: traits.includes("refuses hello") ? ["EHLO"] : [],
+    socketTimeout: traits.includes("impatient") ? Number(impatience) : 300000,
     disableReverseLookup: true,
     logger: false,
+    onConnect(session, callback) {
+        if (!traits.includes("silent")) callback();
+    },
     onAuth(auth, session, callback) {
         const isRight = auth.username === "grace@example.org" && auth.password === "secret";
         callback(isRight ? null : new Error("Invalid username or password"), {user: auth.username});
