@@ -37,6 +37,7 @@ void recordJobs(const JobFile& file, const MachinePlaces& places, const std::str
                                 limit, reading);
         // Gone since, or another item has taken its name.
         if (items.empty() || static_cast<std::uint32_t>(items.front().node) != job.node) continue;
+        items.front().origin = originOf(*place->folder, place->name);
         std::string bytes;
         for (RecordedItem& item : items) bytes += encodeItem(std::move(item));
         if (const auto saved = saveResult(resultFolder, job.resultName, bytes); !saved) {

@@ -44,7 +44,7 @@ constexpr std::size_t kExtentRoom = (kResultRecordSize - kExtentsAt) / kExtentSi
 constexpr std::size_t kMostName = 765;
 // PATH_MAX of linux/limits.h: no path in one call is longer.
 constexpr std::size_t kMostPath = 4096;
-constexpr std::size_t kMostText = kMostName + 2 * kMostPath + 3;
+constexpr std::size_t kMostText = kMostName + 3 * kMostPath + 4;
 
 template <typename T>
 void put(std::uint8_t* record, std::size_t offset, const T& value) {
@@ -56,16 +56,26 @@ void get(const std::uint8_t* record, std::size_t offset, T& value) {
     std::memcpy(&value, record + offset, sizeof value);
 }
 
+constexpr std::array<std::uint32_t, 256> crcTable() {
+    std::array<std::uint32_t, 256> table{};
+    for (std::uint32_t byte = 0; byte < table.size(); ++byte) {
+        std::uint32_t crc = byte;
+        for (int bit = 0; bit < 8; ++bit) crc = (crc >> 1U) ^ ((crc & 1U) != 0 ? 0xEDB88320U : 0U);
+        table[byte] = crc;
+    }
+    return table;
+}
+
 // CRC-32 (ISO 3309) of the record without the check itself and without the stamp, which comes in
-// later.
+// later. By a table: whoever looks for one item reads all records of a volume.
 std::uint32_t checkOf(const std::uint8_t* record) {
+    static constexpr auto kTable = crcTable();
     std::uint32_t crc = 0xFFFFFFFFU;
     for (std::size_t at = 0; at < kResultRecordSize; ++at) {
         const bool isLeftOut = (at >= kCheckAt && at < kCheckAt + 4) ||
                                (at >= kResultStampOffset && at < kResultStampOffset + 4);
         if (isLeftOut) continue;
-        crc ^= record[at];
-        for (int bit = 0; bit < 8; ++bit) crc = (crc >> 1U) ^ ((crc & 1U) != 0 ? 0xEDB88320U : 0U);
+        crc = (crc >> 8U) ^ kTable[(crc ^ record[at]) & 0xFFU];
     }
     return ~crc;
 }
@@ -125,15 +135,16 @@ void fit(RecordedItem& item) {
     item.name = item.name.substr(0, item.name.find('\0'));
     drop(item.path, kMostPath, kRecordPathCut);
     drop(item.linkTarget, kMostPath, kRecordTextCut);
+    drop(item.origin, kMostPath, kRecordTextCut);
     if (item.extents.size() > kMostExtents) {
         item.extents.resize(kMostExtents);
         item.flags |= kRecordExtentsCut;
     }
 }
 
-// The three texts of the item's records, each with a zero at its end; false for anything else.
+// The four texts of the item's records, each with a zero at its end; false for anything else.
 bool splitText(std::string_view text, RecordedItem& item) {
-    for (std::string* const part : {&item.name, &item.path, &item.linkTarget}) {
+    for (std::string* const part : {&item.name, &item.path, &item.linkTarget, &item.origin}) {
         const std::size_t end = text.find('\0');
         if (end == std::string_view::npos) return false;
         *part = text.substr(0, end);
@@ -146,7 +157,8 @@ bool splitText(std::string_view text, RecordedItem& item) {
 
 std::string encodeItem(RecordedItem item) {
     fit(item);
-    const std::string text = item.name + '\0' + item.path + '\0' + item.linkTarget + '\0';
+    const std::string text =
+        item.name + '\0' + item.path + '\0' + item.linkTarget + '\0' + item.origin + '\0';
     const std::size_t count = recordsFor(text.size(), item.extents.size());
     std::string bytes(count * kResultRecordSize, '\0');
     for (std::size_t index = 0; index < count; ++index) {

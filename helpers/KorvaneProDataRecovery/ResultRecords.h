@@ -50,7 +50,7 @@ enum RecordFlag : std::uint16_t {
     kRecordExtentsCut = 2,  // there are more extents than were recorded, or none could be had
     kRecordFolderCut = 4,   // the folder holds more than was recorded
     kRecordPathCut = 8,     // the path was too long and is empty
-    kRecordTextCut = 16,    // the link's target was too long and is empty
+    kRecordTextCut = 16,    // the link's target or the origin was too long and is empty
 };
 
 // One file, folder, link or other thing. A moment is in seconds since 1970.
@@ -74,13 +74,14 @@ struct RecordedItem {
     std::string name{};
     std::string path{};        // absolute, when it was recorded
     std::string linkTarget{};  // of a symbolic link
+    std::string origin{};      // of an item of the trash: the path that it came from, if noted
     std::vector<FileExtent> extents{};
     friend bool operator==(const RecordedItem&, const RecordedItem&) = default;
 };
 
 // What one record holds beside the item's own fields, which every record of an item repeats.
 struct ResultRecord {
-    RecordedItem item;           // without the three texts and the extents
+    RecordedItem item;           // without the four texts and the extents
     std::uint32_t sequence = 0;  // from 1
     std::uint32_t count = 0;     // of records of the item
     std::uint32_t extentCount = 0;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <utility>
 
 #include "platform/linux/MountTable.h"
+#include "platform/linux/TrashInfo.h"
 
 namespace korvane {
 
@@ -25,6 +27,7 @@ constexpr std::string_view kDevices = "/dev/";
 constexpr std::size_t kCutDevice = 31;
 // The trash of a user's own home: XDG base directories with their default.
 const std::vector<std::string> kTrashOfHome = {".local", "share", "Trash", "files"};
+constexpr std::size_t kMostNote = 65'536;
 constexpr std::size_t kMostItems = 1'000'000;
 
 struct FolderStreamCloser {
@@ -133,6 +136,21 @@ UniqueFd openFolder(int base, const std::vector<std::string>& steps) {
     return folder;
 }
 
+std::string originOf(const TrashFolder& folder, const std::string& name) {
+    const UniqueFd notes{::openat(folder.folder.get(), "../info", kFolderFlags)};
+    const UniqueFd note{notes ? ::openat(notes.get(), (name + ".trashinfo").c_str(),
+                                         O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)
+                              : -1};
+    struct stat status {};
+    if (!note || ::fstat(note.get(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
+    std::string text(kMostNote, '\0');
+    const ssize_t length = ::pread(note.get(), text.data(), text.size(), 0);
+    text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    const std::optional<std::string> path = originInTrashInfo(text);
+    if (!path) return {};
+    return path->front() == '/' ? *path : joined(folder.top, {*path});
+}
+
 TrashFolders::TrashFolders(const MachinePlaces& places, const std::string& device) {
     const std::vector<std::string> mountPoints = mountPointsOf(places, device);
     for (const std::string& mountPoint : mountPoints) {
@@ -150,11 +168,12 @@ void TrashFolders::addHomes(const MachinePlaces& places) {
         for (const std::string& user : namesIn(homes.get())) {
             std::vector<std::string> steps = {user};
             steps.insert(steps.end(), kTrashOfHome.begin(), kTrashOfHome.end());
-            add(openFolder(homes.get(), steps), joined(places.homes, steps));
+            add(openFolder(homes.get(), steps), joined(places.homes, steps), "");
         }
     }
     const UniqueFd home{::open(places.homeOfRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-    if (home) add(openFolder(home.get(), kTrashOfHome), joined(places.homeOfRoot, kTrashOfHome));
+    if (!home) return;
+    add(openFolder(home.get(), kTrashOfHome), joined(places.homeOfRoot, kTrashOfHome), "");
 }
 
 // ".Trash-UID/files" and ".Trash/UID/files" of freedesktop.org's common trash folders.
@@ -163,7 +182,7 @@ void TrashFolders::addOfMount(const std::string& mountPoint) {
     const UniqueFd mount = root ? openFolder(root.get(), stepsOf(mountPoint)) : UniqueFd{};
     if (!mount) return;
     const auto addBelow = [&](const std::vector<std::string>& steps) {
-        add(openFolder(mount.get(), steps), joined(mountPoint, steps));
+        add(openFolder(mount.get(), steps), joined(mountPoint, steps), mountPoint);
     };
     forEachEntry(mount.get(), [&](const dirent& entry) {
         const std::string name = entry.d_name;
@@ -175,12 +194,13 @@ void TrashFolders::addOfMount(const std::string& mountPoint) {
     for (const std::string& user : namesIn(shared.get())) addBelow({".Trash", user, "files"});
 }
 
-void TrashFolders::add(UniqueFd folder, std::string path) {
+void TrashFolders::add(UniqueFd folder, std::string path, std::string top) {
     struct stat status {};
     if (!folder || folders_.size() >= kMostFolders || ::fstat(folder.get(), &status) != 0) return;
     if (std::find(devices_.begin(), devices_.end(), status.st_dev) == devices_.end()) return;
     folders_.push_back({.folder = std::move(folder),
                         .path = std::move(path),
+                        .top = std::move(top),
                         .device = status.st_dev,
                         .node = status.st_ino,
                         .items = std::nullopt});

@@ -30,11 +30,16 @@ struct MachinePlaces {
 struct TrashFolder {
     UniqueFd folder;
     std::string path;
+    std::string top;  // what its notes are relative to; empty in a home, where they are not
     dev_t device = 0;
     ino_t node = 0;
     // The names of its items by the low 32 bits of their node numbers, read when first asked for.
     std::optional<std::unordered_multimap<std::uint32_t, std::string>> items;
 };
+
+// Where the trash's own note says that the item came from, as an absolute path; empty without one.
+// Users write these notes: one is read to 64 KiB and not through a link.
+[[nodiscard]] std::string originOf(const TrashFolder& folder, const std::string& name);
 
 // The trash folders of one mounted volume, and which are in it.
 class TrashFolders {
@@ -55,7 +60,7 @@ class TrashFolders {
   private:
     void addHomes(const MachinePlaces& places);
     void addOfMount(const std::string& mountPoint);
-    void add(UniqueFd folder, std::string path);
+    void add(UniqueFd folder, std::string path, std::string top);
 
     std::vector<dev_t> devices_;
     std::vector<TrashFolder> folders_;

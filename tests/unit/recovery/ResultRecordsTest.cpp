@@ -69,6 +69,7 @@ TEST(ResultRecords, SeveralHoldLongNamesAndManyExtents) {
     item.name = std::string(765, '\n');
     item.path = "/" + std::string(4095, '\xFF');
     item.linkTarget = std::string(4096, ' ');
+    item.origin = std::string(4096, 'o');
     for (std::uint64_t i = 0; i < 1000; ++i) item.extents.push_back({i, i * 2, 1, 0});
     const auto records = recordsOf(item);
     EXPECT_GT(records.size(), 100U);

@@ -101,5 +101,34 @@ TEST_F(TrashFoldersTest, AreNoneWhereNothingIsMounted) {
     }
 }
 
+TEST_F(TrashFoldersTest, HaveNotesOfWhereItemsCameFrom) {
+    folder.write(".Trash-0/files/letter", "text");
+    const auto originIn = [this](const std::string& trash, const std::string& top) {
+        const TrashFolder place{
+            .folder = UniqueFd{::open((folder / (trash + "/files")).c_str(), O_PATH | O_CLOEXEC)},
+            .path = {},
+            .top = top,
+            .items = {}};
+        return originOf(place, "letter");
+    };
+    EXPECT_EQ(originIn(".Trash-0", "/mnt/Data"), "");
+    const std::string note = ".Trash-0/info/letter.trashinfo";
+    folder.write(note, "[Trash Info]\nPath=a%20b/letter\n");
+    EXPECT_EQ(originIn(".Trash-0", "/mnt/Data"), "/mnt/Data/a b/letter");
+    EXPECT_EQ(originIn(".Trash-0", "/"), "/a b/letter");
+    folder.write(note, "[Trash Info]\nPath=/home/ann/letter\n");
+    EXPECT_EQ(originIn(".Trash-0", ""), "/home/ann/letter");
+    folder.write(note, std::string(100'000, 'x') + "\nPath=/far/behind\n");
+    EXPECT_EQ(originIn(".Trash-0", ""), "");
+    // Not through a link, and not from a pipe, which would keep the program waiting.
+    folder.write("secret", "Path=/secret\n");
+    fs::remove(folder / note);
+    fs::create_symlink(folder / "secret", folder / note);
+    EXPECT_EQ(originIn(".Trash-0", ""), "");
+    fs::remove(folder / note);
+    ASSERT_EQ(::mkfifo((folder / note).c_str(), 0600), 0);
+    EXPECT_EQ(originIn(".Trash-0", ""), "");
+}
+
 }  // namespace
 }  // namespace korvane
