@@ -106,6 +106,14 @@ class ExtentCopy {
     std::uint64_t done_ = 0;
 };
 
+std::string reasonNotOnDevice(std::uint32_t flags) {
+    if ((flags & kExtentEncoded) != 0) return "its contents are compressed or encrypted";
+    if ((flags & kExtentInline) != 0) {
+        return "its contents are kept within the file system's own structures";
+    }
+    return "its file system does not say where on the device the contents are";
+}
+
 }  // namespace
 
 std::string reasonNotRecoverable(const RecordedItem& item) {
@@ -113,10 +121,7 @@ std::string reasonNotRecoverable(const RecordedItem& item) {
     if ((item.flags & kRecordExtentsCut) != 0) return "not all places of its contents are recorded";
     std::uint64_t end = 0;
     for (const FileExtent& extent : item.extents) {
-        if (!isRecoverable(extent)) {
-            return "its contents are compressed, encrypted or kept within the file system's own "
-                   "structures";
-        }
+        if (!isRecoverable(extent)) return reasonNotOnDevice(extent.flags);
         const bool isSound = extent.logical >= end && extent.length > 0 &&
                              extent.logical + extent.length > extent.logical &&
                              extent.physical + extent.length > extent.physical &&
@@ -127,24 +132,26 @@ std::string reasonNotRecoverable(const RecordedItem& item) {
     return item.size > INT64_MAX ? "its record makes no sense" : "";
 }
 
-Outcome<ContentProof> recoverContents(const RecordedItem& item, int device,
-                                      const std::string& target,
+Outcome<ContentProof> recoverContents(const RecordedItem& item, int device, int folder,
+                                      const std::string& name,
                                       const std::function<void(std::uint64_t)>& progress) {
     if (const std::string reason = reasonNotRecoverable(item); !reason.empty()) {
         return Failure{ExitStatus::refused, reason};
     }
     const UniqueFd file{
-        ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)};
+        ::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)};
     if (!file) {
         return Failure{ExitStatus::fileProblem,
-                       fmt::format("cannot make {}: {}", printable(target), std::strerror(errno))};
+                       fmt::format("cannot make {}: {}", printable(name), std::strerror(errno))};
     }
     ExtentCopy copy{item, device, file.get(), progress};
     if (!copy.run()) {
-        return Failure{
-            ExitStatus::fileProblem,
-            fmt::format("{} is not complete: {}", printable(target), std::strerror(errno))};
+        return Failure{ExitStatus::fileProblem, fmt::format("{} is not complete: {}",
+                                                            printable(name), std::strerror(errno))};
     }
+    const timespec modified{.tv_sec = item.modified, .tv_nsec = item.modifiedNanoseconds};
+    const timespec times[] = {modified, modified};
+    (void)::futimens(file.get(), times);  // a time that no file can have is not worth a failure
     if ((item.flags & kRecordHasChecksum) == 0) return ContentProof::sizeAlone;
     return copy.checksum() == std::optional{item.checksum} ? ContentProof::checksumMatches
                                                            : ContentProof::checksumDiffers;

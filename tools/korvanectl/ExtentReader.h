@@ -17,10 +17,11 @@ enum class ContentProof { checksumMatches, checksumDiffers, sizeAlone };
 // Why the item's contents cannot be had from the device; empty when they can.
 [[nodiscard]] std::string reasonNotRecoverable(const RecordedItem& item);
 
-// Writes the contents into a file that must not be there yet. `progress` is told how many bytes
-// are done. A failure leaves the file as far as it came and says so.
+// Writes the contents into a new file of this name in the folder, last modified when the item was.
+// `progress` is told how many bytes are done. A failure leaves the file as far as it came and says
+// so.
 [[nodiscard]] Outcome<ContentProof> recoverContents(
-    const RecordedItem& item, int device, const std::string& target,
+    const RecordedItem& item, int device, int folder, const std::string& name,
     const std::function<void(std::uint64_t)>& progress);
 
 }  // namespace korvane::ctl

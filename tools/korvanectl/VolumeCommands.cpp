@@ -1,4 +1,4 @@
-// The settings of one volume: volume NAME get, set, reset.
+#include "korvanectl/VolumeCommands.h"
 
 #include <fmt/format.h>
 
@@ -120,34 +120,7 @@ std::optional<Failure> objectionTo(const Dictionary& edited, const std::string& 
 Outcome<ExitStatus> runSet(Program& program, const std::string& volume, const std::string& key,
                            const Words& words) {
     const auto value = std::make_shared<PropertyList>();
-    const Edit edit{.apply = [=](Dictionary& preferences) -> Outcome<std::monostate> {
-                        const Outcome<Dictionary*> entry = entryToEdit(preferences, volume);
-                        if (!entry) {
-                            return entry.failure();
-                        }
-                        const auto rule = ruleFor(volumeRules(), key, (*entry)->find(key));
-                        if (!rule) {
-                            return noSuchSetting(key);
-                        }
-                        Result<PropertyList> typed = typedValue(*rule, words);
-                        if (!typed) {
-                            return Failure{ExitStatus::refused, typed.error().message};
-                        }
-                        *value = *typed;
-                        (*entry)->set(key, *typed);
-                        if (const auto objection = objectionTo(**entry, key)) {
-                            return *objection;
-                        }
-                        return std::monostate{};
-                    },
-                    .holds =
-                        [=](const Dictionary& preferences) {
-                            const Dictionary* const entry = entryToLookAt(preferences, volume);
-                            const PropertyList* const stored =
-                                entry != nullptr ? entry->find(key) : nullptr;
-                            return stored != nullptr && *stored == *value;
-                        }};
-    return finishEdit(program, edit, [=] {
+    return finishEdit(program, volumeEdit(volume, key, words, value), [=] {
         return fmt::format("{} of {} is {}", printable(key), printable(volume),
                            printable(valueWords(*value)));
     });
@@ -197,6 +170,37 @@ Outcome<ExitStatus> runReset(Program& program, const std::string& volume) {
 }
 
 }  // namespace
+
+Edit volumeEdit(const std::string& volume, const std::string& key,
+                const std::vector<std::string>& words, const std::shared_ptr<PropertyList>& value) {
+    return Edit{.apply = [=](Dictionary& preferences) -> Outcome<std::monostate> {
+                    const Outcome<Dictionary*> entry = entryToEdit(preferences, volume);
+                    if (!entry) {
+                        return entry.failure();
+                    }
+                    const auto rule = ruleFor(volumeRules(), key, (*entry)->find(key));
+                    if (!rule) {
+                        return noSuchSetting(key);
+                    }
+                    Result<PropertyList> typed = typedValue(*rule, words);
+                    if (!typed) {
+                        return Failure{ExitStatus::refused, typed.error().message};
+                    }
+                    *value = *typed;
+                    (*entry)->set(key, *typed);
+                    if (const auto objection = objectionTo(**entry, key)) {
+                        return *objection;
+                    }
+                    return std::monostate{};
+                },
+                .holds =
+                    [=](const Dictionary& preferences) {
+                        const Dictionary* const entry = entryToLookAt(preferences, volume);
+                        const PropertyList* const stored =
+                            entry != nullptr ? entry->find(key) : nullptr;
+                        return stored != nullptr && *stored == *value;
+                    }};
+}
 
 void addVolumeCommands(CLI::App& app, Program& program) {
     const auto volume = std::make_shared<std::string>();

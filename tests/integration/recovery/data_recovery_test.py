@@ -6,6 +6,7 @@ the program's own code.
 """
 
 import hashlib
+import json
 import os
 import plistlib
 import random
@@ -53,7 +54,8 @@ def parse(data):
         item["extents"] += [struct.unpack_from("=QQQI", record, 548 + 28 * i) for i in range(here)]
         if sequence == count:
             assert len(item["extents"]) == extents
-            item["name"], item["path"], item["target"], rest = item.pop("text").split(b"\0")
+            item["name"], item["path"], item["target"], item["origin"], rest = \
+                item.pop("text").split(b"\0")
             assert rest == b""
     return items
 
@@ -131,9 +133,15 @@ class DataRecovery(unittest.TestCase):
     def test_extents_lead_to_the_contents_also_after_the_item_is_gone(self):
         contents = random.Random(1).randbytes(5 * MEBIBYTE + 123)
         path = self.put("letter", contents)
+        info = os.path.join(self.trash, os.pardir, "info")
+        os.mkdir(info)
+        with open(os.path.join(info, "letter.trashinfo"), "w") as file:
+            file.write("[Trash Info]\nPath=Old%20letters/letter\nDeletionDate=2026-01-01T00:00:00\n")
         self.record(self.job_for(path))
         (item,) = self.result(path)
         self.assertEqual(item["name"], b"letter")
+        self.assertEqual(item["origin"], os.path.dirname(os.path.dirname(self.trash)).encode()
+                         + b"/Old letters/letter")
         self.assertEqual(item["size"], len(contents))
         self.assertEqual(item["flags"], 1)
         self.assertEqual(item["sum"], hashlib.sha256(contents).digest())
@@ -239,13 +247,13 @@ class DataRecovery(unittest.TestCase):
                 os.remove(os.path.join("/tmp", name))
 
     # What the daemon keeps: the history, and the results with a header before them.
-    def keep_history(self, path):
+    def keep_history(self, path, name=None):
         os.makedirs("/Library", exist_ok=True)
         run("mount", "-t", "tmpfs", "tmpfs", "/Library")
         self.addCleanup(subprocess.run, ["umount", "/Library"])
         os.makedirs(f"{SUPPORT}/volume")
         node = os.lstat(path).st_ino
-        record = {"itemName": os.path.basename(path), "nodeID": str(node), "volRefNum": "1",
+        record = {"itemName": name or os.path.basename(path), "nodeID": str(node), "volRefNum": "1",
                   "dirPath": self.trash, "volumeName": "volume", "totalSize": 0.0}
         with open(f"{SUPPORT}/Trash Usage.plist", "wb") as file:
             plistlib.dump({f"volume_{node}": record}, file)
@@ -256,9 +264,9 @@ class DataRecovery(unittest.TestCase):
         with open(f"{SUPPORT}/volume/Trash Deletes 2026-03-01-12", "wb") as file:
             file.write(b"quorlen".ljust(764, b"\0") + results)
 
-    def recover(self, item, target, status=0):
-        done = subprocess.run([KORVANECTL, "trash", "recover", item, target], capture_output=True,
-                              text=True, timeout=60)
+    def recover(self, item, target, status=0, options=()):
+        done = subprocess.run([KORVANECTL, "trash", "recover", item, target, *options],
+                              capture_output=True, text=True, timeout=60)
         self.assertEqual(done.returncode, status, done.stdout + done.stderr)
         return done.stdout + done.stderr
 
@@ -269,6 +277,7 @@ class DataRecovery(unittest.TestCase):
     def test_an_emptied_item_is_recovered_byte_for_byte(self):
         contents = random.Random(3).randbytes(3 * MEBIBYTE + 77)
         path = self.put("letter", contents)
+        os.chmod(path, 0o640)
         self.record(self.job_for(path))
         self.keep_history(path)
         said = self.recover("letter", "/tmp/copy")
@@ -276,14 +285,103 @@ class DataRecovery(unittest.TestCase):
         self.empty_trash(path)
         said = self.recover("letter", "/tmp/recovered")
         self.assertIn("SHA-256", said)
-        for name in ("/tmp/copy", "/tmp/recovered"):
+        for name, mode in (("/tmp/copy", 0o640), ("/tmp/recovered", 0o600)):
             with open(name, "rb") as file:
                 self.assertEqual(file.read(), contents)
-            self.assertEqual(os.stat(name).st_mode & 0o777, 0o600)
+            self.assertEqual(os.stat(name).st_mode & 0o777, mode)
+        self.assertEqual(os.stat("/tmp/copy").st_mtime, os.stat("/tmp/recovered").st_mtime)
         # What is there already, and what lies on the volume itself, is never written to.
         self.recover("letter", "/tmp/recovered", status=5)
         self.assertIn("own volume", self.recover("letter", self.trash + "/new", status=1))
         self.recover("other", "/tmp/other", status=1)
+
+    def tree_of(self, top):
+        tree = {}
+        for path, folders, files in os.walk(top):
+            for name in folders + files:
+                whole = os.path.join(path, name)
+                if os.path.islink(whole):
+                    tree[os.path.relpath(whole, top)] = os.readlink(whole)
+                elif name in files:
+                    with open(whole, "rb") as file:
+                        tree[os.path.relpath(whole, top)] = file.read()
+                else:
+                    tree[os.path.relpath(whole, top)] = None
+        return tree
+
+    def test_an_emptied_folder_is_recovered_with_all_that_it_held(self):
+        generator = random.Random(6)
+        box = os.path.join(self.trash, "box")
+        os.makedirs(os.path.join(box, "inner", "empty"))
+        for index in range(20):
+            self.put(f"box/inner/letter{index}", generator.randbytes(index * 5000))
+        os.symlink("inner/letter1", os.path.join(box, "link"))
+        tree = self.tree_of(box)
+        self.record(self.job_for(box))
+        self.keep_history(box)
+        # A copy may lie on the same volume; what is read from the device may not.
+        self.assertIn("20 files in 3 folders", self.recover("box", os.path.dirname(self.trash)))
+        self.assertEqual(self.tree_of(os.path.join(os.path.dirname(self.trash), "box")), tree)
+        shutil.rmtree(box)
+        os.sync()
+        said = json.loads(self.recover("box", "/tmp/recovered", options=["--json"]))
+        self.assertEqual(said["from"], "device")
+        self.assertEqual(len(said["files"]), 20)
+        self.assertEqual({file["verified"] for file in said["files"]}, {"sizeAndChecksum"})
+        self.assertEqual(self.tree_of("/tmp/recovered"), tree)
+
+    def test_names_that_are_no_text_are_recovered(self):
+        name = b"two\nlines \xff " + b"n" * 200
+        path = os.path.join(self.trash.encode(), name)
+        with open(path, "wb") as file:
+            file.write(b"odd" * 5000)
+        node = os.lstat(path).st_ino
+        self.record(job(node, os.lstat(self.trash).st_ino, self.device, f"/tmp/.{node}.dat"))
+        self.keep_history(path.decode(errors="surrogateescape"),
+                          name="two\\012lines \\377 " + "n" * 200)
+        os.mkdir("/tmp/desk")
+        self.recover(str(node), "/tmp/desk")
+        self.empty_trash(path)
+        os.mkdir("/tmp/desk2")
+        self.recover(str(node), "/tmp/desk2")
+        for folder in (b"/tmp/desk", b"/tmp/desk2"):
+            with open(os.path.join(folder, name), "rb") as file:
+                self.assertEqual(file.read(), b"odd" * 5000)
+
+    def test_long_work_shows_how_far_it_is(self):
+        path = self.put("long", os.urandom(5 * MEBIBYTE))
+        self.record(self.job_for(path))
+        self.keep_history(path)
+        for state in ("in the trash", "emptied"):
+            terminal, theirs = os.openpty()
+            # Every write to the new file takes its time.
+            with subprocess.Popen(["strace", "-qq", "-o", "/dev/null", "-e", "trace=pwrite64", "-e",
+                                   "inject=pwrite64:delay_enter=400000", KORVANECTL, "trash",
+                                   "recover", "long", f"/tmp/{state}"],
+                                  env=os.environ | {"ASAN_OPTIONS": "detect_leaks=0"},
+                                  stdout=subprocess.DEVNULL, stderr=theirs) as child:
+                self.assertEqual(child.wait(timeout=60), 0)
+            shown = os.read(terminal, 65536)
+            os.close(terminal)
+            os.close(theirs)
+            self.assertRegex(shown, rb"\[#+-+\] .* of 5.2 MB, \d+ %", state)
+            self.assertTrue(shown.endswith(b"\x1b[K"), state)
+            if state == "in the trash":
+                self.empty_trash(path)
+
+    def test_a_copy_keeps_holes(self):
+        path = os.path.join(self.trash, "image")
+        with open(path, "wb") as file:
+            file.seek(1 << 40)
+            file.write(b"end")
+        self.record(self.job_for(path))
+        self.keep_history(path)
+        self.recover("image", "/tmp/copy")
+        self.assertEqual(os.stat("/tmp/copy").st_size, (1 << 40) + 3)
+        self.assertLess(os.stat("/tmp/copy").st_blocks, 1000)
+        with open("/tmp/copy", "rb") as file:
+            file.seek(1 << 40)
+            self.assertEqual(file.read(), b"end")
 
     def test_holes_and_many_extents_are_recovered(self):
         generator = random.Random(4)

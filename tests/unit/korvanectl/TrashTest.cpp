@@ -1,0 +1,309 @@
+// The trash history as the commands show it, copies of what is still in a trash, and the switches.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <sstream>
+
+#include "KorvaneProDataRecovery/ResultRecords.h"
+#include "storage/TrashEntry.h"
+#include "trash/TrashFormats.h"
+#include "unit/korvanectl/ProgramFixture.h"
+
+namespace korvane::ctl {
+namespace {
+
+using std::chrono::hours;
+using testing::AllOf;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+namespace fs = std::filesystem;
+
+class Trash : public KorvanectlTest {
+  protected:
+    // Puts a file or folder that stands in the trash into the history.
+    std::uint64_t keep(const std::string& name, Time when, const char* left = nullptr) {
+        struct stat status {};
+        EXPECT_EQ(::lstat((trash() + "/" + name).c_str(), &status), 0) << name;
+        keepNode(name, status.st_ino, when, left);
+        return status.st_ino;
+    }
+    void keepNode(const std::string& name, std::uint64_t node, Time when,
+                  const char* left = nullptr) {
+        const auto second = [](Time time) {
+            return PropertyList{std::chrono::floor<std::chrono::seconds>(time)};
+        };
+        Dictionary record{{"itemName", name},       {"nodeID", std::to_string(node)},
+                          {"volRefNum", "-1"},      {"dirPath", trash()},
+                          {"volumeName", "System"}, {"totalSize", 0.0},
+                          {"addDate", second(when)}};
+        if (left != nullptr) record.set(left, second(when + hours{1}));
+        usage.set("System_" + std::to_string(node), std::move(record));
+        folder.write(kTrashUsageFile, formatPropertyList(usage));
+    }
+    // Appends what the recovery program recorded of an item.
+    void keepRecords(const std::vector<RecordedItem>& items, const char* hour = "2025-12-31-23") {
+        const std::string name = std::string("System/Trash Deletes ") + hour;
+        fs::create_directories(folder / "System");
+        std::ofstream records{folder / name, std::ios::binary | std::ios::app};
+        if (records.tellp() == 0) {
+            const TrashRecord header = encodeTrashDeletesHeader({"/dev/sda1", "/", "", false});
+            records.write(header.data(), header.size());
+        }
+        for (const RecordedItem& item : items) records << encodeItem(item);
+    }
+    static RecordedItem recorded(const std::string& name, std::uint64_t node) {
+        return {.flags = kRecordHasChecksum,
+                .node = node,
+                .trashNode = node,
+                .mode = S_IFREG | 0644,
+                .size = 8192,
+                .modified = 1'767'000'000,
+                .name = name,
+                .extents = {{0, 4096, 4096, 0}, {4096, 65536, 4096, 0}}};
+    }
+    [[nodiscard]] std::string trash() const { return folder / "Trash/files"; }
+    [[nodiscard]] static std::string read(const std::string& path) {
+        std::ifstream in{path, std::ios::binary};
+        return {std::istreambuf_iterator<char>{in}, {}};
+    }
+    [[nodiscard]] std::string lineOf(const std::string& text) const {
+        std::istringstream lines(out);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.find(text) != std::string::npos) return line;
+        }
+        return {};
+    }
+    Dictionary usage{{"totalSize", 12.0}};
+};
+
+TEST_F(Trash, IsListedOldestFirstWithWhatBecameOfEachItem) {
+    keepNode("younger", 11, now - hours{2}, "Removed");
+    keepNode("older", 12, now - hours{30}, "Deleted");
+    keepNode("youngest", 13, now - hours{1});
+    EXPECT_EQ(run({"trash"}), 0);
+    const std::string bare = out;
+    EXPECT_EQ(run({"trash", "list"}), 0);
+    EXPECT_EQ(out, bare);
+    EXPECT_LT(out.find("older"), out.find("younger"));
+    EXPECT_LT(out.find("younger"), out.find("youngest"));
+    EXPECT_THAT(lineOf("older"), AllOf(HasSubstr("System"), HasSubstr("2025-12-30 18:00:00"),
+                                       HasSubstr("emptied, 2025-12-30 19:00:00")));
+    EXPECT_THAT(lineOf("younger "), HasSubstr("put back, "));
+    EXPECT_THAT(lineOf("youngest"), HasSubstr("in the trash"));
+    EXPECT_THAT(out, Not(HasSubstr("totalSize")));
+}
+
+TEST_F(Trash, IsListedForProgramsToo) {
+    keepNode("two\nlines", 11, now - hours{2}, "Removed");
+    EXPECT_EQ(run({"trash", "list", "--json"}), 0);
+    EXPECT_THAT(out, AllOf(HasSubstr(R"("name": "two\nlines")"), HasSubstr(R"("node": 11)"),
+                           HasSubstr(R"("state": "putBack")"),
+                           HasSubstr(R"("putIn": "2025-12-31T22:00:00Z")"),
+                           HasSubstr(R"("left": "2025-12-31T23:00:00Z")")));
+}
+
+TEST_F(Trash, IsEmptyWithoutAHistory) {
+    EXPECT_EQ(run({"trash", "list"}), 0);
+    EXPECT_THAT(out, HasSubstr("Nothing"));
+    EXPECT_EQ(run({"trash", "show", "letter"}), 1);
+    EXPECT_THAT(err, HasSubstr("no \"letter\""));
+}
+
+TEST_F(Trash, PassesOverWhatIsNoRecord) {
+    usage.set("rubbish", "text");
+    usage.set("empty", Dictionary{});
+    keepNode("letter", 11, now);
+    EXPECT_EQ(run({"trash", "list"}), 0);
+    EXPECT_THAT(out, HasSubstr("letter"));
+    folder.write(kTrashUsageFile, "no property list");
+    EXPECT_EQ(run({"trash", "list"}), 5);
+}
+
+TEST_F(Trash, ShowsWhereTheContentsOfAnItemLay) {
+    keepNode("letter", 11, now - hours{2}, "Deleted");
+    EXPECT_EQ(run({"trash", "show", "letter"}), 0);
+    EXPECT_THAT(lineOf("contents"), HasSubstr("not recorded"));
+    RecordedItem letter = recorded("letter", 11);
+    letter.origin = "/home/ann/letter";
+    keepRecords({letter});
+    EXPECT_EQ(run({"trash", "list"}), 0);
+    EXPECT_THAT(lineOf("letter"), HasSubstr("/home/ann/letter"));
+    for (const char* const name : {"letter", "11", "System_11"}) {
+        EXPECT_EQ(run({"trash", "show", name}), 0);
+        EXPECT_THAT(lineOf("contents"), HasSubstr("2 pieces on the device"));
+        EXPECT_THAT(lineOf("SHA-256"), HasSubstr(std::string(64, '0')));
+        EXPECT_THAT(lineOf("size"), HasSubstr("8.2 kB"));
+        EXPECT_THAT(lineOf("came from"), HasSubstr("/home/ann/letter"));
+    }
+    EXPECT_EQ(run({"trash", "show", "letter", "--json"}), 0);
+    EXPECT_THAT(out, AllOf(HasSubstr(R"("pieces": 2)"), HasSubstr(R"("sizeBytes": 8192)"),
+                           HasSubstr(R"("sha256": "0000)"), HasSubstr(R"("kind": "file")")));
+}
+
+TEST_F(Trash, SaysWhyContentsCannotBeHad) {
+    const struct {
+        std::uint32_t flags;
+        const char* why;
+    } rows[] = {{kExtentEncoded, "compressed or encrypted"},
+                {kExtentInline, "own structures"},
+                {kExtentPlaceUnknown, "does not say where"}};
+    std::uint64_t node = 20;
+    for (const auto& row : rows) {
+        const std::string name = "letter" + std::to_string(++node);
+        keepNode(name, node, now);
+        RecordedItem item = recorded(name, node);
+        item.extents[1].flags = row.flags;
+        keepRecords({item});
+        EXPECT_EQ(run({"trash", "show", name.c_str()}), 0);
+        EXPECT_THAT(lineOf("contents"), HasSubstr(row.why));
+    }
+}
+
+TEST_F(Trash, ShowsTheNewestRecordsOfThatVeryItem) {
+    keepNode("letter", 11, now);
+    RecordedItem first = recorded("letter", 11);
+    first.size = 1000;
+    RecordedItem second = recorded("letter", 11);
+    second.size = 2000;
+    // The same node number, used again for something else.
+    RecordedItem other = recorded("other", 11);
+    other.size = 3000;
+    keepRecords({first}, "2025-12-31-01");
+    keepRecords({second, other}, "2025-12-31-02");
+    EXPECT_EQ(run({"trash", "show", "letter"}), 0);
+    EXPECT_THAT(lineOf("size"), HasSubstr("2.0 kB"));
+}
+
+TEST_F(Trash, SumsUpAFolder) {
+    keepNode("box", 30, now);
+    RecordedItem box = recorded("box", 30);
+    box.mode = S_IFDIR | 0755;
+    box.extents.clear();
+    box.flags = kRecordFolderCut;
+    RecordedItem letter = recorded("letter", 31);
+    letter.trashNode = box.node;
+    RecordedItem packed = letter;
+    packed.extents[0].flags = kExtentEncoded;
+    keepRecords({box, letter, packed});
+    EXPECT_EQ(run({"trash", "show", "box"}), 0);
+    EXPECT_THAT(lineOf("contents"), AllOf(HasSubstr("1 of its 2 files"), HasSubstr("held more")));
+    EXPECT_THAT(lineOf("kind"), HasSubstr("folder"));
+}
+
+TEST_F(Trash, AsksForTheKeyWhereANameIsNotEnough) {
+    keepNode("letter", 11, now);
+    keepNode("letter", 12, now);
+    EXPECT_EQ(run({"trash", "show", "letter"}), 1);
+    EXPECT_THAT(err, AllOf(HasSubstr("2 items"), HasSubstr("System_11"), HasSubstr("System_12")));
+    EXPECT_EQ(run({"trash", "show", "System_12"}), 0);
+}
+
+TEST_F(Trash, GivesACopyOfAFileThatIsStillInIt) {
+    folder.write("Trash/files/letter", "contents");
+    fs::permissions(trash() + "/letter", fs::perms{0640});
+    const auto modified = fs::last_write_time(trash() + "/letter") - hours{5};
+    fs::last_write_time(trash() + "/letter", modified);
+    keep("letter", now);
+    const std::string target = folder / "copy";
+    EXPECT_EQ(run({"trash", "recover", "letter", target.c_str()}), 0);
+    EXPECT_THAT(out, HasSubstr("still is"));
+    EXPECT_EQ(read(target), "contents");
+    EXPECT_EQ(fs::status(target).permissions(), fs::perms{0640});
+    EXPECT_EQ(fs::last_write_time(target), modified);
+    EXPECT_EQ(read(trash() + "/letter"), "contents");
+    // Nothing is written over.
+    EXPECT_EQ(run({"trash", "recover", "letter", target.c_str()}), 5);
+    // Into a folder, under its own name.
+    fs::create_directory(folder / "desk");
+    EXPECT_EQ(run({"trash", "recover", "letter", (folder / "desk").c_str(), "--json"}), 0);
+    EXPECT_THAT(out, AllOf(HasSubstr(R"("from": "trash")"), HasSubstr(R"("bytes": 8)")));
+    EXPECT_EQ(read(folder / "desk/letter"), "contents");
+}
+
+TEST_F(Trash, GivesACopyOfAFolderWithItsLinksButNotWhatTheyLeadTo) {
+    folder.write("Trash/files/box/inner/letter", "contents");
+    folder.write("Trash/files/box/\xFF\n", "odd");
+    folder.write("secret/text", "secret");
+    fs::create_directory_symlink(folder / "secret", trash() + "/box/link");
+    ASSERT_EQ(::mkfifo((trash() + "/box/pipe").c_str(), 0600), 0);
+    fs::permissions(trash() + "/box/inner", fs::perms{0750});
+    keep("box", now);
+    const std::string target = folder / "copy";
+    EXPECT_EQ(run({"trash", "recover", "box", target.c_str()}), 5);
+    EXPECT_THAT(err, HasSubstr("pipe"));
+    EXPECT_THAT(out, HasSubstr("2 files in 2 folders"));
+    EXPECT_EQ(read(target + "/inner/letter"), "contents");
+    EXPECT_EQ(read(target + "/\xFF\n"), "odd");
+    EXPECT_TRUE(fs::is_symlink(target + "/link"));
+    EXPECT_EQ(fs::status(target + "/inner").permissions(), fs::perms{0750});
+    EXPECT_FALSE(fs::exists(target + "/pipe"));
+}
+
+TEST_F(Trash, GivesNoCopyIntoTheItemItself) {
+    folder.write("Trash/files/box/letter", "contents");
+    keep("box", now);
+    for (const std::string& target : {trash() + "/box", trash() + "/box/new"}) {
+        EXPECT_EQ(run({"trash", "recover", "box", target.c_str()}), 1);
+        EXPECT_THAT(err, HasSubstr("within the item"));
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator{trash() + "/box"}, {}), 1);
+}
+
+TEST_F(Trash, GoesThroughNoLinkToAnItem) {
+    folder.write("secret/letter", "secret");
+    struct stat status {};
+    ASSERT_EQ(::stat((folder / "secret/letter").c_str(), &status), 0);
+    fs::create_directories(folder / "Trash");
+    fs::create_directory_symlink(folder / "secret", trash());
+    keepNode("letter", status.st_ino, now);
+    keepNode("../secret/letter", status.st_ino + 1, now);
+    const std::string target = folder / "copy";
+    EXPECT_EQ(run({"trash", "recover", "letter", target.c_str()}), 1);
+    EXPECT_EQ(run({"trash", "recover", "../secret/letter", target.c_str()}), 1);
+    EXPECT_THAT(err, HasSubstr("not recorded"));
+    EXPECT_FALSE(fs::exists(target));
+}
+
+TEST_F(Trash, RefusesWhatIsGoneAndWasOnAVolumeThatIsNotMounted) {
+    keepNode("letter", 11, now, "Deleted");
+    keepRecords({recorded("letter", 11)});
+    const std::string target = folder / "copy";
+    EXPECT_EQ(run({"trash", "recover", "letter", target.c_str()}), 1);
+    EXPECT_THAT(err, HasSubstr("not mounted"));
+    EXPECT_FALSE(fs::exists(target));
+}
+
+TEST_F(Trash, IsWatchedAsTheSwitchesSay) {
+    EXPECT_EQ(run({"trash", "off"}), 0);
+    EXPECT_EQ(*stored().find("trashHistoryOnOff"), PropertyList{false});
+    EXPECT_THAT(daemon.words, ElementsAre(kReloadWord));
+    EXPECT_EQ(run({"trash", "on"}), 0);
+    EXPECT_EQ(*stored().find("trashHistoryOnOff"), PropertyList{true});
+    EXPECT_THAT(err, HasSubstr("korvanectl trash on VOLUME"));
+    EXPECT_EQ(run({"trash", "on", "/mnt/a/Data"}), 0);
+    EXPECT_EQ(*entry(1).find("trashOnOff"), PropertyList{true});
+    EXPECT_EQ(*entry(2).find("trashOnOff"), PropertyList{false});
+    EXPECT_THAT(err, IsEmpty());
+    EXPECT_THAT(daemon.words, Each(std::string(kReloadWord)));
+    EXPECT_EQ(run({"trash", "off"}), 0);
+    EXPECT_EQ(run({"trash", "on", "System"}), 0);
+    EXPECT_THAT(err, HasSubstr("off as a whole"));
+    EXPECT_EQ(run({"trash", "off", "/mnt/a/Data"}), 0);
+    EXPECT_EQ(*entry(1).find("trashOnOff"), PropertyList{false});
+    EXPECT_EQ(run({"trash", "on", "Data"}), 1);
+    EXPECT_EQ(run({"trash", "on", "Nowhere"}), 1);
+}
+
+TEST_F(Trash, IsNotWatchedOnAnEncryptedVolume) {
+    changeEntry(1, [](Dictionary& entry) { entry.set("isCoreStorageEncrypted", true); });
+    EXPECT_EQ(run({"trash", "on", "/mnt/a/Data"}), 1);
+    EXPECT_THAT(err, HasSubstr("encrypted"));
+    EXPECT_EQ(run({"trash", "off", "/mnt/a/Data"}), 0);
+}
+
+}  // namespace
+}  // namespace korvane::ctl

@@ -1,0 +1,60 @@
+// What went through the trash, as the daemon keeps it: the history of the items, and the records of
+// where their contents lay. Both can be written by everybody: what they say is shown and looked
+// for, never trusted.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "KorvaneProDataRecovery/ResultRecords.h"
+#include "base/Calendar.h"
+#include "korvanectl/Outcome.h"
+#include "platform/linux/UniqueFd.h"
+#include "storage/TrashEntry.h"
+
+namespace korvane::ctl {
+
+// Whether a text that anybody may have written is the name of a file within a folder.
+[[nodiscard]] bool isFileName(std::string_view name);
+
+// One item of the history; its texts are those of the record.
+struct HistoryItem {
+    std::string key;
+    std::string name;
+    std::string folder;  // the trash folder that it was seen in
+    std::string volumeName;
+    std::uint64_t node = 0;
+    std::optional<Time> putIn;
+    TrashState state = TrashState::inTrash;
+    std::optional<Time> left;  // when it was seen to have left the trash
+    std::string origin;        // the path that it came from; empty when it is not recorded
+};
+
+// The whole history, oldest first.
+[[nodiscard]] Outcome<std::vector<HistoryItem>> readTrashHistory(const std::string& supportFolder);
+
+// Fills in what the records say of where the items came from.
+void findOrigins(const std::string& supportFolder, std::vector<HistoryItem>& history);
+
+// The item of this key, name or node number. Failures: none, or several.
+[[nodiscard]] Outcome<HistoryItem> findHistoryItem(const std::vector<HistoryItem>& history,
+                                                   std::string_view wanted);
+
+// The newest records of the item: itself first, then what it held. Empty when there are none.
+[[nodiscard]] std::vector<RecordedItem> recordsOf(const std::string& supportFolder,
+                                                  const HistoryItem& item);
+
+// The item in its trash folder, found by its name and its node without going through a link that
+// users can plant.
+struct ItemInTrash {
+    UniqueFd folder;
+    std::string name;  // in bytes
+    struct stat status {};
+};
+[[nodiscard]] std::optional<ItemInTrash> findInTrash(const HistoryItem& item);
+
+}  // namespace korvane::ctl
