@@ -7,9 +7,11 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -44,6 +46,45 @@ void removeOnSignal(const std::string& path) {
     (void)::sigaction(SIGTERM, &action, nullptr);
 }
 
+constexpr std::string_view kHiddenEnd = ".partial";
+
+std::string hiddenName(pid_t process) { return '.' + std::to_string(process).append(kHiddenEnd); }
+
+// The process whose hidden file has this name; 0 when it is no such name.
+pid_t processOfHiddenName(std::string_view name) {
+    if (!name.starts_with('.') || !name.ends_with(kHiddenEnd)) return 0;
+    pid_t process = 0;
+    const char* const end = name.data() + name.size() - kHiddenEnd.size();
+    const auto [rest, error] = std::from_chars(name.data() + 1, end, process);
+    return error == std::errc() && rest == end && process > 0 ? process : 0;
+}
+
+// What was left in the folder by helpers that were killed.
+void removeOrphans(const std::string& folder) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator it(folder, error), end; !error && it != end;
+         it.increment(error)) {
+        const pid_t process = processOfHiddenName(it->path().filename().native());
+        const bool isOver = process != 0 && ::kill(process, 0) != 0 && errno == ESRCH;
+        if (isOver) (void)::unlink(it->path().c_str());  // the next helper tries again
+    }
+}
+
+// Neither replaces what is there.
+int nameFile(int file, const std::string& hiddenPath, const std::string& path) {
+    if (hiddenPath.empty()) {
+        const std::string nameless = "/proc/self/fd/" + std::to_string(file);
+        return ::linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW);
+    }
+    const int status =
+        ::renameat2(AT_FDCWD, hiddenPath.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE);
+    // rename(2): the file system does not know the flag.
+    if (status == 0 || errno != EINVAL) return status;
+    if (::link(hiddenPath.c_str(), path.c_str()) != 0) return -1;
+    (void)::unlink(hiddenPath.c_str());  // a second name of a whole file, which no one counts
+    return 0;
+}
+
 }  // namespace
 
 Result<RecordFile> RecordFile::create(const std::string& path) {
@@ -55,7 +96,8 @@ Result<RecordFile> RecordFile::create(const std::string& path) {
     if (file) return RecordFile(path, "", std::move(file));
     // EISDIR comes from file systems and kernels that do not know the flag (open(2)).
     if (errno != EOPNOTSUPP && errno != EISDIR) return errorAt(path, errno);
-    const std::string hidden = folder + "." + std::to_string(::getpid()) + ".partial";
+    removeOrphans(folder);
+    const std::string hidden = folder + hiddenName(::getpid());
     removeOnSignal(hidden);
     file = UniqueFd{
         ::open(hidden.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_NOFOLLOW | O_CLOEXEC, kPermissions)};
@@ -101,16 +143,7 @@ Result<std::monostate> RecordFile::commit() {
     write();
     if (failure_ == 0 && ::fsync(file_.get()) != 0) failure_ = errno;
     if (failure_ != 0) return errorAt(path_, failure_);
-    // Neither replaces what is there.
-    int status = 0;
-    if (hiddenPath_.empty()) {
-        const std::string nameless = "/proc/self/fd/" + std::to_string(file_.get());
-        status = ::linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, path_.c_str(), AT_SYMLINK_FOLLOW);
-    } else {
-        status =
-            ::renameat2(AT_FDCWD, hiddenPath_.c_str(), AT_FDCWD, path_.c_str(), RENAME_NOREPLACE);
-    }
-    if (status != 0) return errorAt(path_, errno);
+    if (nameFile(file_.get(), hiddenPath_, path_) != 0) return errorAt(path_, errno);
     hiddenPath_.clear();
     return std::monostate{};
 }

@@ -1,6 +1,7 @@
 // A file that appears whole under its name or not at all: until commit() it has no name, or where
-// the file system knows no nameless files a hidden one that does not count as a backup and that a
-// signal takes away. One at a time in a process.
+// the file system knows no nameless files a hidden one that does not count as a backup. A signal
+// takes that away, and after a kill the next one that is created in the folder does. One at a time
+// in a process.
 #pragma once
 
 #include <cstddef>

@@ -13,6 +13,7 @@ import stat
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 from record_reader import plain, read_record
@@ -255,6 +256,99 @@ class DirectoryBackupProgram(unittest.TestCase):
                 os.unlink(self.record)
             else:
                 self.fail("it always ended first")
+
+    def run_with_faults(self, *faults):
+        """The program on a machine whose calls fail so."""
+        options = [word for fault in faults for word in ("-e", "inject=" + fault)]
+        result = subprocess.run(["strace", "-o", "/dev/null", "-e", "trace=openat,renameat2",
+                                 *options, PROGRAM, "quorlen", self.record, self.tree],
+                                capture_output=True, text=True, check=False,
+                                env={**os.environ, "ASAN_OPTIONS": "detect_leaks=0"})
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+
+    def number_of_nameless_open(self):
+        """Which of the program's calls to openat asks for a file without a name."""
+        trace = self.out + "/../trace"
+        subprocess.run(["strace", "-o", trace, "-e", "trace=openat", PROGRAM, "quorlen",
+                        self.record, self.tree], check=True,
+                       env={**os.environ, "ASAN_OPTIONS": "detect_leaks=0"})
+        os.unlink(self.record)
+        with open(trace, encoding="ascii", errors="replace") as file:
+            opens = [line for line in file if line.startswith("openat(")]
+        return 1 + next(i for i, line in enumerate(opens) if "O_TMPFILE" in line)
+
+    def test_works_where_files_need_names(self):
+        self.many_files()
+        expected, _ = self.write_record()
+        os.unlink(self.record)
+        no_nameless = f"openat:error=EOPNOTSUPP:when={self.number_of_nameless_open()}"
+        with open(f"{self.out}/.4194305.partial", "w") as file:  # beyond the largest process number
+            file.write("left by a helper that was killed")
+        with open(f"{self.out}/.1.partial", "w") as file:
+            file.write("of a process that runs")
+        for faults in ([], ["renameat2:error=EINVAL"]):
+            with self.subTest(faults=faults):
+                self.run_with_faults(no_nameless, *faults)
+                self.assertEqual(read_record(self.record)[0].keys(), expected.keys())
+                self.assertEqual(sorted(os.listdir(self.out)),
+                                 [".1.partial", os.path.basename(self.record)])
+                os.unlink(self.record)
+
+    def start_and_stop_within(self, folder):
+        """The program, stopped while it writes what is in this folder of many files."""
+        for index in range(20_000):
+            os.mknod(f"{folder}/{index}")
+        program = subprocess.Popen([PROGRAM, "quorlen", self.record, self.tree])
+        self.addCleanup(program.wait)
+        self.addCleanup(program.kill)
+        program.send_signal(signal.SIGSTOP)
+        written = 0
+        while not written:
+            program.send_signal(signal.SIGCONT)
+            time.sleep(0.001)
+            program.send_signal(signal.SIGSTOP)
+            with open(f"/proc/{program.pid}/io", encoding="ascii") as file:
+                written = int(dict(line.split(": ") for line in file)["wchar"])
+        return program
+
+    def test_goes_on_with_the_rest_when_a_folder_is_moved_under_it(self):
+        for way in ("a/deep", "a/b/deep"):
+            with self.subTest(way=way):
+                os.makedirs(f"{self.tree}/{way}")
+                for folder in ("aa/below", "target", "z/below"):
+                    os.makedirs(f"{self.tree}/{folder}")
+                program = self.start_and_stop_within(f"{self.tree}/{way}")
+                os.rename(f"{self.tree}/{way}", f"{self.tree}/target/deep")
+                if way == "a/b/deep":
+                    os.rename(f"{self.tree}/a/b", f"{self.tree}/target/b")
+                program.send_signal(signal.SIGCONT)
+                self.assertEqual(program.wait(), 0)
+                entries, comments = read_record(self.record)
+                self.assertIn(b"./" + way.encode() + b"/19999", entries)
+                self.assertIn(b"./aa/below", entries)
+                self.assertIn(b"./z/below", entries)
+                lost = b"# ./a/b was moved away: what was still to be told of it is missing"
+                self.assertEqual(lost in comments, way == "a/b/deep")
+                os.unlink(self.record)
+                shutil.rmtree(self.tree)
+                os.mkdir(self.tree)
+
+    def test_touches_nothing_that_is_mounted_below(self):
+        os.makedirs(self.tree + "/folder/mounted on")
+        subprocess.run(["mount", "-t", "tmpfs", "none", self.tree + "/folder/mounted on"],
+                       check=True)
+        trace = self.out + "/../trace"
+        try:
+            subprocess.run(["strace", "-o", trace, PROGRAM, "quorlen", self.record, self.tree],
+                           check=True, env={**os.environ, "ASAN_OPTIONS": "detect_leaks=0"})
+        finally:
+            subprocess.run(["umount", self.tree + "/folder/mounted on"], check=True)
+        entries, _ = read_record(self.record)
+        self.assertEqual(entries[b"./folder/mounted on"], {b"type": b"dir"})
+        with open(trace, encoding="utf-8", errors="replace") as file:
+            calls = file.read()
+        self.assertIn('"folder"', calls)
+        self.assertNotIn('"mounted on"', calls)
 
     def test_stands_back_for_others(self):
         self.many_files()
