@@ -65,7 +65,8 @@ void runDaemon() {
                              .host = simulated.host,
                              .alertDialogs = simulated.alertDialogs,
                              .bundle = simulated.bundle,
-                             .socketStreams = simulated.mailServer}};
+                             .socketStreams = simulated.mailServer,
+                             .directoryWatch = simulated.directoryWatch}};
     daemon.awakeFromNib();
     loop.run();
 }

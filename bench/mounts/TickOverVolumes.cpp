@@ -20,6 +20,7 @@
 #include "platform/linux/LinuxBundle.h"
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxDeviceRegistry.h"
+#include "platform/linux/LinuxDirectoryWatch.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/LinuxHost.h"
 #include "platform/linux/LinuxPowerSources.h"
@@ -130,6 +131,7 @@ struct Parts {
     NoDialogs dialogs;
     LinuxBundle bundle;
     LinuxSocketStreams streams{loop, bundle};
+    LinuxDirectoryWatch watch{loop, volumes, ""};
     KorvaneProDaemon daemon;
 
     explicit Parts(const std::string& root)
@@ -154,7 +156,8 @@ struct Parts {
                   .host = host,
                   .alertDialogs = dialogs,
                   .bundle = bundle,
-                  .socketStreams = streams}) {}
+                  .socketStreams = streams,
+                  .directoryWatch = watch}) {}
 
     // Runs the daemon for this long, doing something on the way.
     void runFor(milliseconds length, const RunLoop::Callback& begin, const RunLoop::Callback& end) {

@@ -23,6 +23,8 @@ inline constexpr char kSmartCheckOnOff[] = "smartCheckOnOff";
 inline constexpr char kSmartEntryLimit[] = "smartEntryLimit";
 inline constexpr char kDirectoryFilesToSave[] = "directoryFilesToSave";
 inline constexpr char kDirectoryBackupLocations[] = "directoryBackupLocations";
+inline constexpr char kTrashHistoryOnOff[] = "trashHistoryOnOff";
+inline constexpr char kTrashSaveDays[] = "trashSaveDays";
 inline constexpr char kDriveArray[] = "driveArray";
 inline constexpr char kVolumeArray[] = "volumeArray";
 

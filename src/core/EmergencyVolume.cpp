@@ -55,6 +55,7 @@ void KorvaneProDaemon::volumeMountHandler() {
     clockTimer.reset();
     updateDrivePreferences(DriveProbe::smart);
     updateVolumePreferences();
+    setupTrashRetainer(false);
     armClockTimer(seconds(1));
 }
 
@@ -63,6 +64,7 @@ void KorvaneProDaemon::volumeUnmountHandler() {
     clockTimer.reset();
     updateDrivePreferences(DriveProbe::none);
     updateVolumePreferences();
+    setupTrashRetainer(false);
     armClockTimer(seconds(0));
 }
 

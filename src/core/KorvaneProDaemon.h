@@ -5,9 +5,11 @@
 // loop's thread, or on a background thread that the loop's thread waits for.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -18,11 +20,13 @@
 #include "base/NotificationCenter.h"
 #include "base/PropertyList.h"
 #include "core/SystemVersion.h"
+#include "core/TrashSearch.h"
 #include "mail/QLSMTPController.h"
 #include "platform/Machine.h"
 
 namespace korvane {
 
+struct TrashItem;
 class VolumeEntry;
 struct CheckedDrive;
 enum class DriveProbe;
@@ -81,6 +85,14 @@ class KorvaneProDaemon final : public ControlTarget {
     bool backupDisabled = false;      // by word of the main application; the scheduler heeds it
     std::size_t directoryOffset = 0;  // the index in volumeArray of the current run's volume
     std::uint64_t directoryRun = 0;   // tells the runs apart
+
+    // Trash history. A slot without a subscription is empty; the number of slots is a fixed limit.
+    std::array<std::unique_ptr<DirectorySubscription>, 100> trashRetainerFNSubscriptionRefArray;
+    std::vector<SearchTask> searchTasks;             // recovery programs, until none is pending
+    std::list<std::unique_ptr<Timer>> searchTimers;  // one for each poll that is to come
+    std::int64_t trashSaveDays = 0;                  // as of the last load
+    // What the last question for a device's value found of its partition table.
+    bool schemeOfPartition = false;
 
     // Timers. To cancel one is to reset its field; one that has fired may stay in its field.
     std::unique_ptr<Timer> clockTimer;        // the next tick and, once, the delayed start
@@ -269,6 +281,24 @@ class KorvaneProDaemon final : public ControlTarget {
     void directoryBackupStopNotification();
     void disableDirectoryBackupNotification();
     void enableDirectoryBackupNotification();
+
+    // ---- trash/ ---------------------------------------------------------------------------------
+
+    // Watches the trash folders of all volumes anew; with `scanNow` each counts as changed
+    // (TrashWatch.cpp).
+    void setupTrashRetainer(bool scanNow);
+    void watchTrashFolder(std::size_t slot, const std::string& folder, bool scanNow);
+    // A watched folder has changed: records what is in it and has the recovery program look at it.
+    void MyFNSubscriptionProc(std::size_t slot, const std::string& folder);
+    void startSearch(const std::string& program, const std::string& volumeName,
+                     std::vector<SearchContent> jobs);
+    void armSearchTimer();
+    void recordTrashItem(const TrashItem& item);
+    // Marks and drops records, and drops files of results that are old enough (TrashUpkeep.cpp).
+    void trashSub();
+    // Collects the results of the programs that have ended; polls on while any is pending.
+    void searchTaskCompleteCheck();
+    void collectSearchResult(const SearchContent& job);
 };
 
 }  // namespace korvane

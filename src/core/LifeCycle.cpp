@@ -72,6 +72,7 @@ void KorvaneProDaemon::doStartup() {
     loadPreferences();
     updateDrivePreferences(DriveProbe::smart);
     updateVolumePreferences();
+    setupTrashRetainer(false);
     markNotYetExamined(driveArray, volumeArray);
     writePreferences();
 
@@ -93,6 +94,7 @@ void KorvaneProDaemon::applicationWillBecomeActive() {
 // Saves nothing: the preferences are written in the course of the work alone.
 void KorvaneProDaemon::applicationWillTerminate() {
     if (directoryPipeTask && directoryPipeTask->isRunning()) abandonDirectoryBackup();
+    for (auto& slot : trashRetainerFNSubscriptionRefArray) slot.reset();
     destConnection.reset();
     removeObservers();
 }

@@ -56,6 +56,7 @@ void KorvaneProDaemon::loadPreferences() {
     }
     if (!preferenceDictionary) return;
 
+    trashSaveDays = integerValue(preference(kTrashSaveDays));
     const std::string startUpVolume = startUpVolumeLocation();
     completeBackupLocations(*preferenceDictionary, startUpVolume);
     rootSaveDisabled = backupLocationsLack(*preferenceDictionary, startUpVolume);
@@ -112,6 +113,7 @@ void KorvaneProDaemon::preferencesUpdated() {
     loadPreferences();
     updateDrivePreferences(DriveProbe::none);
     updateVolumePreferences();
+    setupTrashRetainer(false);
     outTimer.reset();
     clockTimer.reset();
     setOutTimer();

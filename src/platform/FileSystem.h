@@ -6,8 +6,10 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/PropertyList.h"
@@ -62,6 +64,29 @@ class FileSystem {
                                                                    const PropertyList& value,
                                                                    mode_t permissions,
                                                                    Durability durability) = 0;
+    // Reads, lets `edit` change what was read (false: nothing changed, nothing is written) and
+    // writes, without copying it: the way to touch one record of many. `edit` is not called, and
+    // the error says why, when the file cannot be read.
+    [[nodiscard]] virtual Result<std::monostate> changePropertyList(
+        const std::string& path, const std::function<bool(PropertyList&)>& edit, mode_t permissions,
+        Durability durability) = 0;
+
+    // The bytes of a regular file of the daemon's own user. Never through a link.
+    [[nodiscard]] virtual Result<std::string> readFile(const std::string& path) = 0;
+    // Creates a file with these bytes and permissions (less the umask), or empties and rewrites the
+    // one that is there. Never through a link, nor into a file of somebody else or with a second
+    // name: in a folder that all may write, that is another's.
+    [[nodiscard]] virtual Result<std::monostate> writeFile(const std::string& path,
+                                                           std::string_view bytes,
+                                                           mode_t permissions) = 0;
+    // Adds the bytes at the end, creating the file as writeFile() does; of whoever it is. All of
+    // them or none.
+    [[nodiscard]] virtual Result<std::monostate> appendFile(const std::string& path,
+                                                            std::string_view bytes,
+                                                            mode_t permissions) = 0;
+    // Gives an item another name in its folder or elsewhere on its volume. False, and nothing
+    // changed, when something has that name.
+    virtual bool rename(const std::string& path, const std::string& newPath) = 0;
 
     // The name a person knows the item by: on a machine without such names the last path component
     // and, for "/", "System".

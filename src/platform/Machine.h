@@ -6,6 +6,7 @@
 #include "platform/Clock.h"
 #include "platform/ControlConnection.h"
 #include "platform/DeviceRegistry.h"
+#include "platform/DirectoryWatch.h"
 #include "platform/FileSystem.h"
 #include "platform/Host.h"
 #include "platform/PowerSources.h"
@@ -32,6 +33,7 @@ struct Machine {
     AlertDialogs& alertDialogs;
     Bundle& bundle;
     SocketStreams& socketStreams;
+    DirectoryWatch& directoryWatch;
 };
 
 }  // namespace korvane

@@ -29,6 +29,15 @@ class LinuxFileSystem final : public FileSystem {
                                                            const PropertyList& value,
                                                            mode_t permissions,
                                                            Durability durability) override;
+    [[nodiscard]] Result<std::monostate> changePropertyList(
+        const std::string& path, const std::function<bool(PropertyList&)>& edit, mode_t permissions,
+        Durability durability) override;
+    [[nodiscard]] Result<std::string> readFile(const std::string& path) override;
+    [[nodiscard]] Result<std::monostate> writeFile(const std::string& path, std::string_view bytes,
+                                                   mode_t permissions) override;
+    [[nodiscard]] Result<std::monostate> appendFile(const std::string& path, std::string_view bytes,
+                                                    mode_t permissions) override;
+    bool rename(const std::string& path, const std::string& newPath) override;
     [[nodiscard]] std::string displayName(const std::string& path) override;
     [[nodiscard]] std::string userName() override;
     [[nodiscard]] std::uint32_t userId() override;

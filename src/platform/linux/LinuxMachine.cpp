@@ -15,7 +15,8 @@ LinuxMachine::LinuxMachine(SystemLog& systemLog, const LinuxVolumesPlaces& volum
       sleepWatch_(runLoop_, systemBus_),
       controlConnection_(runLoop_, controlBus_, systemLog),
       alertDialogs_(runLoop_, bundle_, systemLog),
-      socketStreams_(runLoop_, bundle_) {}
+      socketStreams_(runLoop_, bundle_),
+      directoryWatch_(runLoop_, volumes_, volumesPlaces.memoryFile) {}
 
 LinuxBus& LinuxMachine::connectedControlBus() {
     systemBus_.connect();
@@ -38,7 +39,8 @@ Machine LinuxMachine::machine() {
                    .host = host_,
                    .alertDialogs = alertDialogs_,
                    .bundle = bundle_,
-                   .socketStreams = socketStreams_};
+                   .socketStreams = socketStreams_,
+                   .directoryWatch = directoryWatch_};
 }
 
 }  // namespace korvane

@@ -11,6 +11,7 @@
 #include "platform/linux/LinuxClock.h"
 #include "platform/linux/LinuxControlConnection.h"
 #include "platform/linux/LinuxDeviceRegistry.h"
+#include "platform/linux/LinuxDirectoryWatch.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/LinuxHost.h"
 #include "platform/linux/LinuxPowerSources.h"
@@ -53,6 +54,7 @@ class LinuxMachine {
     LinuxBundle bundle_;
     LinuxAlertDialogs alertDialogs_;
     LinuxSocketStreams socketStreams_;
+    LinuxDirectoryWatch directoryWatch_;
 };
 
 }  // namespace korvane

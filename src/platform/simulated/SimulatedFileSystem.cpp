@@ -477,6 +477,7 @@ SimulatedNode& SimulatedFileSystem::add(SimulatedNode& folder, std::string_view 
                                         mode_t permissions) {
     auto node = std::make_unique<SimulatedNode>();
     node->kind = kind;
+    node->nodeId = nextNodeId_++;
     node->permissions = permissions;
     node->modificationDate = clock_.now();
     node->ownerId = userId();

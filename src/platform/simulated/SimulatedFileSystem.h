@@ -52,6 +52,15 @@ class SimulatedFileSystem final : public FileSystem {
                                                            const PropertyList& value,
                                                            mode_t permissions,
                                                            Durability durability) override;
+    [[nodiscard]] Result<std::monostate> changePropertyList(
+        const std::string& path, const std::function<bool(PropertyList&)>& edit, mode_t permissions,
+        Durability durability) override;
+    [[nodiscard]] Result<std::string> readFile(const std::string& path) override;
+    [[nodiscard]] Result<std::monostate> writeFile(const std::string& path, std::string_view bytes,
+                                                   mode_t permissions) override;
+    [[nodiscard]] Result<std::monostate> appendFile(const std::string& path, std::string_view bytes,
+                                                    mode_t permissions) override;
+    bool rename(const std::string& path, const std::string& newPath) override;
     [[nodiscard]] std::string displayName(const std::string& path) override;
     [[nodiscard]] std::string userName() override;
     [[nodiscard]] std::uint32_t userId() override;
@@ -70,6 +79,14 @@ class SimulatedFileSystem final : public FileSystem {
     [[nodiscard]] std::vector<std::string> paths();
 
     void setDisplayName(const std::string& path, const std::string& name);
+
+    // The item's number, 0 where there is none; its name and number by its folder; its path by its
+    // number; and when it was stamped.
+    [[nodiscard]] std::uint64_t nodeId(const std::string& path);
+    [[nodiscard]] std::optional<std::string> pathOfNode(const std::string& volumePath,
+                                                        std::uint64_t nodeId);
+    bool setBackupDate(const std::string& path, Time date);
+    [[nodiscard]] std::optional<Time> backupDate(const std::string& path);
 
     // Volumes: the tree on `volume` covers the folder at `path` (made if need be) from here on.
     void attach(const std::string& path, const std::string& volume);
@@ -128,6 +145,8 @@ class SimulatedFileSystem final : public FileSystem {
     std::unordered_map<std::string, std::uint64_t> writeCounts_;
     int failingWrites_ = 0;
     std::optional<KillMoment> kill_;
+    // Volumes number their items from 16 on as the File Manager does; here all from one row.
+    std::uint64_t nextNodeId_ = 16;
 };
 
 }  // namespace korvane

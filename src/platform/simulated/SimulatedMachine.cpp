@@ -20,7 +20,8 @@ SimulatedMachine::SimulatedMachine(const MachineDescription& description, std::u
       controlConnection(journal),
       host(description.version),
       alertDialogs(runLoop, clock, journal),
-      mailServer(runLoop, clock, journal) {
+      mailServer(runLoop, clock, journal),
+      directoryWatch(runLoop, fileSystem, volumes) {
     for (const ServiceDescription& service : description.services) {
         deviceRegistry.add(service);
     }
@@ -39,7 +40,7 @@ SimulatedMachine::SimulatedMachine(const MachineDescription& description, std::u
 Machine SimulatedMachine::machine() {
     return {runLoop,      clock,     fileSystem, volumes,           deviceRegistry,
             powerSources, processes, systemLog,  controlConnection, host,
-            alertDialogs, bundle,    mailServer};
+            alertDialogs, bundle,    mailServer, directoryWatch};
 }
 
 bool SimulatedMachine::plug(const std::string& name) {

@@ -15,6 +15,7 @@
 #include "platform/simulated/SimulatedClock.h"
 #include "platform/simulated/SimulatedControlConnection.h"
 #include "platform/simulated/SimulatedDeviceRegistry.h"
+#include "platform/simulated/SimulatedDirectoryWatch.h"
 #include "platform/simulated/SimulatedDrives.h"
 #include "platform/simulated/SimulatedFileSystem.h"
 #include "platform/simulated/SimulatedHost.h"
@@ -64,6 +65,7 @@ class SimulatedMachine {
     SimulatedAlertDialogs alertDialogs;
     SimulatedBundle bundle;
     SimulatedMailServer mailServer;
+    SimulatedDirectoryWatch directoryWatch;
 
   private:
     std::map<std::string, AccessoryDescription> unplugged_;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -39,6 +40,8 @@ struct SimulatedNameOrder {
 
 struct SimulatedNode {
     ItemKind kind = ItemKind::file;
+    std::uint64_t nodeId = 0;
+    std::optional<Time> backupDate;
     std::uint32_t ownerId = 0;
     mode_t permissions = 0;
     Time modificationDate{};

@@ -47,6 +47,25 @@ class ForwardingFileSystem : public FileSystem {
                                              mode_t permissions, Durability durability) override {
         return counted().writePropertyList(path, value, permissions, durability);
     }
+    Result<std::monostate> changePropertyList(const std::string& path,
+                                              const std::function<bool(PropertyList&)>& edit,
+                                              mode_t permissions, Durability durability) override {
+        return counted().changePropertyList(path, edit, permissions, durability);
+    }
+    Result<std::string> readFile(const std::string& path) override {
+        return counted().readFile(path);
+    }
+    Result<std::monostate> writeFile(const std::string& path, std::string_view bytes,
+                                     mode_t permissions) override {
+        return counted().writeFile(path, bytes, permissions);
+    }
+    Result<std::monostate> appendFile(const std::string& path, std::string_view bytes,
+                                      mode_t permissions) override {
+        return counted().appendFile(path, bytes, permissions);
+    }
+    bool rename(const std::string& path, const std::string& newPath) override {
+        return counted().rename(path, newPath);
+    }
     std::string displayName(const std::string& path) override { return target_.displayName(path); }
     std::string userName() override { return target_.userName(); }
     std::uint32_t userId() override { return target_.userId(); }

@@ -1,0 +1,31 @@
+// What the daemon knows of a recovery program that it has launched.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/Processes.h"
+
+namespace korvane {
+
+// One item that the program is to look for.
+struct SearchContent {
+    std::uint64_t nodeId = 0;
+    std::uint64_t parentId = 0;
+    std::string volumePath;        // where the item's volume is mounted
+    std::string outFilePath;       // the volume's folder below the support folder
+    std::string searchResultPath;  // what the program leaves
+};
+
+// Stands in the path of an input file whose results have been collected.
+inline constexpr char kSearchTaskDone[] = "IGNORE";
+
+struct SearchTask {
+    std::unique_ptr<Task> searchTask;
+    std::string inFilePath;
+    std::vector<SearchContent> contentArray;
+};
+
+}  // namespace korvane

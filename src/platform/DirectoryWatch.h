@@ -1,0 +1,80 @@
+// The trash folders of the machine: where they are, that one has changed, what lies in it, and
+// where an item went that is there no longer. Names and paths are texts as in platform/Volumes.h:
+// bytes that no text can carry stand as a backslash and three octal digits.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/Clock.h"
+
+namespace korvane {
+
+// A subscription to the changes of a folder. Destroying it ends it, from its own callback too.
+class DirectorySubscription {
+  public:
+    virtual ~DirectorySubscription() = default;
+};
+
+struct CatalogItem {
+    std::string name;
+    std::uint64_t nodeId = 0;    // the item's own number on its volume
+    std::uint64_t parentId = 0;  // the folder's
+};
+
+// An item as it was seen in a folder.
+struct SeenItem {
+    std::int16_t volume = 0;  // its reference number
+    std::uint64_t nodeId = 0;
+    std::string folder;
+    std::string name;
+};
+
+enum class NodeState {
+    found,   // it exists, and its path is known
+    gone,    // it exists no longer
+    unknown  // nothing can be said now: its volume is not mounted, or nothing leads to it
+};
+struct ResolvedNode {
+    NodeState state = NodeState::unknown;
+    std::string path;
+};
+
+class DirectoryWatch {
+  public:
+    virtual ~DirectoryWatch() = default;
+
+    // The folders in which the volume mounted at the path keeps what its users throw away: on the
+    // start-up volume "/Users/NAME/.Trash" for each name but "Shared", on others
+    // "VOLUME/.Trashes/NAME". Names that begin with a full stop are passed over.
+    [[nodiscard]] virtual std::vector<std::string> trashFolders(const std::string& volumePath) = 0;
+
+    // Told on the loop's thread when items came into the folder or left it: once for all that has
+    // happened since the loop last turned. Null when it cannot be watched. A machine may watch for
+    // a folder that does not exist yet.
+    [[nodiscard]] virtual std::unique_ptr<DirectorySubscription> subscribe(
+        const std::string& folder, std::function<void()> didChange) = 0;
+
+    // At most so many of the folder's items, the first that the system returns; nothing when it
+    // cannot be read or is no folder. A link in the folder's place is not followed.
+    [[nodiscard]] virtual std::optional<std::vector<CatalogItem>> catalog(
+        const std::string& folder, std::size_t mostItems) = 0;
+
+    // Notes on the item that it was taken care of then. False where that is not possible; it then
+    // stays as it is. Tells no subscriber.
+    virtual bool setBackupDate(const std::string& folder, const CatalogItem& item, Time date) = 0;
+
+    // Keeps what helps to find these items again once they have left the folder.
+    virtual void remember(std::int16_t volume, const std::string& folder,
+                          std::span<const CatalogItem> items) = 0;
+    // Where the item is now.
+    [[nodiscard]] virtual ResolvedNode resolve(const SeenItem& item) = 0;
+};
+
+}  // namespace korvane

@@ -1,0 +1,130 @@
+#include "platform/simulated/SimulatedDirectoryWatch.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace korvane {
+
+class SimulatedDirectoryWatch::Subscription final : public DirectorySubscription {
+  public:
+    Subscription(std::shared_ptr<std::multimap<std::string, Subscription*>> all,
+                 const std::string& folder, std::function<void()> didChange)
+        : all_(std::move(all)),
+          place_(all_->emplace(folder, this)),
+          didChange_(std::move(didChange)) {}
+    ~Subscription() override { all_->erase(place_); }
+    Subscription(const Subscription&) = delete;
+    Subscription& operator=(const Subscription&) = delete;
+
+    [[nodiscard]] const std::function<void()>& didChange() const { return didChange_; }
+    bool isDue = false;
+
+  private:
+    std::shared_ptr<std::multimap<std::string, Subscription*>> all_;
+    std::multimap<std::string, Subscription*>::iterator place_;
+    std::function<void()> didChange_;
+};
+
+SimulatedDirectoryWatch::SimulatedDirectoryWatch(SimulatedRunLoop& runLoop,
+                                                 SimulatedFileSystem& fileSystem,
+                                                 SimulatedVolumes& volumes)
+    : runLoop_(runLoop),
+      fileSystem_(fileSystem),
+      volumes_(volumes),
+      subscriptions_(std::make_shared<std::multimap<std::string, Subscription*>>()) {}
+
+SimulatedDirectoryWatch::~SimulatedDirectoryWatch() = default;
+
+std::vector<std::string> SimulatedDirectoryWatch::trashFolders(const std::string& volumePath) {
+    const bool isStartUp = volumePath == "/";
+    const std::string parent = isStartUp ? "/Users" : volumePath + "/.Trashes";
+    std::vector<std::string> folders;
+    const auto names = fileSystem_.list(parent);
+    if (!names) {
+        return folders;
+    }
+    for (const std::string& name : *names) {
+        if (name.starts_with('.') || (isStartUp && name == "Shared")) {
+            continue;
+        }
+        std::string folder = parent;
+        folder.append("/").append(name).append(isStartUp ? "/.Trash" : "");
+        folders.push_back(std::move(folder));
+    }
+    std::sort(folders.begin(), folders.end());
+    return folders;
+}
+
+std::unique_ptr<DirectorySubscription> SimulatedDirectoryWatch::subscribe(
+    const std::string& folder, std::function<void()> didChange) {
+    if (refused_.contains(folder) || !fileSystem_.isFolder(folder)) {
+        return nullptr;
+    }
+    return std::make_unique<Subscription>(subscriptions_, folder, std::move(didChange));
+}
+
+std::optional<std::vector<CatalogItem>> SimulatedDirectoryWatch::catalog(const std::string& folder,
+                                                                         std::size_t mostItems) {
+    const auto names = fileSystem_.list(folder);
+    if (!names) {
+        return std::nullopt;
+    }
+    std::vector<CatalogItem> items;
+    for (const std::string& name : *names) {
+        if (items.size() == mostItems) {
+            break;
+        }
+        items.push_back(
+            {name, fileSystem_.nodeId(folder + '/' + name), fileSystem_.nodeId(folder)});
+    }
+    return items;
+}
+
+bool SimulatedDirectoryWatch::setBackupDate(const std::string& folder, const CatalogItem& item,
+                                            Time date) {
+    return fileSystem_.setBackupDate(folder + '/' + item.name, date);
+}
+
+// The whole volume is looked through in no time here.
+void SimulatedDirectoryWatch::remember(std::int16_t /*volume*/, const std::string& /*folder*/,
+                                       std::span<const CatalogItem> /*items*/) {}
+
+ResolvedNode SimulatedDirectoryWatch::resolve(const SeenItem& item) {
+    const auto volume = volumes_.volumeInfoByReferenceNumber(item.volume);
+    if (isUndecided_ || volume.status != 0) {
+        return {NodeState::unknown, ""};
+    }
+    const auto path = fileSystem_.pathOfNode(volume.value.root.rootPath, item.nodeId);
+    return path ? ResolvedNode{NodeState::found, *path} : ResolvedNode{NodeState::gone, ""};
+}
+
+void SimulatedDirectoryWatch::changed(const std::string& folder) {
+    const auto [first, last] = subscriptions_->equal_range(folder);
+    for (auto each = first; each != last; ++each) {
+        if (std::exchange(each->second->isDue, true)) {
+            continue;
+        }
+        runLoop_.post([all = subscriptions_, folder, subscription = each->second] {
+            const auto [from, to] = all->equal_range(folder);
+            const auto still = std::find_if(
+                from, to, [&](const auto& known) { return known.second == subscription; });
+            if (still == to) {
+                return;
+            }
+            subscription->isDue = false;
+            // A copy, since it may end the subscription.
+            const std::function<void()> didChange = subscription->didChange();
+            didChange();
+        });
+    }
+}
+
+std::vector<std::string> SimulatedDirectoryWatch::subscribed() const {
+    std::vector<std::string> folders;
+    for (const auto& [folder, subscription] : *subscriptions_) {
+        folders.push_back(folder);
+    }
+    return folders;
+}
+
+}  // namespace korvane

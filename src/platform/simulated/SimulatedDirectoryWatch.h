@@ -1,0 +1,53 @@
+// Trash folders in memory, under the names that the daemon's own world has for them. A change is
+// told when the test says that one has happened.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "platform/DirectoryWatch.h"
+#include "platform/simulated/SimulatedFileSystem.h"
+#include "platform/simulated/SimulatedRunLoop.h"
+#include "platform/simulated/SimulatedVolumes.h"
+
+namespace korvane {
+
+class SimulatedDirectoryWatch final : public DirectoryWatch {
+  public:
+    SimulatedDirectoryWatch(SimulatedRunLoop& runLoop, SimulatedFileSystem& fileSystem,
+                            SimulatedVolumes& volumes);
+    ~SimulatedDirectoryWatch() override;
+
+    [[nodiscard]] std::vector<std::string> trashFolders(const std::string& volumePath) override;
+    [[nodiscard]] std::unique_ptr<DirectorySubscription> subscribe(
+        const std::string& folder, std::function<void()> didChange) override;
+    [[nodiscard]] std::optional<std::vector<CatalogItem>> catalog(const std::string& folder,
+                                                                  std::size_t mostItems) override;
+    bool setBackupDate(const std::string& folder, const CatalogItem& item, Time date) override;
+    void remember(std::int16_t volume, const std::string& folder,
+                  std::span<const CatalogItem> items) override;
+    [[nodiscard]] ResolvedNode resolve(const SeenItem& item) override;
+
+    // Something in the folder has changed: its subscribers are told at the next pass of the loop.
+    void changed(const std::string& folder);
+    // The folders that are subscribed to, sorted.
+    [[nodiscard]] std::vector<std::string> subscribed() const;
+    // Subscribing to this folder fails from now on.
+    void refuse(const std::string& folder) { refused_.insert(folder); }
+    // Items are neither found nor known to be gone while this holds.
+    void setUndecided(bool isUndecided) { isUndecided_ = isUndecided; }
+
+  private:
+    class Subscription;
+
+    SimulatedRunLoop& runLoop_;
+    SimulatedFileSystem& fileSystem_;
+    SimulatedVolumes& volumes_;
+    std::set<std::string> refused_;
+    bool isUndecided_ = false;
+    // Held by subscriptions too: they may outlive this machine's part.
+    std::shared_ptr<std::multimap<std::string, Subscription*>> subscriptions_;
+};
+
+}  // namespace korvane

@@ -1,0 +1,186 @@
+// The watch over the trash folders: which are watched, and the scan of one that has changed.
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "base/Format.h"
+#include "core/DefaultPreferences.h"
+#include "core/KorvaneProDaemon.h"
+#include "storage/SupportFolder.h"
+#include "storage/VolumeEntry.h"
+#include "storage/VolumeLookups.h"
+#include "trash/TrashFormats.h"
+#include "trash/TrashRecords.h"
+
+namespace korvane {
+
+using std::chrono::seconds;
+
+namespace {
+
+constexpr std::size_t kMostItemsOfAScan = 100;
+// The recovery program's input is the daemon's own affair; its group may look.
+constexpr mode_t kSearchInputPermissions = 0640;
+constexpr seconds kSearchPoll{2};
+
+bool isBelow(std::string_view path, std::string_view folder) {
+    return folder == "/" || path == folder ||
+           (path.starts_with(folder) && path[folder.size()] == '/');
+}
+
+// The volume that a folder lies on, as far as it is known.
+struct TrashVolume {
+    std::string path;
+    std::string name;
+    std::int16_t number = 0;
+};
+
+std::optional<TrashVolume> volumeOf(Volumes& volumes, FileSystem& files,
+                                    const std::string& folder) {
+    const std::string* mount = nullptr;
+    for (const MountEntry& entry : volumes.mountTable()) {
+        if (isBelow(folder, entry.mountOnName) &&
+            (!mount || entry.mountOnName.size() >= mount->size())) {
+            mount = &entry.mountOnName;
+        }
+    }
+    if (!mount) return std::nullopt;
+    const OSErrOr<VolumeInfo> info = volumes.volumeInfoOfRoot(FSRef{*mount});
+    if (info.status != 0) return std::nullopt;
+    return TrashVolume{*mount, files.displayName(*mount), info.value.referenceNumber};
+}
+
+}  // namespace
+
+void KorvaneProDaemon::setupTrashRetainer(bool scanNow) {
+    for (auto& slot : trashRetainerFNSubscriptionRefArray) slot.reset();
+    if (!booleanValue(preference(kTrashHistoryOnOff))) return;
+
+    std::vector<std::string> folders;
+    for (const PropertyList& element : volumeArray) {
+        const auto entry = ConstVolumeEntry::over(element);
+        if (!entry || !entry->trashOnOff()) continue;
+        for (const std::string& path : machine_.volumes.mountedLocalVolumePaths()) {
+            if (path != entry->volumeMountToName()) continue;
+            const std::optional<FileSystemFlags> flags = machine_.volumes.fileSystemFlags(path);
+            if (!flags || !flags->isWritable) continue;
+            std::ranges::copy(machine_.directoryWatch.trashFolders(path),
+                              std::back_inserter(folders));
+        }
+    }
+    // A folder that cannot be watched takes its slot all the same.
+    const std::size_t count = std::min(folders.size(), trashRetainerFNSubscriptionRefArray.size());
+    for (std::size_t slot = 0; slot < count; ++slot) watchTrashFolder(slot, folders[slot], scanNow);
+}
+
+void KorvaneProDaemon::watchTrashFolder(std::size_t slot, const std::string& folder, bool scanNow) {
+    auto& reference = trashRetainerFNSubscriptionRefArray[slot];
+    reference = machine_.directoryWatch.subscribe(
+        folder, [this, slot, folder] { MyFNSubscriptionProc(slot, folder); });
+    if (reference && scanNow) MyFNSubscriptionProc(slot, folder);
+}
+
+void KorvaneProDaemon::MyFNSubscriptionProc(std::size_t slot, const std::string& folder) {
+    if (!machine_.fileSystem.exists(kSupportFolder)) return;
+    if (!trashRetainerFNSubscriptionRefArray[slot]) return;
+    const std::string program = machine_.bundle.plugIn(kRecoveryProgram);
+    if (program.empty()) return;
+    auto items = machine_.directoryWatch.catalog(folder, kMostItemsOfAScan);
+    if (!items) return;
+    std::erase_if(*items, [](const CatalogItem& item) { return item.name.starts_with('.'); });
+
+    const auto volume = volumeOf(machine_.volumes, machine_.fileSystem, folder);
+    if (volume) {
+        machine_.directoryWatch.remember(volume->number, folder, *items);
+        std::vector<SearchContent> jobs;
+        for (const CatalogItem& item : *items) {
+            jobs.push_back({.nodeId = item.nodeId,
+                            .parentId = item.parentId,
+                            .volumePath = volume->path,
+                            .outFilePath = volumeFolder(volume->name),
+                            .searchResultPath = searchResultPathOf(item.nodeId)});
+        }
+        if (!jobs.empty()) startSearch(program, volume->name, std::move(jobs));
+    }
+    for (const CatalogItem& item : *items) {
+        recordTrashItem({.itemName = item.name,
+                         .nodeId = item.nodeId,
+                         .volRefNum = volume ? volume->number : std::int16_t{0},
+                         .dirPath = folder,
+                         .volumeName = volume ? std::optional(volume->name) : std::nullopt});
+        // A volume that keeps no such date goes without.
+        (void)machine_.directoryWatch.setBackupDate(folder, item, machine_.clock.now());
+    }
+    trashSub();
+}
+
+void KorvaneProDaemon::startSearch(const std::string& program, const std::string& volumeName,
+                                   std::vector<SearchContent> jobs) {
+    FileSystem& files = machine_.fileSystem;
+    std::string input;
+    for (const SearchContent& job : jobs) {
+        if (!files.exists(job.outFilePath)) {
+            (void)files.createFolders(job.outFilePath, files.userName());  // shown when it is used
+        }
+        const SearchJobBytes bytes =
+            encodeSearchJob({.nodeId = static_cast<std::uint32_t>(job.nodeId),
+                             .parentId = static_cast<std::uint32_t>(job.parentId),
+                             .deviceName = getVolumeMountFromName(machine_.volumes, job.volumePath),
+                             .searchResultPath = job.searchResultPath});
+        input.append(bytes.data(), bytes.size());
+    }
+    const std::string inFilePath = searchInputPathOf(volumeName);
+    const auto written = files.writeFile(inFilePath, input, kSearchInputPermissions);
+    if (!written) {
+        machine_.systemLog.write(
+            LogLevel::warning, formatText("No search for what is in the trash of \"%@\": %@.",
+                                          {std::string_view(volumeName), written.error().message}));
+    } else if (auto task = machine_.processes.launch(program, {kInFileArgument, inFilePath})) {
+        searchTasks.push_back({std::move(task), inFilePath, std::move(jobs)});
+    }
+    armSearchTimer();
+}
+
+void KorvaneProDaemon::armSearchTimer() {
+    // Every scan has its own: each polls on while anything is pending.
+    const auto timer = searchTimers.emplace(searchTimers.end());
+    *timer = machine_.runLoop.startTimer(kSearchPoll, Repeat::once, [this, timer] {
+        const std::unique_ptr<Timer> fired = std::move(*timer);
+        searchTimers.erase(timer);
+        searchTaskCompleteCheck();
+    });
+}
+
+void KorvaneProDaemon::recordTrashItem(const TrashItem& item) {
+    FileSystem& files = machine_.fileSystem;
+    const std::string path = std::string(kSupportFolder) + '/' + kTrashUsageFile;
+    const Time now = machine_.clock.now();
+    bool isUsable = false;
+    // A failed write costs this record until the folder changes again, and nothing else.
+    (void)files.changePropertyList(
+        path,
+        [&](PropertyList& document) {
+            isUsable = document.dictionary() != nullptr;
+            if (isUsable) storeTrashRecord(*document.dictionary(), item, now);
+            return isUsable;
+        },
+        kSharedFilePermissions, Durability::process);
+    if (isUsable) return;
+
+    if (files.attributes(path)) {
+        const std::string aside =
+            std::string(kSupportFolder) + '/' +
+            formatLocalTime(now, "Trash Usage, unreadable %Y-%m-%d %H-%M-%S") + ".plist";
+        if (!files.rename(path, aside)) return;
+        machine_.systemLog.write(LogLevel::error,
+                                 formatText("\"%@\" cannot be used and is kept as \"%@\".",
+                                            {std::string_view(path), std::string_view(aside)}));
+    }
+    Dictionary usage;
+    storeTrashRecord(usage, item, now);
+    (void)files.writePropertyList(path, PropertyList(std::move(usage)), kSharedFilePermissions,
+                                  Durability::process);
+}
+
+}  // namespace korvane
