@@ -20,10 +20,6 @@
 
 namespace korvane {
 
-// The path that the trash's note of an item says it came from, as it stands there but decoded;
-// relative to the volume's root on volumes other than the user's own. Nothing when it says none.
-[[nodiscard]] std::optional<std::string> originInTrashInfo(std::string_view text);
-
 class LinuxDirectoryWatch final : public DirectoryWatch {
   public:
     // `memoryFile`: the memory file of the volumes, beside which this one keeps its own; empty:

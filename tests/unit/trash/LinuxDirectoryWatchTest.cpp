@@ -12,6 +12,7 @@
 
 #include "platform/linux/LinuxDirectoryWatch.h"
 #include "platform/linux/LinuxRunLoop.h"
+#include "platform/linux/TrashInfo.h"
 #include "platform/simulated/SimulatedMachine.h"
 #include "unit/platform/RecordingLog.h"
 #include "unit/platform/TemporaryFolder.h"
