@@ -46,8 +46,8 @@ class ControlConnection {
     virtual ~ControlConnection() = default;
 
     // Registers the daemon's service name and delivers calls to the target, which must outlive the
-    // result. Null when the name is taken or there is nothing to register it with. Callers other
-    // than root and the daemon's own user are refused here.
+    // result. Null when the name is taken, or there will never be anything to register it with.
+    // Callers other than root and the daemon's own user are refused here.
     [[nodiscard]] virtual std::unique_ptr<RegisteredConnection> registerName(
         ControlTarget& target) = 0;
 };

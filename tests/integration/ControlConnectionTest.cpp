@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -31,9 +32,11 @@ namespace korvane {
 namespace {
 
 using std::chrono::milliseconds;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::Optional;
 using testing::SizeIs;
 
@@ -227,6 +230,85 @@ TEST_F(ControlConnectionTest, RefusesOtherUsersWithOneLogLineACaller) {
     EXPECT_THAT(log.lines, SizeIs(2));
 }
 
+// A connection of another user's that lives as long as this, and sends what it is told at once.
+class ForeignCaller {
+  public:
+    explicit ForeignCaller(uid_t user) {
+        // The credentials of a connection are those at its beginning: the thread's own alone.
+        std::thread([this, user] {
+            if (::syscall(SYS_setresuid, -1, user, -1) != 0) return;
+            (void)sd_bus_open_system(&bus_);
+            // The bus has taken the connection in when it answers.
+            const char* name = nullptr;
+            isConnected_ = bus_ != nullptr && sd_bus_get_unique_name(bus_, &name) >= 0;
+        }).join();
+    }
+    ~ForeignCaller() { leave(); }
+    ForeignCaller(const ForeignCaller&) = delete;
+    ForeignCaller& operator=(const ForeignCaller&) = delete;
+
+    [[nodiscard]] bool isConnected() const { return isConnected_; }
+    void send(const char* word) {
+        sd_bus_message* message = nullptr;
+        constexpr char kName[] = "com.quorlen.KorvaneProDaemon";
+        ASSERT_GE(
+            sd_bus_message_new_method_call(bus_, &message, kName, "/com/quorlen/KorvaneProDaemon",
+                                           kName, "messageXmitRcvr"),
+            0);
+        ASSERT_GE(sd_bus_message_append_basic(message, 's', word), 0);
+        ASSERT_GE(sd_bus_send(bus_, message, nullptr), 0);
+        ASSERT_GE(sd_bus_flush(bus_), 0);
+        sd_bus_message_unref(message);
+    }
+    void leave() { bus_ = sd_bus_flush_close_unref(bus_); }
+
+  private:
+    sd_bus* bus_ = nullptr;
+    bool isConnected_ = false;
+};
+
+TEST_F(ControlConnectionTest, AsksOnceWhoACallerIsAndTellsOfARefusalOnce) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can call as somebody else";
+    ForeignCaller caller{65534};
+    ASSERT_TRUE(caller.isConnected());
+    for (int i = 0; i < 3; ++i) caller.send("refused");
+    ASSERT_TRUE(serveUntil([this] { return !log.lines.empty(); }));
+    EXPECT_EQ(call("served"), "b true\n");  // and with it all that came before
+    EXPECT_THAT(log.lines, ElementsAre("control message refused: it came from user 65534"));
+    EXPECT_THAT(target.words, ElementsAre("served"));
+}
+
+TEST_F(ControlConnectionTest, ForgetsWhoCallersAreWhenTheyAreManyAndServesNobodyElseForIt) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can call as somebody else";
+    ForeignCaller refused{65534};
+    ASSERT_TRUE(refused.isConnected());
+    refused.send("refused");
+    ASSERT_TRUE(serveUntil([this] { return !log.lines.empty(); }));
+    for (int i = 0; i < 70; ++i) {
+        ForeignCaller served{0};
+        served.send("served");
+        ASSERT_TRUE(serveUntil([&] { return target.words.size() > static_cast<size_t>(i); }));
+    }
+    refused.send("refused");
+    ASSERT_TRUE(serveUntil([this] { return log.lines.size() > 1; }));
+    EXPECT_THAT(log.lines, SizeIs(2));
+    EXPECT_THAT(target.words, Not(Contains("refused")));
+}
+
+TEST_F(ControlConnectionTest, RefusesACallerThatHasAlreadyGone) {
+    ForeignCaller caller{0};
+    ASSERT_TRUE(caller.isConnected());
+    caller.send("word");
+    caller.leave();
+    // The bus has seen it go when it has answered somebody who came after.
+    ASSERT_EQ(runCommand("busctl --system --no-pager list").status, 0);
+    ASSERT_TRUE(serveUntil([this] { return !log.lines.empty(); }));
+    EXPECT_THAT(log.lines,
+                ElementsAre("control message refused: it came from a caller of whom the bus knows "
+                            "no user"));
+    EXPECT_THAT(target.words, IsEmpty());
+}
+
 TEST_F(ControlConnectionTest, AnExceptionIsAnErrorForTheCallerAndOneLogLine) {
     EXPECT_THAT(call("throw"), HasSubstr("Call failed"));
     EXPECT_THAT(log.lines, ElementsAre("a control message failed: no such thing"));
@@ -283,13 +365,17 @@ TEST_F(ControlConnectionTest, SleepsWhileTheBusIsAwayAndWakesWhenItIsBack) {
     EXPECT_EQ(call("word"), "b true\n");
 }
 
-TEST_F(OnPrivateBus, RegistersNothingWithoutABus) {
+TEST_F(OnPrivateBus, TakesTheNameOfABusThatComesAfterTheStart) {
     privateBus.kill();
     LinuxBus bus(loop, LinuxBus::Kind::system);
     bus.connect();
     LinuxControlConnection connection(loop, bus, log);
-    EXPECT_EQ(connection.registerName(target), nullptr);
+    const auto registered = connection.registerName(target);
     EXPECT_THAT(log.lines, IsEmpty());
+    privateBus.start();
+    ASSERT_TRUE(serveUntil([&] { return bus.connection() != nullptr; }));
+    ASSERT_TRUE(serveUntil([this] { return nameIsOwned(); }));
+    EXPECT_EQ(call("word"), "b true\n");
 }
 
 TEST_F(OnPrivateBus, DoesNotWaitLongForABusThatHangs) {

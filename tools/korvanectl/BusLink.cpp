@@ -82,18 +82,19 @@ bool becomesReady(sd_bus* bus) {
     }
 }
 
-bool nameIsOwned(sd_bus* bus) {
+// The connection that has the daemon's name, as the bus calls it; empty when none has.
+std::string nameOwner(sd_bus* bus) {
     FreeBusError error;
     sd_bus_message* raw = nullptr;
     if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                           "org.freedesktop.DBus", "NameHasOwner", &error.error, &raw, "s",
+                           "org.freedesktop.DBus", "GetNameOwner", &error.error, &raw, "s",
                            kName) < 0) {
-        return false;
+        return {};
     }
-    int owned = 0;
-    const bool isRead = sd_bus_message_read(raw, "b", &owned) >= 0;
+    const char* owner = nullptr;
+    std::string name = sd_bus_message_read(raw, "s", &owner) >= 0 ? owner : "";
     sd_bus_message_unref(raw);
-    return isRead && owned != 0;
+    return name;
 }
 
 // A daemon that has lost, or never got, its name on the bus still writes the preferences. Only one
@@ -155,7 +156,7 @@ sd_bus* BusLink::busWithDaemon() {
         }
         Bus bus{raw};
         (void)sd_bus_set_method_call_timeout(raw, kLimitMicroseconds);  // fails for null only
-        if (becomesReady(raw) && nameIsOwned(raw)) {
+        if (becomesReady(raw) && !nameOwner(raw).empty()) {
             bus_ = std::move(bus);
             return bus_.get();
         }
@@ -168,6 +169,16 @@ DaemonPresence BusLink::presence() {
         return DaemonPresence::reachable;
     }
     return processRuns() ? DaemonPresence::unreachable : DaemonPresence::absent;
+}
+
+std::string BusLink::identity() {
+    sd_bus* const bus = busWithDaemon();
+    std::string owner = bus != nullptr ? nameOwner(bus) : std::string{};
+    // A bus that went away may be back, as another connection.
+    if (owner.empty()) {
+        bus_.reset();
+    }
+    return owner;
 }
 
 Outcome<BusLink::Message> BusLink::call(const char* method,

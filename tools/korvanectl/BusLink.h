@@ -25,6 +25,7 @@ inline constexpr std::chrono::seconds kTestMailLimit{240};
 class BusLink : public DaemonLink {
   public:
     [[nodiscard]] DaemonPresence presence() override;
+    [[nodiscard]] std::string identity() override;
     [[nodiscard]] Outcome<bool> send(const std::string& word) override;
     [[nodiscard]] Outcome<std::monostate> createItems(
         const std::vector<std::string>& paths) override;

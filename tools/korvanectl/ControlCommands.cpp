@@ -10,6 +10,7 @@
 
 #include "core/DefaultPreferences.h"
 #include "korvanectl/Program.h"
+#include "korvanectl/VolumeReport.h"
 #include "storage/EntryFields.h"
 
 namespace korvane::ctl {
@@ -59,16 +60,43 @@ Outcome<ExitStatus> runWait(Program& program, const char* question, std::string_
 constexpr char kIgnoreEmergencyVolume[] = "QLDaemonIgnoreMountedOstrand";
 constexpr char kUnmountEmergencyVolume[] = "QLDaemonUnmountMountedDrive";
 
+// The free-space checks that came due meanwhile have let their entries stand as running, and would
+// hold up all others until the daemon's next start: they are set back.
+Outcome<ExitStatus> runFreeSpaceCheck(Program& program) {
+    const Outcome<bool> answer = program.daemon.send("QLDaemonCheckFreeSpace_WipeData_Msg");
+    if (!answer) {
+        return answer.failure();
+    }
+    const auto before = std::make_shared<Dictionary>();
+    const Edit edit{.apply = [before](Dictionary& preferences) -> Outcome<std::monostate> {
+                        *before = preferences;
+                        setBackRunningUsageChecks(preferences);
+                        return std::monostate{};
+                    },
+                    .holds =
+                        [before](const Dictionary& preferences) {
+                            return !hasStuckUsageCheck(preferences, *before);
+                        }};
+    return finishEdit(program, edit, [] { return std::string{"Free space is checked again"}; });
+}
+
 // The permission lasts while a process of the main application's name runs: this one.
 Outcome<ExitStatus> runEmergencyKeep(Program& program) {
-    constexpr std::chrono::hours kUntilAskedToEnd{1};
+    // A new daemon looks for the volume 2 seconds after its start, and knows of no permission.
+    constexpr seconds kInterval{1};
     program.beMainApplication();
+    std::string told = program.daemon.identity();
     const Outcome<bool> begun = program.daemon.send(kIgnoreEmergencyVolume);
     if (!begun) {
         return begun.failure();
     }
     program.print("The emergency volume stays mounted until this command ends: Ctrl-C ends it.\n");
-    while (program.pause(kUntilAskedToEnd)) {
+    while (program.pause(kInterval)) {
+        const std::string present = program.daemon.identity();
+        if (!present.empty() && present != told && program.daemon.send(kIgnoreEmergencyVolume)) {
+            told = present;
+            program.print("The daemon was restarted, and told again.\n");
+        }
     }
     return sendWord(program, kUnmountEmergencyVolume,
                     "The emergency volume may be unmounted again.");
@@ -90,14 +118,17 @@ Outcome<ExitStatus> report(Program& program, const Paths& paths, bool shouldBeTh
     for (const std::string& path : paths) {
         std::error_code error;
         const auto found = std::filesystem::symlink_status(path, error);
-        const bool asWanted = shouldBeThere ? std::filesystem::is_regular_file(found)
+        const bool asWanted = shouldBeThere ? std::filesystem::is_regular_file(found) &&
+                                                  std::filesystem::file_size(path, error) == 0
                                             : found.type() == std::filesystem::file_type::not_found;
         if (!asWanted) {
             return Failure{
                 ExitStatus::fileProblem,
                 fmt::format("{} {}; the daemon's log says why: journalctl -u korvane-pro",
                             printable(path),
-                            shouldBeThere ? "was not created" : "was not deleted")};
+                            !shouldBeThere                            ? "was not deleted"
+                            : std::filesystem::is_regular_file(found) ? "was not emptied"
+                                                                      : "was not created")};
         }
     }
     program.print(fmt::format(
@@ -136,8 +167,8 @@ void addSwitches(CLI::App& app, Program& program) {
     CLI::App& freeSpace = addGroup(app, "free-space", "Free-space warnings, for now");
     addWordCommand(freeSpace, program, "ignore", "Check no volume until told otherwise",
                    "QLDaemonIgnoreFreeSpace_WipeData_Msg", "Free space is not checked for now.");
-    addWordCommand(freeSpace, program, "check", "Check volumes again",
-                   "QLDaemonCheckFreeSpace_WipeData_Msg", "Free space is checked again.");
+    addCommand(freeSpace, program, "check", "Check volumes again",
+               [&program] { return runFreeSpaceCheck(program); });
 
     CLI::App& emergency = addGroup(app, "emergency", "The emergency volume");
     addCommand(emergency, program, "keep", "Leave it mounted while this command runs",

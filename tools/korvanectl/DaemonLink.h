@@ -23,6 +23,9 @@ class DaemonLink {
 
     [[nodiscard]] virtual DaemonPresence presence() = 0;
 
+    // What tells one run of the daemon from another; empty while it cannot be reached.
+    [[nodiscard]] virtual std::string identity() = 0;
+
     // Sends a command word and waits for the answer, at most a few seconds. Failures: noDaemon,
     // notAllowed, noReply.
     [[nodiscard]] virtual Outcome<bool> send(const std::string& word) = 0;

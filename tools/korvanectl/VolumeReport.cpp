@@ -7,6 +7,7 @@
 #include "core/DefaultPreferences.h"
 #include "korvanectl/HistoryLog.h"
 #include "korvanectl/Text.h"
+#include "storage/EntryFields.h"
 #include "storage/SupportFolder.h"
 #include "storage/VolumeEntry.h"
 
@@ -140,6 +141,37 @@ Outcome<std::size_t> findVolume(const Dictionary& preferences, std::string_view 
 
 const Dictionary& volumeEntryAt(const Dictionary& preferences, std::size_t index) {
     return *volumeArray(preferences)[index].dictionary();
+}
+
+void setBackRunningUsageChecks(Dictionary& preferences) {
+    PropertyList* const stored = preferences.find(kVolumeArray);
+    if (stored == nullptr || stored->array() == nullptr) {
+        return;
+    }
+    for (PropertyList& element : *stored->array()) {
+        Dictionary* const entry = element.dictionary();
+        if (entry != nullptr && entryStatus(*entry, kUsageKeys) == kStatusRunning) {
+            setEntryStatus(*entry, kUsageKeys, kStatusNotExamined);
+        }
+    }
+}
+
+bool hasStuckUsageCheck(const Dictionary& preferences, const Dictionary& before) {
+    for (const PropertyList& element : volumeArray(before)) {
+        const auto entry = ConstVolumeEntry::over(element);
+        if (!entry || entry->usageStatus() != kStatusRunning) {
+            continue;
+        }
+        for (const PropertyList& other : volumeArray(preferences)) {
+            const auto now = ConstVolumeEntry::over(other);
+            if (now && now->volumeMountToName() == entry->volumeMountToName() &&
+                now->usageStatus() == kStatusRunning &&
+                now->executionTimeUsage() == entry->executionTimeUsage()) {
+                return true;
+            }
+        }
+    }
+    return false;
 }
 
 Outcome<std::vector<LoggedCheck>> readVolumeLog(const std::string& supportFolder,

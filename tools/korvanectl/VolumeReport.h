@@ -66,6 +66,12 @@ struct ReportSources {
 // The entry at the index, which findVolume() gave for the same preferences.
 [[nodiscard]] const Dictionary& volumeEntryAt(const Dictionary& preferences, std::size_t index);
 
+// Sets every free-space check that is recorded as running back to be made anew.
+void setBackRunningUsageChecks(Dictionary& preferences);
+// Whether one of them is recorded as running since the same due time as in `before`: one that the
+// daemon has begun anew is no longer stuck.
+[[nodiscard]] bool hasStuckUsageCheck(const Dictionary& preferences, const Dictionary& before);
+
 // The volume's log, oldest first; none when it has none yet. A damaged log is a failure.
 [[nodiscard]] Outcome<std::vector<LoggedCheck>> readVolumeLog(const std::string& supportFolder,
                                                               std::string_view mountPoint);

@@ -6,7 +6,9 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -79,25 +81,46 @@ class EndRequests {
     bool isHolding_ = false;
 };
 
-// The terminal without its echo for as long as this lives; what is no terminal is left alone.
+// The terminal as it is to be again, for the signal handler too.
+termios shownTyping{};
+
+// The handler is gone by then, so that the signal does what it does to a program.
+void showTypingAndEnd(int number) {
+    (void)::tcsetattr(STDIN_FILENO, TCSANOW, &shownTyping);
+    (void)::raise(number);
+}
+
+// The terminal without its echo for as long as this lives; what is no terminal is left alone. One
+// at a time: a signal that ends the program meanwhile brings the echo back first, and none stops
+// it.
 class HiddenTyping {
   public:
-    HiddenTyping() : isTerminal_(::tcgetattr(STDIN_FILENO, &before_) == 0) {
+    HiddenTyping() : isTerminal_(::tcgetattr(STDIN_FILENO, &shownTyping) == 0) {
         if (!isTerminal_) return;
-        termios hidden = before_;
+        struct sigaction action {};
+        action.sa_flags = static_cast<int>(SA_RESETHAND);
+        for (std::size_t i = 0; i < kSignals.size(); ++i) {
+            action.sa_handler = kSignals[i] == SIGTSTP ? SIG_IGN : showTypingAndEnd;
+            (void)::sigaction(kSignals[i], &action, &before_[i]);  // fails for no such signal
+        }
+        termios hidden = shownTyping;
         hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         (void)::tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);  // shown, then: no worse than before
     }
     ~HiddenTyping() {
         if (!isTerminal_) return;
-        (void)::tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);  // as it was found
-        fmt::print(stderr, "\n");                              // the one that was not shown
+        (void)::tcsetattr(STDIN_FILENO, TCSAFLUSH, &shownTyping);
+        fmt::print(stderr, "\n");  // the one that was not shown
+        for (std::size_t i = 0; i < kSignals.size(); ++i) {
+            (void)::sigaction(kSignals[i], &before_[i], nullptr);
+        }
     }
     HiddenTyping(const HiddenTyping&) = delete;
     HiddenTyping& operator=(const HiddenTyping&) = delete;
 
   private:
-    termios before_{};
+    static constexpr std::array kSignals{SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
+    std::array<struct sigaction, kSignals.size()> before_{};
     bool isTerminal_;
 };
 

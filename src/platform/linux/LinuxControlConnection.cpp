@@ -45,7 +45,7 @@ struct CredentialsCloser {
 };
 
 // The user that the caller's connection belongs to, asked of the bus; nothing when the caller has
-// already gone.
+// already gone, or when the bus does not say.
 std::optional<uid_t> effectiveUserOf(sd_bus_message* message) {
     sd_bus_creds* asked = nullptr;
     if (sd_bus_query_sender_creds(message, SD_BUS_CREDS_EUID, &asked) < 0) return std::nullopt;
@@ -78,7 +78,8 @@ class Registration final : public RegisteredConnection, public BusUser {
     Registration(const Registration&) = delete;
     Registration& operator=(const Registration&) = delete;
 
-    // The first time, when the answer matters: false when the name cannot be had.
+    // The first time, when the answer matters: false when another has the name. While there is no
+    // bus the name is taken as soon as there is one.
     [[nodiscard]] bool registerNow();
     // Again: whoever has taken the name meanwhile keeps it.
     void busCame(sd_bus* bus) override;
@@ -139,9 +140,11 @@ bool Registration::exportObject(sd_bus* bus) {
 
 bool Registration::registerNow() {
     sd_bus* const bus = bus_.connection();
-    if (bus == nullptr || !exportObject(bus) || sd_bus_request_name(bus, kName, 0) < 0) {
-        return false;
+    if (bus == nullptr) {
+        bus_.join(*this);
+        return true;
     }
+    if (!exportObject(bus) || sd_bus_request_name(bus, kName, 0) < 0) return false;
     bus_.joinSetUp(*this);
     return true;
 }
@@ -178,10 +181,13 @@ bool Registration::isServed(sd_bus_message* message) {
     const std::optional<uid_t> user = effectiveUserOf(message);
     const bool served = user && (*user == 0 || *user == ::geteuid());
     if (!served) {
-        const std::string who = user ? "user " + std::to_string(*user) : "a caller that has gone";
+        const std::string who =
+            user ? "user " + std::to_string(*user) : "a caller of whom the bus knows no user";
         systemLog_.write(LogLevel::warning,
                          std::string("control message refused: it came from ") + who);
     }
+    // Only what the bus has said holds for the connection's life.
+    if (!user) return false;
     if (servedSenders_.size() >= kMostRememberedSenders) servedSenders_.clear();
     servedSenders_.emplace(sender, served);
     return served;

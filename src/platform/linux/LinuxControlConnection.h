@@ -14,7 +14,8 @@ class LinuxControlConnection final : public ControlConnection {
   public:
     LinuxControlConnection(LinuxRunLoop& loop, LinuxBus& bus, SystemLog& systemLog);
 
-    // Waits for the bus's answer for two seconds at the most.
+    // Waits for the bus's answer for two seconds at the most. While there is no bus it is not null
+    // either: the name is taken as soon as there is one.
     [[nodiscard]] std::unique_ptr<RegisteredConnection> registerName(
         ControlTarget& target) override;
 

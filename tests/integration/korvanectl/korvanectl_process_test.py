@@ -7,11 +7,13 @@ their own. Runs as root.
 import json
 import os
 import plistlib
+import pty
 import signal
 import socket
 import subprocess
 import sys
 import tempfile
+import termios
 import threading
 import time
 import unittest
@@ -191,6 +193,40 @@ class Korvanectl(unittest.TestCase):
             self.assertEqual(os.listdir(process.SUPPORT), ["KorvaneProtection.plist"])
         finally:
             subprocess.run(["umount", process.SUPPORT], check=True)
+
+    def test_free_space_is_checked_again_when_it_was_let_go_by(self):
+        self.needs_root_volume()
+        bus, _ = self.start_both()
+        path = next(iter(process.wait_for(process.volume_entries)))
+        self.ctl("free-space", "ignore", bus=bus)
+        self.ctl("volume", path, "set", "executionTimeUsage", "1", bus=bus)
+        time.sleep(2.5)  # past the tick that the edit asked for
+        self.assertEqual(process.wait_for(lambda: entry_of(path))["executionTimeUsage"], 1)
+        self.ctl("free-space", "check", bus=bus)
+        process.wait_for(lambda: entry_of(path).get("executionTimeUsage", 0) > 1)
+
+    def test_a_terminal_has_its_echo_again_when_the_password_is_not_given(self):
+        self.write_preferences()
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            master, terminal = pty.openpty()
+            self.addCleanup(os.close, terminal)
+            self.addCleanup(os.close, master)
+            run = subprocess.Popen([KORVANECTL, "mail", "set"], stdin=terminal,
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                   env={"ASAN_OPTIONS": "detect_leaks=0",
+                                        "DBUS_SYSTEM_BUS_ADDRESS": NO_BUS})
+            self.addCleanup(run.wait)
+            self.addCleanup(run.kill)
+
+            def echoes():
+                return bool(termios.tcgetattr(terminal)[3] & termios.ECHO)
+
+            self.assertTrue(echoes())
+            os.write(master, b"\n\nuser\n")  # server, port and user name
+            process.wait_for(lambda: not echoes())
+            run.send_signal(number)
+            self.assertEqual(run.wait(timeout=20), -number)
+            self.assertTrue(echoes())
 
 
 if __name__ == "__main__":

@@ -40,7 +40,6 @@ TEST_F(Control, AWordACommand) {
         const char* word;
     } rows[] = {
         {{"free-space", "ignore"}, "QLDaemonIgnoreFreeSpace_WipeData_Msg"},
-        {{"free-space", "check"}, "QLDaemonCheckFreeSpace_WipeData_Msg"},
         {{"emergency", "release"}, "QLDaemonUnmountMountedDrive"},
         {{"wait", "smart"}, "isSMARTExecuteComplete"},
         {{"wait", "backup"}, "isDirectoryExecuteComplete"},
@@ -97,6 +96,54 @@ TEST_F(Control, EmergencyKeepIsTheMainApplicationUntilItIsAskedToEnd) {
     EXPECT_EQ(run({"emergency", "keep"}), 0);
     EXPECT_THAT(daemon.words, ElementsAre("(main application)", "QLDaemonIgnoreMountedOstrand",
                                           "(pause)", "(pause)", "QLDaemonUnmountMountedDrive"));
+}
+
+TEST_F(Control, EmergencyKeepTellsADaemonThatWasRestartedAgainAndNoOther) {
+    daemon.identities = {"", ":1.1", ":1.1", "", ":1.7", ":1.7"};
+    mostPauses = 5;
+    EXPECT_EQ(run({"emergency", "keep"}), 0);
+    EXPECT_THAT(daemon.words,
+                ElementsAre("(main application)", "QLDaemonIgnoreMountedOstrand", "(pause)",
+                            "(pause)", "(pause)", "QLDaemonIgnoreMountedOstrand", "(pause)",
+                            "(pause)", "QLDaemonUnmountMountedDrive"));
+}
+
+TEST_F(Control, FreeSpaceCheckSetsBackTheChecksThatWereLetGoBy) {
+    for (const std::size_t index : {0U, 2U}) {
+        changeEntry(index, [](Dictionary& fields) {
+            fields.set("usageStatus", "2");
+            fields.set("directoryStatus", "2");
+        });
+    }
+    changeEntry(1, [](Dictionary& fields) { fields.set("usageStatus", "4"); });
+    EXPECT_EQ(run({"free-space", "check"}), 0);
+    EXPECT_EQ(out, "Free space is checked again.\n");
+    EXPECT_THAT(daemon.words, ElementsAre("QLDaemonCheckFreeSpace_WipeData_Msg",
+                                          "daemonPreferencesUpdatedNotification"));
+    EXPECT_EQ(*entry(0).find("usageStatus"), PropertyList{"0"});
+    EXPECT_EQ(*entry(1).find("usageStatus"), PropertyList{"4"});
+    EXPECT_EQ(*entry(2).find("usageStatus"), PropertyList{"0"});
+    EXPECT_EQ(*entry(0).find("directoryStatus"), PropertyList{"2"});
+}
+
+TEST_F(Control, FreeSpaceCheckTriesAgainWhenTheDaemonWritesItsOwnImageOverIt) {
+    changeEntry(0, [](Dictionary& fields) { fields.set("usageStatus", "2"); });
+    int saves = 0;
+    daemon.onWord = [&] {
+        if (daemon.words.back() == kReloadWord && saves++ == 0) {
+            changeEntry(0, [](Dictionary& fields) { fields.set("usageStatus", "2"); });
+        }
+    };
+    EXPECT_EQ(run({"free-space", "check"}), 0);
+    EXPECT_EQ(saves, 2);
+    EXPECT_EQ(*entry(0).find("usageStatus"), PropertyList{"0"});
+}
+
+TEST_F(Control, CreateSaysWhenAFileWasNotEmptied) {
+    const std::string full = folder / "full";
+    std::ofstream{full} << "contents";
+    EXPECT_EQ(run({"create", full.c_str()}), 5);
+    EXPECT_THAT(err, HasSubstr("full was not emptied"));
 }
 
 TEST_F(Control, CreateAndDeleteSendAbsolutePathsAndLookWhatBecameOfThem) {

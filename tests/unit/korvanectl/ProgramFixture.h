@@ -27,6 +27,10 @@ namespace korvane::ctl {
 class FakeDaemon : public DaemonLink {
   public:
     [[nodiscard]] DaemonPresence presence() override { return present; }
+    [[nodiscard]] std::string identity() override {
+        if (identities.size() > 1) identities.pop_front();
+        return identities.front();
+    }
     [[nodiscard]] Outcome<bool> send(const std::string& word) override {
         words.push_back(word);
         if (onWord) onWord();
@@ -58,7 +62,8 @@ class FakeDaemon : public DaemonLink {
     Outcome<MailSessionEnd> mailEnd = MailSessionEnd{};
     std::function<void()> onWord;
     std::vector<std::string> words;
-    std::deque<bool> answers;  // to the next words, before `answer`
+    std::deque<bool> answers;                        // to the next words, before `answer`
+    std::deque<std::string> identities{"", ":1.1"};  // one after the other; the last one stays
     // Carries out "create" or "delete" of a path.
     std::function<void(const std::string&, const std::string&)> onItem;
 
