@@ -4,8 +4,11 @@
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -37,6 +40,8 @@ class AlertDialogsTest : public testing::Test {
     static void SetUpTestSuite() {
         ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << "needs root";
         ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        // What a program leaves running is this process's then, and can be waited for.
+        ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
         std::filesystem::create_directories("/run/systemd");
         ASSERT_EQ(::mount("tmpfs", "/run/systemd", "tmpfs", 0, nullptr), 0);
     }
@@ -47,6 +52,7 @@ class AlertDialogsTest : public testing::Test {
         logIn("user");
     }
     void TearDown() override {
+        waitForPrograms();
         std::filesystem::remove_all(folder_);
         std::filesystem::remove_all("/run/systemd/seats");
         std::filesystem::remove_all("/run/systemd/sessions");
@@ -64,7 +70,7 @@ class AlertDialogsTest : public testing::Test {
     void installProgram(const std::string& rest) {
         const std::string path = folder_ + "/PlugIns/KorvaneProNotice";
         std::ofstream(path) << "#!/bin/sh\necho $* >" << folder_ << "/argument\ncat >" << folder_
-                            << "/input\ntouch " << folder_ << "/started\n"
+                            << "/input\n"
                             << rest << "\n";
         ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
     }
@@ -72,12 +78,17 @@ class AlertDialogsTest : public testing::Test {
         std::ifstream file(folder_ + "/" + name);
         return {std::istreambuf_iterator<char>(file), {}};
     }
+    // Until none of them writes into the folder any more. Once nobody else waits for them.
+    static void waitForPrograms() {
+        while (::wait(nullptr) > 0 || errno == EINTR) {
+        }
+    }
     // Runs the loop until the condition holds, looked at every few milliseconds.
     void runUntil(std::function<bool()> condition) {
         const auto poll = loop_.startTimer(milliseconds{5}, Repeat::every, [&] {
             if (condition()) loop_.terminate();
         });
-        const auto limit = loop_.startTimer(std::chrono::seconds{10}, Repeat::once, [&] {
+        const auto limit = loop_.startTimer(std::chrono::seconds{60}, Repeat::once, [&] {
             ADD_FAILURE() << "what was waited for did not happen";
             loop_.terminate();
         });
@@ -173,6 +184,33 @@ TEST_F(AlertDialogsTest, CancellingEndsTheProgramSilently) {
     });
     dialog->cancel();
     EXPECT_THAT(log_.lines, IsEmpty());
+}
+
+TEST_F(AlertDialogsTest, TheNoticesGoOffTheScreenAtTheEnd) {
+    installProgram("trap 'touch " + folder_ + "/closed; exit 0' TERM\ntouch " + folder_ +
+                   "/ready\nwhile :; do sleep 0.02; done");
+    LinuxBundle bundle{folder_, {}};
+    std::unique_ptr<AlertDialog> dialog;
+    {
+        LinuxAlertDialogs dialogs{loop_, bundle, log_};
+        dialog = dialogs.show(alert_);
+        ASSERT_NE(dialog, nullptr);
+        runUntil([&] { return std::filesystem::exists(folder_ + "/ready"); });
+    }
+    waitForPrograms();
+    EXPECT_TRUE(std::filesystem::exists(folder_ + "/closed"));
+    EXPECT_THAT(log_.lines, IsEmpty());
+}
+
+TEST_F(AlertDialogsTest, WhatTheProgramComplainsOfIsNotSaidTwice) {
+    installProgram("echo noise >&2; exit 4");
+    LinuxBundle bundle{folder_, {}};
+    LinuxAlertDialogs dialogs{loop_, bundle, log_};
+    testing::internal::CaptureStderr();
+    const std::unique_ptr<AlertDialog> dialog = dialogs.show(alert_);
+    runUntil([&] { return !log_.lines.empty(); });
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(log_.lines.size(), 1U);
 }
 
 TEST_F(AlertDialogsTest, ADialogMayOutliveTheOneThatShowedIt) {

@@ -137,6 +137,20 @@ class DialogOnScreen(unittest.TestCase):
         self.assertFalse([line for line in daemon.lines() if "is not shown" in line])
         self.assertEqual(daemon.terminate()[0], 0)
 
+    def test_a_restart_leaves_no_second_dialog_of_the_same_volume(self):
+        self.needs_root_volume()
+        self.start_desktop()
+        self.write_preferences()
+        preferences = process.read_preferences()
+        preferences["volumeArray"][0].update(executionTimeUsage=1.0, freeSpaceWarningLevel=100)
+        with open(process.PREFERENCES, "wb") as file:
+            file.write(process.plistlib.dumps(preferences))
+        daemon = self.start()
+        process.wait_for(lambda: self.dunstctl("count", "displayed") == "1")
+        process.wait_for(lambda: process.usage_status("/") == "4")
+        self.assertEqual(daemon.terminate()[0], 0)
+        process.wait_for(lambda: self.dunstctl("count", "displayed") == "0")
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)

@@ -17,7 +17,7 @@ Error errorFrom(int number) { return Error{std::generic_category().message(numbe
 // Spawn attributes and actions of a child that starts with no signal blocked or ignored.
 class SpawnSettings {
   public:
-    explicit SpawnSettings(int standardInput) {
+    SpawnSettings(int standardInput, StandardError standardError) {
         sigset_t none;
         sigemptyset(&none);
         sigset_t all;
@@ -32,6 +32,10 @@ class SpawnSettings {
             (void)posix_spawn_file_actions_adddup2(&actions, standardInput, STDIN_FILENO);
         } else {
             (void)posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY,
+                                                   0);
+        }
+        if (standardError == StandardError::discarded) {
+            (void)posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY,
                                                    0);
         }
     }
@@ -51,10 +55,9 @@ class SpawnSettings {
 ChildProcess::ChildProcess(LinuxRunLoop& runLoop, pid_t id, DidEnd didEnd)
     : runLoop_(runLoop), id_(id), didEnd_(std::move(didEnd)) {}
 
-Result<std::unique_ptr<ChildProcess>> ChildProcess::start(LinuxRunLoop& runLoop,
-                                                          const std::string& path,
-                                                          const std::vector<std::string>& arguments,
-                                                          int standardInput, DidEnd didEnd) {
+Result<std::unique_ptr<ChildProcess>> ChildProcess::start(
+    LinuxRunLoop& runLoop, const std::string& path, const std::vector<std::string>& arguments,
+    int standardInput, StandardError standardError, DidEnd didEnd) {
     std::vector<std::string> words{path.substr(path.rfind('/') + 1)};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> pointers;
@@ -62,7 +65,7 @@ Result<std::unique_ptr<ChildProcess>> ChildProcess::start(LinuxRunLoop& runLoop,
     for (std::string& word : words) pointers.push_back(word.data());
     pointers.push_back(nullptr);
 
-    const SpawnSettings settings{standardInput};
+    const SpawnSettings settings{standardInput, standardError};
     pid_t id = 0;
     const int error = ::posix_spawn(&id, path.c_str(), &settings.actions, &settings.attributes,
                                     pointers.data(), environ);

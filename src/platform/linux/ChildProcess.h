@@ -15,6 +15,8 @@
 
 namespace korvane {
 
+enum class StandardError { inherited, discarded };
+
 class ChildProcess {
   public:
     // What the kernel says of the end.
@@ -25,7 +27,7 @@ class ChildProcess {
     // within this; it may destroy the child.
     [[nodiscard]] static Result<std::unique_ptr<ChildProcess>> start(
         LinuxRunLoop& runLoop, const std::string& path, const std::vector<std::string>& arguments,
-        int standardInput, DidEnd didEnd);
+        int standardInput, StandardError standardError, DidEnd didEnd);
 
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;

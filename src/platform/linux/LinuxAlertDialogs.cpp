@@ -79,7 +79,10 @@ LinuxAlertDialogs::LinuxAlertDialogs(LinuxRunLoop& runLoop, Bundle& bundle, Syst
 
 // A dialog handed out may live longer, and must not reach the loop then.
 LinuxAlertDialogs::~LinuxAlertDialogs() {
-    for (const auto& notice : onScreen_) notice->process.reset();
+    for (const auto& notice : onScreen_) {
+        notice->process->signal(SIGTERM);
+        notice->process.reset();
+    }
 }
 
 std::unique_ptr<AlertDialog> LinuxAlertDialogs::show(const Alert& alert) {
@@ -97,8 +100,9 @@ std::unique_ptr<AlertDialog> LinuxAlertDialogs::show(const Alert& alert) {
 
     auto notice = std::make_shared<Notice>();
     notice->header = alert.header;
+    // What went wrong its exit status says, and one line in the log.
     Result<std::unique_ptr<ChildProcess>> process = ChildProcess::start(
-        runLoop_, program, {std::to_string(*user)}, input.get(),
+        runLoop_, program, {std::to_string(*user)}, input.get(), StandardError::discarded,
         [this, known = notice.get()](const siginfo_t& info) { ended(known, info); });
     if (!process) return refuse(process.error().message);
     notice->process = std::move(*process);

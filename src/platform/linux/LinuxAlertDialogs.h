@@ -16,7 +16,8 @@ namespace korvane {
 
 class LinuxAlertDialogs final : public AlertDialogs {
   public:
-    // The referred ones outlive this. Notices that are on the screen when this goes stay there.
+    // The referred ones outlive this. Notices that are on the screen go with it: the next daemon,
+    // which knows nothing of them, shows its own.
     LinuxAlertDialogs(LinuxRunLoop& runLoop, Bundle& bundle, SystemLog& systemLog);
     ~LinuxAlertDialogs() override;
     LinuxAlertDialogs(const LinuxAlertDialogs&) = delete;

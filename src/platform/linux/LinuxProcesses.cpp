@@ -173,7 +173,7 @@ std::unique_ptr<Task> LinuxProcesses::launch(const std::string& path,
                                              const std::vector<std::string>& arguments) {
     auto launched = std::make_shared<Launched>();
     Result<std::unique_ptr<ChildProcess>> process =
-        ChildProcess::start(loop_, path, arguments, -1,
+        ChildProcess::start(loop_, path, arguments, -1, StandardError::inherited,
                             [this, known = launched.get()](const siginfo_t&) { ended(known); });
     if (!process) return nullptr;
     launched->process = std::move(*process);
