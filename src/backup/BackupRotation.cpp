@@ -44,9 +44,12 @@ std::optional<std::size_t> rotationVictim(std::span<const BackupFile> oldestFirs
 
 void rotateBackups(FileSystem& fileSystem, const std::string& folder, std::int64_t filesToSave,
                    Time now) {
+    std::vector<std::string> names = fileSystem.list(folder).value_or(std::vector<std::string>{});
+    std::erase_if(names, [](const std::string& name) { return !isBackupName(name); });
+    // Then no date decides anything.
+    if (filesToSave <= 0 || std::cmp_less(names.size(), filesToSave)) return;
     std::vector<BackupFile> files;
-    for (std::string& name : fileSystem.list(folder).value_or(std::vector<std::string>{})) {
-        if (!isBackupName(name)) continue;
+    for (std::string& name : names) {
         // One that has just vanished takes no part.
         const auto attributes = fileSystem.attributes(fmt::format("{}/{}", folder, name));
         if (attributes) files.push_back({std::move(name), attributes->modificationDate});
