@@ -137,7 +137,7 @@ Outcome<HistoryItem> findHistoryItem(const std::vector<HistoryItem>& history,
         if (item.key == wanted) return item;
         if (item.name == wanted || std::to_string(item.node) == wanted) {
             found.push_back(&item);
-            keys += " " + shellWord(printable(item.key));
+            keys.append(1, ' ').append(shellWord(printable(item.key)));
         }
     }
     if (found.size() == 1) return *found.front();
