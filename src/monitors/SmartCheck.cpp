@@ -20,22 +20,6 @@ constexpr unsigned kHighestDiskNumber = 24;
 // The history log of this check.
 constexpr std::int16_t kSmartLog = 1;
 
-// The drives that go by this entry's names, in the registry's order. All passes of a check share
-// this one reading: the tree does not change while one runs.
-std::vector<CheckedDrive> drivesOfEntry(DeviceRegistry& registry, const ConstDriveEntry& entry) {
-    std::vector<CheckedDrive> found;
-    const auto services = registry.services(kDriveClass);
-    for (const ServiceId service : services.value_or(std::vector<ServiceId>{})) {
-        const std::optional<Dictionary> properties = registry.properties(service);
-        if (!properties || !isSmartCapable(*properties)) continue;
-        CheckedDrive drive = checkedDrive(registry, service);
-        if (drive.identity.model != entry.driveModel()) continue;
-        if (drive.identity.serial != entry.driveSerial()) continue;
-        found.push_back(std::move(drive));
-    }
-    return found;
-}
-
 }  // namespace
 
 void KorvaneProDaemon::smartCheck(std::size_t index) {
@@ -46,7 +30,8 @@ void KorvaneProDaemon::smartCheck(std::size_t index) {
 
     // One pass for each number that a disk can have. A drive is looked at in the pass of its own
     // number, and only then opened: no other drive is asked anything, and this one is asked once.
-    const std::vector<CheckedDrive> drives = drivesOfEntry(machine_.deviceRegistry, *entry);
+    const std::vector<CheckedDrive> drives =
+        checkedDrives(machine_.deviceRegistry, entry->driveModel(), entry->driveSerial());
     for (unsigned number = 0; number <= kHighestDiskNumber; ++number) {
         failing = false;
         const std::optional<std::string> path = machine_.deviceRegistry.diskPath(number);
@@ -66,17 +51,10 @@ void KorvaneProDaemon::smartCheck(std::size_t index) {
 }
 
 bool KorvaneProDaemon::readSmartStatus(const CheckedDrive& drive) {
-    const SmartOpening opened = machine_.deviceRegistry.openSmart(drive.service);
-    DriveStatus status = opened.status;
-    if (opened.smart) status = enable_smart(*opened.smart);
-    if (opened.smart && status == kDriveSuccess) status = checkSMART(*opened.smart);
-    if (opened.smart && status == kDriveSuccess) {
-        const SmartStatusAnswer answer = opened.smart->returnStatus();
-        status = answer.status;
-        failing = answer.isThresholdExceeded;
-    }
-    if (status == kDriveNotPermitted) tellLackOfRights();
-    return opened.smart && status == kDriveSuccess;
+    const SmartStatusAnswer answer = askSmartStatus(machine_.deviceRegistry, drive.service);
+    failing = answer.isThresholdExceeded;
+    if (answer.status == kDriveNotPermitted) tellLackOfRights();
+    return answer.status == kDriveSuccess;
 }
 
 void KorvaneProDaemon::warnOfFailingDrive(const CheckedDrive& drive) {

@@ -147,4 +147,19 @@ CheckedDrive checkedDrive(DeviceRegistry& registry, ServiceId service) {
     return drive;
 }
 
+std::vector<CheckedDrive> checkedDrives(DeviceRegistry& registry, std::string_view model,
+                                        std::string_view serial) {
+    std::vector<CheckedDrive> found;
+    const auto services = registry.services(kDriveClass);
+    for (const ServiceId service : services.value_or(std::vector<ServiceId>{})) {
+        const std::optional<Dictionary> properties = registry.properties(service);
+        if (!properties || !isSmartCapable(*properties)) continue;
+        CheckedDrive drive = checkedDrive(registry, service);
+        if (drive.identity.model == model && drive.identity.serial == serial) {
+            found.push_back(std::move(drive));
+        }
+    }
+    return found;
+}
+
 }  // namespace korvane

@@ -36,5 +36,10 @@ struct CheckedDrive {
     std::string path;        // of its medium's device file; empty when it has none
 };
 [[nodiscard]] CheckedDrive checkedDrive(DeviceRegistry& registry, ServiceId service);
+// The drives with SMART that the check calls so, in the registry's order. All passes of a check
+// share this one reading: the tree does not change while one runs.
+[[nodiscard]] std::vector<CheckedDrive> checkedDrives(DeviceRegistry& registry,
+                                                      std::string_view model,
+                                                      std::string_view serial);
 
 }  // namespace korvane

@@ -28,4 +28,12 @@ DriveStatus checkSMART(SmartInterface& smart) {
                : kSmartIsOff;
 }
 
+SmartStatusAnswer askSmartStatus(DeviceRegistry& registry, ServiceId drive) {
+    const SmartOpening opened = registry.openSmart(drive);
+    if (!opened.smart) return {.status = opened.status};
+    if (const DriveStatus status = enable_smart(*opened.smart)) return {.status = status};
+    if (const DriveStatus status = checkSMART(*opened.smart)) return {.status = status};
+    return opened.smart->returnStatus();
+}
+
 }  // namespace korvane

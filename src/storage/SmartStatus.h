@@ -1,7 +1,8 @@
-// Two small questions to a drive's SMART facility: switch it on, and is it on. Whoever asks opens
-// the facility and closes it again; nothing here logs.
+// Questions to a drive's SMART facility: switch it on, is it on, and all that a check asks. Nothing
+// here logs.
 #pragma once
 
+#include "platform/DeviceRegistry.h"
 #include "platform/SmartInterface.h"
 
 namespace korvane {
@@ -15,5 +16,9 @@ inline constexpr DriveStatus kSmartIsOff = -1;
 // Whether the drive's own description says that SMART is supported and on: 0, kSmartIsOff, or why
 // the description could not be had.
 [[nodiscard]] DriveStatus checkSMART(SmartInterface& smart);
+
+// Opens the drive's facility, switches it on, sees that it is, and asks whether the drive says of
+// itself that it is failing; the status of the first step that fails.
+[[nodiscard]] SmartStatusAnswer askSmartStatus(DeviceRegistry& registry, ServiceId drive);
 
 }  // namespace korvane

@@ -35,7 +35,8 @@ inline constexpr char kTrashDeletesPrefix[] = "Trash Deletes";
 [[nodiscard]] std::string volumeFolderName(std::string_view displayName);
 [[nodiscard]] std::string volumeFolder(std::string_view displayName);
 
-// The same of a drive: its model and serial number. A "/" or ".." in them is escaped.
+// The same of a drive: its model and serial number. A "/" or ".." in them is escaped; a name that
+// no folder can have is cut, and ends in a digest of the whole.
 [[nodiscard]] std::string driveFolderName(std::string_view model, std::string_view serial);
 [[nodiscard]] std::string driveFolder(std::string_view model, std::string_view serial);
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "scenarios/DaemonFiles.h"
+#include "scenarios/DriveMachines.h"
 #include "storage/SupportFolder.h"
 #include "support/Scenario.h"
 
@@ -27,30 +28,6 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
 
-// Adds a drive "disk1 drive" with the medium "disk1" below a device with these properties.
-void addDrive(MachineDescription& machine, const std::string& disk, const Dictionary& device,
-              const Dictionary& drive = {{"SMART Capable", true}}) {
-    machine.services.push_back({disk + " device", "IOService", "", device});
-    machine.services.push_back({disk + " drive", "IOBlockStorageDevice", disk + " device", drive});
-    machine.services.push_back(
-        {disk, "IOMedia", disk + " drive", Dictionary{{"BSD Name", disk}, {"Whole", true}}});
-}
-
-Dictionary named(const std::string& model, const std::string& serial) {
-    return {{"device model", model}, {"device serial", serial}};
-}
-
-MachineDescription oneDrive(const std::string& disk = "disk1") {
-    MachineDescription machine = Scenario::describe("empty");
-    addDrive(machine, disk, named("Castor 500", "CST1"));
-    return machine;
-}
-
-std::vector<std::string> resultsOf(const std::vector<Dictionary>& log) {
-    std::vector<std::string> results;
-    for (const Dictionary& entry : log) results.push_back(stringValue(entry.find("result")));
-    return results;
-}
 std::vector<std::string> castorResults(Scenario& s) {
     return resultsOf(s.smartLog("Castor 500", "CST1"));
 }
@@ -384,6 +361,8 @@ TEST(DriveEntries, AreProbedAtTheStartAndAtAMountAndNowhereElse) {
     EXPECT_TRUE(s.driveEntry("CST1").empty());
     s.unmount("/Volumes/New").run(std::chrono::milliseconds(100));
     EXPECT_FALSE(s.driveEntry("CST1").empty());
+    s.send("daemonPreferencesUpdatedNotification").run(std::chrono::milliseconds(100));
+    EXPECT_FALSE(s.driveEntry("CST1").empty()) << "nor does a reload ask the drive";
 }
 
 TEST(DriveEntries, AreNotWrittenWhileNothingChanges) {

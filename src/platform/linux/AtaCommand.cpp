@@ -31,6 +31,7 @@ constexpr std::uint8_t kInvalidOperation = 0x20;
 // ATA8-ACS, 6.2: bits of the status register.
 constexpr std::uint8_t kStatusError = 0x01;
 constexpr std::uint8_t kStatusDeviceFault = 0x20;
+constexpr std::uint8_t kStatusReady = 0x40;
 
 std::uint8_t formOf(std::span<const std::uint8_t> sense) {
     return sense.empty() ? 0 : static_cast<std::uint8_t>(sense[0] & 0x7eU);
@@ -125,6 +126,8 @@ std::optional<bool> isThresholdExceeded(const AtaRegisters& registers) {
 }
 
 bool isInStandby(const AtaRegisters& registers) {
+    // A bridge that makes registers up leaves them zero; a drive that takes commands says so.
+    if ((registers.status & kStatusReady) == 0) return false;
     // ACS-3 7.3.3, table 36: Standby_z, Standby_y, and NV cache power mode with the spindle down.
     return registers.count == 0x00 || registers.count == 0x01 || registers.count == 0x40;
 }

@@ -243,7 +243,15 @@ class DiskReader {
                                          isLocal ? location() : kExternal);
         setText(device, "Model", deviceAttribute("model"));
         setText(device, "Serial Number", deviceAttribute("serial"));
-        facts_.drive.set("SMART Capable", true);
+        if (isFirstNamespace()) facts_.drive.set("SMART Capable", true);
+    }
+
+    // Health is a controller's: its other namespaces would only warn of it again, by equal names.
+    [[nodiscard]] bool isFirstNamespace() const {
+        const std::string controller =
+            disk_.kernelName.substr(0, disk_.kernelName.find_last_of('n'));
+        const std::string first = controller + "n1";
+        return disk_.kernelName == first || !sysfs_.exists(parentFolder(disk_.path) + "/" + first);
     }
 
     void readMmc() {

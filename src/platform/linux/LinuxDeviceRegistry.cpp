@@ -64,7 +64,8 @@ void LinuxDeviceRegistry::listen(const std::string& udevControl) {
 
 int LinuxDeviceRegistry::onDeviceEvent(sd_event_source* /*source*/, int /*fd*/,
                                        std::uint32_t /*events*/, void* self) noexcept {
-    static_cast<LinuxDeviceRegistry*>(self)->takeEvents();
+    auto* const registry = static_cast<LinuxDeviceRegistry*>(self);
+    registry->loop_.callBack("device events", [registry] { registry->takeEvents(); });
     return 0;
 }
 

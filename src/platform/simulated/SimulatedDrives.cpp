@@ -40,6 +40,7 @@ class SimulatedSmartInterface final : public SmartInterface {
     }
     SmartStatusAnswer returnStatus() override {
         const DriveStatus status = drives_.command(drive_, "return status");
+        if (is(DriveCondition::leaving)) return {.status = kDriveGone};
         return {.status = is(DriveCondition::unanswering) ? kRefused : status,
                 .isThresholdExceeded = is(DriveCondition::failing)};
     }

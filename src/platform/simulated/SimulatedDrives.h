@@ -27,6 +27,7 @@ enum class DriveCondition {
     hanging,       // every command takes its time limit and fails
     notPermitted,  // the process has not the right
     vanishing,     // is gone when it is opened
+    leaving,       // goes while it is asked: it says what it is, and then nothing
 };
 
 class SimulatedDrives {

@@ -86,6 +86,23 @@ TEST_F(Drives, ThatLeaveNoLineAreNotChecked) {
     EXPECT_THAT(lineOf("CST1"), HasSubstr("not checked"));
 }
 
+// A check that never ended, of a daemon that was killed or a drive that never answers.
+TEST_F(Drives, WhoseCheckDoesNotEndAreSaidToBeStuckAndStillToFail) {
+    Dictionary preferences = stored();
+    for (PropertyList& drive : *preferences.find(kDriveArray)->array()) {
+        drive.dictionary()->set("smartStatus", "2");
+        drive.dictionary()->set("executionTimeSmart", secondsSince1970(now) - 7200);
+    }
+    store(preferences);
+    log("CST1", "passed", 130);
+    log("CST2", "failed", 130);
+    for (const char* command : {"drives", "status"}) {
+        EXPECT_EQ(run({command}), 0);
+        EXPECT_THAT(lineOf("CST1"), HasSubstr("stuck")) << command;
+        EXPECT_THAT(lineOf("CST2"), HasSubstr("FAILING")) << command;
+    }
+}
+
 TEST_F(Drives, AreDataToPrograms) {
     log("CST1", "failed");
     EXPECT_EQ(run({"drives", "--json"}), 0);

@@ -98,11 +98,12 @@ TEST(AtaRegisters, TellAFailedCommand) {
 
 TEST(AtaRegisters, TellAStandby) {
     for (const int resting : {0x00, 0x01, 0x40}) {
-        EXPECT_TRUE(isInStandby({.count = static_cast<std::uint8_t>(resting)}));
+        EXPECT_TRUE(isInStandby({.count = static_cast<std::uint8_t>(resting), .status = 0x50}));
     }
     for (const int awake : {0x41, 0x80, 0x81, 0x82, 0x83, 0xff}) {
-        EXPECT_FALSE(isInStandby({.count = static_cast<std::uint8_t>(awake)}));
+        EXPECT_FALSE(isInStandby({.count = static_cast<std::uint8_t>(awake), .status = 0x50}));
     }
+    EXPECT_FALSE(isInStandby({})) << "registers that a bridge has made up";
 }
 
 TEST(IdentifyData, OfZerosOrOnesIsNone) {

@@ -7,6 +7,7 @@
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -31,8 +32,18 @@ struct FakeDrive {
     int openError = 0;                      // errno
     std::map<int, int> controlErrors = {};  // errno by command; 0 stands for any
     bool timesOut = false;
-    std::uint8_t criticalWarning = 0;  // of an NVMe drive
-    std::vector<int> commands = {};    // ATA commands, or 0x100 and the feature of SMART ones
+    // How far a command comes: linux/scsi_host.h's and SAM's codes, and what stays untransferred.
+    unsigned short hostStatus = 0;
+    unsigned short driverStatus = 0;
+    unsigned char scsiStatus = 0;
+    int untransferred = 0;
+    std::uint8_t statusRegister = 0x50;
+    std::vector<std::uint8_t> sense = {};  // in place of what the drive would answer
+    int nvmeStatus = 0;                    // the drive's own: it refuses
+    std::uint8_t criticalWarning = 0;      // of an NVMe drive
+    std::vector<int> commands = {};        // ATA commands, or 0x100 and the feature of SMART ones
+    std::vector<unsigned> timeLimitsMilliseconds = {};
+    std::vector<nvme_admin_cmd> nvmeCommands = {};
 };
 
 class FakeDrives final : public DriveCommands {
@@ -68,7 +79,10 @@ class FakeDrives final : public DriveCommands {
 
     static int nvme(FakeDrive& drive, nvme_admin_cmd& command) {
         drive.commands.push_back(command.opcode);
+        drive.nvmeCommands.push_back(command);
+        drive.timeLimitsMilliseconds.push_back(command.timeout_ms);
         if (const int error = errorOf(drive, command.opcode)) return -error;
+        if (drive.nvmeStatus != 0) return drive.nvmeStatus;
         std::memset(reinterpret_cast<void*>(command.addr), 0, command.data_len);
         if (command.opcode == 0x02) {
             *reinterpret_cast<std::uint8_t*>(command.addr) = drive.criticalWarning;
@@ -80,7 +94,13 @@ class FakeDrives final : public DriveCommands {
         const std::uint8_t* block = header.cmdp;
         const int command = block[14] == 0xb0 ? 0x100 + block[4] : block[14];
         drive.commands.push_back(command);
+        drive.timeLimitsMilliseconds.push_back(header.timeout);
         if (const int error = errorOf(drive, command)) return -error;
+        header.host_status = drive.hostStatus;
+        header.driver_status = drive.driverStatus;
+        header.status = drive.scsiStatus;
+        header.resid = drive.untransferred;
+        if (drive.scsiStatus != 0) return 0;
         if (drive.timesOut) {
             header.host_status = 3;
             return 0;
@@ -94,7 +114,12 @@ class FakeDrives final : public DriveCommands {
             lbaMid = 0xf4;
             lbaHigh = 0x2c;
         }
-        if ((block[2] & 0x20) != 0) registers(drive, header, count, lbaMid, lbaHigh);
+        if (!drive.sense.empty()) {
+            header.status = 2;
+            header.sb_len_wr = static_cast<unsigned char>(drive.sense.size());
+            std::copy(drive.sense.begin(), drive.sense.end(), header.sbp);
+        } else if ((block[2] & 0x20) != 0)
+            registers(drive, header, count, lbaMid, lbaHigh);
         return 0;
     }
 
@@ -122,14 +147,15 @@ class FakeDrives final : public DriveCommands {
         header.status = 2;
         std::uint8_t* sense = header.sbp;
         if (drive.senseForm == SenseForm::descriptor) {
-            const std::uint8_t bytes[] = {0x72, 1,      0, 0x1d,    0, 0,     0, 14,
-                                          0x09, 12,     0, 0,       0, count, 0, 0,
-                                          0,    lbaMid, 0, lbaHigh, 0, 0x50};
+            const std::uint8_t bytes[] = {
+                0x72, 1, 0,     0x1d, 0, 0, 0,      14, 0x09,    12, 0,
+                0,    0, count, 0,    0, 0, lbaMid, 0,  lbaHigh, 0,  drive.statusRegister};
             std::memcpy(sense, bytes, sizeof bytes);
             header.sb_len_wr = sizeof bytes;
         } else {
-            const std::uint8_t bytes[] = {0x70, 0,      1,       0, 0x50, 0, count, 10, 0,
-                                          0,    lbaMid, lbaHigh, 0, 0x1d, 0, 0,     0,  0};
+            const std::uint8_t bytes[] = {
+                0x70, 0, 1, 0, drive.statusRegister, 0, count, 10, 0, 0, lbaMid, lbaHigh, 0, 0x1d,
+                0,    0, 0, 0};
             std::memcpy(sense, bytes, sizeof bytes);
             header.sb_len_wr = sizeof bytes;
         }

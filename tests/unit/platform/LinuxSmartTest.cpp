@@ -8,6 +8,8 @@
 namespace korvane {
 namespace {
 
+using testing::AllOf;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -105,6 +107,49 @@ TEST_F(AtaSmart, PassesOnWhateverFailsOnTheWay) {
     }
 }
 
+TEST_F(AtaSmart, GivesEveryCommandTenSeconds) {
+    (void)check();
+    EXPECT_THAT(drive().timeLimitsMilliseconds, AllOf(SizeIs(5), Each(10'000U)));
+}
+
+// However the layers below say that a command has not come to its end, nothing is taken for an
+// answer.
+TEST_F(AtaSmart, TakesNothingForAnAnswerThatIsNone) {
+    const struct {
+        const char* what;
+        FakeDrive drive;
+        int status;
+    } rows[] = {
+        {"no connection", {.hostStatus = 0x01}, ENODEV},
+        {"the adapter's time-out", {.hostStatus = 0x03}, ETIMEDOUT},
+        {"any other fault of the adapter", {.hostStatus = 0x07}, EIO},
+        {"the driver's time-out", {.driverStatus = 0x06}, ETIMEDOUT},
+        {"its time-out with a suggestion", {.driverStatus = 0x16}, ETIMEDOUT},
+        {"busy", {.scsiStatus = 0x08}, EIO},
+        {"reservation conflict", {.scsiStatus = 0x18}, EIO},
+        {"an error register", {.statusRegister = 0x51}, EIO},
+        {"a device fault", {.statusRegister = 0x70}, EIO},
+        {"sense cut short", {.sense = {0x72, 1, 0, 0x1d}}, EIO},
+        {"an unknown form", {.sense = std::vector<std::uint8_t>(22, 0x7f)}, EIO},
+        {"fixed sense of an unknown command",
+         {.sense = {0x70, 0, 5, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x20, 0, 0, 0, 0, 0}},
+         EOPNOTSUPP},
+    };
+    for (const auto& row : rows) {
+        FakeDrive awake;
+        drive() = awake;
+        const SmartOpening opened = open();
+        ASSERT_TRUE(opened.smart);
+        drive() = row.drive;
+        const SmartStatusAnswer answer = opened.smart->returnStatus();
+        EXPECT_EQ(answer.status, row.status) << row.what;
+        EXPECT_FALSE(answer.isThresholdExceeded) << row.what;
+    }
+    const SmartOpening opened = open();
+    drive() = {.untransferred = 1};
+    EXPECT_EQ(opened.smart->identify().status, EIO) << "a description that was cut short";
+}
+
 TEST_F(AtaSmart, TakesABridgeWithoutPowerModesForAwake) {
     drive().controlErrors[0xe5] = EIO;
     EXPECT_EQ(check().status, kDriveSuccess);
@@ -135,6 +180,33 @@ TEST(NvmeSmart, ReadsTheHealthLog) {
     EXPECT_FALSE(opened.smart->returnStatus().isThresholdExceeded);
     drive.criticalWarning = 4;
     EXPECT_TRUE(opened.smart->returnStatus().isThresholdExceeded);
+}
+
+TEST(NvmeSmart, AsksForTheControllersWholeHealthLog) {
+    FakeDrives drives;
+    FakeDrive& drive = drives.drives[kNvme];
+    const SmartOpening opened = openNvmeSmart(drives, kNvme);
+    (void)opened.smart->identify();
+    (void)opened.smart->returnStatus();
+    ASSERT_THAT(drive.nvmeCommands, SizeIs(2));
+    EXPECT_THAT(drive.timeLimitsMilliseconds, Each(10'000U));
+    EXPECT_EQ(drive.nvmeCommands[0].opcode, 0x06);
+    EXPECT_EQ(drive.nvmeCommands[0].cdw10, 1U) << "of the controller";
+    EXPECT_EQ(drive.nvmeCommands[0].data_len, 4096U);
+    EXPECT_EQ(drive.nvmeCommands[1].opcode, 0x02);
+    EXPECT_EQ(drive.nvmeCommands[1].nsid, 0xffffffffU) << "of all namespaces";
+    // 128 double words, less one, of page 02h.
+    EXPECT_EQ(drive.nvmeCommands[1].cdw10, 0x007f0002U);
+    EXPECT_EQ(drive.nvmeCommands[1].data_len, 512U);
+}
+
+TEST(NvmeSmart, TakesARefusalForNoAnswer) {
+    FakeDrives drives;
+    drives.drives[kNvme] = {.nvmeStatus = 0x4002, .criticalWarning = 4};
+    const SmartOpening opened = openNvmeSmart(drives, kNvme);
+    EXPECT_EQ(opened.smart->identify().status, EIO);
+    EXPECT_EQ(opened.smart->returnStatus().status, EIO);
+    EXPECT_FALSE(opened.smart->returnStatus().isThresholdExceeded);
 }
 
 TEST(NvmeSmart, PassesErrorsOn) {

@@ -65,5 +65,22 @@ TEST(SupportFolder, IsNeverLeftByADrivesNames) {
     }
 }
 
+TEST(SupportFolder, HasRoomForADriveWhateverTheLengthOfItsNames) {
+    const std::string model(253, 'm');
+    EXPECT_EQ(driveFolderName(std::string(100, 'm'), std::string(152, 's')).size(), 255U);
+    const std::string name = driveFolderName(model, "1");
+    EXPECT_LE(name.size(), 255U);
+    EXPECT_EQ(driveFolderName(model, "1"), name);
+    EXPECT_NE(driveFolderName(model, "2"), name);
+    // Names are cut between characters.
+    for (int shift = 0; shift < 4; ++shift) {
+        std::string text(static_cast<std::size_t>(shift), 'a');
+        while (text.size() < 300) text += "\xe2\x82\xac";
+        const std::string cut = driveFolderName(text, "1");
+        EXPECT_EQ(cut.find("\xe2\x82 "), std::string::npos);
+        EXPECT_EQ(cut.find("\xe2 "), std::string::npos);
+    }
+}
+
 }  // namespace
 }  // namespace korvane
