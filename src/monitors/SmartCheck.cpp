@@ -20,6 +20,15 @@ constexpr unsigned kHighestDiskNumber = 24;
 // The history log of this check.
 constexpr std::int16_t kSmartLog = 1;
 
+// The path of each number, empty where no disk has it.
+std::vector<std::string> numberedPaths(DeviceRegistry& registry) {
+    std::vector<std::string> paths;
+    for (unsigned number = 0; number <= kHighestDiskNumber; ++number) {
+        paths.push_back(registry.diskPath(number).value_or(""));
+    }
+    return paths;
+}
+
 }  // namespace
 
 void KorvaneProDaemon::smartCheck(std::size_t index) {
@@ -30,13 +39,13 @@ void KorvaneProDaemon::smartCheck(std::size_t index) {
 
     // One pass for each number that a disk can have. A drive is looked at in the pass of its own
     // number, and only then opened: no other drive is asked anything, and this one is asked once.
+    const std::vector<std::string> paths = numberedPaths(machine_.deviceRegistry);
     const std::vector<CheckedDrive> drives =
-        checkedDrives(machine_.deviceRegistry, entry->driveModel(), entry->driveSerial());
+        checkedDrives(machine_.deviceRegistry, entry->driveModel(), entry->driveSerial(), paths);
     for (unsigned number = 0; number <= kHighestDiskNumber; ++number) {
         failing = false;
-        const std::optional<std::string> path = machine_.deviceRegistry.diskPath(number);
         for (const CheckedDrive& drive : drives) {
-            if (drive.path != path || !readSmartStatus(drive)) continue;
+            if (drive.path != paths[number] || !readSmartStatus(drive)) continue;
             if (failing) warnOfFailingDrive(drive);
             updateLog(kSmartLog, smartLogEntry(drive, machine_.clock.now(), failing), index);
             break;

@@ -1,5 +1,6 @@
 #include "storage/DriveNaming.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 
@@ -9,6 +10,7 @@ namespace korvane {
 
 namespace {
 
+constexpr char kSmartCapable[] = "SMART Capable";
 constexpr const char* kModelKeys[] = {
     "device model", "USB Product Name",      "FireWire Product Name", "Product Name",
     "Model",        "Vendor Identification", "Vendor Name",           "model"};
@@ -87,10 +89,31 @@ std::string devicePathBelow(DeviceRegistry& registry, ServiceId service) {
     return {};
 }
 
+CheckedDrive checkedDriveAt(DeviceRegistry& registry, ServiceId service, std::string path) {
+    CheckedDrive drive{
+        .service = service, .identity = {}, .connection = {}, .path = std::move(path)};
+    for (std::optional<ServiceId> each = service; each; each = registry.parent(*each)) {
+        const std::optional<Dictionary> properties = registry.properties(*each);
+        if (!properties) continue;
+        if (!drive.identity.model) {
+            if (const std::string* model = firstTextUnder(*properties, kModelKeys)) {
+                drive.identity.model = trimmed(*model, kWhiteSpace);
+            }
+        }
+        if (!drive.identity.serial) drive.identity.serial = serialOf(*properties);
+        if (drive.connection.empty()) {
+            const std::string* connection = connectionOf(*properties);
+            if (connection) drive.connection = *connection;
+        }
+    }
+    if (drive.connection.empty()) drive.connection = kUnknownConnection;
+    return drive;
+}
+
 }  // namespace
 
 bool isSmartCapable(const Dictionary& driveProperties) {
-    const PropertyList* capable = driveProperties.find("SMART Capable");
+    const PropertyList* capable = driveProperties.find(kSmartCapable);
     return capable && booleanValue(capable);
 }
 
@@ -127,34 +150,23 @@ std::optional<DriveIdentity> inventoryIdentity(DeviceRegistry& registry, Service
 }
 
 CheckedDrive checkedDrive(DeviceRegistry& registry, ServiceId service) {
-    CheckedDrive drive{.service = service, .identity = {}, .connection = {}, .path = {}};
-    for (std::optional<ServiceId> each = service; each; each = registry.parent(*each)) {
-        const std::optional<Dictionary> properties = registry.properties(*each);
-        if (!properties) continue;
-        if (!drive.identity.model) {
-            if (const std::string* model = firstTextUnder(*properties, kModelKeys)) {
-                drive.identity.model = trimmed(*model, kWhiteSpace);
-            }
-        }
-        if (!drive.identity.serial) drive.identity.serial = serialOf(*properties);
-        if (drive.connection.empty()) {
-            const std::string* connection = connectionOf(*properties);
-            if (connection) drive.connection = *connection;
-        }
-    }
-    if (drive.connection.empty()) drive.connection = kUnknownConnection;
-    drive.path = devicePathBelow(registry, service);
-    return drive;
+    return checkedDriveAt(registry, service, devicePathBelow(registry, service));
 }
 
 std::vector<CheckedDrive> checkedDrives(DeviceRegistry& registry, std::string_view model,
-                                        std::string_view serial) {
+                                        std::string_view serial,
+                                        std::span<const std::string> paths) {
     std::vector<CheckedDrive> found;
+    std::size_t pathsSeen = 0;
     const auto services = registry.services(kDriveClass);
     for (const ServiceId service : services.value_or(std::vector<ServiceId>{})) {
-        const std::optional<Dictionary> properties = registry.properties(service);
-        if (!properties || !isSmartCapable(*properties)) continue;
-        CheckedDrive drive = checkedDrive(registry, service);
+        if (pathsSeen == paths.size()) break;
+        std::string path = devicePathBelow(registry, service);
+        if (path.empty() || std::find(paths.begin(), paths.end(), path) == paths.end()) continue;
+        ++pathsSeen;
+        const auto capable = registry.property(service, kSmartCapable);
+        if (!capable || !booleanValue(&*capable)) continue;
+        CheckedDrive drive = checkedDriveAt(registry, service, std::move(path));
         if (drive.identity.model == model && drive.identity.serial == serial) {
             found.push_back(std::move(drive));
         }

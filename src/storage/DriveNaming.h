@@ -4,6 +4,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,10 +37,12 @@ struct CheckedDrive {
     std::string path;        // of its medium's device file; empty when it has none
 };
 [[nodiscard]] CheckedDrive checkedDrive(DeviceRegistry& registry, ServiceId service);
-// The drives with SMART that the check calls so, in the registry's order. All passes of a check
-// share this one reading: the tree does not change while one runs.
+// The drives with SMART at these paths that the check calls so, in the registry's order. All passes
+// of a check share this one reading: the tree does not change while one runs. What lies behind the
+// last of the paths is not looked at, so that many drives cost no more than a few.
 [[nodiscard]] std::vector<CheckedDrive> checkedDrives(DeviceRegistry& registry,
                                                       std::string_view model,
-                                                      std::string_view serial);
+                                                      std::string_view serial,
+                                                      std::span<const std::string> paths);
 
 }  // namespace korvane
