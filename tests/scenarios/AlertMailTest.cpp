@@ -21,6 +21,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
+using testing::UnorderedElementsAre;
 
 constexpr char kData[] = "/Volumes/Data";
 constexpr char kTestMail[] = "daemonTestSendingEmailNotification";
@@ -172,7 +173,7 @@ TEST(AlertMail, AServerThatFallsSilentIsOvercomeWhenItHangsUp) {
     EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(testing::Ge(3U)));
 }
 
-TEST(AlertMail, ACheckThatCannotMailGoesOnWithItsWork) {
+TEST(TestMail, TheWordIsAnsweredYesThoughAnotherMailHoldsOn) {
     Scenario s("one-volume");
     putMailSettings(s);
     s.run(seconds(30));
@@ -183,6 +184,35 @@ TEST(AlertMail, ACheckThatCannotMailGoesOnWithItsWork) {
     EXPECT_THAT(s.log(), Contains("QLSMTPAquireLockTimeoutException: SMTP controller failed to "
                                   "aquire lock!"));
     EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::busy));
+}
+
+TEST(AlertMail, ACheckWhoseMailFindsAnotherOnItsWayGoesOnWithItsWork) {
+    MachineDescription machine = Scenario::describe("one-volume");
+    machine.services.push_back({"drive device", "IOService", "",
+                                Dictionary{{"device model", "Castor"}, {"device serial", "C1"}}});
+    machine.services.push_back(
+        {"drive", "IOBlockStorageDevice", "drive device", Dictionary{{"SMART Capable", true}}});
+    machine.services.push_back(
+        {"sdz", "IOMedia", "drive", Dictionary{{"BSD Name", "sdz"}, {"Whole", true}}});
+    Scenario s(machine);
+    s.run(seconds(1)).editPreferences([](Dictionary& settings) {
+        settings.set("emailServer", "mail.example.org");
+        settings.set("emailPort", "25");
+        settings.set("emailAddress", "ada@example.org");
+    });
+    s.send("daemonPreferencesUpdatedNotification").age("drive", DriveCondition::failing);
+    script(s).setReachability(SimulatedMailServer::Reachability::noAnswer);
+    // Both are due at the same tick: the mail of one holds on, and the other's waits in vain.
+    runningLow(s).run(minutes(3));
+    EXPECT_THAT(s.log(), Contains("QLSMTPAquireLockTimeoutException: SMTP controller failed to "
+                                  "aquire lock!"));
+    EXPECT_THAT(outcomes(s), Contains(MailOutcome::busy));
+    EXPECT_THAT(s.smartLog("Castor", "C1"), SizeIs(1));
+    EXPECT_EQ(stringValue(s.driveEntry("C1").find("smartStatus")), "3");
+    EXPECT_GT(doubleValue(s.driveEntry("C1").find("executionTimeSmart")), s.secondsNow());
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("failed"));
+    EXPECT_EQ(usageStatusIn(s, kData), "4");
+    EXPECT_GT(executionTimeUsageIn(s, kData), s.secondsNow());
 }
 
 // ---- The test mail ------------------------------------------------------------------------------
@@ -204,6 +234,23 @@ TEST(TestMail, ShowsConnectingThenSentAndNoDialogsAfterThat) {
     runningLow(s).run(minutes(6));
     EXPECT_THAT(server(s).messages(), SizeIs(2));
     EXPECT_THAT(s.dialogs(), SizeIs(3));  // the warning about the volume alone
+}
+
+TEST(TestMail, ItsDialogsAndTheWarningsOfChecksLeaveEachOtherOnTheScreen) {
+    Scenario s("one-volume");
+    putMailSettings(s, {{"volumeUsageEmail", false}});
+    runningLow(s).run(seconds(30));
+    EXPECT_THAT(s.dialogsOnScreen(), ElementsAre(HasSubstr("free space")));
+    s.send(kTestMail).run(seconds(1));
+    EXPECT_THAT(s.dialogsOnScreen(), UnorderedElementsAre(HasSubstr("free space"), kSent));
+    s.setSpace(kData, 1'000'000'000, 500'000'000).run(minutes(6));
+    s.send(kTestMail).run(seconds(1));
+    s.editVolumeEntry(kData, [](Dictionary& entry) { entry.set("executionTimeUsage", 1.0); });
+    runningLow(s).send("daemonPreferencesUpdatedNotification");
+    s.run(std::chrono::milliseconds(3500));  // past the tick, within the dialog's 5 seconds
+    // The first warning gave way to the second, and the mail's dialog to nobody.
+    EXPECT_THAT(s.dialogsOnScreen(), UnorderedElementsAre(HasSubstr("free space"), kSent));
+    EXPECT_THAT(s.dialogs(), SizeIs(6));
 }
 
 TEST(TestMail, ItsDialogsHaveTheseParts) {

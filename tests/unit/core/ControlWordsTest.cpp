@@ -16,6 +16,7 @@ TEST(ControlWords, EveryWordOfTheVocabularyHasItsAction) {
         {"daemonStopYourEngines", ControlAction::reload},
         {"QLDaemonIgnoreMountedOstrand", ControlAction::ignoreMountedOstrand},
         {"QLDaemonUnmountMountedDrive", ControlAction::unmountMountedOstrand},
+        {"daemonTestSendingEmailNotification", ControlAction::testMail},
         {"daemonPreferencesUpdatedNotification", ControlAction::reload},
         {"directoryBackupStopNotification", ControlAction::stopDirectoryBackup},
         {"disableDirectoryBackupNotification", ControlAction::disableDirectoryBackup},
