@@ -95,6 +95,37 @@ class Control(unittest.TestCase):
         self.assertIn("Access denied", bus.call(*request, user=NOBODY).stderr)
         self.assertEqual(bus.call(*request).stdout, "u 1\n")
 
+    def test_the_packaged_policy_lets_root_alone_hear_how_a_mail_ended(self):
+        bus = self.system_bus()
+        self.start(bus_address=bus.address)
+        heard = {}
+        for user in (0, NOBODY):
+            listener = subprocess.Popen(
+                ["stdbuf", "-oL", "dbus-monitor", "--address", bus.address, "type='signal'"],
+                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, user=user)
+            self.addCleanup(listener.stdout.close)
+            self.addCleanup(listener.wait)
+            self.addCleanup(listener.kill)
+            heard[user] = listener.stdout
+            self.read_up_to("member=NameAcquired", heard[user])  # it listens
+        # Without a server the mail's session ends at once.
+        self.assertEqual(bus.send("daemonTestSendingEmailNotification").stdout, "b true\n")
+        self.read_up_to("member=mailSessionEnded", heard[0])
+        # What comes later is for everybody.
+        subprocess.run(["busctl", f"--address={bus.address}", "emit", "/", "org.example.Later",
+                        "Now"], check=True)
+        self.assertNotIn("mailSessionEnded", self.read_up_to("org.example.Later", heard[NOBODY]))
+
+    @staticmethod
+    def read_up_to(words, stream):
+        lines = []
+        while not lines or words not in lines[-1]:
+            line = stream.readline()
+            if not line:
+                raise EOFError(f"{words} never came")
+            lines.append(line)
+        return "".join(lines)
+
     def test_a_users_own_daemon_is_steered_on_the_session_bus_by_that_user_and_root(self):
         bus = self.start_bus()
         os.makedirs(process.SUPPORT)
