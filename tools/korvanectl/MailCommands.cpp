@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -115,7 +116,17 @@ Result<PropertyList> ruled(std::string_view key, const std::string& answer) {
     return rule ? typedValue(*rule, words) : Result<PropertyList>{PropertyList{answer}};
 }
 
+// A line of a login takes 64 characters of Base64: what is longer is stored, and so sent, as two
+// lines, which no server takes for one.
+constexpr std::size_t kLongestCredential = 48;
+
 Result<PropertyList> encoded(const std::string& what, const std::string& text) {
+    if (text.size() > kLongestCredential) {
+        return Error{
+            fmt::format("the {} may not be longer than {} characters: no server would "
+                        "take it in its stored form",
+                        what, kLongestCredential)};
+    }
     const std::optional<std::string> stored =
         QLBase64StringTransformer::reverseTransformedValue(text);
     if (!stored) return Error{fmt::format("the {} may hold ASCII characters only", what)};

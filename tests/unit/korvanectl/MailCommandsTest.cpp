@@ -37,6 +37,19 @@ TEST_F(MailCommands, StoresTheAnswersInTheFormInWhichTheDaemonReadsThem) {
     EXPECT_EQ(daemon.words, std::vector<std::string>{kReloadWord});
 }
 
+TEST_F(MailCommands, RefusesACredentialThatNoServerCouldTake) {
+    const std::string longest(48, 'x');
+    answers = {"mail.example.org", "465", longest, longest, "a@x.org", "yes"};
+    EXPECT_EQ(run({"mail", "set"}), 0) << err;
+    answers = {"mail.example.org", "465", "grace", longest + "x", "a@x.org", "yes"};
+    EXPECT_NE(run({"mail", "set"}), 0);
+    EXPECT_THAT(err, HasSubstr("the password may not be longer than 48 characters"));
+    EXPECT_THAT(err, Not(HasSubstr(longest)));
+    answers = {"mail.example.org", "465", longest + "x", "secret", "a@x.org", "yes"};
+    EXPECT_NE(run({"mail", "set"}), 0);
+    EXPECT_THAT(err, HasSubstr("the user name may not be longer"));
+}
+
 TEST_F(MailCommands, HidesThePasswordAloneWhileItIsTyped) {
     answers = {"mail.example.org", "", "grace", "secret", "a@x.org", ""};
     EXPECT_EQ(run({"mail", "set"}), 0) << err;
