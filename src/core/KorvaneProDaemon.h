@@ -157,8 +157,8 @@ class KorvaneProDaemon final : public ControlTarget {
     void writePreferences();
     // Writes the loaded dictionary, with the arrays, to a file of its own or to another one.
     Result<std::monostate> writePreferencesTo(const std::string& path, Durability durability);
-    // Writes and asks for a tick in a second. False, having quit instead, when the support folder is
-    // no longer a folder: then nothing more is done.
+    // Writes and asks for a tick in a second. False, having quit instead, when the support folder
+    // is no longer a folder: then nothing more is done.
     bool savePreferences();
     // Reloads everything and re-arms; quits as savePreferences() does.
     void preferencesUpdated();
@@ -219,7 +219,7 @@ class KorvaneProDaemon final : public ControlTarget {
 
     // ---- core/: mail hooks (MailHooks.cpp) ------------------------------------------------------
 
-    void createSmtpController();
+    [[nodiscard]] std::unique_ptr<QLSMTPController> newSmtpController();
     // A client whose server has hung up stays busy for ever: another one takes its place.
     void replaceAbandonedSmtpController();
     // An e-mail send is under way, and its server is still there.

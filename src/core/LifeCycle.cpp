@@ -61,7 +61,7 @@ void KorvaneProDaemon::awakeFromNib() {
     startupInProgress = true;
     const seconds delay = startUpDelay(microseconds(machine_.clock.microsecondsSinceBoot()));
     clockTimer = machine_.runLoop.startTimer(delay, Repeat::once, [this] { doStartup(); });
-    if (!smtpController) createSmtpController();
+    if (!smtpController) smtpController = newSmtpController();
     machine_.systemLog.write(
         LogLevel::info,
         formatText("Started on system version %@: protection begins in %ld seconds.",

@@ -22,17 +22,17 @@ std::string onOneLine(std::string text) {
 
 }  // namespace
 
-void KorvaneProDaemon::createSmtpController() {
-    smtpController = std::make_unique<QLSMTPController>(
+std::unique_ptr<QLSMTPController> KorvaneProDaemon::newSmtpController() {
+    return std::make_unique<QLSMTPController>(
         machine_, notificationCenter,
         [this](const MailSessionEnd& end) { tellMailSessionEnd(end); });
 }
 
 void KorvaneProDaemon::replaceAbandonedSmtpController() {
     if (!smtpController->peerHasGone()) return;
-    const std::unique_ptr<QLSMTPController> abandoned = std::move(smtpController);
-    createSmtpController();
-    notificationCenter.moveSender(this, abandoned.get(), smtpController.get());
+    std::unique_ptr<QLSMTPController> fresh = newSmtpController();
+    notificationCenter.moveSender(this, smtpController.get(), fresh.get());
+    smtpController = std::move(fresh);
 }
 
 bool KorvaneProDaemon::emailSendIsBusy() const {
@@ -45,8 +45,8 @@ void KorvaneProDaemon::mailWarning(const std::string& message, const std::string
 }
 
 void KorvaneProDaemon::sendAlertMail(const std::string& message, const std::string& sender) {
-    replaceAbandonedSmtpController();
     try {
+        replaceAbandonedSmtpController();
         smtpController->sendSMTPAlertMessage(
             message, sender, preferenceDictionary ? &*preferenceDictionary : nullptr);
     } catch (const QLSMTPAquireLockTimeoutException& failure) {
@@ -54,6 +54,12 @@ void KorvaneProDaemon::sendAlertMail(const std::string& message, const std::stri
                                                              {std::string_view(failure.what())}));
         tellMailSessionEnd(
             {.sender = sender, .outcome = MailOutcome::busy, .step = 0, .text = failure.what()});
+    } catch (const std::exception& failure) {
+        // Whoever sends has more to do than to mail.
+        machine_.systemLog.write(LogLevel::error,
+                                 formatText("no mail: %@", {std::string_view(failure.what())}));
+        tellMailSessionEnd(
+            {.sender = sender, .outcome = MailOutcome::failed, .step = 0, .text = failure.what()});
     }
 }
 
@@ -66,6 +72,13 @@ void KorvaneProDaemon::daemonTestSendingEmailNotification() {
     replaceAbandonedSmtpController();
     registerForSMTPNotifications();
     sendAlertMail(localized("emailFailureTestMessage"), "");
+    // Nothing was begun then, and so nothing will end.
+    if (!preferenceDictionary) {
+        tellMailSessionEnd({.sender = "",
+                            .outcome = MailOutcome::failed,
+                            .step = 0,
+                            .text = "the settings could not be read"});
+    }
 }
 
 void KorvaneProDaemon::registerForSMTPNotifications() {

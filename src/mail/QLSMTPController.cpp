@@ -98,6 +98,7 @@ void QLSMTPController::sendSMTPAlertMessage(const std::string& message, const st
 void QLSMTPController::openConnectionToHost(const Dictionary& configuration) {
     if (!smtpLock_->take(kLockLimit)) throw QLSMTPAquireLockTimeoutException(configuration);
     isEndTold_ = false;
+    sessionSender_ = emailSendingFunction_;
     isAccepted_ = false;
     smtpStepCounter_ = kStepNone;
     endStep_ = kStepNone;
@@ -244,7 +245,7 @@ void QLSMTPController::closeStreams() {
 // Once a session, with what was known first.
 void QLSMTPController::tellEnd(MailOutcome outcome, std::string text) {
     if (std::exchange(isEndTold_, true) || !sessionDidEnd_) return;
-    sessionDidEnd_({.sender = emailSendingFunction_,
+    sessionDidEnd_({.sender = sessionSender_,
                     .outcome = isAccepted_ ? MailOutcome::sent : outcome,
                     .step = outcome == MailOutcome::refused ? endStep_ : smtpStepCounter_,
                     .text = std::move(text)});

@@ -116,8 +116,8 @@ class QLSMTPController {
     void internalStateConsistencyValidation(int expectedStep);
 
     enum class Confidentiality { open, credential };
-    // Appends the line's end and hands it over whole. False when that failed, which has ended the
-    // session.
+    // Appends the line's end and hands it over whole; gives up silently where the connection is not
+    // open any more. False when it failed, which has ended the session.
     [[nodiscard]] bool sendString(std::string_view text,
                                   Confidentiality confidentiality = Confidentiality::open);
     // The login name if that is an address, else the first recipient; nothing without recipients.
@@ -147,7 +147,8 @@ class QLSMTPController {
     bool peerHasGone_ = false;
     bool isAccepted_ = false;  // the server has taken the message
     bool isEndTold_ = true;
-    int endStep_ = 0;  // where a refusal came
+    std::string sessionSender_;  // a send that never gets the lock has a word of its own
+    int endStep_ = 0;            // where a refusal came
     std::string smtpResponse_;
     std::optional<MailError> smtpError_;
     std::unique_ptr<HandoverLock> smtpLock_;

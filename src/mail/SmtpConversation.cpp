@@ -213,7 +213,7 @@ bool QLSMTPController::sendString(std::string_view text, Confidentiality confide
     // Closed meanwhile: given up silently.
     if (!stream_) return false;
     const StreamWrite outcome = stream_->write(line, kWriteLimit);
-    if (outcome == StreamWrite::written) return true;
+    if (outcome == StreamWrite::written || outcome == StreamWrite::notOpen) return true;
     if (outcome != StreamWrite::timedOut) {
         const std::string failure = formatText("Error writing to outStream while sending: \"%@\"",
                                                {std::string_view(text)});

@@ -28,7 +28,8 @@ enum class StreamWrite {
     written,   // some of them at least: what was left out is not sent later
     timedOut,  // the limit passed before the connection took any
     failed,
-    full  // the connection takes nothing any more
+    full,    // the connection takes nothing any more
+    notOpen  // nothing was tried: the connection has ended or failed, which is told otherwise
 };
 
 class SocketStream {
@@ -42,7 +43,7 @@ class SocketStream {
     // TLS from the first byte on when asked for before open(); afterwards the open connection is
     // upgraded, by the next read or write, which waits for the handshake without a limit. The
     // server may show any certificate: expired, self-signed, for another name. `peerName` only says
-    // which server is meant, for those that serve several.
+    // which server is meant, for those that serve several. Asked for again, nothing changes.
     virtual void useTls(const std::string& peerName) = 0;
 
     // Begins to connect. Once. An error while it connects is told of the input side.

@@ -142,6 +142,30 @@ TEST(AlertMail, NothingIsBegunWhileAMailIsOnItsWay) {
     EXPECT_THAT(s.pendingDelays(), testing::Not(IsEmpty()));  // ticks go on
 }
 
+TEST(AlertMail, NoInventoryIsTakenWhileAMailIsOnItsWay) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    s.run(seconds(30));
+    script(s).setReachability(SimulatedMailServer::Reachability::noAnswer);
+    s.send(kTestMail).run(seconds(1));
+    s.mount("/Volumes/New");
+    s.machine().volumes.forgetChanges();  // nobody is told, so that only a tick would find it
+    s.run(minutes(10));
+    EXPECT_THAT(s.supportFiles(), testing::Not(Contains("New/")));
+    script(s).reportError(StreamSide::input, "Connection timed out");
+    s.run(minutes(10));
+    EXPECT_THAT(s.supportFiles(), Contains("New/"));
+}
+
+TEST(AlertMail, NobodyToMailToMeansNoMail) {
+    Scenario s("one-volume");
+    putMailSettings(s, {{"emailAddress", ""}});
+    runningLow(s).run(minutes(1));
+    EXPECT_EQ(server(s).connections(), 0U);
+    EXPECT_THAT(s.log(), testing::Each(testing::Not(HasSubstr("cancelConnection"))));
+    EXPECT_EQ(usageStatusIn(s, kData), "4");
+}
+
 TEST(AlertMail, ADroppedConnectionSilencesNeitherTheChecksNorTheNextMail) {
     for (const char* const command : {"EHLO", "NOOP", "MAIL", "RCPT", "DATA", "message"}) {
         Scenario s("one-volume");
@@ -323,6 +347,7 @@ TEST(TestMail, IsSentWithoutSettingsLikeAnyOther) {
     s.run(seconds(30)).send(kTestMail).run(seconds(1));
     EXPECT_EQ(server(s).connections(), 0U);
     EXPECT_EQ(s.answer(), Scenario::Answer::yes);
+    EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::failed));
 }
 
 }  // namespace

@@ -69,6 +69,29 @@ TEST(SmartCheck, WarnsOfAFailingDriveAndStillSetsItsStatusToPassed) {
                                                HasSubstr("/dev/disk1"))));
 }
 
+TEST(SmartCheck, GoesOnWithItsWorkWhereAnotherMailHoldsItsOwnUp) {
+    Scenario s(oneDrive());
+    s.run(seconds(30)).editPreferences([](Dictionary& settings) {
+        settings.set("emailServer", "mail.example.org");
+        settings.set("emailPort", "25");
+        settings.set("emailAddress", "ada@example.org");
+    });
+    s.send("daemonPreferencesUpdatedNotification").run(seconds(5));
+    const double due = dueOf(s);
+    const std::size_t runs = castorResults(s).size();
+    s.age("disk1 drive", DriveCondition::failing);
+    s.machine().mailServer.setReachability(SimulatedMailServer::Reachability::noAnswer);
+    // A tick has started the check, by a timer of 0 seconds, when a word begins another mail.
+    while (s.pendingDelays().front() > 0 && s.machine().runLoop.runOnce()) {
+    }
+    s.send("daemonTestSendingEmailNotification").run(minutes(5));
+    ASSERT_EQ(castorResults(s).size(), runs + 1);
+    EXPECT_EQ(castorResults(s).back(), "failed");
+    EXPECT_EQ(statusOf(s), "3");
+    EXPECT_GT(dueOf(s), due);
+    EXPECT_THAT(s.log(), Contains(HasSubstr("QLSMTPAquireLockTimeoutException")));
+}
+
 TEST(SmartCheck, MailsAboutAFailingDriveOnEveryRun) {
     Scenario s(oneDrive());
     s.run(seconds(1)).editPreferences([](Dictionary& settings) {

@@ -30,9 +30,10 @@ using EventSource = std::unique_ptr<sd_event_source, EventSourceCloser>;
 
 // A lower number is dispatched first when several sources are ready in one pass.
 enum EventPriority : std::int64_t {
-    kPriorityTerminate = SD_EVENT_PRIORITY_IMPORTANT,    // nothing is called back once it is asked
-    kPrioritySignals = SD_EVENT_PRIORITY_IMPORTANT + 1,  // a stop is not kept waiting by a burst
-    kPriorityNormal = SD_EVENT_PRIORITY_NORMAL           // the rest, in the order of its coming
+    kPriorityTerminate = SD_EVENT_PRIORITY_IMPORTANT,     // nothing is called back once it is asked
+    kPrioritySignals = SD_EVENT_PRIORITY_IMPORTANT + 1,   // a stop is not kept waiting by a burst
+    kPriorityFailures = SD_EVENT_PRIORITY_IMPORTANT + 2,  // a failed connection lets go first
+    kPriorityNormal = SD_EVENT_PRIORITY_NORMAL            // the rest, in the order of its coming
 };
 
 class LinuxRunLoop final : public RunLoop {

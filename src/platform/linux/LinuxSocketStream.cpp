@@ -62,8 +62,10 @@ LinuxSocketStream::LinuxSocketStream(LinuxRunLoop& loop, LinuxSocketStreams& str
 void LinuxSocketStream::open(Handler handler) {
     handler_ = std::move(handler);
     state_ = State::connecting;
-    lookup_ = std::make_unique<HostLookup>(loop_, host_, port_,
-                                           [this](const HostAddresses& found) { lookedUp(found); });
+    attempt([this] {
+        lookup_ = std::make_unique<HostLookup>(
+            loop_, host_, port_, [this](const HostAddresses& found) { lookedUp(found); });
+    });
 }
 
 void LinuxSocketStream::lookedUp(const HostAddresses& found) {
@@ -72,9 +74,12 @@ void LinuxSocketStream::lookedUp(const HostAddresses& found) {
         fail(found.error);
         return;
     }
-    race_ = std::make_unique<ConnectionRace>(
-        loop_, found.addresses,
-        [this](UniqueFd socket, const std::string& error) { connected(std::move(socket), error); });
+    attempt([this, &found] {
+        race_ = std::make_unique<ConnectionRace>(loop_, found.addresses,
+                                                 [this](UniqueFd socket, const std::string& error) {
+                                                     connected(std::move(socket), error);
+                                                 });
+    });
 }
 
 void LinuxSocketStream::connected(UniqueFd socket, const std::string& error) {
@@ -109,6 +114,7 @@ void LinuxSocketStream::connected(UniqueFd socket, const std::string& error) {
 }
 
 void LinuxSocketStream::useTls(const std::string& peerName) {
+    if (tls_) return;
     tlsPeerName_ = peerName;
     if (state_ == State::open && !beginTls()) failLater(kNoTls);
 }
@@ -168,7 +174,7 @@ void LinuxSocketStream::handshakeOnLoop() {
             return;
         case TransferState::ended:
         case TransferState::failed:
-            fail(tls_->error().empty() ? "TLS: the connection ended" : tls_->error());
+            fail(handshakeError());
             return;
     }
 }
@@ -235,14 +241,16 @@ StreamWrite LinuxSocketStream::write(std::string_view bytes, std::chrono::millis
         isTlsFinished_ = step.state == TransferState::done;
         if (isTlsFinished_) break;
         if (step.state == TransferState::failed || step.state == TransferState::ended) {
-            return StreamWrite::failed;
+            failLater(handshakeError());
+            return StreamWrite::notOpen;
         }
         if (waitFor(step, std::nullopt) == LinuxRunLoop::Wait::interrupted) {
             return StreamWrite::failed;
         }
     }
+    if (state_ != State::open) return StreamWrite::notOpen;
     const auto deadline = steady_clock::now() + limit;
-    while (state_ == State::open) {
+    for (;;) {
         const Transfer result = tryWrite(bytes);
         if (result.state == TransferState::done) {
             return result.count == 0 && !bytes.empty() ? StreamWrite::full : StreamWrite::written;
@@ -260,6 +268,10 @@ StreamWrite LinuxSocketStream::write(std::string_view bytes, std::chrono::millis
         }
     }
     return StreamWrite::failed;
+}
+
+std::string LinuxSocketStream::handshakeError() const {
+    return tls_->error().empty() ? "TLS: the connection ended" : tls_->error();
 }
 
 std::string LinuxSocketStream::error(StreamSide side) const {
@@ -293,10 +305,21 @@ void LinuxSocketStream::failLater(const std::string& reason) {
     state_ = State::failed;
     error_ = reason;
     stopWatching();
-    loop_.post([weak = weak_from_this()] {
-        const std::shared_ptr<LinuxSocketStream> stream = weak.lock();
-        if (stream) stream->tell(StreamSide::input, StreamEvent::errorOccurred);
+    sd_event_source* source = nullptr;
+    // Fails for want of memory alone; then the peer's time-outs have to do.
+    if (sd_event_add_defer(loop_.event(), &source, onFailed, this) < 0) return;
+    failureSource_.reset(source);
+    (void)sd_event_source_set_priority(source, kPriorityFailures);
+}
+
+int LinuxSocketStream::onFailed(sd_event_source*, void* self) noexcept {
+    const std::shared_ptr<LinuxSocketStream> stream =
+        static_cast<LinuxSocketStream*>(self)->shared_from_this();
+    stream->failureSource_.reset();
+    stream->loop_.callBack("a connection's error", [&stream] {
+        stream->tell(StreamSide::input, StreamEvent::errorOccurred);
     });
+    return 0;
 }
 
 }  // namespace korvane

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 
 #include "platform/SocketStream.h"
 #include "platform/linux/ConnectionRace.h"
@@ -32,10 +33,21 @@ class LinuxSocketStream final : public SocketStream,
 
   private:
     static int onReady(sd_event_source* source, int fd, std::uint32_t events, void* self) noexcept;
+    static int onFailed(sd_event_source* source, void* self) noexcept;
 
     void lookedUp(const HostAddresses& found);
     void connected(UniqueFd socket, const std::string& error);
+    // What the system refuses, descriptors say, is an error of the connection like any other.
+    template <typename Function>
+    void attempt(Function&& function) {
+        try {
+            function();
+        } catch (const std::system_error& failure) {
+            failLater(failure.what());
+        }
+    }
     [[nodiscard]] bool beginTls();
+    [[nodiscard]] std::string handshakeError() const;
     void ready();
     void handshakeOnLoop();
     // One attempt on whatever carries the bytes now; none of them waits.
@@ -50,7 +62,8 @@ class LinuxSocketStream final : public SocketStream,
     void stopWatching();
     void tell(StreamSide side, StreamEvent event);
     void fail(const std::string& reason);
-    // Told at the next pass of the loop.
+    // Told at the next pass of the loop, before anything else of that pass could meet a session
+    // whose connection has failed already.
     void failLater(const std::string& reason);
 
     enum class State { closed, connecting, handshaking, open, ended, failed };
@@ -68,6 +81,7 @@ class LinuxSocketStream final : public SocketStream,
     std::unique_ptr<TlsSession> tls_;
     bool isTlsFinished_ = false;
     EventSource source_;
+    EventSource failureSource_;
     std::string error_;
 };
 

@@ -82,7 +82,6 @@ class SimulatedMailServer::Stream final : public SocketStream,
         later([side](Stream& stream) { stream.tell(side, StreamEvent::errorOccurred); });
     }
 
-  private:
     // At the next pass of the loop, if the stream is still there.
     void later(std::function<void(Stream&)> work) {
         server_.runLoop_.post([weak = weak_from_this(), work = std::move(work)] {
@@ -94,6 +93,13 @@ class SimulatedMailServer::Stream final : public SocketStream,
         if (handler_) handler_(side, event);
     }
 
+    void take(const MailReply& reply) {
+        arrived_.insert(arrived_.end(), reply.chunks.begin(), reply.chunks.end());
+        isClosedByServer_ = isClosedByServer_ || reply.thenCloses;
+        isReset_ = isReset_ || reply.thenResets;
+    }
+
+  private:
     void connect() {
         switch (server_.reachability_) {
             case Reachability::inputError:
@@ -117,12 +123,6 @@ class SimulatedMailServer::Stream final : public SocketStream,
             stream.tell(StreamSide::input,
                         isEnd ? StreamEvent::endEncountered : StreamEvent::hasBytesAvailable);
         });
-    }
-
-    void take(const MailReply& reply) {
-        arrived_.insert(arrived_.end(), reply.chunks.begin(), reply.chunks.end());
-        isClosedByServer_ = isClosedByServer_ || reply.thenCloses;
-        isReset_ = isReset_ || reply.thenResets;
     }
 
     std::string commandOf(const std::string& text) const {
@@ -188,6 +188,25 @@ void SimulatedMailServer::failWrites(const std::string& command, StreamWrite out
 void SimulatedMailServer::reportError(StreamSide side, const std::string& error) {
     for (const std::weak_ptr<Stream>& weak : streams_) {
         if (const std::shared_ptr<Stream> stream = weak.lock()) stream->fail(side, error);
+    }
+}
+
+void SimulatedMailServer::completeOpening(StreamSide side) {
+    for (const std::weak_ptr<Stream>& weak : streams_) {
+        if (const std::shared_ptr<Stream> stream = weak.lock()) {
+            stream->tell(side, StreamEvent::openCompleted);
+        }
+    }
+}
+
+void SimulatedMailServer::speak(const std::string& chunk) {
+    for (const std::weak_ptr<Stream>& weak : streams_) {
+        if (const std::shared_ptr<Stream> stream = weak.lock()) {
+            stream->take({.chunks = {chunk}});
+            stream->later([](Stream& speaking) {
+                speaking.tell(StreamSide::input, StreamEvent::hasBytesAvailable);
+            });
+        }
     }
 }
 

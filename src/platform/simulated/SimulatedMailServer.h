@@ -56,8 +56,12 @@ class SimulatedMailServer final : public SocketStreams {
     // An error that the connection reports of one side, from now on.
     void reportError(StreamSide side, const std::string& error);
 
-    // ---- What came
-    // -------------------------------------------------------------------------------
+    // The connection says once more that this side of it is open.
+    void completeOpening(StreamSide side);
+    // The server says something of its own, whatever state the connection is in.
+    void speak(const std::string& chunk);
+
+    // ---- What came ------------------------------------------------------------------------------
 
     [[nodiscard]] const std::vector<Received>& received() const { return received_; }
     [[nodiscard]] std::vector<std::string> lines() const;

@@ -93,6 +93,36 @@ TEST_F(SmtpConversation, NamesEachRecipientInItsOrder) {
     EXPECT_THAT(machine_.mailServer.messages(), SizeIs(2));
 }
 
+TEST_F(SmtpConversation, BeginsWithTheFirstRecipientAgainAfterASessionThatStoppedAmongThem) {
+    machine_.mailServer.setReplies("RCPT", {reply("250 OK"), reply("550 unknown")});
+    send(settings({{"emailAddress", "a@x.org,b@x.org,c@x.org"}}));
+    EXPECT_EQ(commands().back(), "RCPT TO: <b@x.org>");
+    machine_.mailServer.setReplies("RCPT", {reply("250 OK")});
+    send(settings({{"emailAddress", "d@x.org,e@x.org"}}));
+    const std::vector<std::string> all = commands();
+    EXPECT_THAT(std::vector(all.end() - 5, all.end() - 1),
+                ElementsAre("RCPT TO: <d@x.org>", "RCPT TO: <e@x.org>", "DATA", "message"));
+}
+
+TEST_F(SmtpConversation, NamesTheServerToItsTls) {
+    send(withLogin({{"emailUseSSLAuthentication", true}, {"emailPort", "465"}}));
+    EXPECT_THAT(machine_.journal.text(), HasSubstr("mail TLS mail.example.org"));
+}
+
+TEST_F(SmtpConversation, ThePortsTextDecidesAboutTlsFromTheFirstByte) {
+    send(withLogin({{"emailUseSSLAuthentication", true}, {"emailPort", "0465"}}));
+    EXPECT_EQ(machine_.mailServer.lastPort(), 465);
+    EXPECT_EQ(commands()[1], "STARTTLS");
+}
+
+TEST_F(SmtpConversation, AConnectionThatIsNotOpenAnyMoreIsGivenUpSilently) {
+    machine_.mailServer.failWrites("AUTH", StreamWrite::notOpen);
+    send(withLogin());
+    EXPECT_THAT(log(), IsEmpty());
+    EXPECT_THAT(suggestions_, IsEmpty());
+    EXPECT_EQ(controller_->smtpStepCounter(), kStepLogin);
+}
+
 // ---- Replies ------------------------------------------------------------------------------------
 
 TEST_F(SmtpConversation, TakesOnlyTheFirstLineOfAChunk) {

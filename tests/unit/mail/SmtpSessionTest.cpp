@@ -263,6 +263,48 @@ TEST_F(SmtpSession, ASecondSendWaitsAMinuteForTheFirstAndThenThrows) {
     EXPECT_THAT(progress(), ElementsAre(kQLSMTPBeginConnection));
 }
 
+TEST_F(SmtpSession, ASendInVainHasOverwrittenTheSettingsButNotWhoseSessionItIs) {
+    machine_.mailServer.setReachability(Reachability::noAnswer);
+    const Dictionary first = settings();
+    const Dictionary second = settings({{"emailServer", "other.example.org"}});
+    controller_->sendSMTPAlertMessage("first", kSenderSmartCheck, &first);
+    machine_.runLoop.runFor(seconds{1});
+    EXPECT_THROW(controller_->sendSMTPAlertMessage("second", "", &second),
+                 QLSMTPAquireLockTimeoutException);
+    machine_.mailServer.reportError(StreamSide::input, "Connection timed out");
+    machine_.runLoop.runFor(seconds{1});
+    EXPECT_THAT(suggestions_,
+                ElementsAre("Failed to connect to SMTP server other.example.org on port 25"));
+    ASSERT_THAT(ends_, SizeIs(1));
+    EXPECT_EQ(ends_[0].sender, kSenderSmartCheck);
+}
+
+TEST_F(SmtpSession, EachOpeningOfTheOutputBeginsTheWaitForTheGreetingAnew) {
+    machine_.mailServer.setGreeting(std::nullopt);
+    const Dictionary configuration = settings();
+    controller_->sendSMTPAlertMessage("message", "", &configuration);
+    machine_.runLoop.runFor(seconds{3});
+    machine_.mailServer.completeOpening(StreamSide::input);
+    machine_.runLoop.runFor(milliseconds{500});
+    machine_.mailServer.completeOpening(StreamSide::output);
+    EXPECT_EQ(controller_->smtpStepCounter(), kStepGreeting);
+    machine_.runLoop.runFor(milliseconds{3900});
+    EXPECT_THAT(suggestions_, IsEmpty());
+    machine_.runLoop.runFor(milliseconds{200});
+    EXPECT_THAT(suggestions_, SizeIs(1));
+}
+
+TEST_F(SmtpSession, AWordOfTheServerBeforeTheConnectionStandsClosesIt) {
+    machine_.mailServer.setReachability(Reachability::noAnswer);
+    const Dictionary configuration = settings();
+    controller_->sendSMTPAlertMessage("message", "", &configuration);
+    machine_.mailServer.speak("220 too soon\r\n");
+    machine_.runLoop.runFor(seconds{1});
+    EXPECT_THAT(commands(), IsEmpty());
+    EXPECT_FALSE(controller_->emailSendIsBusy());
+    EXPECT_EQ(machine_.mailServer.openStreams(), 0U);
+}
+
 TEST_F(SmtpSession, OneControllerSendsManyMessages) {
     for (int i = 1; i <= 20; ++i) send(withLogin());
     EXPECT_THAT(machine_.mailServer.messages(), SizeIs(20));
