@@ -35,28 +35,48 @@ std::string trimmed(std::string_view text, std::string_view characters) {
     return std::string(text.substr(first, text.find_last_not_of(characters) - first + 1));
 }
 
-// A text that is not empty, or null.
-const std::string* textUnder(const Dictionary& properties, std::string_view key) {
-    const PropertyList* value = properties.find(key);
+// A text that is not empty, or nothing: of a device's properties, or of a service that is asked for
+// one property at a time.
+std::optional<std::string> textOf(const PropertyList* value) {
     const std::string* text = value ? value->string() : nullptr;
-    return text && !text->empty() ? text : nullptr;
+    return text && !text->empty() ? std::optional(*text) : std::nullopt;
+}
+struct PropertyTexts {
+    const Dictionary& properties;
+    std::optional<std::string> operator()(std::string_view key) const {
+        return textOf(properties.find(key));
+    }
+};
+struct ServiceTexts {
+    DeviceRegistry& registry;
+    ServiceId service;
+    std::optional<std::string> operator()(std::string_view key) const {
+        const std::optional<PropertyList> value = registry.property(service, key);
+        return textOf(value ? &*value : nullptr);
+    }
+};
+
+template <typename Texts>
+std::optional<std::string> firstText(const Texts& texts, std::span<const char* const> keys) {
+    for (const char* key : keys) {
+        if (std::optional<std::string> text = texts(key)) return text;
+    }
+    return std::nullopt;
 }
 
-const std::string* firstTextUnder(const Dictionary& properties, std::span<const char* const> keys) {
-    for (const char* key : keys) {
-        if (const std::string* text = textUnder(properties, key)) return text;
-    }
-    return nullptr;
+template <typename Texts>
+std::optional<std::string> modelOf(const Texts& texts, std::string_view padding) {
+    const std::optional<std::string> model = firstText(texts, kModelKeys);
+    return model ? std::optional(trimmed(*model, padding)) : std::nullopt;
 }
 
 // The serial number of one device. An identification carries the revision as it is stored beside
 // it.
-std::optional<std::string> serialOf(const Dictionary& properties) {
-    if (const std::string* serial = firstTextUnder(properties, kSerialKeys)) {
-        return trimmed(*serial, kBlanks);
-    }
-    const std::string* revision = textUnder(properties, kRevision);
-    if (const std::string* identification = textUnder(properties, kIdentification)) {
+template <typename Texts>
+std::optional<std::string> serialOf(const Texts& texts) {
+    if (const auto serial = firstText(texts, kSerialKeys)) return trimmed(*serial, kBlanks);
+    const std::optional<std::string> revision = texts(kRevision);
+    if (const auto identification = texts(kIdentification)) {
         return trimmed(*identification, kBlanks) + (revision ? ' ' + *revision : "");
     }
     return revision ? std::optional(trimmed(*revision, kBlanks)) : std::nullopt;
@@ -72,12 +92,11 @@ std::optional<std::string> numberOf(const Dictionary& properties) {
     return std::nullopt;
 }
 
-const std::string* connectionOf(const Dictionary& properties) {
-    const PropertyList* protocol = properties.find("Protocol Characteristics");
-    if (!protocol || !protocol->dictionary()) return nullptr;
-    const std::string* interconnect = textUnder(*protocol->dictionary(), "Physical Interconnect");
-    return interconnect ? interconnect
-                        : textUnder(*protocol->dictionary(), "Physical Interconnect Location");
+std::optional<std::string> connectionOf(const ServiceTexts& texts) {
+    const auto protocol = texts.registry.property(texts.service, "Protocol Characteristics");
+    if (!protocol || !protocol->dictionary()) return std::nullopt;
+    const char* const keys[] = {"Physical Interconnect", "Physical Interconnect Location"};
+    return firstText(PropertyTexts{*protocol->dictionary()}, keys);
 }
 
 // The path of the first service below that has one, going down by first children.
@@ -89,25 +108,23 @@ std::string devicePathBelow(DeviceRegistry& registry, ServiceId service) {
     return {};
 }
 
-CheckedDrive checkedDriveAt(DeviceRegistry& registry, ServiceId service, std::string path) {
-    CheckedDrive drive{
-        .service = service, .identity = {}, .connection = {}, .path = std::move(path)};
+// What the nearest device that tells it says, the drive itself counted.
+template <typename Read>
+std::optional<std::string> nearest(DeviceRegistry& registry, ServiceId service, Read read) {
     for (std::optional<ServiceId> each = service; each; each = registry.parent(*each)) {
-        const std::optional<Dictionary> properties = registry.properties(*each);
-        if (!properties) continue;
-        if (!drive.identity.model) {
-            if (const std::string* model = firstTextUnder(*properties, kModelKeys)) {
-                drive.identity.model = trimmed(*model, kWhiteSpace);
-            }
-        }
-        if (!drive.identity.serial) drive.identity.serial = serialOf(*properties);
-        if (drive.connection.empty()) {
-            const std::string* connection = connectionOf(*properties);
-            if (connection) drive.connection = *connection;
-        }
+        if (std::optional<std::string> text = read(ServiceTexts{registry, *each})) return text;
     }
-    if (drive.connection.empty()) drive.connection = kUnknownConnection;
-    return drive;
+    return std::nullopt;
+}
+std::optional<std::string> nearestModel(DeviceRegistry& registry, ServiceId service) {
+    return nearest(registry, service,
+                   [](const ServiceTexts& texts) { return modelOf(texts, kWhiteSpace); });
+}
+std::optional<std::string> nearestSerial(DeviceRegistry& registry, ServiceId service) {
+    return nearest(registry, service, serialOf<ServiceTexts>);
+}
+std::string nearestConnection(DeviceRegistry& registry, ServiceId service) {
+    return nearest(registry, service, connectionOf).value_or(kUnknownConnection);
 }
 
 }  // namespace
@@ -133,14 +150,13 @@ std::optional<DriveIdentity> inventoryIdentity(DeviceRegistry& registry, Service
         DriveIdentity identity;
         const std::optional<Dictionary> properties = registry.properties(*above);
         if (!properties) continue;
+        const PropertyTexts texts{*properties};
         if (!isModelFound) {
-            if (const std::string* model = firstTextUnder(*properties, kModelKeys)) {
-                identity.model = trimmed(*model, kBlanks);
-                isModelFound = true;
-            }
+            identity.model = modelOf(texts, kBlanks);
+            isModelFound = identity.model.has_value();
         }
         if (!isSerialFound) {
-            identity.serial = serialOf(*properties);
+            identity.serial = serialOf(texts);
             if (isModelFound && !identity.serial) identity.serial = numberOf(*properties);
             isSerialFound = identity.serial.has_value();
         }
@@ -150,7 +166,11 @@ std::optional<DriveIdentity> inventoryIdentity(DeviceRegistry& registry, Service
 }
 
 CheckedDrive checkedDrive(DeviceRegistry& registry, ServiceId service) {
-    return checkedDriveAt(registry, service, devicePathBelow(registry, service));
+    return {.service = service,
+            .identity = {.model = nearestModel(registry, service),
+                         .serial = nearestSerial(registry, service)},
+            .connection = nearestConnection(registry, service),
+            .path = devicePathBelow(registry, service)};
 }
 
 std::vector<CheckedDrive> checkedDrives(DeviceRegistry& registry, std::string_view model,
@@ -162,14 +182,20 @@ std::vector<CheckedDrive> checkedDrives(DeviceRegistry& registry, std::string_vi
     for (const ServiceId service : services.value_or(std::vector<ServiceId>{})) {
         if (pathsSeen == paths.size()) break;
         std::string path = devicePathBelow(registry, service);
-        if (path.empty() || std::find(paths.begin(), paths.end(), path) == paths.end()) continue;
+        // Mostly the drives come in the order of their numbers.
+        const bool isNext = path == paths[pathsSeen];
+        const bool hasNumber = isNext || std::find(paths.begin(), paths.end(), path) != paths.end();
+        if (path.empty() || !hasNumber) continue;
         ++pathsSeen;
+        // In which drives differ most comes first.
+        if (nearestSerial(registry, service) != serial) continue;
+        if (nearestModel(registry, service) != model) continue;
         const auto capable = registry.property(service, kSmartCapable);
         if (!capable || !booleanValue(&*capable)) continue;
-        CheckedDrive drive = checkedDriveAt(registry, service, std::move(path));
-        if (drive.identity.model == model && drive.identity.serial == serial) {
-            found.push_back(std::move(drive));
-        }
+        found.push_back({.service = service,
+                         .identity = {.model = std::string(model), .serial = std::string(serial)},
+                         .connection = nearestConnection(registry, service),
+                         .path = std::move(path)});
     }
     return found;
 }
