@@ -6,6 +6,7 @@
 #include "conformance/PowerSourcesConformance.h"
 #include "conformance/ProcessesConformance.h"
 #include "conformance/RunLoopConformance.h"
+#include "conformance/SocketStreamsConformance.h"
 #include "conformance/SystemLogConformance.h"
 #include "platform/simulated/SimulatedMachine.h"
 
@@ -146,6 +147,32 @@ struct SimulatedLogSubject final : SystemLogSubject {
 INSTANTIATE_TEST_SUITE_P(Simulated, SystemLogConformance,
                          testing::Values(Implementation<SystemLogSubject>{
                              "Simulated", [] { return std::make_unique<SimulatedLogSubject>(); }}),
+                         testing::PrintToStringParamName());
+
+struct SimulatedSocketStreamsSubject final : SocketStreamsSubject {
+    SocketStreams& streams() override { return machine.mailServer; }
+    int serve(const std::string& greeting, const std::string& reply) override {
+        const MailReply hangUp{.chunks = {}, .thenCloses = true};
+        machine.mailServer.setGreeting(greeting.empty() ? hangUp : MailReply{.chunks = {greeting}});
+        machine.mailServer.setReplies("EHLO",
+                                      {reply.empty() ? hangUp : MailReply{.chunks = {reply}}});
+        return 25;
+    }
+    int refusingPort() override {
+        machine.mailServer.setReachability(SimulatedMailServer::Reachability::inputError);
+        return 25;
+    }
+    void runUntil(const std::function<bool()>& isDone) override {
+        while (!isDone() && machine.runLoop.runOnce()) {
+        }
+    }
+    void runOut() override { machine.runLoop.runFor(std::chrono::seconds{1}); }
+    SimulatedMachine machine{MachineDescription{}};
+};
+INSTANTIATE_TEST_SUITE_P(Simulated, SocketStreamsConformance,
+                         testing::Values(Implementation<SocketStreamsSubject>{
+                             "Simulated",
+                             [] { return std::make_unique<SimulatedSocketStreamsSubject>(); }}),
                          testing::PrintToStringParamName());
 
 }  // namespace
