@@ -164,6 +164,22 @@ class MailTest(bed.MailBed):
         self.assertEqual(status, 0, said)
         self.assertEqual(server.lines[1:5], ["STARTTLS", "AUTH LOGIN", encoded(servers.USER),
                                              encoded(servers.PASSWORD)])
+        self.ask("set", "emailServer", "localhost")
+        self.assertEqual(self.ask("test-mail")[0], 0)
+        self.assertEqual(server.names, [None, "localhost"])  # an address is no name
+
+    def test_an_upgrade_to_tls_that_fails_says_why(self):
+        def script(server):
+            server.say("220 hello")
+            for reply in ("250 OK", "220 go ahead"):
+                server.hear()
+                server.say(reply)
+            server.say("what is it you want?")
+            server.hold()
+        self.misbehave(script, 587)
+        self.start(port=587, login=True, tls=True)
+        self.assert_fails("Failed to connect to SMTP server 127.0.0.1 on port 587")
+        self.daemon.wait_for_line("streamError: TLS: ")
 
     def test_a_server_without_tls_on_465_is_an_error(self):
         self.misbehave(lambda server: server.say("220 hello"), 465)

@@ -366,6 +366,7 @@ class Misbehaving:
         self.certificate = certificate
         self.script = script
         self.lines = []
+        self.names = []  # by which clients have called the server in TLS, None for no name
         self.closing = threading.Event()
         self.listener = socket.create_server(("127.0.0.1", port))
         self.listener.settimeout(0.05)
@@ -400,7 +401,9 @@ class Misbehaving:
         return line.decode()
 
     def start_tls(self):
-        self.socket = self.certificate.context().wrap_socket(self.socket, server_side=True)
+        context = self.certificate.context()
+        context.sni_callback = lambda connection, name, used: self.names.append(name)
+        self.socket = context.wrap_socket(self.socket, server_side=True)
 
     def reset(self):
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
