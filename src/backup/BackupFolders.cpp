@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include "backup/BackupPlaces.h"
 #include "storage/SupportFolder.h"
@@ -25,9 +27,13 @@ bool isSomebodyElses(FileSystem& fileSystem, const std::string& path) {
 
 FolderState prepareFolderAt(FileSystem& fileSystem, const std::string& location,
                             std::string_view volume) {
-    for (const std::string& folder : foldersOnLocation(location, volume)) {
-        if (isSomebodyElses(fileSystem, folder)) return FolderState::notOurs;
-    }
+    const std::vector<std::string> onTheWay = foldersOnLocation(location, volume);
+    const auto areOurs = [&] {
+        return std::none_of(onTheWay.begin(), onTheWay.end(), [&](const std::string& folder) {
+            return isSomebodyElses(fileSystem, folder);
+        });
+    };
+    if (!areOurs()) return FolderState::notOurs;
     if (!fileSystem.exists(locationFolder(location))) {
         for (const std::string& folder : locationFoldersToMake(location)) {
             if (fileSystem.exists(folder)) continue;
@@ -40,7 +46,8 @@ FolderState prepareFolderAt(FileSystem& fileSystem, const std::string& location,
     if (!fileSystem.exists(inner) && !fileSystem.createFolders(inner, fileSystem.userName())) {
         return FolderState::notMade;
     }
-    return FolderState::ready;
+    // What was put there in the meantime would have been taken for a folder made.
+    return areOurs() ? FolderState::ready : FolderState::notOurs;
 }
 
 void repairPermissions(FileSystem& fileSystem, const std::string& folder) {

@@ -15,9 +15,10 @@ enum class FolderState {
     notOurs   // a link, or a folder of somebody else's, stands where it or the one above should be
 };
 
-// Makes the volume's folder at a location where it is missing. What somebody else could swap for
-// a link to another place is not used: the daemon writes and removes as root. The copying program
-// opens the folder anew by its name; that nobody swaps it meanwhile rests on these owners alone.
+// Makes the volume's folder at a location where it is missing. What somebody else has put there, or
+// could swap for a link to another place, is not used: the daemon writes and removes as root. Only
+// whoever owns the top folder of the location's volume is trusted: by renaming the daemon's folder
+// he could still lead astray what comes after this look, the copying program above all.
 [[nodiscard]] FolderState prepareFolderAt(FileSystem& fileSystem, const std::string& location,
                                           std::string_view volume);
 

@@ -202,6 +202,42 @@ TEST(BackupRun, IsOverWhenTheCopyCannotBeLaunched) {
     EXPECT_THAT(s.helpers(), SizeIs(2));
 }
 
+TEST(BackupRun, KeepsThePrimaryFileWhereNoLocationTookACopy) {
+    BackupBed s({"/Volumes/Nowhere"});
+    s.run(hours(1));
+    EXPECT_THAT(s.backups(), ElementsAre(kFirstBackup));
+    EXPECT_EQ(s.status(), "3");
+}
+
+TEST(BackupRun, IsNotThrownAwayByAStopThatComesAfterTheHelpersEnd) {
+    BackupBed s({BackupBed::kSystem});
+    s.helperTakes(std::nullopt);
+    s.run(seconds(1));
+    s.put(volumeFolder("Data") + '/' + kFirstBackup, "a whole record");
+    // It has ended and the daemon has not been told yet.
+    s.machine().processes.kill(0);
+    s.send("directoryBackupStopNotification");
+    EXPECT_THAT(s.backups(), ElementsAre(kFirstBackup));
+    s.run(milliseconds(1));
+    EXPECT_EQ(s.status(), "3");
+    EXPECT_GT(s.dueTime(), s.secondsNow());
+    EXPECT_THAT(s.backups(), ElementsAre(kFirstBackup));
+}
+
+TEST(BackupRun, LeavesASlowerEarlierCopyToItself) {
+    BackupBed s({"/Volumes/Second", BackupBed::kBackup});
+    s.mount("/Volumes/Second");
+    s.copyTakes(seconds(30));
+    s.run(seconds(2));
+    ASSERT_THAT(s.copies(), SizeIs(2));
+    // The last one ends first: with its poll the run is over and the primary file gone.
+    s.machine().processes.kill(2);
+    s.run(seconds(2));
+    EXPECT_THAT(s.backups(), IsEmpty());
+    EXPECT_TRUE(s.copies()[0].isRunning);
+    EXPECT_EQ(s.copies()[0].interrupts + s.copies()[0].terminates, 0);
+}
+
 TEST(BackupRun, KeepsNoSettingsAtALocationThatGetsNoCopy) {
     BackupBed s;
     s.helperWritesNothing();

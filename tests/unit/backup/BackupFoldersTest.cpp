@@ -7,6 +7,7 @@
 #include "backup/BackupFolders.h"
 #include "backup/BackupPlaces.h"
 #include "platform/simulated/SimulatedMachine.h"
+#include "unit/storage/ForwardingFileSystem.h"
 
 namespace korvane {
 namespace {
@@ -73,6 +74,45 @@ TEST_F(BackupFolders, LieBelowAVolumeWhoeverOwnsItsTopAndHoweverItIsReached) {
     ASSERT_TRUE(files_.putLink("/Volumes/stick", "/mnt/stick"));
     EXPECT_EQ(prepareFolderAt(files_, "/Volumes/stick", "Data"), FolderState::ready);
     EXPECT_TRUE(files_.isFolder("/mnt/stick/Korvane Protection/Data"));
+}
+
+// Somebody is quicker than the daemon.
+class RacedFileSystem final : public ForwardingFileSystem {
+  public:
+    explicit RacedFileSystem(SimulatedFileSystem& files)
+        : ForwardingFileSystem(files), files_(files) {}
+    bool createFolders(const std::string& path, const std::string& owner) override {
+        if (path.ends_with("/Data")) return files_.putLink(path, "/etc");
+        return ForwardingFileSystem::createFolders(path, owner);
+    }
+
+  private:
+    SimulatedFileSystem& files_;
+};
+
+TEST_F(BackupFolders, AreLookedAtAgainWhenTheyHaveBeenMade) {
+    ASSERT_TRUE(files_.createFolders(kLocation, "root"));
+    ASSERT_TRUE(files_.createFolders("/etc", "root"));
+    RacedFileSystem raced(files_);
+    EXPECT_EQ(prepareFolderAt(raced, kLocation, "Data"), FolderState::notOurs);
+}
+
+// A stick that was mounted for a user: everything on it is his, what root makes too.
+class FatFileSystem final : public ForwardingFileSystem {
+  public:
+    using ForwardingFileSystem::ForwardingFileSystem;
+    std::optional<ItemAttributes> attributes(const std::string& path) override {
+        auto item = ForwardingFileSystem::attributes(path);
+        if (item) item->ownerId = kSomebody;
+        return item;
+    }
+};
+
+TEST_F(BackupFolders, AreNotUsedFromTheFirstRunOnWhereWhatRootMakesIsSomebodyElses) {
+    ASSERT_TRUE(files_.createFolders(kLocation, "root"));
+    FatFileSystem fat(files_);
+    EXPECT_EQ(prepareFolderAt(fat, kLocation, "Data"), FolderState::notOurs);
+    EXPECT_EQ(prepareFolderAt(fat, kLocation, "Data"), FolderState::notOurs);
 }
 
 TEST(FoldersOnLocation, AreThoseBelowTheTopOfItsVolume) {
