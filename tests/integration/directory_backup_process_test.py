@@ -25,6 +25,8 @@ DATA_FOLDER = f"{SUPPORT}/Data"
 HELPER = f"{os.path.dirname(PROGRAM)}/PlugIns/KorvaneProDirectoryBackup"
 COPY = os.path.realpath("/bin/cp")
 ENTRIES_OF_A_LARGE_VOLUME = 200_000
+# More than a sanitizer writes at its start, less than a record of 20,000 files.
+SOME_OF_A_RECORD = 100_000
 LONG = 120  # seconds; what takes moments on a machine at rest
 
 
@@ -317,7 +319,7 @@ class DirectoryBackupOfALargeVolume(DirectoryBackupBed):
         helper = self.wait_for_child(daemon)
         # Step by step, until it has written some of it.
         os.kill(helper, signal.SIGSTOP)
-        while written_bytes(helper) == 0:
+        while written_bytes(helper) < SOME_OF_A_RECORD:
             os.kill(helper, signal.SIGCONT)
             time.sleep(0.001)
             os.kill(helper, signal.SIGSTOP)
