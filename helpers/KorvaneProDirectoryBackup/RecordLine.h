@@ -1,4 +1,5 @@
 // One line of a directory record, as mtree(5) has it: a path and what is known of the entry there.
+// The format knows one time, that of the last change of the contents.
 #pragma once
 
 #include <sys/stat.h>
