@@ -24,7 +24,7 @@ namespace {
 
 // Direct reads want whole logical blocks of the device, which are at most of this size.
 constexpr std::size_t kAlignment = 4096;
-constexpr std::size_t kBlock = 1024 * 1024;
+constexpr std::size_t kBlock = 4 * 1024 * 1024;
 
 struct FreeBlock {
     void operator()(std::uint8_t* block) const { std::free(block); }
