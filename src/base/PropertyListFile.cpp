@@ -202,17 +202,18 @@ Result<Written> createFile(int folder, const Place& place, const std::string& pa
     return Written{UniqueFd(openat(folder, place.name.c_str(), O_RDWR | kCarefully))};
 }
 
-Result<Written> rewriteFile(int folder, const Place& place, const std::string& path, UniqueFd file,
-                            std::string_view text, mode_t mode, Durability durability) {
-    lockBriefly(file.get());
+// Steps 1 and 2; what the file was like before.
+Result<struct stat> putSibling(int folder, const Place& place, const std::string& path, int file,
+                               std::string_view text, mode_t mode, Durability durability) {
+    lockBriefly(file);
     int failure = writePart(folder, place, text, mode, durability);
     if (failure != 0) return errorFor("writing the sibling", path, failure);
     struct stat status {};
-    if (fstat(file.get(), &status) != 0) return errorFor("looking at the file", path, errno);
+    if (fstat(file, &status) != 0) return errorFor("looking at the file", path, errno);
     const auto length = static_cast<off_t>(text.size());
     // The space first: on a full disk the old contents then stand for every reader. Where space
     // cannot be had in advance the write itself will tell.
-    if (length > status.st_size && fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, length) != 0 &&
+    if (length > status.st_size && fallocate(file, FALLOC_FL_KEEP_SIZE, 0, length) != 0 &&
         (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) {
         failure = errno;
         (void)unlinkat(folder, place.part.c_str(), 0);  // The failure counts.
@@ -224,15 +225,38 @@ Result<Written> rewriteFile(int folder, const Place& place, const std::string& p
         return errorFor("creating the sibling", path, failure);
     }
     failure = settle(folder, durability);
-    if (failure == 0) failure = overwrite(file.get(), text, durability);
     if (failure != 0) return errorFor("writing", path, failure);
-    // Only a file's owner may set its permissions; another's stay as that one has them.
-    if ((status.st_mode & 07777) != mode && fchmod(file.get(), mode) != 0 && errno != EPERM) {
-        return errorFor("setting the permissions", path, errno);
-    }
+    return status;
+}
+
+// Only a file's owner may set its permissions; another's stay as that one has them.
+int givePermissions(int file, mode_t before, mode_t mode) {
+    return (before & 07777) != mode && fchmod(file, mode) != 0 && errno != EPERM ? errno : 0;
+}
+
+Result<Written> rewriteFile(int folder, const Place& place, const std::string& path, UniqueFd file,
+                            std::string_view text, mode_t mode, Durability durability) {
+    const auto before = putSibling(folder, place, path, file.get(), text, mode, durability);
+    if (!before) return before.error();
+    int failure = overwrite(file.get(), text, durability);
+    if (failure != 0) return errorFor("writing", path, failure);
+    failure = givePermissions(file.get(), before->st_mode, mode);
+    if (failure != 0) return errorFor("setting the permissions", path, failure);
     // One that stays is older than or equal to the file and is looked at only if that is torn.
     (void)unlinkat(folder, place.sibling.c_str(), 0);
     return Written{std::move(file)};
+}
+
+// Open on nothing when there is no such file.
+Result<UniqueFd> openForWriting(int folder, const Place& place, const std::string& path) {
+    UniqueFd file(openat(folder, place.name.c_str(), O_RDWR | kCarefully));
+    if (!file && errno == ENOENT) return file;
+    if (!file) return errorFor("opening", path, errno);
+    struct stat status {};
+    if (fstat(file.get(), &status) != 0) return errorFor("looking at the file", path, errno);
+    const char* objection = objectionTo(status);
+    if (objection != nullptr) return Error{path + ": " + objection};
+    return file;
 }
 
 Result<Written> writeAt(const std::string& path, std::string_view text, mode_t mode,
@@ -241,16 +265,10 @@ Result<Written> writeAt(const std::string& path, std::string_view text, mode_t m
     const Place place(path);
     auto folder = openFolder(place);
     if (!folder) return folder.error();
-    UniqueFd file(openat(folder->get(), place.name.c_str(), O_RDWR | kCarefully));
-    if (!file && errno == ENOENT) {
-        return createFile(folder->get(), place, path, text, mode, durability);
-    }
-    if (!file) return errorFor("opening", path, errno);
-    struct stat status {};
-    if (fstat(file.get(), &status) != 0) return errorFor("looking at the file", path, errno);
-    const char* objection = objectionTo(status);
-    if (objection != nullptr) return Error{path + ": " + objection};
-    return rewriteFile(folder->get(), place, path, std::move(file), text, mode, durability);
+    auto file = openForWriting(folder->get(), place, path);
+    if (!file) return file.error();
+    if (!*file) return createFile(folder->get(), place, path, text, mode, durability);
+    return rewriteFile(folder->get(), place, path, std::move(*file), text, mode, durability);
 }
 
 bool isSameMoment(const timespec& a, const timespec& b) {
@@ -433,6 +451,70 @@ Result<std::monostate> PropertyListFiles::change(const std::string& path,
         return std::monostate{};
     }
     return write(path, std::move(loaded), mode, durability);
+}
+
+struct PropertyListFiles::Steps {
+    std::size_t done = 0;
+    std::size_t count = 0;
+    const std::function<bool(PropertyList&, std::size_t step)>& edit;
+    mode_t mode = 0;
+    Durability durability = Durability::process;
+};
+
+Result<std::monostate> PropertyListFiles::changeInSteps(
+    const std::string& path, std::size_t count,
+    const std::function<bool(PropertyList&, std::size_t step)>& edit, mode_t mode,
+    Durability durability) {
+    Steps steps{.count = count, .edit = edit, .mode = mode, .durability = durability};
+    while (steps.done < count) {
+        PropertyList value;
+        const auto loaded = load(path, value);
+        if (!loaded) return loaded.error();
+        auto node = remembered_.extract(path);
+        if (!node.empty()) value = std::move(node.mapped().value);
+        PropertyList last = value;
+        for (std::size_t step = steps.done; step < count; ++step) {
+            if (!edit(last, step)) return std::monostate{};
+        }
+        const auto written = writeSteps(path, std::move(value), formatPropertyList(last), steps);
+        if (!written) return written.error();
+    }
+    return std::monostate{};
+}
+
+Result<std::monostate> PropertyListFiles::writeSteps(const std::string& path, PropertyList value,
+                                                     const std::string& last, Steps& steps) {
+    const Place place(path);
+    auto folder = openFolder(place);
+    if (!folder) return folder.error();
+    auto file = openForWriting(folder->get(), place, path);
+    if (!file) return file.error();
+    if (!*file) return errorFor("opening", path, ENOENT);
+    const auto before =
+        putSibling(folder->get(), place, path, file->get(), last, steps.mode, steps.durability);
+    if (!before) return before.error();
+    int failure = givePermissions(file->get(), before->st_mode, steps.mode);
+    struct stat written {};
+    struct stat now {};
+    const auto isStillOurs = [&] {
+        return fstatat(folder->get(), place.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+               isUnchanged(written, now);
+    };
+    for (bool isFirst = true; steps.done < steps.count; isFirst = false) {
+        (void)steps.edit(value, steps.done);
+        const bool isLast = steps.done + 1 == steps.count;
+        const std::string text = isLast ? std::string() : formatPropertyList(value);
+        if (!isFirst && !isStillOurs()) break;
+        if (failure == 0) failure = overwrite(file->get(), isLast ? last : text, steps.durability);
+        if (failure != 0) return errorFor("writing", path, failure);
+        ++steps.done;
+        if (!stamp(file->get(), written)) written = {};  // equal to nothing: read it again
+    }
+    (void)unlinkat(folder->get(), place.sibling.c_str(), 0);  // A stale one does no harm.
+    if (steps.done == steps.count && isStillOurs()) {
+        remembered_.insert_or_assign(path, Remembered{std::move(value), written});
+    }
+    return std::monostate{};
 }
 
 }  // namespace korvane

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -55,10 +56,23 @@ class PropertyListFiles {
                                                 const std::function<bool(PropertyList&)>& edit,
                                                 mode_t mode, Durability durability);
 
+    // Makes so many changes, one after the other, and writes the file after each, with one sibling
+    // for all of them: it holds what the last one leaves, so that a kill at any moment loses none.
+    // `edit` may be called several times for a step and must do the same each time; false from it
+    // ends all of this with nothing more written. What another program writes in between is kept.
+    [[nodiscard]] Result<std::monostate> changeInSteps(
+        const std::string& path, std::size_t steps,
+        const std::function<bool(PropertyList&, std::size_t step)>& edit, mode_t mode,
+        Durability durability);
+
   private:
     struct Remembered;
     // The value remembered for the path, or else `loaded` with what the file holds.
     Result<const PropertyList*> load(const std::string& path, PropertyList& loaded);
+    struct Steps;
+    // Writes steps until the last, or until another program has written.
+    Result<std::monostate> writeSteps(const std::string& path, PropertyList value,
+                                      const std::string& last, Steps& steps);
 
     std::map<std::string, Remembered> remembered_;
 };

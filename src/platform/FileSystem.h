@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -69,6 +70,13 @@ class FileSystem {
     // the error says why, when the file cannot be read.
     [[nodiscard]] virtual Result<std::monostate> changePropertyList(
         const std::string& path, const std::function<bool(PropertyList&)>& edit, mode_t permissions,
+        Durability durability) = 0;
+    // Makes so many such changes, one after the other, with the file written after each; what a
+    // kill leaves at any moment has all of them or those before. `edit` may be called several times
+    // for a step and must do the same each time; false from it ends all of this.
+    [[nodiscard]] virtual Result<std::monostate> changePropertyListInSteps(
+        const std::string& path, std::size_t steps,
+        const std::function<bool(PropertyList&, std::size_t step)>& edit, mode_t permissions,
         Durability durability) = 0;
 
     // The bytes of a regular file of the daemon's own user. Never through a link.

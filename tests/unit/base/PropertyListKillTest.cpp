@@ -96,5 +96,46 @@ TEST(KillNine, LeavesTheOldOrTheNewContentsAThousandTimes) {
     munmap(memory, sizeof(Shared));
 }
 
+// Keys are added a hundred at a time, each written by itself.
+TEST(KillNine, LosesNoRecordOfManyThatAreWrittenOneByOne) {
+    constexpr int kScans = 300;
+    constexpr std::size_t kRecords = 100;
+    const TemporaryFolder folder;
+    const std::string path = folder / "Records.plist";
+    ASSERT_TRUE(writeInPlace(path, formatPropertyList(Dictionary{}), 0666, Durability::process));
+    const unsigned seed = std::random_device{}();
+    std::mt19937 random(seed);
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::size_t known = 0;
+    for (int scan = 0; scan < kScans; ++scan) {
+        const pid_t child = fork();
+        if (child == 0) {
+            PropertyListFiles files;
+            for (std::size_t first = known;; first += kRecords) {
+                const auto edit = [&](PropertyList& value, std::size_t step) {
+                    value.dictionary()->set(std::to_string(first + step), std::string(100, 'x'));
+                    return true;
+                };
+                if (!files.changeInSteps(path, kRecords, edit, 0666, Durability::process)) _exit(1);
+            }
+        }
+        const auto delay = std::uniform_int_distribution<int>(0, 20'000)(random);
+        std::this_thread::sleep_for(std::chrono::microseconds(delay));
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status)) << "the writer ended by itself";
+        // What another program could see before the file was restored is all there after it.
+        const auto raw = parsePropertyList(contentsOf(path));
+        ASSERT_TRUE(!raw || raw->dictionary()->size() >= known);
+        PropertyListFiles files;
+        const auto value = files.read(path);
+        ASSERT_TRUE(value) << value.error().message;
+        ASSERT_GE(value->dictionary()->size(), raw ? raw->dictionary()->size() : known);
+        known = value->dictionary()->size();
+    }
+    EXPECT_GT(known, 0u);
+}
+
 }  // namespace
 }  // namespace korvane
