@@ -30,6 +30,12 @@ korvane::LinuxVolumesPlaces volumesPlaces() {
     return places;
 }
 
+korvane::LinuxTrashPlaces trashPlaces() {
+    korvane::LinuxTrashPlaces places;
+    places.tracesFile = std::string(korvane::kSupportFolder) + "/.Trash Items.plist";
+    return places;
+}
+
 // Why nothing can be kept in the support folder: something else stands there, or this user may not
 // write it or, where it is missing, make it. Empty when there is no such reason.
 std::string objectionToSupportFolder() {
@@ -60,7 +66,7 @@ int main() {
         return EXIT_FAILURE;
     }
     try {
-        korvane::LinuxMachine linuxMachine(systemLog, volumesPlaces());
+        korvane::LinuxMachine linuxMachine(systemLog, volumesPlaces(), trashPlaces());
         const korvane::Machine machine = linuxMachine.machine();
         korvane::KorvaneProDaemon daemon(machine);
         daemon.awakeFromNib();

@@ -131,7 +131,7 @@ struct Parts {
     NoDialogs dialogs;
     LinuxBundle bundle;
     LinuxSocketStreams streams{loop, bundle};
-    LinuxDirectoryWatch watch{loop, volumes, ""};
+    LinuxDirectoryWatch watch{loop, volumes, LinuxTrashPlaces{}};
     KorvaneProDaemon daemon;
 
     explicit Parts(const std::string& root)

@@ -292,8 +292,14 @@ class KorvaneProDaemon final : public ControlTarget {
     void MyFNSubscriptionProc(std::size_t slot, const std::string& folder);
     void startSearch(const std::string& program, const std::string& volumeName,
                      std::vector<SearchContent> jobs);
+    // The program's input for jobs of this volume: one that no running program still has to read.
+    [[nodiscard]] std::string searchInputFor(const std::string& volumeName) const;
     void armSearchTimer();
-    void recordTrashItem(const TrashItem& item);
+    void recordTrashItems(const std::vector<TrashItem>& items);
+    // Begins a usage file with this record in it; one that cannot be used is set aside.
+    void beginTrashUsage(const TrashItem& item);
+    // A search for items that had left the trash has ended: their records are gone through again.
+    void didFindOut();
     // Marks and drops records, and drops files of results that are old enough (TrashUpkeep.cpp).
     void trashSub();
     // Collects the results of the programs that have ended; polls on while any is pending.

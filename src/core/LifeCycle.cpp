@@ -72,6 +72,7 @@ void KorvaneProDaemon::doStartup() {
     loadPreferences();
     updateDrivePreferences(DriveProbe::smart);
     updateVolumePreferences();
+    machine_.directoryWatch.setDidFindOut([this] { didFindOut(); });
     setupTrashRetainer(false);
     markNotYetExamined(driveArray, volumeArray);
     writePreferences();
@@ -105,6 +106,7 @@ void KorvaneProDaemon::removeObservers() {
     machine_.volumes.setDidUnmount(nullptr);
     machine_.processes.setDidTerminateApplication(nullptr);
     machine_.processes.setTaskDidTerminate(nullptr);
+    machine_.directoryWatch.setDidFindOut(nullptr);
 }
 
 void KorvaneProDaemon::didTerminateApplicationNotification(const std::string& bundleIdentifier) {

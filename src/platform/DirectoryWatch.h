@@ -39,7 +39,7 @@ struct SeenItem {
 enum class NodeState {
     found,   // it exists, and its path is known
     gone,    // it exists no longer
-    unknown  // nothing can be said now: its volume is not mounted, or nothing leads to it
+    unknown  // nothing can be said now: its volume is not mounted, or a search was not finished
 };
 struct ResolvedNode {
     NodeState state = NodeState::unknown;
@@ -73,8 +73,11 @@ class DirectoryWatch {
     // Keeps what helps to find these items again once they have left the folder.
     virtual void remember(std::int16_t volume, const std::string& folder,
                           std::span<const CatalogItem> items) = 0;
-    // Where the item is now.
-    [[nodiscard]] virtual ResolvedNode resolve(const SeenItem& item) = 0;
+    // Where each of these items is now, in their order. What is kept of any other is forgotten. An
+    // item that is unknown may be searched for from here on; that is bounded in time.
+    [[nodiscard]] virtual std::vector<ResolvedNode> resolve(std::span<const SeenItem> items) = 0;
+    // Told on the loop's thread when a search has found out more: the next resolve() knows it.
+    virtual void setDidFindOut(std::function<void()> callback) = 0;
 };
 
 }  // namespace korvane

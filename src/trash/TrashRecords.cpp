@@ -10,22 +10,36 @@ namespace korvane {
 
 namespace {
 
-bool markIfLeft(TrashEntry record, const std::function<ResolvedNode(const SeenItem&)>& resolve,
-                Time now) {
-    const ResolvedNode node = resolve({.volume = record.volRefNum(),
-                                       .nodeId = record.nodeId(),
-                                       .folder = record.dirPath(),
-                                       .name = record.itemName()});
+// Whether that changed the record.
+bool markIfLeft(TrashEntry record, const ResolvedNode& node, Time now) {
     if (node.state == NodeState::unknown) return false;
     const std::string_view path = node.path;
-    const std::string_view name = path.substr(path.rfind('/') + 1);
-    if (node.state == NodeState::gone || name != record.itemName()) {
+    const bool hasPath = node.state == NodeState::found && path.size() < kTrashPathBytes;
+    if (!hasPath || path.substr(path.rfind('/') + 1) != record.itemName()) {
         record.setDeleted(now);
         return true;
     }
     if (path.starts_with(record.dirPath())) return false;
     record.setRemoved(now);
     return true;
+}
+
+bool isMarked(const ConstTrashEntry& record) { return record.state() != TrashState::inTrash; }
+
+// The items that have not left the trash as far as their records know, last one first.
+std::vector<SeenItem> openItems(const Dictionary& usage) {
+    std::vector<SeenItem> items;
+    items.reserve(usage.size());
+    for (auto entry = usage.end(); entry != usage.begin();) {
+        --entry;
+        const auto record = ConstTrashEntry::over(entry->value);
+        if (!record || isMarked(*record)) continue;
+        items.push_back({.volume = record->volRefNum(),
+                         .nodeId = record->nodeId(),
+                         .folder = record->dirPath(),
+                         .name = record->itemName()});
+    }
+    return items;
 }
 
 }  // namespace
@@ -42,11 +56,12 @@ void storeTrashRecord(Dictionary& usage, const TrashItem& item, Time now) {
     usage.set(key, std::move(record));
 }
 
-bool updateTrashRecords(Dictionary& usage,
-                        const std::function<ResolvedNode(const SeenItem&)>& resolve, Time now,
+bool updateTrashRecords(Dictionary& usage, const NodeResolver& resolve, Time now,
                         std::int64_t saveDays) {
     const Time oldest =
         addDays(now, -std::max(saveDays, -std::numeric_limits<std::int64_t>::max()));
+    const std::vector<ResolvedNode> nodes = resolve(openItems(usage));
+    auto node = nodes.begin();
     bool changed = false;
     std::vector<Dictionary::Entry> kept;
     kept.reserve(usage.size());
@@ -54,13 +69,11 @@ bool updateTrashRecords(Dictionary& usage,
         --entry;
         // The total at the top level, and whatever else is no record, stays as it is.
         const auto record = TrashEntry::over(entry->value);
-        if (record && record->state() != TrashState::inTrash) {
-            if (record->addDate() && *record->addDate() < oldest) {
-                changed = true;
-                continue;
-            }
-        } else if (record) {
-            changed = markIfLeft(*record, resolve, now) || changed;
+        if (record && !isMarked(*record)) {
+            changed = markIfLeft(*record, *node++, now) || changed;
+        } else if (record && record->addDate() && *record->addDate() < oldest) {
+            changed = true;
+            continue;
         }
         kept.push_back(std::move(*entry));
     }

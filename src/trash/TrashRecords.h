@@ -2,11 +2,11 @@
 // trash folder, and what becomes of the records of items that are there no longer. Values only.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <optional>
-#include <string>
-#include <string_view>
+#include <span>
+#include <vector>
 
 #include "base/Calendar.h"
 #include "base/PropertyList.h"
@@ -19,11 +19,15 @@ namespace korvane {
 // seen; one that had been deleted or put back starts afresh.
 void storeTrashRecord(Dictionary& usage, const TrashItem& item, Time now);
 
+// Where each of these items is now, in their order.
+using NodeResolver = std::function<std::vector<ResolvedNode>(std::span<const SeenItem>)>;
+// The longest path, its terminating zero byte among them, that an item can be followed to.
+inline constexpr std::size_t kTrashPathBytes = 1024;
+
 // Marks the records of items that have left the trash and drops those that were marked before and
 // are older than `saveDays` days of the calendar, from the last key to the first. Whether anything
 // changed.
-bool updateTrashRecords(Dictionary& usage,
-                        const std::function<ResolvedNode(const SeenItem&)>& resolve, Time now,
+bool updateTrashRecords(Dictionary& usage, const NodeResolver& resolve, Time now,
                         std::int64_t saveDays);
 
 // Whether a file that was last written then has been kept long enough.

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/Format.h"
+#include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
 #include "storage/RegistryProbes.h"
 #include "storage/SupportFolder.h"
@@ -37,6 +38,10 @@ std::string stampedRecords(std::string_view results, std::uint32_t stamp) {
 
 }  // namespace
 
+void KorvaneProDaemon::didFindOut() {
+    if (booleanValue(preference(kTrashHistoryOnOff))) trashSub();
+}
+
 void KorvaneProDaemon::trashSub() {
     FileSystem& files = machine_.fileSystem;
     const std::string path = std::string(kSupportFolder) + '/' + kTrashUsageFile;
@@ -48,8 +53,10 @@ void KorvaneProDaemon::trashSub() {
             if (!document.dictionary()) return false;
             (void)updateTrashRecords(
                 *document.dictionary(),
-                [this](const SeenItem& item) { return machine_.directoryWatch.resolve(item); }, now,
-                trashSaveDays);
+                [this](std::span<const SeenItem> items) {
+                    return machine_.directoryWatch.resolve(items);
+                },
+                now, trashSaveDays);
             return true;
         },
         kSharedFilePermissions, Durability::process);

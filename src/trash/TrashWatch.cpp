@@ -7,6 +7,7 @@
 #include "base/Format.h"
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
+#include "platform/VolumeOfPath.h"
 #include "storage/SupportFolder.h"
 #include "storage/VolumeEntry.h"
 #include "storage/VolumeLookups.h"
@@ -24,11 +25,6 @@ constexpr std::size_t kMostItemsOfAScan = 100;
 constexpr mode_t kSearchInputPermissions = 0640;
 constexpr seconds kSearchPoll{2};
 
-bool isBelow(std::string_view path, std::string_view folder) {
-    return folder == "/" || path == folder ||
-           (path.starts_with(folder) && path[folder.size()] == '/');
-}
-
 // The volume that a folder lies on, as far as it is known.
 struct TrashVolume {
     std::string path;
@@ -36,19 +32,12 @@ struct TrashVolume {
     std::int16_t number = 0;
 };
 
-std::optional<TrashVolume> volumeOf(Volumes& volumes, FileSystem& files,
-                                    const std::string& folder) {
-    const std::string* mount = nullptr;
-    for (const MountEntry& entry : volumes.mountTable()) {
-        if (isBelow(folder, entry.mountOnName) &&
-            (!mount || entry.mountOnName.size() >= mount->size())) {
-            mount = &entry.mountOnName;
-        }
-    }
-    if (!mount) return std::nullopt;
-    const OSErrOr<VolumeInfo> info = volumes.volumeInfoOfRoot(FSRef{*mount});
-    if (info.status != 0) return std::nullopt;
-    return TrashVolume{*mount, files.displayName(*mount), info.value.referenceNumber};
+std::optional<TrashVolume> trashVolumeOf(Volumes& volumes, FileSystem& files,
+                                         const std::string& folder) {
+    const std::optional<PathVolume> volume = volumeOfPath(volumes, folder);
+    if (!volume) return std::nullopt;
+    const std::string& root = volume->info.root.rootPath;
+    return TrashVolume{root, files.displayName(root), volume->info.referenceNumber};
 }
 
 }  // namespace
@@ -84,13 +73,14 @@ void KorvaneProDaemon::watchTrashFolder(std::size_t slot, const std::string& fol
 void KorvaneProDaemon::MyFNSubscriptionProc(std::size_t slot, const std::string& folder) {
     if (!machine_.fileSystem.exists(kSupportFolder)) return;
     if (!trashRetainerFNSubscriptionRefArray[slot]) return;
+    if (folder.size() >= kTrashPathBytes) return;
     const std::string program = machine_.bundle.plugIn(kRecoveryProgram);
     if (program.empty()) return;
     auto items = machine_.directoryWatch.catalog(folder, kMostItemsOfAScan);
     if (!items) return;
     std::erase_if(*items, [](const CatalogItem& item) { return item.name.starts_with('.'); });
 
-    const auto volume = volumeOf(machine_.volumes, machine_.fileSystem, folder);
+    const auto volume = trashVolumeOf(machine_.volumes, machine_.fileSystem, folder);
     if (volume) {
         machine_.directoryWatch.remember(volume->number, folder, *items);
         std::vector<SearchContent> jobs;
@@ -103,16 +93,30 @@ void KorvaneProDaemon::MyFNSubscriptionProc(std::size_t slot, const std::string&
         }
         if (!jobs.empty()) startSearch(program, volume->name, std::move(jobs));
     }
+    std::vector<TrashItem> records;
     for (const CatalogItem& item : *items) {
-        recordTrashItem({.itemName = item.name,
-                         .nodeId = item.nodeId,
-                         .volRefNum = volume ? volume->number : std::int16_t{0},
-                         .dirPath = folder,
-                         .volumeName = volume ? std::optional(volume->name) : std::nullopt});
+        records.push_back({.itemName = item.name,
+                           .nodeId = item.nodeId,
+                           .volRefNum = volume ? volume->number : std::int16_t{0},
+                           .dirPath = folder,
+                           .volumeName = volume ? std::optional(volume->name) : std::nullopt});
         // A volume that keeps no such date goes without.
         (void)machine_.directoryWatch.setBackupDate(folder, item, machine_.clock.now());
     }
+    recordTrashItems(records);
     trashSub();
+}
+
+std::string KorvaneProDaemon::searchInputFor(const std::string& volumeName) const {
+    const auto isInUse = [&](const std::string& path) {
+        return std::ranges::any_of(searchTasks,
+                                   [&](const SearchTask& task) { return task.inFilePath == path; });
+    };
+    std::string path = searchInputPathOf(volumeName);
+    for (int next = 1; isInUse(path); ++next) {
+        path = searchInputPathOf(volumeName + ' ' + std::to_string(next));
+    }
+    return path;
 }
 
 void KorvaneProDaemon::startSearch(const std::string& program, const std::string& volumeName,
@@ -130,7 +134,7 @@ void KorvaneProDaemon::startSearch(const std::string& program, const std::string
                              .searchResultPath = job.searchResultPath});
         input.append(bytes.data(), bytes.size());
     }
-    const std::string inFilePath = searchInputPathOf(volumeName);
+    const std::string inFilePath = searchInputFor(volumeName);
     const auto written = files.writeFile(inFilePath, input, kSearchInputPermissions);
     if (!written) {
         machine_.systemLog.write(
@@ -152,22 +156,32 @@ void KorvaneProDaemon::armSearchTimer() {
     });
 }
 
-void KorvaneProDaemon::recordTrashItem(const TrashItem& item) {
+void KorvaneProDaemon::recordTrashItems(const std::vector<TrashItem>& items) {
+    if (items.empty()) return;
+    const std::string path = std::string(kSupportFolder) + '/' + kTrashUsageFile;
+    const Time now = machine_.clock.now();
+    const auto recordFrom = [&](std::size_t first) {
+        bool isUsable = false;
+        // A failed write costs these records until the folder changes again, and nothing else.
+        (void)machine_.fileSystem.changePropertyListInSteps(
+            path, items.size() - first,
+            [&](PropertyList& usage, std::size_t step) {
+                isUsable = usage.dictionary() != nullptr;
+                if (isUsable) storeTrashRecord(*usage.dictionary(), items[first + step], now);
+                return isUsable;
+            },
+            kSharedFilePermissions, Durability::process);
+        return isUsable;
+    };
+    if (recordFrom(0)) return;
+    beginTrashUsage(items.front());
+    if (items.size() > 1) (void)recordFrom(1);
+}
+
+void KorvaneProDaemon::beginTrashUsage(const TrashItem& item) {
     FileSystem& files = machine_.fileSystem;
     const std::string path = std::string(kSupportFolder) + '/' + kTrashUsageFile;
     const Time now = machine_.clock.now();
-    bool isUsable = false;
-    // A failed write costs this record until the folder changes again, and nothing else.
-    (void)files.changePropertyList(
-        path,
-        [&](PropertyList& document) {
-            isUsable = document.dictionary() != nullptr;
-            if (isUsable) storeTrashRecord(*document.dictionary(), item, now);
-            return isUsable;
-        },
-        kSharedFilePermissions, Durability::process);
-    if (isUsable) return;
-
     if (files.attributes(path)) {
         const std::string aside =
             std::string(kSupportFolder) + '/' +

@@ -1,39 +1,51 @@
 // The trash folders of a Linux machine (freedesktop.org's Trash specification): one inotify queue
-// for all of them, inode numbers, and for each item seen a file handle and the place it came from,
-// kept in a file of the daemon's own. With nothing happening it costs nothing.
+// for all of them, and inode numbers. An item that has left is looked for where it was seen, where
+// its trash says that it came from, where its file handle leads, and then by a search of its
+// volume. No link is followed on the way to a trash folder. With nothing happening it costs
+// nothing.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
-#include "base/PropertyListFile.h"
 #include "platform/DirectoryWatch.h"
 #include "platform/Volumes.h"
+#include "platform/linux/ItemTraces.h"
 #include "platform/linux/LinuxRunLoop.h"
 #include "platform/linux/UniqueFd.h"
+#include "platform/linux/VolumeSearch.h"
 
 namespace korvane {
 
+// Where things are on the machine; tests look elsewhere.
+struct LinuxTrashPlaces {
+    std::string tracesFile{};  // for ItemTraces; empty: nothing outlives the process
+    std::string homes = "/home";
+    std::string rootHome = "/root";
+    // Long enough for millions of files on a disk at work, short enough to be over when somebody
+    // looks at the outcome.
+    std::chrono::milliseconds searchLimit = std::chrono::seconds(30);
+};
+
 class LinuxDirectoryWatch final : public DirectoryWatch {
   public:
-    // `memoryFile`: the memory file of the volumes, beside which this one keeps its own; empty:
-    // nothing outlives the process. Loop and volumes must outlive this object.
-    LinuxDirectoryWatch(LinuxRunLoop& loop, Volumes& volumes, const std::string& memoryFile);
+    // Loop and volumes must outlive this object.
+    LinuxDirectoryWatch(LinuxRunLoop& loop, Volumes& volumes, LinuxTrashPlaces places);
     ~LinuxDirectoryWatch() override;
     LinuxDirectoryWatch(const LinuxDirectoryWatch&) = delete;
     LinuxDirectoryWatch& operator=(const LinuxDirectoryWatch&) = delete;
 
     // Of "/": "/home/NAME/.local/share/Trash/files" and root's. Of others:
     // "VOLUME/.Trash-UID/files" and "VOLUME/.Trash/UID/files", for every such folder that is there
-    // and for the users who have a home.
+    // and for the users who have a home. Homes on network file systems are left out.
     [[nodiscard]] std::vector<std::string> trashFolders(const std::string& volumePath) override;
-    // Waits for a folder that is not there, and for one that went to come back.
+    // Waits for a folder that is not there, and for one that went to come back. A subscription in
+    // the place of one that ended since the loop last turned misses nothing.
     [[nodiscard]] std::unique_ptr<DirectorySubscription> subscribe(
         const std::string& folder, std::function<void()> didChange) override;
     [[nodiscard]] std::optional<std::vector<CatalogItem>> catalog(const std::string& folder,
@@ -42,33 +54,45 @@ class LinuxDirectoryWatch final : public DirectoryWatch {
     bool setBackupDate(const std::string& folder, const CatalogItem& item, Time date) override;
     void remember(std::int16_t volume, const std::string& folder,
                   std::span<const CatalogItem> items) override;
-    // Looks where the item was seen, where it came from, and where its file handle leads. An item
-    // that has moved where none of these leads is unknown.
-    [[nodiscard]] ResolvedNode resolve(const SeenItem& item) override;
+    [[nodiscard]] std::vector<ResolvedNode> resolve(std::span<const SeenItem> items) override;
+    void setDidFindOut(std::function<void()> callback) override;
 
   private:
     class Subscription;
+    struct Folders;
+    struct Sought;
 
+    [[nodiscard]] std::vector<std::string> homes();
+    [[nodiscard]] bool openQueue();
     static int onEvents(sd_event_source* source, int fd, std::uint32_t events, void* self) noexcept;
     void readEvents();
     [[nodiscard]] bool watch(Subscription& subscription);
     void unwatch(Subscription& subscription);
-    [[nodiscard]] std::optional<ResolvedNode> throughHandle(const Dictionary& trace,
-                                                            const std::string& root,
-                                                            std::uint64_t nodeId);
-    [[nodiscard]] Dictionary& traces();
-    void saveTraces();
+    void removeUnusedWatches();
+
+    [[nodiscard]] ResolvedNode resolveOne(const SeenItem& item, Folders& folders, Sought& sought);
+    void startSearch(Sought sought);
+    void didSearch(const VolumeSearch::Finding& finding);
 
     LinuxRunLoop& loop_;
     Volumes& volumes_;
-    std::string tracesFile_;
-    PropertyListFiles propertyLists_;
-    std::optional<Dictionary> traces_;  // by volume and node; read when first needed
+    LinuxTrashPlaces places_;
     UniqueFd inotify_;
     EventSource source_;
     // In the order of subscribing; a number is never used again.
     std::map<std::uint64_t, Subscription*> subscriptions_;
     std::uint64_t nextSubscription_ = 0;
+    // Watches of the kernel that no subscription has, until the loop turns: what has happened to
+    // their folders is still told to whoever subscribes again by then.
+    std::set<int> unusedWatches_;
+
+    ItemTraces traces_;
+    std::function<void()> didFindOut_;
+    // What the search that was told of has found of each of its items, until it is asked for.
+    std::map<ItemTraces::Key, ResolvedNode> foundOut_;
+    std::unique_ptr<Sought> sought_;
+    std::unique_ptr<VolumeSearch> search_;
+    std::shared_ptr<char> alive_;  // posted callbacks ask whether this object is still there
 };
 
 }  // namespace korvane

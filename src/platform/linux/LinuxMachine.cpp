@@ -4,7 +4,8 @@
 
 namespace korvane {
 
-LinuxMachine::LinuxMachine(SystemLog& systemLog, const LinuxVolumesPlaces& volumesPlaces)
+LinuxMachine::LinuxMachine(SystemLog& systemLog, const LinuxVolumesPlaces& volumesPlaces,
+                           const LinuxTrashPlaces& trashPlaces)
     : systemLog_(systemLog),
       runLoop_(systemLog),
       volumes_(runLoop_, volumesPlaces),
@@ -16,7 +17,7 @@ LinuxMachine::LinuxMachine(SystemLog& systemLog, const LinuxVolumesPlaces& volum
       controlConnection_(runLoop_, controlBus_, systemLog),
       alertDialogs_(runLoop_, bundle_, systemLog),
       socketStreams_(runLoop_, bundle_),
-      directoryWatch_(runLoop_, volumes_, volumesPlaces.memoryFile) {}
+      directoryWatch_(runLoop_, volumes_, trashPlaces) {}
 
 LinuxBus& LinuxMachine::connectedControlBus() {
     systemBus_.connect();

@@ -28,7 +28,8 @@ class LinuxMachine {
     // Connects to the bus that it will be reached on: the system's for root, else the session's.
     // The log must outlive this object. Throws std::system_error when the kernel refuses what
     // nothing works without.
-    LinuxMachine(SystemLog& systemLog, const LinuxVolumesPlaces& volumesPlaces);
+    LinuxMachine(SystemLog& systemLog, const LinuxVolumesPlaces& volumesPlaces,
+                 const LinuxTrashPlaces& trashPlaces);
     LinuxMachine(const LinuxMachine&) = delete;
     LinuxMachine& operator=(const LinuxMachine&) = delete;
 

@@ -89,13 +89,32 @@ bool SimulatedDirectoryWatch::setBackupDate(const std::string& folder, const Cat
 void SimulatedDirectoryWatch::remember(std::int16_t /*volume*/, const std::string& /*folder*/,
                                        std::span<const CatalogItem> /*items*/) {}
 
-ResolvedNode SimulatedDirectoryWatch::resolve(const SeenItem& item) {
-    const auto volume = volumes_.volumeInfoByReferenceNumber(item.volume);
-    if (isUndecided_ || volume.status != 0) {
-        return {NodeState::unknown, ""};
+std::vector<ResolvedNode> SimulatedDirectoryWatch::resolve(std::span<const SeenItem> items) {
+    std::vector<ResolvedNode> nodes;
+    for (const SeenItem& item : items) {
+        const auto volume = volumes_.volumeInfoByReferenceNumber(item.volume);
+        if (isUndecided_ || volume.status != 0) {
+            nodes.push_back({NodeState::unknown, ""});
+            continue;
+        }
+        const auto path = fileSystem_.pathOfNode(volume.value.root.rootPath, item.nodeId);
+        nodes.push_back(path ? ResolvedNode{NodeState::found, *path}
+                             : ResolvedNode{NodeState::gone, ""});
     }
-    const auto path = fileSystem_.pathOfNode(volume.value.root.rootPath, item.nodeId);
-    return path ? ResolvedNode{NodeState::found, *path} : ResolvedNode{NodeState::gone, ""};
+    return nodes;
+}
+
+void SimulatedDirectoryWatch::setDidFindOut(std::function<void()> callback) {
+    didFindOut_ = std::move(callback);
+}
+
+void SimulatedDirectoryWatch::findOut() {
+    isUndecided_ = false;
+    runLoop_.post([this] {
+        if (const auto callback = didFindOut_) {
+            callback();
+        }
+    });
 }
 
 void SimulatedDirectoryWatch::changed(const std::string& folder) {

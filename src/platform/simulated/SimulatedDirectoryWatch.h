@@ -27,7 +27,8 @@ class SimulatedDirectoryWatch final : public DirectoryWatch {
     bool setBackupDate(const std::string& folder, const CatalogItem& item, Time date) override;
     void remember(std::int16_t volume, const std::string& folder,
                   std::span<const CatalogItem> items) override;
-    [[nodiscard]] ResolvedNode resolve(const SeenItem& item) override;
+    [[nodiscard]] std::vector<ResolvedNode> resolve(std::span<const SeenItem> items) override;
+    void setDidFindOut(std::function<void()> callback) override;
 
     // Something in the folder has changed: its subscribers are told at the next pass of the loop.
     void changed(const std::string& folder);
@@ -37,6 +38,9 @@ class SimulatedDirectoryWatch final : public DirectoryWatch {
     void refuse(const std::string& folder) { refused_.insert(folder); }
     // Items are neither found nor known to be gone while this holds.
     void setUndecided(bool isUndecided) { isUndecided_ = isUndecided; }
+    // A search ends that has found out about all of them: that is told at the next pass of the
+    // loop.
+    void findOut();
 
   private:
     class Subscription;
@@ -46,6 +50,7 @@ class SimulatedDirectoryWatch final : public DirectoryWatch {
     SimulatedVolumes& volumes_;
     std::set<std::string> refused_;
     bool isUndecided_ = false;
+    std::function<void()> didFindOut_;
     // Held by subscriptions too: they may outlive this machine's part.
     std::shared_ptr<std::multimap<std::string, Subscription*>> subscriptions_;
 };

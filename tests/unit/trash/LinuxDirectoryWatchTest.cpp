@@ -1,5 +1,6 @@
 // Trash folders on a real file system: changes, catalogues, stamps, and items that went elsewhere.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -10,8 +11,10 @@
 #include <fstream>
 #include <string>
 
+#include "platform/linux/ItemTraces.h"
 #include "platform/linux/LinuxDirectoryWatch.h"
 #include "platform/linux/LinuxRunLoop.h"
+#include "platform/linux/OpenFolder.h"
 #include "platform/linux/TrashInfo.h"
 #include "platform/simulated/SimulatedMachine.h"
 #include "unit/platform/RecordingLog.h"
@@ -63,14 +66,29 @@ class LinuxDirectoryWatchTest : public testing::Test {
         return {};
     }
     ResolvedNode resolve(const CatalogItem& item) {
-        return watch_.resolve({volume_, item.nodeId, trash_, item.name});
+        return watch_.resolve(std::vector{SeenItem{volume_, item.nodeId, trash_, item.name}}).at(0);
+    }
+    // Turns the loop until that is so, at most for so long.
+    void turnUntil(const std::function<bool()>& isDone, seconds limit) {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        while (!isDone() && std::chrono::steady_clock::now() < end) {
+            constexpr std::uint64_t kTurnMicroseconds = 10'000;
+            ASSERT_GE(sd_event_run(loop_.event(), kTurnMicroseconds), 0);
+        }
+    }
+    bool hasFoundOut() {
+        bool wasTold = false;
+        watch_.setDidFindOut([&] { wasTold = true; });
+        turnUntil([&] { return wasTold; }, seconds(10));
+        watch_.setDidFindOut(nullptr);
+        return wasTold;
     }
     // Runs the loop until it is told of a change, or for so long.
     int changesWithin(const std::string& folder, seconds limit,
                       const std::function<void()>& happens) {
         int changes = 0;
         LinuxRunLoop loop(log_);
-        LinuxDirectoryWatch watch(loop, machine_.volumes, "");
+        LinuxDirectoryWatch watch(loop, machine_.volumes, LinuxTrashPlaces{});
         const auto subscription = watch.subscribe(folder, [&] {
             ++changes;
             loop.terminate();
@@ -87,7 +105,9 @@ class LinuxDirectoryWatchTest : public testing::Test {
     RecordingLog log_;
     SimulatedMachine machine_{MachineDescription{}};
     LinuxRunLoop loop_{log_};
-    LinuxDirectoryWatch watch_{loop_, machine_.volumes, std::string(folder_.path()) + "/memory"};
+    LinuxDirectoryWatch watch_{
+        loop_, machine_.volumes,
+        LinuxTrashPlaces{.tracesFile = folder_ / "traces", .homes = folder_ / "home"}};
     std::int16_t volume_ = 0;
 };
 
@@ -180,21 +200,155 @@ TEST_F(LinuxDirectoryWatchTest, FindsAnItemByItsHandleAndKnowsOneThatIsGone) {
     write(trash_ + "/a");
     const CatalogItem item = seen("a");
     watch_.remember(volume_, trash_, std::vector{item});
-    fs::create_directories(folder_.path() + "/elsewhere");
-    fs::rename(trash_ + "/a", folder_.path() + "/elsewhere/b");
+    fs::create_directories(folder_ / "elsewhere");
+    fs::rename(trash_ + "/a", folder_ / "elsewhere/b");
     const ResolvedNode moved = resolve(item);
     if (moved.state == NodeState::unknown) GTEST_SKIP() << "no file handles here";
-    EXPECT_EQ(moved.path, folder_.path() + "/elsewhere/b");
-    fs::remove(folder_.path() + "/elsewhere/b");
+    EXPECT_EQ(moved.path, folder_ / "elsewhere/b");
+    fs::remove(folder_ / "elsewhere/b");
     EXPECT_EQ(resolve(item).state, NodeState::gone);
+}
+
+// Without a file handle and a note, as on file systems that have no handles.
+TEST_F(LinuxDirectoryWatchTest, SearchesTheVolumeForWhatNothingElseLeadsTo) {
+    write(trash_ + "/kept");
+    write(trash_ + "/gone");
+    const CatalogItem kept = seen("kept");
+    const CatalogItem gone = seen("gone");
+    fs::create_directories(folder_ / "a/b/c");
+    fs::create_directory_symlink("/", folder_ / "a/link");
+    fs::rename(trash_ + "/kept", folder_ / "a/b/c/other name");
+    fs::remove(trash_ + "/gone");
+    ASSERT_EQ(resolve(kept).state, NodeState::unknown);  // this begins the search
+    ASSERT_TRUE(hasFoundOut());
+    EXPECT_EQ(resolve(kept).path, folder_ / "a/b/c/other name");
+    ASSERT_EQ(resolve(gone).state, NodeState::unknown);
+    ASSERT_TRUE(hasFoundOut());
+    EXPECT_EQ(resolve(gone).state, NodeState::gone);
+}
+
+TEST_F(LinuxDirectoryWatchTest, DecidesNothingWhenASearchRunsOutOfTime) {
+    LinuxDirectoryWatch hurried(loop_, machine_.volumes,
+                                LinuxTrashPlaces{.searchLimit = std::chrono::milliseconds(0)});
+    write(trash_ + "/a");
+    const SeenItem item{volume_, seen("a").nodeId, trash_, "a"};
+    fs::remove(trash_ + "/a");
+    bool wasTold = false;
+    hurried.setDidFindOut([&] { wasTold = true; });
+    EXPECT_EQ(hurried.resolve(std::vector{item}).at(0).state, NodeState::unknown);
+    turnUntil([&] { return wasTold; }, seconds(1));
+    EXPECT_FALSE(wasTold);
+    EXPECT_EQ(hurried.resolve(std::vector{item}).at(0).state, NodeState::unknown);
+}
+
+TEST_F(LinuxDirectoryWatchTest, KeepsWhatLeadsToAnItemAsLongAsItIsAskedFor) {
+    write(trash_ + "/a");
+    write(trash_ + "/b");
+    const CatalogItem a = seen("a");
+    const CatalogItem b = seen("b");
+    watch_.remember(volume_, trash_, std::vector{a, b});
+    ItemTraces both(folder_ / "traces");
+    EXPECT_NE(both.find({volume_, a.nodeId}), nullptr);
+    EXPECT_NE(both.find({volume_, b.nodeId}), nullptr);
+    EXPECT_EQ(resolve(a).state, NodeState::found);
+    ItemTraces one(folder_ / "traces");
+    EXPECT_NE(one.find({volume_, a.nodeId}), nullptr);
+    EXPECT_EQ(one.find({volume_, b.nodeId}), nullptr);
+}
+
+TEST(ItemTraces, AreReadFromAnyBytes) {
+    const TemporaryFolder folder;
+    for (const char* text : {"", "no list", "<plist version=\"1.0\"><array/></plist>",
+                             "<plist version=\"1.0\"><dict><key>1_x</key><dict/><key>7_8</key>"
+                             "<dict><key>handle</key><true/></dict></dict></plist>"}) {
+        folder.write("traces", text);
+        ItemTraces traces(folder / "traces");
+        EXPECT_EQ(traces.find({1, 2}), nullptr) << text;
+    }
+}
+
+TEST_F(LinuxDirectoryWatchTest, MissesNothingWhileItSubscribesAnew) {
+    int changes = 0;
+    auto subscription = watch_.subscribe(trash_, [] {});
+    write(trash_ + "/a");
+    subscription.reset();
+    subscription = watch_.subscribe(trash_, [&] { ++changes; });
+    turnUntil([&] { return changes > 0; }, seconds(10));
+    EXPECT_EQ(changes, 1);
+}
+
+TEST_F(LinuxDirectoryWatchTest, FollowsNoLinkToATrashFolder) {
+    fs::create_directories(folder_ / "secrets/files");
+    write(folder_ / "secrets/files/secret");
+    fs::create_directory_symlink(folder_ / "secrets", folder_ / "planted");
+    EXPECT_FALSE(watch_.catalog(folder_ / "planted/files", 100));
+    EXPECT_FALSE(watch_.setBackupDate(folder_ / "planted/files", {"secret", 1, 1}, Time{}));
+    int changes = 0;
+    const auto subscription = watch_.subscribe(folder_ / "planted/files", [&] { ++changes; });
+    write(folder_ / "secrets/files/another");
+    turnUntil([&] { return changes > 0; }, seconds(1));
+    EXPECT_EQ(changes, 0);
+    // Once there is a folder in its place that one counts.
+    fs::remove(folder_ / "planted");
+    fs::create_directories(folder_ / "planted/files");
+    turnUntil([&] { return changes > 0; }, seconds(10));
+    EXPECT_GT(changes, 0);
+}
+
+TEST_F(LinuxDirectoryWatchTest, ReadsNoNoteThatIsALinkOrAPipe) {
+    fs::create_directories(folder_ / ".Trash-0/info");
+    folder_.write("note", kNote);
+    fs::create_symlink(folder_ / "note", folder_ / ".Trash-0/info/a.trashinfo");
+    ASSERT_EQ(::mkfifo((folder_ / ".Trash-0/info/b.trashinfo").c_str(), 0600), 0);
+    folder_.write(".Trash-0/info/c.trashinfo", kNote);
+    const UniqueFd folder = openPlaceAt(AT_FDCWD, trash_);
+    EXPECT_EQ(traceItem(folder.get(), "a", "/v").origin, "");
+    EXPECT_EQ(traceItem(folder.get(), "b", "/v").origin, "");
+    EXPECT_EQ(traceItem(folder.get(), "c", "/v").origin, "/v/Folder/a letter");
+    EXPECT_EQ(traceItem(folder.get(), "c", "/").origin, "/Folder/a letter");
+}
+
+TEST_F(LinuxDirectoryWatchTest, KnowsWhereTrashFoldersAre) {
+    for (const char* home : {"home/ada", "home/bob", "home/Shared", "home/.hidden"}) {
+        fs::create_directories(folder_ / home);
+    }
+    fs::create_directory_symlink("/", folder_ / "home/link");
+    folder_.write("home/a file", "");
+    const LinuxTrashPlaces places{.homes = folder_ / "home", .rootHome = folder_ / "root"};
+    LinuxDirectoryWatch watch(loop_, machine_.volumes, places);
+    const std::string below = "/.local/share/Trash/files";
+    EXPECT_THAT(watch.trashFolders("/"),
+                testing::ElementsAre(folder_ / ("home/ada" + below), folder_ / ("home/bob" + below),
+                                     folder_ / ("root" + below)));
+    fs::create_directories(folder_ / ".Trash-1234/files");
+    fs::create_directories(folder_ / ".Trash/77/files");
+    const auto folders = watch.trashFolders(folder_.path());
+    const std::string own = folder_ / (".Trash-" + std::to_string(::geteuid()) + "/files");
+    EXPECT_THAT(folders, testing::UnorderedElementsAre(own, folder_ / ".Trash-1234/files",
+                                                       folder_ / ".Trash/77/files"));
+}
+
+TEST_F(LinuxDirectoryWatchTest, TouchesNoHomeOnANetwork) {
+    fs::create_directories(folder_ / "home/ada");
+    fs::create_directories(folder_ / "home/far");
+    MountDescription mount;
+    mount.path = folder_ / "home/far";
+    mount.device = "server:/far";
+    mount.type = "nfs4";
+    mount.kind = MountKind::network;
+    machine_.volumes.mount(mount);
+    LinuxDirectoryWatch watch(
+        loop_, machine_.volumes,
+        LinuxTrashPlaces{.homes = folder_ / "home", .rootHome = folder_ / "home/far/root"});
+    EXPECT_THAT(watch.trashFolders("/"),
+                testing::ElementsAre(folder_ / "home/ada/.local/share/Trash/files"));
 }
 
 TEST_F(LinuxDirectoryWatchTest, DecidesNothingAboutAVolumeThatIsNotMounted) {
     write(trash_ + "/a");
-    const CatalogItem item = seen("a");
-    EXPECT_EQ(
-        watch_.resolve({static_cast<std::int16_t>(volume_ + 1), item.nodeId, trash_, "a"}).state,
-        NodeState::unknown);
+    const std::vector<SeenItem> items{
+        {static_cast<std::int16_t>(volume_ + 1), seen("a").nodeId, trash_, "a"}};
+    EXPECT_EQ(watch_.resolve(items).at(0).state, NodeState::unknown);
 }
 
 }  // namespace

@@ -1,0 +1,219 @@
+// Where items went that are no longer in their trash folders.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+
+#include "platform/VolumeOfPath.h"
+#include "platform/linux/LinuxDirectoryWatch.h"
+#include "platform/linux/MountTable.h"
+#include "platform/linux/OpenFolder.h"
+
+namespace korvane {
+
+namespace {
+
+bool isNodeAt(int folder, const std::string& name, std::uint64_t nodeId) {
+    struct stat status {};
+    return ::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           status.st_ino == nodeId;
+}
+
+bool isNodeOfDeviceAt(const std::string& path, std::uint64_t nodeId, dev_t device) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 && status.st_ino == nodeId &&
+           status.st_dev == device;
+}
+
+}  // namespace
+
+// The folders that items were seen in, each opened once; while this is there their volumes cannot
+// be unmounted.
+struct LinuxDirectoryWatch::Folders {
+    struct Opened {
+        std::optional<PathVolume> volume;
+        UniqueFd folder;  // empty when it is not there
+        UniqueFd root;    // the volume's; empty when it is not mounted
+        dev_t device = 0;
+    };
+    std::map<std::pair<std::int16_t, std::string>, Opened> opened;
+
+    Opened& of(Volumes& volumes, std::int16_t volume, const std::string& folder) {
+        const auto [known, isNew] = opened.try_emplace({volume, folder});
+        if (isNew) open(known->second, volumes, volume, folder);
+        return known->second;
+    }
+
+    static void open(Opened& entry, Volumes& volumes, std::int16_t volume,
+                     const std::string& folder) {
+        entry.volume = volumeOfPath(volumes, folder);
+        const bool isThere = entry.volume && entry.volume->info.referenceNumber == volume;
+        if (!isThere) {
+            // Mounted elsewhere now, or not at all.
+            const auto info = volumes.volumeInfoByReferenceNumber(volume);
+            entry.volume.reset();
+            if (info.status != 0) return;
+            entry.volume = PathVolume{info.value, info.value.root.rootPath};
+        }
+        entry.root = openedRoot(volumes, entry.volume->mountPoint);
+        if (isThere && entry.root) entry.folder = openPlaceAt(AT_FDCWD, bytesOfText(folder));
+        struct stat status {};
+        const int place = entry.folder ? entry.folder.get() : entry.root.get();
+        if (place >= 0 && ::fstat(place, &status) == 0) entry.device = status.st_dev;
+    }
+
+    // The volume may have gone since the mount table was read: then the path leads to the folder
+    // below, on a file system that knows nothing of these items. Once it is open it stays.
+    static UniqueFd openedRoot(Volumes& volumes, const std::string& mountPoint) {
+        const std::string path = bytesOfText(mountPoint);
+        // For reading: open_by_handle_at(2) takes no other.
+        UniqueFd root = openFolderAt(AT_FDCWD, path);
+        struct stat opened {};
+        struct stat there {};
+        if (!root || !volumes.fileSystemAttributes(mountPoint) ||
+            ::fstat(root.get(), &opened) != 0 || ::lstat(path.c_str(), &there) != 0 ||
+            opened.st_dev != there.st_dev || opened.st_ino != there.st_ino) {
+            return UniqueFd{};
+        }
+        return root;
+    }
+};
+
+// Items to search for, and below which mounts.
+struct LinuxDirectoryWatch::Sought {
+    std::vector<std::string> roots;
+    struct Item {
+        ItemTraces::Key key;
+        VolumeSearch::Node node;
+        // It exists, by its handle: not finding it says nothing.
+        bool exists = false;
+    };
+    std::vector<Item> items;
+};
+
+LinuxDirectoryWatch::LinuxDirectoryWatch(LinuxRunLoop& loop, Volumes& volumes,
+                                         LinuxTrashPlaces places)
+    : loop_(loop),
+      volumes_(volumes),
+      places_(std::move(places)),
+      traces_(places_.tracesFile),
+      alive_(std::make_shared<char>()) {}
+
+LinuxDirectoryWatch::~LinuxDirectoryWatch() = default;
+
+void LinuxDirectoryWatch::remember(std::int16_t volume, const std::string& folder,
+                                   std::span<const CatalogItem> items) {
+    const auto info = volumes_.volumeInfoByReferenceNumber(volume);
+    const UniqueFd opened = openPlaceAt(AT_FDCWD, bytesOfText(folder));
+    if (!opened || info.status != 0) return;
+    const std::string root = bytesOfText(info.value.root.rootPath);
+    for (const CatalogItem& item : items) {
+        traces_.set({volume, item.nodeId}, traceItem(opened.get(), bytesOfText(item.name), root));
+    }
+    traces_.save();
+}
+
+std::vector<ResolvedNode> LinuxDirectoryWatch::resolve(std::span<const SeenItem> items) {
+    std::vector<ResolvedNode> answers;
+    answers.reserve(items.size());
+    std::set<ItemTraces::Key> needed;
+    Folders folders;
+    Sought sought;
+    for (const SeenItem& item : items) {
+        answers.push_back(resolveOne(item, folders, sought));
+        if (answers.back().state != NodeState::gone) needed.insert({item.volume, item.nodeId});
+    }
+    foundOut_.clear();
+    traces_.keepOnly(needed);
+    traces_.save();
+    startSearch(std::move(sought));
+    return answers;
+}
+
+ResolvedNode LinuxDirectoryWatch::resolveOne(const SeenItem& item, Folders& folders,
+                                             Sought& sought) {
+    const Folders::Opened& place = folders.of(volumes_, item.volume, item.folder);
+    if (!place.volume || !place.root) return {};
+    if (place.folder && isNodeAt(place.folder.get(), bytesOfText(item.name), item.nodeId)) {
+        return {NodeState::found, item.folder + '/' + item.name};
+    }
+    const ItemTraces::Key key{item.volume, item.nodeId};
+    bool exists = false;
+    if (const ItemTrace* const trace = traces_.find(key)) {
+        if (!trace->origin.empty() && isNodeOfDeviceAt(trace->origin, item.nodeId, place.device)) {
+            return {NodeState::found, textOfBytes(trace->origin)};
+        }
+        const HandleAnswer answer = followHandle(place.root.get(), *trace, item.nodeId);
+        if (answer.state == HandleState::gone) return {NodeState::gone, ""};
+        if (!answer.path.empty()) return {NodeState::found, textOfBytes(answer.path)};
+        exists = answer.state == HandleState::exists;
+    }
+    if (const auto known = foundOut_.find(key); known != foundOut_.end()) {
+        const ResolvedNode& node = known->second;
+        const bool stillStands =
+            node.state != NodeState::found ||
+            isNodeOfDeviceAt(bytesOfText(node.path), item.nodeId, place.device);
+        if (stillStands) return node;
+    }
+    // The way that led to the folder first; what another mount of the volume shows, too.
+    for (const std::string& root : {place.volume->mountPoint, place.volume->info.root.rootPath}) {
+        if (std::ranges::find(sought.roots, root) == sought.roots.end()) {
+            sought.roots.push_back(root);
+        }
+    }
+    sought.items.push_back({key, {place.device, item.nodeId}, exists});
+    return {};
+}
+
+void LinuxDirectoryWatch::setDidFindOut(std::function<void()> callback) {
+    didFindOut_ = std::move(callback);
+}
+
+// One at a time: what is sought meanwhile is sought again at the next resolve().
+void LinuxDirectoryWatch::startSearch(Sought sought) {
+    if (search_ || sought.items.empty()) return;
+    VolumeSearch::Order order;
+    for (const std::string& root : sought.roots) order.roots.push_back(bytesOfText(root));
+    for (const Sought::Item& item : sought.items) order.nodes.insert(item.node);
+    for (const MountEntry& mount : volumes_.mountTable()) {
+        order.avoided.insert(bytesOfText(mount.mountOnName));
+    }
+    order.limit = places_.searchLimit;
+    sought_ = std::make_unique<Sought>(std::move(sought));
+    try {
+        search_ = std::make_unique<VolumeSearch>(
+            loop_, std::move(order),
+            [this](const VolumeSearch::Finding& finding) { didSearch(finding); });
+    } catch (const std::system_error&) {
+        // No thread or descriptor now; nothing is decided, and the next scan asks again.
+    }
+}
+
+void LinuxDirectoryWatch::didSearch(const VolumeSearch::Finding& finding) {
+    const std::unique_ptr<VolumeSearch> over = std::move(search_);
+    const auto isWhole = [&](dev_t device) {
+        const auto known = finding.isWhole.find(device);
+        return known != finding.isWhole.end() && known->second;
+    };
+    bool hasFoundOut = false;
+    for (const Sought::Item& item : sought_->items) {
+        ResolvedNode& node = foundOut_[item.key];
+        const auto found = finding.paths.find(item.node);
+        if (found != finding.paths.end()) {
+            node = {NodeState::found, textOfBytes(found->second)};
+        } else if (isWhole(item.node.first) && !item.exists) {
+            node = {NodeState::gone, ""};
+        }
+        hasFoundOut = hasFoundOut || node.state != NodeState::unknown;
+    }
+    // What stays unknown is kept as such for the one question that follows, so that it does not
+    // start the same search again.
+    if (!hasFoundOut) foundOut_.clear();
+    const std::function<void()> callback = didFindOut_;
+    if (hasFoundOut && callback) callback();
+}
+
+}  // namespace korvane

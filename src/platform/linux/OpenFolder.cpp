@@ -1,0 +1,59 @@
+#include "platform/linux/OpenFolder.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <string_view>
+
+namespace korvane {
+
+namespace {
+
+constexpr int kNoLink = O_NOFOLLOW | O_CLOEXEC;
+
+// Opens a path's components one after the other, since O_NOFOLLOW is about the last one alone.
+UniqueFd openWithoutLinks(int base, std::string_view path, int flags) {
+    UniqueFd folder;
+    const auto current = [&] { return folder ? folder.get() : base; };
+    if (path.starts_with('/')) {
+        folder = UniqueFd{::open("/", O_PATH | O_DIRECTORY | kNoLink)};
+        if (!folder) return folder;
+    }
+    while (true) {
+        path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
+        const std::string name(path.substr(0, path.find('/')));
+        path.remove_prefix(name.size());
+        if (path.find_first_not_of('/') == std::string_view::npos) {
+            const char* const last = name.empty() ? "." : name.c_str();
+            return UniqueFd{::openat(current(), last, flags | kNoLink)};
+        }
+        folder = UniqueFd{::openat(current(), name.c_str(), O_PATH | O_DIRECTORY | kNoLink)};
+        if (!folder) return folder;
+    }
+}
+
+}  // namespace
+
+UniqueFd openFolderAt(int base, const std::string& path) {
+    return openWithoutLinks(base, path, O_RDONLY | O_DIRECTORY | O_NONBLOCK);
+}
+
+UniqueFd openPlaceAt(int base, const std::string& path) {
+    return openWithoutLinks(base, path, O_PATH | O_DIRECTORY);
+}
+
+UniqueFd openRegularFileAt(int base, const std::string& path) {
+    UniqueFd file = openWithoutLinks(base, path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    struct stat status {};
+    if (file && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) return UniqueFd{};
+    return file;
+}
+
+FolderStream streamOf(UniqueFd folder) {
+    FolderStream stream{folder ? ::fdopendir(folder.get()) : nullptr};
+    if (stream) (void)folder.release();  // the stream's now
+    return stream;
+}
+
+}  // namespace korvane

@@ -1,0 +1,185 @@
+// What goes wrong around the trash history, or goes on beside it: programs that overlap, volumes
+// that go, clocks that step, disks that are full.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+#include "scenarios/TrashBed.h"
+
+namespace korvane {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+using TrashFaults = TrashBed;
+
+TEST_F(TrashFaults, AProgramThatStillRunsKeepsItsJobs) {
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(milliseconds(500));
+    trash(std::string(kDataTrash) + "/b");
+    s.run(milliseconds(200));
+    const auto launches = s.machine().processes.launches();
+    ASSERT_THAT(launches, SizeIs(2));
+    EXPECT_EQ(launches[0].arguments[1], "/tmp/.KVDataRec_Data.dat");
+    EXPECT_EQ(launches[1].arguments[1], "/tmp/.KVDataRec_Data 1.dat");
+    s.run(seconds(10));
+    EXPECT_THAT(jobs, SizeIs(3));  // one, and then both
+    EXPECT_FALSE(files().exists("/tmp/.KVDataRec_Data.dat"));
+    EXPECT_FALSE(files().exists("/tmp/.KVDataRec_Data 1.dat"));
+    // The name is free again.
+    trash(std::string(kDataTrash) + "/c");
+    s.run(milliseconds(200));
+    EXPECT_EQ(s.machine().processes.launches().back().arguments[1], "/tmp/.KVDataRec_Data.dat");
+}
+
+TEST_F(TrashFaults, PollsOnceMoreAfterTheLastProgramAndThenRests) {
+    s.run(seconds(60));
+    const std::size_t before = s.pendingDelays().size();
+    trash(std::string(kDataTrash) + "/a");
+    s.run(milliseconds(2500));  // the program took a second; this poll has collected
+    EXPECT_FALSE(files().exists("/tmp/.KVDataRec_Data.dat"));
+    EXPECT_EQ(s.pendingDelays().size(), before + 1);
+    s.run(seconds(2));
+    EXPECT_EQ(s.pendingDelays().size(), before);
+}
+
+TEST_F(TrashFaults, AProgramThatIsKilledLeavesNothingBehind) {
+    s.machine().processes.setProgram(kProgram, {.duration = std::nullopt, .work = nullptr});
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(seconds(30));
+    EXPECT_TRUE(files().exists("/tmp/.KVDataRec_Data.dat"));
+    s.machine().processes.kill(0);
+    s.run(seconds(5));
+    EXPECT_FALSE(files().exists("/tmp/.KVDataRec_Data.dat"));
+    EXPECT_THAT(usage(), SizeIs(1));
+}
+
+TEST_F(TrashFaults, MarksWhatASearchHasFoundOut) {
+    s.run(seconds(1));
+    trash(std::string(kTrash) + "/a");
+    s.run(seconds(1));
+    s.machine().directoryWatch.setUndecided(true);
+    empty(std::string(kTrash) + "/a");
+    s.run(seconds(1));
+    EXPECT_FALSE(record("a").contains("Deleted"));
+    s.machine().directoryWatch.findOut();
+    s.run(seconds(1));
+    EXPECT_TRUE(record("a").contains("Deleted"));
+}
+
+TEST_F(TrashFaults, DecidesNothingAboutAVolumeThatWentDuringAScan) {
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(milliseconds(500));
+    s.unmount("/Volumes/Data").run(seconds(10));
+    trash(std::string(kTrash) + "/b");
+    s.run(seconds(5));
+    EXPECT_FALSE(record("a").contains("Deleted"));
+    EXPECT_FALSE(record("a").contains("Removed"));
+    EXPECT_FALSE(record("b").empty());
+}
+
+TEST_F(TrashFaults, TakesAPathThatIsTooLongForADeletion) {
+    s.run(seconds(1));
+    trash(std::string(kTrash) + "/a");
+    s.run(seconds(1));
+    std::string folder = "/Users/ada";
+    while (folder.size() < 1024) folder += "/" + std::string(200, 'd');
+    s.put(folder + "/x", "");
+    move(std::string(kTrash) + "/a", folder + "/a");
+    s.run(seconds(1));
+    EXPECT_TRUE(record("a").contains("Deleted"));
+}
+
+TEST_F(TrashFaults, LeavesAnItemAloneThatMovedWithinTheTrash) {
+    s.run(seconds(1));
+    trash(std::string(kTrash) + "/a");
+    s.run(seconds(1));
+    s.put(std::string(kTrash) + "/folder/x", "");
+    move(std::string(kTrash) + "/a", std::string(kTrash) + "/folder/a");
+    s.run(seconds(1));
+    EXPECT_FALSE(record("a").contains("Deleted"));
+    EXPECT_FALSE(record("a").contains("Removed"));
+}
+
+TEST_F(TrashFaults, KeepsRecordsWhenTheClockStepsBack) {
+    s.run(seconds(1));
+    trash(std::string(kTrash) + "/a");
+    s.run(seconds(1));
+    empty(std::string(kTrash) + "/a");
+    s.run(seconds(1));
+    ASSERT_TRUE(record("a").contains("Deleted"));
+    s.stepClock(-hours(24 * 30));
+    trash(std::string(kTrash) + "/b");
+    s.run(seconds(5));
+    EXPECT_TRUE(record("a").contains("Deleted"));
+    EXPECT_FALSE(record("b").empty());
+    s.stepClock(hours(24 * 60));
+    s.machine().directoryWatch.changed(kTrash);
+    s.run(seconds(1));
+    EXPECT_TRUE(record("a").empty());
+}
+
+TEST_F(TrashFaults, KeepsAResultThatCannotBeCollected) {
+    s.put(volumeFolder("Data") + "/" + kDeletes + "/a folder in its place", "");
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(seconds(10));
+    ASSERT_THAT(jobs, SizeIs(1));
+    EXPECT_TRUE(files().exists(jobs[0].searchResultPath));
+    EXPECT_FALSE(files().exists("/tmp/.KVDataRec_Data.dat"));
+}
+
+TEST_F(TrashFaults, BeginsTheFileOfAnHourThoughTheProgramFoundNothing) {
+    setProgram("");
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(seconds(10));
+    const auto bytes = files().bytes(volumeFolder("Data") + "/" + kDeletes);
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ(bytes->size(), kTrashRecordBytes);
+}
+
+TEST_F(TrashFaults, RecordsNothingWithoutTheSupportFolder) {
+    s.run(seconds(1));
+    s.removeSupportFolder();
+    trash(std::string(kTrash) + "/a");
+    s.run(milliseconds(100));
+    EXPECT_FALSE(files().exists(kSupportFolder));
+    EXPECT_THAT(s.machine().processes.launches(), IsEmpty());
+}
+
+TEST_F(TrashFaults, FollowsTheSwitchWhileItRuns) {
+    s.run(seconds(1));
+    ASSERT_THAT(watched(), SizeIs(2));
+    s.editPreferences([](Dictionary& settings) { settings.set("trashHistoryOnOff", false); });
+    s.send("daemonStartYourEngines").run(seconds(1));
+    EXPECT_THAT(watched(), IsEmpty());
+    s.editPreferences([](Dictionary& settings) { settings.set("trashHistoryOnOff", true); });
+    s.send("daemonStartYourEngines").run(seconds(1));
+    EXPECT_THAT(watched(), ElementsAre(kTrash, kDataTrash));
+}
+
+TEST_F(TrashFaults, LeavesTheItemsThemselvesAloneWhateverTheirNames) {
+    s.run(seconds(1));
+    const std::string name = std::string(250, 'n') + "&<>\"'";
+    trash(std::string(kTrash) + "/" + name);
+    trash(std::string(kTrash) + "/  leading blanks");
+    s.run(seconds(5));
+    EXPECT_FALSE(record(name).empty());
+    EXPECT_FALSE(record("  leading blanks").empty());
+    EXPECT_EQ(files().bytes(std::string(kTrash) + "/" + name), std::string(kTrash) + "/" + name);
+}
+
+}  // namespace
+}  // namespace korvane
