@@ -1,0 +1,306 @@
+"""The trash history by the real daemon with the real recovery program: homes on the start-up volume
+and the trash of a volume that is mounted for the test.
+
+    trash_process_test.py DAEMON
+"""
+
+import contextlib
+import glob
+import os
+import plistlib
+import random
+import signal
+import struct
+import subprocess
+import time
+import unittest
+
+from daemon_process_test import SUPPORT, DaemonBed, mount, read_bytes, volume_entries, wait_for
+
+USAGE = f"{SUPPORT}/Trash Usage.plist"
+RECORD_BYTES = 764
+STAMP_OFFSET = 544
+FROM_1904_TO_1970 = (66 * 365 + 17) * 86400
+
+
+def usage():
+    try:
+        return plistlib.loads(read_bytes(USAGE))
+    except FileNotFoundError:
+        return {}
+    except (plistlib.InvalidFileException, ValueError):
+        return None  # just being rewritten
+
+
+def records():
+    document = usage() or {}
+    return {value["itemName"]: value for value in document.values() if isinstance(value, dict)}
+
+
+def put(path, text="x"):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(text)
+    return path
+
+
+class TrashProcess(DaemonBed):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        # Homes and a /tmp of their own, on the start-up volume still.
+        for folder in ("/home", "/root", "/tmp"):
+            os.makedirs(cls.place + folder)
+        for folder in ("/home", "/root"):
+            mount("--bind", cls.place + folder, folder)
+
+    @classmethod
+    def tearDownClass(cls):
+        for folder in ("/home", "/root"):
+            subprocess.run(["umount", "--lazy", folder], check=True)
+        super().tearDownClass()
+
+    def setUp(self):
+        super().setUp()
+        self.needs_root_volume()
+        for folder in ("/home", "/root"):
+            for name in os.listdir(folder):
+                subprocess.run(["rm", "-rf", f"{folder}/{name}"], check=True)
+        self.trash = "/home/ada/.local/share/Trash"
+        os.makedirs(f"{self.trash}/files")
+        os.makedirs(f"{self.trash}/info")
+
+    def mount_image(self, name, megabytes=16):
+        image = f"{self.place}/{name}.image"
+        with open(image, "wb") as file:
+            file.truncate(megabytes << 20)
+        subprocess.run(["mkfs.ext4", "-q", image], check=True)
+        folder = f"/Volumes/{name}"
+        os.mkdir(folder)
+        if subprocess.run(["mount", "-o", "loop", image, folder], check=False,
+                          capture_output=True).returncode != 0:
+            self.skipTest("this machine mounts no images")
+        self.addCleanup(os.unlink, image)
+        self.addCleanup(subprocess.run, ["umount", "--lazy", folder], check=False)
+        return folder
+
+    def watch(self, *paths, **changes):
+        entries = [{"volumeMountToName": path, "trashOnOff": True, "volumeOnOff": False,
+                    "directoryOnOff": False, "isCoreStorageEncrypted": False,
+                    "freeSpaceWarningLevel": 0, "usageStatus": "3", "directoryStatus": "3",
+                    "executionTimeUsage": 4e9, "executionTimeDirectory": 4e9}
+                   for path in ("/", *paths)]
+        self.write_preferences(volumeArray=entries, **{"trashHistoryOnOff": True, **changes})
+        daemon = self.start()
+        # The trash is watched before the document is written for the first time.
+        wait_for(lambda: volume_entries().get("/", {}).get("usageStatus") == "0")
+        return daemon
+
+    def wait_for_record(self, name):
+        """Waits for an item's record in a daemon that may not have watched yet when it came."""
+        path, other = f"{self.trash}/files/{name}", f"/home/ada/{name}"
+        for _ in range(20):
+            put(other)
+            os.replace(other, path)
+            with contextlib.suppress(AssertionError):
+                return wait_for(lambda: name in records() and usage(), 3)
+        raise AssertionError(f"no record of {name}")
+
+    def throw_away(self, name, text="x", origin=None):
+        """As a file manager does: the note first, then the item."""
+        path = put(f"/home/ada/{name}", text)
+        put(f"{self.trash}/info/{name}.trashinfo",
+            f"[Trash Info]\nPath={origin or path}\nDeletionDate=2026-03-02T08:00:00\n")
+        os.rename(path, f"{self.trash}/files/{name}")
+        return f"{self.trash}/files/{name}"
+
+    def test_records_an_item_stamps_it_and_collects_what_the_program_found(self):
+        self.watch()
+        began = int(time.time())
+        path = self.throw_away("letter", "the contents of a letter\n" * 1000)
+        record = wait_for(lambda: records().get("letter"))
+        node = os.stat(path).st_ino
+        self.assertEqual(record["nodeID"], str(node))
+        self.assertEqual(record["dirPath"], f"{self.trash}/files")
+        self.assertEqual(record["volumeName"], "System")
+        self.assertIn(f"System_{node}", usage())
+        self.assertEqual(os.stat(USAGE).st_mode & 0o7777, 0o666)
+        stamp = wait_for(lambda: os.listxattr(path) and os.getxattr(path,
+                                                                   "user.korvane.backup-date"))
+        self.assertAlmostEqual(int(stamp), began, delta=60)
+        [deletes] = wait_for(lambda: glob.glob(f"{SUPPORT}/System/Trash Deletes *"), 30)
+        content = wait_for(lambda: len(read_bytes(deletes)) >= 2 * RECORD_BYTES
+                           and read_bytes(deletes), 30)
+        self.assertEqual(len(content) % RECORD_BYTES, 0)
+        self.assertEqual(content[:9], b"quorlen\0\0")
+        texts = content[9:RECORD_BYTES].split(b"\0")
+        self.assertEqual(texts[0].decode(), self.root)
+        self.assertEqual(texts[1], b"/")
+        self.assertEqual(texts[4], b"trashDeletes")
+        collected, = struct.unpack_from("=I", content, RECORD_BYTES + STAMP_OFFSET)
+        # Less the local zone's offset from Greenwich, which is less than a day.
+        self.assertAlmostEqual(collected, int(time.time()) + FROM_1904_TO_1970, delta=86400)
+        self.assertEqual(os.stat(deletes).st_mode & 0o7777, 0o666)
+        wait_for(lambda: not os.path.exists(f"/tmp/.{node}.dat"))
+        wait_for(lambda: not os.path.exists("/tmp/.KVDataRec_System.dat"))
+
+    def test_tells_an_item_put_back_from_one_that_was_emptied(self):
+        self.watch()
+        for name in ("back", "elsewhere", "gone", "renamed"):
+            self.throw_away(name)
+        wait_for(lambda: len(records()) == 4)
+        files = f"{self.trash}/files"
+        os.rename(f"{files}/back", "/home/ada/back")
+        os.makedirs("/home/ada/below/deep")
+        os.rename(f"{files}/elsewhere", "/home/ada/below/deep/elsewhere")
+        os.unlink(f"{files}/gone")
+        os.rename(f"{files}/renamed", f"{files}/another name")
+        def left():
+            found = records()
+            marked = {name for name, record in found.items()
+                      if "Removed" in record or "Deleted" in record}
+            return found if "another name" in found and marked == {"back", "elsewhere",
+                                                                   "gone"} else None
+        found = wait_for(left, 60)
+        self.assertIn("Removed", found["back"])
+        self.assertIn("Removed", found["elsewhere"])
+        self.assertIn("Deleted", found["gone"])
+        # The same node under another name: its record began afresh.
+        self.assertNotIn("renamed", found)
+
+    def test_watches_the_trash_of_another_volume_that_appears_later(self):
+        data = self.mount_image("Data")
+        os.chown("/home/ada", 1000, 1000)
+        self.watch(data)
+        wait_for(lambda: volume_entries().get(data, {}).get("usageStatus") == "0")
+        os.makedirs(f"{data}/.Trash-1000/files")
+        put(f"{data}/.Trash-1000/files/first")
+        wait_for(lambda: "first" in records())
+        self.assertEqual(wait_for(lambda: records().get("first"))["volumeName"], "Data")
+        # A trash that was deleted as a whole and made again.
+        second = put(f"{data}/second")  # made now, so that it does not take the first one's number
+        subprocess.run(["rm", "-rf", f"{data}/.Trash-1000"], check=True)
+        os.makedirs(f"{data}/.Trash-1000/files")
+        os.rename(second, f"{data}/.Trash-1000/files/second")
+        wait_for(lambda: "second" in records() and "Deleted" in records().get("first", {}))
+        # The volume goes: nothing is decided about what was on it.
+        # The program or a scan may look at it for a moment.
+        wait_for(lambda: subprocess.run(["umount", data], check=False,
+                                        stderr=subprocess.DEVNULL).returncode == 0)
+        self.throw_away("meanwhile")
+        wait_for(lambda: "meanwhile" in records())
+        self.assertNotIn("Deleted", wait_for(lambda: records().get("second")))
+
+    def test_watches_nothing_while_the_history_is_off(self):
+        self.watch(trashHistoryOnOff=False)
+        self.throw_away("letter")
+        time.sleep(2)  # nothing is to happen; a record takes some milliseconds
+        self.assertFalse(os.path.exists(USAGE))
+
+    def test_follows_no_link_in_the_place_of_a_trash_or_of_a_file_in_tmp(self):
+        secrets = f"{self.place}/secrets"
+        os.makedirs(f"{secrets}/files", exist_ok=True)
+        put(f"{secrets}/files/secret")
+        os.makedirs("/home/eve/.local/share")
+        os.symlink(secrets, "/home/eve/.local/share/Trash")
+        precious = put(f"{self.place}/precious", "precious")
+        planted = "/tmp/.KVDataRec_System.dat"
+        os.symlink(precious, planted)
+        self.addCleanup(os.unlink, planted)
+        daemon = self.watch()
+        os.symlink(precious, f"{self.trash}/files/a link")
+        put(f"{secrets}/files/another secret")
+        wait_for(lambda: "a link" in records())
+        daemon.wait_for_line("No search for what is in the trash")
+        self.assertEqual(read_bytes(precious), b"precious")
+        self.assertEqual(os.listxattr(precious), [])
+        self.assertEqual(list(records()), ["a link"])
+
+    def test_records_names_of_any_bytes(self):
+        self.watch()
+        names = [b"n" * 255, b"line\nfeed", b"bad \xff\xfe", b"  leading", b"back\\slash",
+                 b"looks like \\377", "é ü 漢字".encode()]
+        for name in names:
+            with open(f"{self.trash}/files/".encode() + name, "wb"):
+                pass
+        shown = {"n" * 255, "line\\012feed", "bad \\377\\376", "  leading", "back\\slash",
+                 "looks like \\134377", "é ü 漢字"}
+        wait_for(lambda: set(records()) == shown)
+        put(f"{self.trash}/files/one more")
+        wait_for(lambda: "one more" in records())
+        self.assertFalse(any("Deleted" in record for record in records().values()))
+        os.unlink(f"{self.trash}/files/".encode() + b"bad \xff\xfe")
+        wait_for(lambda: "Deleted" in records().get("bad \\377\\376", {}))
+
+    def test_outlives_a_crowd_of_items_that_come_and_go(self):
+        self.watch()
+        chance = random.Random(7)
+        files = f"{self.trash}/files"
+        for step in range(2000):
+            name = f"{files}/{chance.randrange(60)}"
+            if os.path.exists(name):
+                chance.choice((os.unlink, lambda path: os.rename(path, f"/home/ada/{step}"),
+                               lambda path: os.rename(path, f"{path}{step}")))(name)
+            else:
+                put(name)
+        for name in os.listdir(files):
+            os.unlink(f"{files}/{name}")
+        put(f"{files}/last")
+        wait_for(lambda: "last" in records() and all(
+            "Deleted" in record or "Removed" in record
+            for name, record in records().items() if name != "last"), 60)
+
+    def test_records_a_hundred_of_a_hundred_thousand_items(self):
+        files = f"{self.trash}/files"
+        for item in range(100_000):
+            os.close(os.open(f"{files}/{item}", os.O_CREAT | os.O_WRONLY))
+        self.watch()
+        put(f"{files}/one more")
+        wait_for(lambda: len(records()) >= 99, 60)
+        self.assertLessEqual(len(records()), 100)
+
+    def test_loses_nothing_when_it_is_killed_at_any_moment(self):
+        daemon = self.watch()
+        seen = set()
+        chance = random.Random(11)
+        for turn in range(12):
+            for item in range(8):
+                put(f"{self.trash}/files/{turn}.{item}")
+            time.sleep(chance.random() * 0.05)  # the moment is what varies, nothing is waited for
+            daemon.process.send_signal(signal.SIGKILL)
+            daemon.process.wait()
+            before = usage()
+            daemon = self.start()
+            document = self.wait_for_record(f"turn {turn}")
+            if before is not None:
+                seen |= set(before)
+            self.assertLessEqual(seen, set(document))
+
+    def test_sets_an_unreadable_record_aside(self):
+        daemon = self.watch()
+        put(USAGE, "no property list")
+        self.throw_away("letter")
+        wait_for(lambda: "letter" in records())
+        daemon.wait_for_line("cannot be used and is kept as")
+        [aside] = glob.glob(f"{SUPPORT}/Trash Usage, unreadable*")
+        self.assertEqual(read_bytes(aside), b"no property list")
+
+    def test_costs_nothing_while_nothing_happens(self):
+        daemon = self.watch()
+        self.throw_away("letter")
+        wait_for(lambda: glob.glob(f"{SUPPORT}/System/Trash Deletes *"), 30)
+        wait_for(lambda: not os.path.exists("/tmp/.KVDataRec_System.dat"))
+
+        def switches():
+            with open(f"/proc/{daemon.process.pid}/status", encoding="ascii") as status:
+                return [line for line in status if "ctxt_switches" in line]
+
+        def rested():
+            before = switches()
+            time.sleep(5)  # longer than any poll
+            return switches() == before
+        wait_for(rested, 90)  # the watch for the emergency volume looks for half a minute
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
