@@ -58,6 +58,10 @@ class TrashProcess(DaemonBed):
     def tearDownClass(cls):
         for folder in ("/home", "/root"):
             subprocess.run(["umount", "--lazy", folder], check=True)
+        # What a daemon that was killed had handed to the recovery program.
+        for volume in ("System", "Data"):
+            for path in glob.glob(f"/tmp/.KVDataRec_{volume}*.dat"):
+                os.unlink(path)
         super().tearDownClass()
 
     def setUp(self):
