@@ -1,5 +1,6 @@
 // Directory backups of any bytes, read in pieces of any size: read to the end or refused, the paths
-// in their order; and compared, with themselves, which never tells of anything, and with each other.
+// in their order; and compared, with themselves, which never tells of anything, and with each
+// other.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -16,14 +17,13 @@ namespace {
 using namespace korvane::ctl;
 
 RecordReader readerOf(std::string_view text, std::size_t piece) {
-    return RecordReader{
-        [text, piece](std::span<char> room) mutable -> std::ptrdiff_t {
-            const std::size_t length = std::min({piece, room.size(), text.size()});
-            std::memcpy(room.data(), text.data(), length);
-            text.remove_prefix(length);
-            return static_cast<std::ptrdiff_t>(length);
-        },
-        "fuzz"};
+    return RecordReader{[text, piece](std::span<char> room) mutable -> std::ptrdiff_t {
+                            const std::size_t length = std::min({piece, room.size(), text.size()});
+                            std::memcpy(room.data(), text.data(), length);
+                            text.remove_prefix(length);
+                            return static_cast<std::ptrdiff_t>(length);
+                        },
+                        "fuzz"};
 }
 
 // Whether it was read to its end.

@@ -1,4 +1,4 @@
-// The trash folders of a Linux machine (freedesktop.org's Trash specification): one inotify queue
+// The trash folders of a Linux machine (freedesktop.org's Trash layout): one inotify queue
 // for all of them, and inode numbers. An item that has left is looked for where it was seen, where
 // its trash says that it came from, where its file handle leads, and then by a search of its
 // volume. No link is followed on the way to a trash folder. With nothing happening it costs

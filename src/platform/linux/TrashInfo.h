@@ -1,5 +1,5 @@
-// The notes that a trash keeps of where its items came from (freedesktop.org's Trash
-// specification), which their users write.
+// The notes that a trash keeps of where its items came from (the Trash layout of freedesktop.org),
+// which their users write.
 #pragma once
 
 #include <optional>
