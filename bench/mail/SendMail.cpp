@@ -19,7 +19,8 @@ int main(int argumentCount, char** arguments) {
                                        {"emailSubject", "Korvane Pro"},
                                        {"emailAddress", "ada@example.org"}};
     korvane::LinuxSystemLog systemLog;
-    korvane::LinuxMachine linuxMachine(systemLog, korvane::LinuxVolumesPlaces{});
+    korvane::LinuxMachine linuxMachine(systemLog, korvane::LinuxVolumesPlaces{},
+                                       korvane::LinuxTrashPlaces{});
     const korvane::Machine machine = linuxMachine.machine();
     korvane::NotificationCenter center;
     int failures = 0;
