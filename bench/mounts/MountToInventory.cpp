@@ -134,7 +134,7 @@ class Rounds {
 
 int run(const std::string& image, const std::string& folder, int count) {
     NoLog log;
-    LinuxMachine linuxMachine(log, LinuxVolumesPlaces{});
+    LinuxMachine linuxMachine(log, LinuxVolumesPlaces{}, LinuxTrashPlaces{});
     const Machine machine = linuxMachine.machine();
     KorvaneProDaemon daemon(machine);
     daemon.awakeFromNib();
