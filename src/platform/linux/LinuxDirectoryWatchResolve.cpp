@@ -16,16 +16,29 @@ namespace korvane {
 
 namespace {
 
-bool isNodeAt(int folder, const std::string& name, std::uint64_t nodeId) {
+// Names and paths come from files that everybody may write. What they lead to is looked at only in
+// the folder itself, or below the volume's root: a dead server elsewhere would hold the loop.
+bool isNameInFolder(std::string_view name) {
+    return name != "." && name != ".." && name.find('/') == std::string_view::npos;
+}
+bool leadsUp(const std::string& path) { return (path + '/').find("/../") != std::string::npos; }
+
+bool isNodeAt(int folder, const std::string& name, std::uint64_t nodeId, dev_t device) {
     struct stat status {};
-    return ::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-           status.st_ino == nodeId;
+    return isNameInFolder(name) &&
+           ::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           status.st_ino == nodeId && status.st_dev == device;
 }
 
-bool isNodeOfDeviceAt(const std::string& path, std::uint64_t nodeId, dev_t device) {
-    struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0 && status.st_ino == nodeId &&
-           status.st_dev == device;
+// Follows no link, and goes by the mount table before anything is touched.
+bool isNodeOfVolumeAt(Volumes& volumes, std::int16_t volume, const std::string& path,
+                      std::uint64_t nodeId, dev_t device) {
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos || leadsUp(path)) return false;
+    const auto there = volumeOfPath(volumes, textOfBytes(path));
+    if (!there || there->info.referenceNumber != volume) return false;
+    const UniqueFd folder = openPlaceAt(AT_FDCWD, path.substr(0, slash + 1));
+    return folder && isNodeAt(folder.get(), path.substr(slash + 1), nodeId, device);
 }
 
 }  // namespace
@@ -59,7 +72,8 @@ struct LinuxDirectoryWatch::Folders {
             entry.volume = PathVolume{info.value, info.value.root.rootPath};
         }
         entry.root = openedRoot(volumes, entry.volume->mountPoint);
-        if (isThere && entry.root) entry.folder = openPlaceAt(AT_FDCWD, bytesOfText(folder));
+        if (isThere && entry.root && !leadsUp(folder))
+            entry.folder = openPlaceAt(AT_FDCWD, bytesOfText(folder));
         struct stat status {};
         const int place = entry.folder ? entry.folder.get() : entry.root.get();
         if (place >= 0 && ::fstat(place, &status) == 0) entry.device = status.st_dev;
@@ -124,7 +138,9 @@ std::vector<ResolvedNode> LinuxDirectoryWatch::resolve(std::span<const SeenItem>
     Sought sought;
     for (const SeenItem& item : items) {
         answers.push_back(resolveOne(item, folders, sought));
-        if (answers.back().state != NodeState::gone) needed.insert({item.volume, item.nodeId});
+        // Of those that are gone, too: their records may not get written. Then they are asked for
+        // again, and once they are written no more.
+        needed.insert({item.volume, item.nodeId});
     }
     foundOut_.clear();
     traces_.keepOnly(needed);
@@ -137,13 +153,17 @@ ResolvedNode LinuxDirectoryWatch::resolveOne(const SeenItem& item, Folders& fold
                                              Sought& sought) {
     const Folders::Opened& place = folders.of(volumes_, item.volume, item.folder);
     if (!place.volume || !place.root) return {};
-    if (place.folder && isNodeAt(place.folder.get(), bytesOfText(item.name), item.nodeId)) {
+    if (place.folder &&
+        isNodeAt(place.folder.get(), bytesOfText(item.name), item.nodeId, place.device)) {
         return {NodeState::found, item.folder + '/' + item.name};
     }
     const ItemTraces::Key key{item.volume, item.nodeId};
+    const auto isAt = [&](const std::string& path) {
+        return isNodeOfVolumeAt(volumes_, item.volume, path, item.nodeId, place.device);
+    };
     bool exists = false;
     if (const ItemTrace* const trace = traces_.find(key)) {
-        if (!trace->origin.empty() && isNodeOfDeviceAt(trace->origin, item.nodeId, place.device)) {
+        if (!trace->origin.empty() && isAt(trace->origin)) {
             return {NodeState::found, textOfBytes(trace->origin)};
         }
         const HandleAnswer answer = followHandle(place.root.get(), *trace, item.nodeId);
@@ -153,9 +173,7 @@ ResolvedNode LinuxDirectoryWatch::resolveOne(const SeenItem& item, Folders& fold
     }
     if (const auto known = foundOut_.find(key); known != foundOut_.end()) {
         const ResolvedNode& node = known->second;
-        const bool stillStands =
-            node.state != NodeState::found ||
-            isNodeOfDeviceAt(bytesOfText(node.path), item.nodeId, place.device);
+        const bool stillStands = node.state != NodeState::found || isAt(bytesOfText(node.path));
         if (stillStands) return node;
     }
     // The way that led to the folder first; what another mount of the volume shows, too.
