@@ -58,6 +58,10 @@ void KorvaneProDaemon::setupTrashRetainer(bool scanNow) {
                               std::back_inserter(folders));
         }
     }
+    // The slots are few: those that are there come before those that are waited for.
+    std::ranges::stable_partition(folders, [this](const std::string& folder) {
+        return machine_.directoryWatch.catalog(folder, 0).has_value();
+    });
     // A folder that cannot be watched takes its slot all the same.
     const std::size_t count = std::min(folders.size(), trashRetainerFNSubscriptionRefArray.size());
     for (std::size_t slot = 0; slot < count; ++slot) watchTrashFolder(slot, folders[slot], scanNow);

@@ -65,6 +65,12 @@ TEST_F(TrashHistory, AFolderThatCannotBeWatchedTakesItsSlot) {
     EXPECT_THAT(watched(), SizeIs(99));
 }
 
+TEST_F(TrashHistory, FoldersThatAreThereComeBeforeThoseThatAreWaitedFor) {
+    for (int user = 0; user < 120; ++user) s.put("/Users/u" + std::to_string(user) + "/x", "");
+    s.run(seconds(1));
+    EXPECT_THAT(watched(), ElementsAre(kTrash, kDataTrash));
+}
+
 TEST_F(TrashHistory, RecordsAnItemAndStampsIt) {
     s.run(seconds(1));
     trash(std::string(kDataTrash) + "/letter");

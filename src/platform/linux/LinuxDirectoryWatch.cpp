@@ -22,8 +22,10 @@ namespace korvane {
 
 namespace {
 
-// What comes and goes. Changed attributes are left out: the daemon's own stamps would wake it.
-constexpr std::uint32_t kItemsChanged = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+// What comes and goes, and what is complete only some time after it came. Changed attributes are
+// left out: the daemon's own stamps would wake it.
+constexpr std::uint32_t kItemsChanged =
+    IN_CREATE | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
 constexpr std::uint32_t kFolderWent = IN_DELETE_SELF | IN_MOVE_SELF;
 constexpr char kBackupDateAttribute[] = "user.korvane.backup-date";
 constexpr char kHomeTrash[] = "/.local/share/Trash/files";
@@ -50,6 +52,19 @@ std::optional<uid_t> userNumber(std::string_view text) {
 std::string parentOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+// Where the path leads with every link followed; nothing when there is nothing.
+std::optional<std::string> realPath(const std::string& path) {
+    const std::unique_ptr<char, decltype(&::free)> real{::realpath(path.c_str(), nullptr), &::free};
+    return real ? std::optional<std::string>(real.get()) : std::nullopt;
+}
+
+std::optional<uid_t> ownerOf(const std::string& folder) {
+    const UniqueFd opened = openPlaceAt(AT_FDCWD, folder);
+    struct stat status {};
+    if (!opened || ::fstat(opened.get(), &status) != 0) return std::nullopt;
+    return status.st_uid;
 }
 
 std::string throughDescriptor(const UniqueFd& file) {
@@ -85,15 +100,14 @@ class LinuxDirectoryWatch::Subscription final : public DirectorySubscription {
 // ---- Where the folders are
 // --------------------------------------------------------------------------
 
-// In bytes. A folder of homes that is a link itself is the machine's own doing; below it none is
-// followed.
+// In bytes. A folder of homes, or root's, that is a link itself is the machine's own doing; below
+// it none is followed.
 std::vector<std::string> LinuxDirectoryWatch::homes() {
     std::vector<std::string> homes;
-    const std::unique_ptr<char, decltype(&::free)> real{::realpath(places_.homes.c_str(), nullptr),
-                                                        &::free};
-    for (const std::string& name : real ? namesIn(real.get()) : std::vector<std::string>{}) {
+    const std::optional<std::string> folder = realPath(places_.homes);
+    for (const std::string& name : folder ? namesIn(*folder) : std::vector<std::string>{}) {
         if (name.starts_with('.') || name == "Shared") continue;
-        std::string home = std::string(real.get()) + '/' + name;
+        std::string home = *folder + '/' + name;
         // By the mount table, before anything there is touched: a server may be dead.
         struct stat status {};
         if (volumeOfPath(volumes_, textOfBytes(home)) && ::lstat(home.c_str(), &status) == 0 &&
@@ -101,7 +115,10 @@ std::vector<std::string> LinuxDirectoryWatch::homes() {
             homes.push_back(std::move(home));
         }
     }
-    if (volumeOfPath(volumes_, places_.rootHome)) homes.push_back(places_.rootHome);
+    if (volumeOfPath(volumes_, places_.rootHome)) {
+        std::string home = realPath(places_.rootHome).value_or(places_.rootHome);
+        if (volumeOfPath(volumes_, textOfBytes(home))) homes.push_back(std::move(home));
+    }
     return homes;
 }
 
@@ -113,25 +130,32 @@ std::vector<std::string> LinuxDirectoryWatch::trashFolders(const std::string& vo
     }
     constexpr std::string_view kOwnTrash = ".Trash-";
     const std::string root = bytesOfText(volumePath);
+    const std::optional<uid_t> rootOwner = ownerOf(root);
+    // Whoever may write in the root can make folders of any number, and there is a limit to those
+    // that are watched. Where a file system keeps no owners, everything has the root's.
+    const auto isOfUser = [&](const std::string& name, uid_t user) {
+        const std::optional<uid_t> owner = ownerOf(root + '/' + name);
+        return owner && (*owner == user || owner == rootOwner);
+    };
     std::set<uid_t> users;
+    for (const std::string& name : namesIn(root)) {
+        if (!name.starts_with(kOwnTrash)) continue;
+        const auto user = userNumber(name.substr(kOwnTrash.size()));
+        if (user && isOfUser(name, *user)) users.insert(*user);
+    }
     for (const std::string& home : homes()) {
         struct stat status {};
         if (::lstat(home.c_str(), &status) == 0) users.insert(status.st_uid);
-    }
-    for (const std::string& name : namesIn(root)) {
-        if (!name.starts_with(kOwnTrash)) continue;
-        if (const auto user = userNumber(name.substr(kOwnTrash.size()))) users.insert(*user);
     }
     for (const uid_t user : users) {
         folders.push_back(volumePath + "/.Trash-" + std::to_string(user) + "/files");
     }
     for (const std::string& name : namesIn(root + "/.Trash")) {
-        if (userNumber(name)) folders.push_back(volumePath + "/.Trash/" + name + "/files");
+        const auto user = userNumber(name);
+        if (user && isOfUser(".Trash/" + name, *user)) {
+            folders.push_back(volumePath + "/.Trash/" + name + "/files");
+        }
     }
-    // Those that are there come first: the number of subscriptions is limited.
-    std::stable_partition(folders.begin(), folders.end(), [](const std::string& folder) {
-        return bool{openPlaceAt(AT_FDCWD, bytesOfText(folder))};
-    });
     return folders;
 }
 

@@ -42,7 +42,8 @@ class LinuxDirectoryWatch final : public DirectoryWatch {
 
     // Of "/": "/home/NAME/.local/share/Trash/files" and root's. Of others:
     // "VOLUME/.Trash-UID/files" and "VOLUME/.Trash/UID/files", for every such folder that is there
-    // and for the users who have a home. Homes on network file systems are left out.
+    // and that user's, and for the users who have a home. Homes on network file systems are left
+    // out.
     [[nodiscard]] std::vector<std::string> trashFolders(const std::string& volumePath) override;
     // Waits for a folder that is not there, and for one that went to come back. A subscription in
     // the place of one that ended since the loop last turned misses nothing.

@@ -121,6 +121,18 @@ TEST_F(LinuxDirectoryWatchTest, TellsOfABurstOnce) {
               1);
 }
 
+TEST_F(LinuxDirectoryWatchTest, TellsWhenAnItemThatCameInIsWholeToo) {
+    int changes = 0;
+    const auto subscription = watch_.subscribe(trash_, [&] { ++changes; });
+    std::ofstream item(trash_ + "/a");
+    turnUntil([&] { return changes > 0; }, seconds(10));
+    ASSERT_EQ(changes, 1);
+    item << "what takes its time";
+    item.close();
+    turnUntil([&] { return changes > 1; }, seconds(10));
+    EXPECT_EQ(changes, 2);
+}
+
 TEST_F(LinuxDirectoryWatchTest, TellsOfAnOverflow) {
     EXPECT_EQ(changesWithin(trash_, seconds(20),
                             [&] {
@@ -256,6 +268,54 @@ TEST_F(LinuxDirectoryWatchTest, KeepsWhatLeadsToAnItemAsLongAsItIsAskedFor) {
     EXPECT_EQ(one.find({volume_, b.nodeId}), nullptr);
 }
 
+// Whoever asked may have been killed before it could write the answer down.
+TEST_F(LinuxDirectoryWatchTest, GivesTheSameAnswerAboutAnItemThatIsGoneUntilNobodyAsks) {
+    write(trash_ + "/a");
+    const CatalogItem item = seen("a");
+    watch_.remember(volume_, trash_, std::vector{item});
+    fs::remove(trash_ + "/a");
+    if (resolve(item).state == NodeState::unknown) GTEST_SKIP() << "no file handles here";
+    LinuxDirectoryWatch restarted(loop_, machine_.volumes,
+                                  LinuxTrashPlaces{.tracesFile = folder_ / "traces"});
+    const std::vector items{SeenItem{volume_, item.nodeId, trash_, "a"}};
+    EXPECT_EQ(restarted.resolve(items).at(0).state, NodeState::gone);
+    EXPECT_THAT(restarted.resolve({}), IsEmpty());
+    ItemTraces traces(folder_ / "traces");
+    EXPECT_EQ(traces.find({volume_, item.nodeId}), nullptr);
+}
+
+// The note is the user's: what it names may hold up whoever looks, or lie on another volume.
+TEST_F(LinuxDirectoryWatchTest, FollowsNoLinkOnTheWayToWhereAnItemCameFrom) {
+    fs::create_directories(folder_ / ".Trash-0/info");
+    fs::create_directories(folder_ / "real");
+    fs::create_directory_symlink(folder_ / "real", folder_ / "Folder");
+    write(trash_ + "/a");
+    folder_.write(".Trash-0/info/a.trashinfo", kNote);
+    const CatalogItem item = seen("a");
+    watch_.remember(volume_, trash_, std::vector{item});
+    fs::rename(trash_ + "/a", folder_ / "real/a letter");
+    ResolvedNode node = resolve(item);
+    if (node.state == NodeState::unknown) {
+        ASSERT_TRUE(hasFoundOut());
+        node = resolve(item);
+    }
+    EXPECT_EQ(node.path, folder_ / "real/a letter");
+}
+
+// The records are in a file that everybody may write.
+TEST_F(LinuxDirectoryWatchTest, LooksForNoNameThatLeadsOutOfItsFolder) {
+    fs::create_directories(folder_ / "elsewhere");
+    write(trash_ + "/a");
+    const CatalogItem item = seen("a");
+    fs::rename(trash_ + "/a", folder_ / "elsewhere/a");
+    const std::vector<SeenItem> items{{volume_, item.nodeId, trash_, "../../elsewhere/a"},
+                                      {volume_, item.nodeId, trash_, folder_ / "elsewhere/a"},
+                                      {volume_, item.nodeId, trash_ + "/../../elsewhere", "a"}};
+    for (const ResolvedNode& node : watch_.resolve(items)) {
+        EXPECT_EQ(node.state, NodeState::unknown) << node.path;
+    }
+}
+
 TEST(ItemTraces, AreReadFromAnyBytes) {
     const TemporaryFolder folder;
     for (const char* text : {"", "no list", "<plist version=\"1.0\"><array/></plist>",
@@ -326,6 +386,39 @@ TEST_F(LinuxDirectoryWatchTest, KnowsWhereTrashFoldersAre) {
     const std::string own = folder_ / (".Trash-" + std::to_string(::geteuid()) + "/files");
     EXPECT_THAT(folders, testing::UnorderedElementsAre(own, folder_ / ".Trash-1234/files",
                                                        folder_ / ".Trash/77/files"));
+}
+
+TEST_F(LinuxDirectoryWatchTest, FollowsLinksThatTheMachineItselfHasForItsHomes) {
+    fs::create_directories(folder_ / "var/home/ada");
+    fs::create_directories(folder_ / "var/roothome");
+    fs::create_directory_symlink("var/home", folder_ / "home");
+    fs::create_directory_symlink("var/roothome", folder_ / "root");
+    LinuxDirectoryWatch watch(
+        loop_, machine_.volumes,
+        LinuxTrashPlaces{.homes = folder_ / "home", .rootHome = folder_ / "root"});
+    const std::string below = "/.local/share/Trash/files";
+    EXPECT_THAT(watch.trashFolders("/"), testing::ElementsAre(folder_ / ("var/home/ada" + below),
+                                                              folder_ / ("var/roothome" + below)));
+}
+
+// Everybody may make folders at the top of many a volume, and so take the place of others'.
+TEST_F(LinuxDirectoryWatchTest, LeavesOutTrashFoldersThatAreNotTheirUsers) {
+    for (const char* trash : {".Trash-1234", ".Trash-1235", ".Trash/77", ".Trash/78"}) {
+        fs::create_directories(folder_ / trash);
+    }
+    const auto give = [&](const char* trash, uid_t user) {
+        return ::chown((folder_ / trash).c_str(), user, static_cast<gid_t>(-1)) == 0;
+    };
+    if (!give(".Trash-1234", 1234) || !give(".Trash-1235", 4321) || !give(".Trash/77", 77) ||
+        !give(".Trash/78", 4321)) {
+        GTEST_SKIP() << "may not give folders away";
+    }
+    fs::create_directories(folder_ / "home");
+    const auto folders = watch_.trashFolders(folder_.path());
+    EXPECT_THAT(folders, testing::IsSupersetOf(
+                             {folder_ / ".Trash-1234/files", folder_ / ".Trash/77/files"}));
+    EXPECT_THAT(folders, testing::Not(testing::Contains(folder_ / ".Trash-1235/files")));
+    EXPECT_THAT(folders, testing::Not(testing::Contains(folder_ / ".Trash/78/files")));
 }
 
 TEST_F(LinuxDirectoryWatchTest, TouchesNoHomeOnANetwork) {
