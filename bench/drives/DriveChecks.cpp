@@ -11,8 +11,8 @@
 
 #include "platform/linux/LinuxDeviceRegistry.h"
 #include "storage/DriveEntry.h"
+#include "storage/DriveIndex.h"
 #include "storage/DriveInventory.h"
-#include "storage/DriveNaming.h"
 #include "storage/SmartStatus.h"
 
 namespace korvane {
@@ -55,19 +55,16 @@ int run(const std::string& folder, int checks) {
     (void)refreshDriveEntries(registry, DriveProbe::none, drives, Time{});
     if (drives.empty()) return 1;
 
+    DriveIndex index{registry};
     int answered = 0;
     commands.count = 0;
     const double before = processorMicroseconds();
     for (int i = 0; i < checks; ++i) {
-        // Disks with higher numbers are never looked at.
-        const PropertyList& element = drives[static_cast<std::size_t>(i) % drives.size() % 25];
-        const ConstDriveEntry entry = *ConstDriveEntry::over(element);
-        std::vector<std::string> paths;
-        for (unsigned number = 0; number <= 24; ++number) {
-            paths.push_back(registry.diskPath(number).value_or(""));
-        }
-        for (const CheckedDrive& drive :
-             checkedDrives(registry, entry.driveModel(), entry.driveSerial(), paths)) {
+        const std::size_t number =
+            static_cast<std::size_t>(i) % drives.size() % (kHighestDiskNumber + 1);
+        const ConstDriveEntry entry = *ConstDriveEntry::over(drives[number]);
+        for (const auto& [ownNumber, drive] :
+             index.drivesNamed(entry.driveModel(), entry.driveSerial())) {
             answered += askSmartStatus(registry, drive.service).status == kDriveSuccess ? 1 : 0;
         }
     }

@@ -23,12 +23,12 @@
 #include "core/TrashSearch.h"
 #include "mail/QLSMTPController.h"
 #include "platform/Machine.h"
+#include "storage/DriveIndex.h"
 
 namespace korvane {
 
 struct TrashItem;
 class VolumeEntry;
-struct CheckedDrive;
 enum class DriveProbe;
 
 class KorvaneProDaemon final : public ControlTarget {
@@ -52,6 +52,8 @@ class KorvaneProDaemon final : public ControlTarget {
     bool smartActive = false;   // a SMART check is due or runs
     bool backupActive = false;  // a directory backup is due or runs
 
+    // The drives that are attached, by the names of their entries.
+    DriveIndex driveIndex{machine_.deviceRegistry};
     // What the drive last asked said of itself; cleared for each disk number that a check goes
     // through.
     bool failing = false;

@@ -9,25 +9,15 @@
 #include "core/KorvaneProDaemon.h"
 #include "monitors/SmartLogEntry.h"
 #include "storage/DriveEntry.h"
+#include "storage/DriveIndex.h"
 #include "storage/SmartStatus.h"
 
 namespace korvane {
 
 namespace {
 
-// Disks with higher numbers are never looked at.
-constexpr unsigned kHighestDiskNumber = 24;
 // The history log of this check.
 constexpr std::int16_t kSmartLog = 1;
-
-// The path of each number, empty where no disk has it.
-std::vector<std::string> numberedPaths(DeviceRegistry& registry) {
-    std::vector<std::string> paths;
-    for (unsigned number = 0; number <= kHighestDiskNumber; ++number) {
-        paths.push_back(registry.diskPath(number).value_or(""));
-    }
-    return paths;
-}
 
 }  // namespace
 
@@ -39,13 +29,12 @@ void KorvaneProDaemon::smartCheck(std::size_t index) {
 
     // One pass for each number that a disk can have. A drive is looked at in the pass of its own
     // number, and only then opened: no other drive is asked anything, and this one is asked once.
-    const std::vector<std::string> paths = numberedPaths(machine_.deviceRegistry);
-    const std::vector<CheckedDrive> drives =
-        checkedDrives(machine_.deviceRegistry, entry->driveModel(), entry->driveSerial(), paths);
+    const std::vector<NumberedDrive> drives =
+        driveIndex.drivesNamed(entry->driveModel(), entry->driveSerial());
     for (unsigned number = 0; number <= kHighestDiskNumber; ++number) {
         failing = false;
-        for (const CheckedDrive& drive : drives) {
-            if (drive.path != paths[number] || !readSmartStatus(drive)) continue;
+        for (const auto& [ownNumber, drive] : drives) {
+            if (ownNumber != number || !readSmartStatus(drive)) continue;
             if (failing) warnOfFailingDrive(drive);
             updateLog(kSmartLog, smartLogEntry(drive, machine_.clock.now(), failing), index);
             break;

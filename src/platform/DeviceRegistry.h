@@ -22,6 +22,11 @@ class DeviceRegistry {
   public:
     virtual ~DeviceRegistry() = default;
 
+    // Which tree this is: the number is another one whenever any answer below could be another one
+    // but for what a drive itself says, so what has been derived from a tree stands for as long as
+    // its number does. Nothing when the tree cannot be read at all.
+    [[nodiscard]] virtual std::optional<std::uint64_t> generation() = 0;
+
     // All services of a class, in the kernel's order; nothing when the tree cannot be read at all.
     [[nodiscard]] virtual std::optional<std::vector<ServiceId>> services(
         std::string_view className) = 0;

@@ -1,6 +1,5 @@
 #include "storage/DriveNaming.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <span>
 
@@ -99,15 +98,6 @@ std::optional<std::string> connectionOf(const ServiceTexts& texts) {
     return firstText(PropertyTexts{*protocol->dictionary()}, keys);
 }
 
-// The path of the first service below that has one, going down by first children.
-std::string devicePathBelow(DeviceRegistry& registry, ServiceId service) {
-    for (auto child = registry.firstChild(service); child; child = registry.firstChild(*child)) {
-        DeviceFilePath found = MyGetDeviceFilePath(registry, *child, kPathSizeBytes);
-        if (!found.path.empty()) return std::move(found.path);
-    }
-    return {};
-}
-
 // What the nearest device that tells it says, the drive itself counted.
 template <typename Read>
 std::optional<std::string> nearest(DeviceRegistry& registry, ServiceId service, Read read) {
@@ -165,39 +155,20 @@ std::optional<DriveIdentity> inventoryIdentity(DeviceRegistry& registry, Service
     return std::nullopt;
 }
 
+std::string devicePathBelow(DeviceRegistry& registry, ServiceId service) {
+    for (auto child = registry.firstChild(service); child; child = registry.firstChild(*child)) {
+        DeviceFilePath found = MyGetDeviceFilePath(registry, *child, kPathSizeBytes);
+        if (!found.path.empty()) return std::move(found.path);
+    }
+    return {};
+}
+
 CheckedDrive checkedDrive(DeviceRegistry& registry, ServiceId service) {
     return {.service = service,
             .identity = {.model = nearestModel(registry, service),
                          .serial = nearestSerial(registry, service)},
             .connection = nearestConnection(registry, service),
             .path = devicePathBelow(registry, service)};
-}
-
-std::vector<CheckedDrive> checkedDrives(DeviceRegistry& registry, std::string_view model,
-                                        std::string_view serial,
-                                        std::span<const std::string> paths) {
-    std::vector<CheckedDrive> found;
-    std::size_t pathsSeen = 0;
-    const auto services = registry.services(kDriveClass);
-    for (const ServiceId service : services.value_or(std::vector<ServiceId>{})) {
-        if (pathsSeen == paths.size()) break;
-        std::string path = devicePathBelow(registry, service);
-        // Mostly the drives come in the order of their numbers.
-        const bool isNext = path == paths[pathsSeen];
-        const bool hasNumber = isNext || std::find(paths.begin(), paths.end(), path) != paths.end();
-        if (path.empty() || !hasNumber) continue;
-        ++pathsSeen;
-        // In which drives differ most comes first.
-        if (nearestSerial(registry, service) != serial) continue;
-        if (nearestModel(registry, service) != model) continue;
-        const auto capable = registry.property(service, kSmartCapable);
-        if (!capable || !booleanValue(&*capable)) continue;
-        found.push_back({.service = service,
-                         .identity = {.model = std::string(model), .serial = std::string(serial)},
-                         .connection = nearestConnection(registry, service),
-                         .path = std::move(path)});
-    }
-    return found;
 }
 
 }  // namespace korvane

@@ -4,10 +4,7 @@
 #pragma once
 
 #include <optional>
-#include <span>
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include "base/PropertyList.h"
 #include "platform/DeviceRegistry.h"
@@ -37,12 +34,8 @@ struct CheckedDrive {
     std::string path;        // of its medium's device file; empty when it has none
 };
 [[nodiscard]] CheckedDrive checkedDrive(DeviceRegistry& registry, ServiceId service);
-// The drives with SMART at these paths that the check calls so, in the registry's order. All passes
-// of a check share this one reading: the tree does not change while one runs. What lies behind the
-// last of the paths is not looked at, so that many drives cost no more than a few.
-[[nodiscard]] std::vector<CheckedDrive> checkedDrives(DeviceRegistry& registry,
-                                                      std::string_view model,
-                                                      std::string_view serial,
-                                                      std::span<const std::string> paths);
+// The path of the first service below a drive that has one, going down by first children; empty
+// where none has.
+[[nodiscard]] std::string devicePathBelow(DeviceRegistry& registry, ServiceId service);
 
 }  // namespace korvane

@@ -127,7 +127,10 @@ TEST_P(DeviceRegistryConformance, HasFirstChildrenThatKnowTheirParent) {
 }
 
 TEST_P(DeviceRegistryConformance, AnswersTheSameUntilTheTreeChanges) {
+    const auto generation = registry().generation();
+    EXPECT_TRUE(generation);
     for (const char* className : kClasses) EXPECT_EQ(services(className), services(className));
+    EXPECT_EQ(registry().generation(), generation);
 }
 
 TEST_P(DeviceRegistryConformance, GivesNumberedDisksAPathAndNoPathTwice) {
@@ -149,7 +152,9 @@ TEST_P(DeviceRegistryConformance, CannotOpenADriveThatIsNotThere) {
 TEST_P(DeviceRegistryConformance, KnowsNothingOfAServiceThatIsGone) {
     const ServiceId media = services("IOMedia").back();
     const std::string name = bsdNameOf(media);
+    const auto generation = registry().generation();
     if (!subject_->pull(name)) GTEST_SKIP() << "no device can be pulled here";
+    EXPECT_NE(registry().generation(), generation);
     EXPECT_FALSE(registry().property(media, "BSD Name"));
     EXPECT_FALSE(registry().properties(media));
     EXPECT_FALSE(registry().parent(media));

@@ -188,6 +188,32 @@ TEST(SmartCheck, ChecksTheFirstOfTwoDrivesWithEqualNamesInEachPass) {
     EXPECT_THAT(smartLines(s), ElementsAre("SMART is reporting failing for /dev/disk3."));
 }
 
+TEST(SmartCheck, FindsADriveThatWasPulledAndIsBack) {
+    Scenario s(oneDrive());
+    s.run(minutes(1)).pull("disk1 device").plug("disk1 device");
+    s.age("disk1 drive", DriveCondition::failing).run(hours(1));
+    EXPECT_THAT(castorResults(s), ElementsAre("passed", "failed"));
+}
+
+TEST(SmartCheck, TellsThePathThatADriveHasNow) {
+    Scenario s(oneDrive());
+    s.run(minutes(1));
+    s.machine().deviceRegistry.setProperty("disk1", "BSD Name", "disk3");
+    s.age("disk1 drive", DriveCondition::failing).run(hours(1));
+    EXPECT_THAT(castorResults(s), ElementsAre("passed", "failed"));
+    EXPECT_THAT(smartLines(s), ElementsAre("SMART is reporting failing for /dev/disk3."));
+}
+
+// The new drive's entry is the first entry's successor, and nobody warns of the one that is gone.
+TEST(SmartCheck, ChecksTheDriveThatHasTakenAnothersPlace) {
+    Scenario s(oneDrive());
+    s.run(minutes(1));
+    s.machine().deviceRegistry.setProperty("disk1 device", "device serial", "CST2");
+    s.age("disk1 drive", DriveCondition::failing).becomeActive().run(minutes(1));
+    EXPECT_THAT(castorResults(s), ElementsAre("passed"));
+    EXPECT_THAT(resultsOf(s.smartLog("Castor 500", "CST2")), ElementsAre("failed"));
+}
+
 TEST(SmartCheck, TrimsAModelThatIsFoundAsVendorNameOnly) {
     MachineDescription machine = Scenario::describe("empty");
     addDrive(machine, "disk0", {{"Vendor Name", "  Mizar  "}, {"Serial", " MZ 1 "}});

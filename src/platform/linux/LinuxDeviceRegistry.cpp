@@ -186,7 +186,7 @@ bool LinuxDeviceRegistry::refresh() {
                       [&](const auto& known) { return !disks.contains(known.first); });
         tree_ = std::make_unique<DeviceTree>(disks);
         disks_ = std::move(disks);
-        generation_ = (generation_ + 1) & kGenerationMask;
+        ++generation_;
     }
     return true;
 }
@@ -210,16 +210,21 @@ DiskFacts LinuxDeviceRegistry::readDiskFacts(const BlockFolder& folder) {
 }
 
 ServiceId LinuxDeviceRegistry::serviceOf(std::uint32_t node) const {
-    return ServiceId{(generation_ << kNodeBits) | (node & kNodeMask)};
+    const auto tree = static_cast<std::uint32_t>(generation_) & kGenerationMask;
+    return ServiceId{(tree << kNodeBits) | (node & kNodeMask)};
 }
 
 const DeviceTree::Node* LinuxDeviceRegistry::nodeOf(ServiceId service) const {
     const auto number = static_cast<std::uint32_t>(service);
-    if (!tree_ || number >> kNodeBits != generation_ ||
+    if (!tree_ || number >> kNodeBits != (generation_ & kGenerationMask) ||
         (number & kNodeMask) >= tree_->nodes().size()) {
         return nullptr;
     }
     return &tree_->nodes()[number & kNodeMask];
+}
+
+std::optional<std::uint64_t> LinuxDeviceRegistry::generation() {
+    return refresh() ? std::optional{generation_} : std::nullopt;
 }
 
 std::optional<std::vector<ServiceId>> LinuxDeviceRegistry::services(std::string_view className) {

@@ -42,6 +42,7 @@ class LinuxDeviceRegistry final : public DeviceRegistry {
     LinuxDeviceRegistry(const LinuxDeviceRegistry&) = delete;
     LinuxDeviceRegistry& operator=(const LinuxDeviceRegistry&) = delete;
 
+    [[nodiscard]] std::optional<std::uint64_t> generation() override;
     [[nodiscard]] std::optional<std::vector<ServiceId>> services(
         std::string_view className) override;
     [[nodiscard]] std::optional<std::vector<ServiceId>> servicesNamed(
@@ -108,7 +109,7 @@ class LinuxDeviceRegistry final : public DeviceRegistry {
     std::unique_ptr<DeviceTree> tree_;
     // By kernel name, for as long as the drives stay what they are.
     std::map<std::string, KnownDrive> knownDrives_;
-    std::uint32_t generation_ = 0;
+    std::uint64_t generation_ = 0;  // of the tree; counts the trees
     bool isStale_ = true;
     std::uint64_t turnOfLastLook_ = 0;
     std::size_t disksRead_ = 0;

@@ -19,6 +19,10 @@ std::vector<std::string> classesOf(const std::string& className) {
 
 }  // namespace
 
+std::optional<std::uint64_t> SimulatedDeviceRegistry::generation() {
+    return isUnreadable_ ? std::nullopt : std::optional(generation_);
+}
+
 std::optional<std::vector<ServiceId>> SimulatedDeviceRegistry::services(
     std::string_view className) {
     if (isUnreadable_) {
@@ -139,6 +143,7 @@ bool SimulatedDeviceRegistry::setProperty(const std::string& name, std::string_v
 void SimulatedDeviceRegistry::setUnreadable(bool isUnreadable) { isUnreadable_ = isUnreadable; }
 
 void SimulatedDeviceRegistry::index(ServiceId id, const Service& service) {
+    ++generation_;
     const auto insertInOrder = [id](std::vector<ServiceId>& ids) {
         ids.insert(std::upper_bound(ids.begin(), ids.end(), id), id);
     };
@@ -153,6 +158,7 @@ void SimulatedDeviceRegistry::index(ServiceId id, const Service& service) {
 }
 
 void SimulatedDeviceRegistry::unindex(ServiceId id, const Service& service) {
+    ++generation_;
     const PropertyList* bsdName = service.description.properties.find(kBsdName);
     for (const std::string& className : classesOf(service.description.className)) {
         ClassIndex& found = classes_[className];

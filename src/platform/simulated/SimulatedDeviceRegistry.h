@@ -2,6 +2,7 @@
 // by class and BSD name go through indexes. Numbers of services that are gone are never used again.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -21,6 +22,7 @@ class SimulatedDeviceRegistry final : public DeviceRegistry {
     SimulatedDeviceRegistry(SimulatedDrives& drives, DiskNumbering numbering)
         : drives_(drives), numbering_(numbering) {}
 
+    [[nodiscard]] std::optional<std::uint64_t> generation() override;
     [[nodiscard]] std::optional<std::vector<ServiceId>> services(
         std::string_view className) override;
     [[nodiscard]] std::optional<std::vector<ServiceId>> servicesNamed(
@@ -78,6 +80,7 @@ class SimulatedDeviceRegistry final : public DeviceRegistry {
     std::unordered_map<std::string, ServiceId> idsByName_;
     TextMap<ClassIndex> classes_;
     std::uint32_t nextId_ = 1;
+    std::uint64_t generation_ = 1;
     bool isUnreadable_ = false;
 };
 

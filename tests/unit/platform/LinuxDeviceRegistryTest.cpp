@@ -213,6 +213,7 @@ TEST_F(DeviceTreeTest, ReadsOnlyWhatHasChanged) {
     (void)namesOf("IOMedia");
     const std::size_t all = registry.disksRead();
     const ServiceId before = media("vda");
+    const auto generation = registry.generation();
     (void)namesOf("IOMedia");
     EXPECT_EQ(registry.disksRead(), all);
 
@@ -220,9 +221,11 @@ TEST_F(DeviceTreeTest, ReadsOnlyWhatHasChanged) {
     (void)namesOf("IOMedia");
     EXPECT_EQ(registry.disksRead(), all + 1);
     EXPECT_EQ(media("vda"), before) << "nothing that is told has changed";
+    EXPECT_EQ(registry.generation(), generation);
 
     tree.add("block devices/virtual/block/loop1 7:1");
     registry.deviceChanged("loop1");
+    EXPECT_NE(registry.generation(), generation) << "whoever asks first";
     EXPECT_THAT(registry.servicesNamed("IOMedia", "loop1").value(), testing::SizeIs(1));
     EXPECT_EQ(registry.disksRead(), all + 2);
     EXPECT_FALSE(registry.properties(before));
@@ -263,6 +266,7 @@ TEST(LinuxDeviceRegistry, HasNoTreeWithoutSysfs) {
     LinuxRunLoop loop{log};
     LinuxDeviceRegistry registry{
         loop, {.sysfs = "/nowhere", .udevData = "/nowhere", .udevControl = "/nowhere"}};
+    EXPECT_FALSE(registry.generation());
     EXPECT_FALSE(registry.services("IOMedia"));
     EXPECT_FALSE(registry.servicesNamed("IOMedia", "sda"));
     EXPECT_FALSE(registry.properties(ServiceId{0}));

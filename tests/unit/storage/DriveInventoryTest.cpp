@@ -297,28 +297,5 @@ TEST_F(DriveInventory, DiffersFromTheCheckInWhereItLooksAndWhatItTrims) {
     EXPECT_EQ(checked.path, "/dev/disk0");
 }
 
-TEST_F(DriveInventory, LeavesToTheCheckTheDrivesAtItsPathsThatHaveBothNames) {
-    const auto pathsOf = [&](const char* serial, const std::vector<std::string>& paths) {
-        std::vector<std::string> found;
-        for (const CheckedDrive& drive : checkedDrives(registry(), "Castor", serial, paths)) {
-            found.push_back(drive.path);
-        }
-        return found;
-    };
-    addDrive("Castor", "C1");
-    addDrive("Castor", "C2");
-    addDrive("Castor", "C1");
-    addDrive({{{"device model", "Castor"}, {"device serial", "C1"}}}, {});
-    addDrive("Pollux", "C1");
-    const std::vector<std::string> all = {"/dev/disk4", "",           "/dev/disk3",
-                                          "/dev/disk2", "/dev/disk1", "/dev/disk0"};
-    EXPECT_THAT(pathsOf("C1", all), ElementsAre("/dev/disk0", "/dev/disk2"));
-    EXPECT_THAT(pathsOf("C2", all), ElementsAre("/dev/disk1"));
-    EXPECT_THAT(pathsOf("C1", {"/dev/disk2"}), ElementsAre("/dev/disk2"));
-    EXPECT_THAT(pathsOf("C1", {"/dev/disk0", "/dev/disk1"}), ElementsAre("/dev/disk0"));
-    EXPECT_THAT(pathsOf("C1", {}), IsEmpty());
-    EXPECT_THAT(pathsOf("C1", {"", ""}), IsEmpty());
-}
-
 }  // namespace
 }  // namespace korvane
