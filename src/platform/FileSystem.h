@@ -87,11 +87,13 @@ class FileSystem {
     [[nodiscard]] virtual Result<std::monostate> writeFile(const std::string& path,
                                                            std::string_view bytes,
                                                            mode_t permissions) = 0;
-    // Adds the bytes at the end, creating the file as writeFile() does; of whoever it is. All of
-    // them or none.
-    [[nodiscard]] virtual Result<std::monostate> appendFile(const std::string& path,
-                                                            std::string_view bytes,
-                                                            mode_t permissions) = 0;
+    // Adds records of this length at the end, creating the file as writeFile() does; of whoever it
+    // is. All of them or none; the part of a record that a kill has left at the end is cut off
+    // first.
+    [[nodiscard]] virtual Result<std::monostate> appendRecords(const std::string& path,
+                                                               std::string_view records,
+                                                               std::size_t recordBytes,
+                                                               mode_t permissions) = 0;
     // Gives an item another name in its folder or elsewhere on its volume. False, and nothing
     // changed, when something has that name.
     virtual bool rename(const std::string& path, const std::string& newPath) = 0;

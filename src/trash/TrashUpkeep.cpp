@@ -98,7 +98,8 @@ void KorvaneProDaemon::collectSearchResult(const SearchContent& job) {
     const std::string path = job.outFilePath + '/' + trashDeletesFileName(now);
     const auto attributes = files.attributes(path);
     std::string addition;
-    if (!attributes || attributes->sizeBytes == 0) {
+    // Without a whole one, too: what a kill has left of it is cut off.
+    if (!attributes || attributes->sizeBytes < kTrashRecordBytes) {
         const std::string device = getVolumeMountFromName(machine_.volumes, job.volumePath);
         const DeviceValue value =
             GetDeviceValue(machine_.deviceRegistry, device, schemeOfPartition);
@@ -120,8 +121,8 @@ void KorvaneProDaemon::collectSearchResult(const SearchContent& job) {
                                             {std::string_view(result.error().message)}));
     }
     // Where the records cannot be kept the result stays.
-    const bool isKept =
-        static_cast<bool>(files.appendFile(path, addition, kTrashDeletesPermissions));
+    const bool isKept = static_cast<bool>(
+        files.appendRecords(path, addition, kTrashRecordBytes, kTrashDeletesPermissions));
     if (isKept && hasResult && result) (void)files.remove(job.searchResultPath);
     (void)files.setPermissions(path, kSharedFilePermissions);  // there may be no file
 }

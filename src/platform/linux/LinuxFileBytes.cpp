@@ -91,8 +91,9 @@ Result<std::monostate> LinuxFileSystem::writeFile(const std::string& path, std::
     return std::monostate{};
 }
 
-Result<std::monostate> LinuxFileSystem::appendFile(const std::string& path, std::string_view bytes,
-                                                   mode_t permissions) {
+Result<std::monostate> LinuxFileSystem::appendRecords(const std::string& path,
+                                                      std::string_view records,
+                                                      std::size_t recordBytes, mode_t permissions) {
     const UniqueFd file{
         ::open(located(path).c_str(), O_WRONLY | O_CREAT | O_APPEND | kCarefully, permissions)};
     struct stat status {};
@@ -100,10 +101,12 @@ Result<std::monostate> LinuxFileSystem::appendFile(const std::string& path, std:
     if (!S_ISREG(status.st_mode) || status.st_nlink != 1) {
         return Error{path + ": not a regular file"};
     }
-    const int failure = writeWhole(file.get(), bytes);
+    // Half a record would shift all that follow.
+    const off_t whole = status.st_size - status.st_size % static_cast<off_t>(recordBytes);
+    if (whole != status.st_size && ::ftruncate(file.get(), whole) != 0) return errorAt(path, errno);
+    const int failure = writeWhole(file.get(), records);
     if (failure != 0) {
-        // Records have one length: half of one would shift all that follow.
-        (void)!::ftruncate(file.get(), status.st_size);
+        (void)!::ftruncate(file.get(), whole);
         return errorAt(path, failure);
     }
     return std::monostate{};

@@ -39,8 +39,10 @@ class LinuxFileSystem final : public FileSystem {
     [[nodiscard]] Result<std::string> readFile(const std::string& path) override;
     [[nodiscard]] Result<std::monostate> writeFile(const std::string& path, std::string_view bytes,
                                                    mode_t permissions) override;
-    [[nodiscard]] Result<std::monostate> appendFile(const std::string& path, std::string_view bytes,
-                                                    mode_t permissions) override;
+    [[nodiscard]] Result<std::monostate> appendRecords(const std::string& path,
+                                                       std::string_view records,
+                                                       std::size_t recordBytes,
+                                                       mode_t permissions) override;
     bool rename(const std::string& path, const std::string& newPath) override;
     [[nodiscard]] std::string displayName(const std::string& path) override;
     [[nodiscard]] std::string userName() override;

@@ -48,6 +48,9 @@ Result<std::string> SimulatedFileSystem::readFile(const std::string& path) {
     if (place->node->kind != ItemKind::file) {
         return Error{path + ": not a regular file"};
     }
+    if (path == unreadableFile_) {
+        return Error{path + ": no more files"};
+    }
     return place->node->contents.bytes();
 }
 
@@ -71,8 +74,10 @@ Result<std::monostate> SimulatedFileSystem::writeFile(const std::string& path,
     return std::monostate{};
 }
 
-Result<std::monostate> SimulatedFileSystem::appendFile(const std::string& path,
-                                                       std::string_view bytes, mode_t permissions) {
+Result<std::monostate> SimulatedFileSystem::appendRecords(const std::string& path,
+                                                          std::string_view records,
+                                                          std::size_t recordBytes,
+                                                          mode_t permissions) {
     const std::optional<Place> place = find(path, LastLink::kept);
     if (!place || place->name.empty()) {
         return Error{path + ": no such file or folder"};
@@ -84,7 +89,8 @@ Result<std::monostate> SimulatedFileSystem::appendFile(const std::string& path,
         return *error;
     }
     std::string contents = place->node ? place->node->contents.bytes() : std::string();
-    contents += bytes;
+    contents.resize(contents.size() - contents.size() % recordBytes);
+    contents += records;
     putBytes(*place->folder, place->name, std::move(contents),
              place->node ? std::nullopt : std::optional(permissions));
     journal_.note("append", path);

@@ -177,6 +177,9 @@ Result<PropertyList> SimulatedFileSystem::readPropertyList(const std::string& pa
     if (place->node->kind != ItemKind::file) {
         return Error{path + ": not a regular file"};
     }
+    if (path == unreadableFile_) {
+        return Error{path + ": no more files"};
+    }
     Result<PropertyList> value = place->node->contents.value();
     if (value) {
         return value;

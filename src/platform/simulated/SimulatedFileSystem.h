@@ -62,8 +62,10 @@ class SimulatedFileSystem final : public FileSystem {
     [[nodiscard]] Result<std::string> readFile(const std::string& path) override;
     [[nodiscard]] Result<std::monostate> writeFile(const std::string& path, std::string_view bytes,
                                                    mode_t permissions) override;
-    [[nodiscard]] Result<std::monostate> appendFile(const std::string& path, std::string_view bytes,
-                                                    mode_t permissions) override;
+    [[nodiscard]] Result<std::monostate> appendRecords(const std::string& path,
+                                                       std::string_view records,
+                                                       std::size_t recordBytes,
+                                                       mode_t permissions) override;
     bool rename(const std::string& path, const std::string& newPath) override;
     [[nodiscard]] std::string displayName(const std::string& path) override;
     [[nodiscard]] std::string userName() override;
@@ -103,6 +105,8 @@ class SimulatedFileSystem final : public FileSystem {
     void killAtNextWrite(KillMoment moment);
     void setFolderImmutable(const std::string& path, bool isImmutable);
     void setFolderUnreadable(const std::string& path, bool isUnreadable);
+    // Reading this file's contents fails, as for want of descriptors; "" for none.
+    void setUnreadableFile(const std::string& path) { unreadableFile_ = path; }
 
     // How many property lists were written to the path so far.
     [[nodiscard]] std::uint64_t writeCount(const std::string& path) const;
@@ -148,6 +152,7 @@ class SimulatedFileSystem final : public FileSystem {
     std::map<std::string, std::string> displayNames_;
     std::unordered_map<std::string, std::uint64_t> writeCounts_;
     int failingWrites_ = 0;
+    std::string unreadableFile_;
     std::optional<KillMoment> kill_;
     // Volumes number their items from 16 on as the File Manager does; here all from one row.
     std::uint64_t nextNodeId_ = 16;

@@ -264,6 +264,23 @@ TEST_F(LinuxFileSystemTest, WritesAPropertyListBelowItsRootAndReadsItBack) {
     EXPECT_FALSE(files.readPropertyList("/missing.plist"));
 }
 
+TEST_F(LinuxFileSystemTest, AddsRecordsBehindWholeOnes) {
+    ASSERT_TRUE(files.appendRecords("/records", "abc", 3, 0640));
+    EXPECT_EQ(contentsOf("records"), "abc");
+    EXPECT_EQ(modeOf("records"), 0640u);
+    for (const char* torn : {"abc", "abcd", "abcde"}) {
+        root.write("records", torn);
+        ASSERT_TRUE(files.appendRecords("/records", "ABCDEF", 3, 0640));
+        EXPECT_EQ(contentsOf("records"), "abcABCDEF") << torn;
+    }
+    root.write("records", "ab");
+    ASSERT_TRUE(files.appendRecords("/records", "ABC", 3, 0640));
+    EXPECT_EQ(contentsOf("records"), "ABC");
+    link("records", "link");
+    EXPECT_FALSE(files.appendRecords("/link", "abc", 3, 0640));
+    EXPECT_EQ(contentsOf("records"), "ABC");
+}
+
 TEST_F(LinuxFileSystemTest, NamesItemsByTheirLastComponentAndTheRootAsSystem) {
     EXPECT_EQ(files.displayName("/"), "System");
     EXPECT_EQ(files.displayName("//"), "System");

@@ -65,9 +65,9 @@ class ForwardingFileSystem : public FileSystem {
                                      mode_t permissions) override {
         return counted().writeFile(path, bytes, permissions);
     }
-    Result<std::monostate> appendFile(const std::string& path, std::string_view bytes,
-                                      mode_t permissions) override {
-        return counted().appendFile(path, bytes, permissions);
+    Result<std::monostate> appendRecords(const std::string& path, std::string_view records,
+                                         std::size_t recordBytes, mode_t permissions) override {
+        return counted().appendRecords(path, records, recordBytes, permissions);
     }
     bool rename(const std::string& path, const std::string& newPath) override {
         return counted().rename(path, newPath);
