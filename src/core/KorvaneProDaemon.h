@@ -92,7 +92,8 @@ class KorvaneProDaemon final : public ControlTarget {
     std::array<std::unique_ptr<DirectorySubscription>, 100> trashRetainerFNSubscriptionRefArray;
     std::vector<SearchTask> searchTasks;             // recovery programs, until none is pending
     std::list<std::unique_ptr<Timer>> searchTimers;  // one for each poll that is to come
-    std::int64_t trashSaveDays = 0;                  // as of the last load
+    std::map<std::string, WaitingSearch> waitingSearches;  // by trash folder
+    std::int64_t trashSaveDays = 0;                        // as of the last load
     // What the last question for a device's value found of its partition table.
     bool schemeOfPartition = false;
 
@@ -292,14 +293,16 @@ class KorvaneProDaemon final : public ControlTarget {
     void watchTrashFolder(std::size_t slot, const std::string& folder, bool scanNow);
     // A watched folder has changed: records what is in it and has the recovery program look at it.
     void MyFNSubscriptionProc(std::size_t slot, const std::string& folder);
-    void startSearch(const std::string& program, const std::string& volumeName,
-                     std::vector<SearchContent> jobs);
+    // Launches the recovery program for the items of a trash folder, or has that wait.
+    void startSearch(const std::string& folder, WaitingSearch search);
+    void startWaitingSearches();
     // The program's input for jobs of this volume: one that no running program still has to read.
     [[nodiscard]] std::string searchInputFor(const std::string& volumeName) const;
     void armSearchTimer();
     void recordTrashItems(const std::vector<TrashItem>& items);
-    // Begins a usage file with this record in it; one that cannot be used is set aside.
-    void beginTrashUsage(const TrashItem& item);
+    // Begins a usage file with this record in it, if there is none; one that can be read and not
+    // used is set aside.
+    [[nodiscard]] bool beginTrashUsage(const TrashItem& item);
     // A search for items that had left the trash has ended: their records are gone through again.
     void didFindOut();
     // Marks and drops records, and drops files of results that are old enough (TrashUpkeep.cpp).

@@ -28,4 +28,11 @@ struct SearchTask {
     std::vector<SearchContent> contentArray;
 };
 
+// A search that is put off while enough programs are at work on its volume.
+struct WaitingSearch {
+    std::string program;
+    std::string volumeName;
+    std::vector<SearchContent> contentArray;
+};
+
 }  // namespace korvane

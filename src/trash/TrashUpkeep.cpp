@@ -62,7 +62,8 @@ void KorvaneProDaemon::trashSub() {
         kSharedFilePermissions, Durability::process);
     (void)files.setPermissions(path, kSharedFilePermissions);  // there may be no file
 
-    for (const std::string& relative : files.enumerate(kSupportFolder)) {
+    // With a final full stop: the folder may be a link, which everything else follows.
+    for (const std::string& relative : files.enumerate(std::string(kSupportFolder) + "/.")) {
         if (!nameOf(relative).starts_with(kTrashDeletesPrefix)) continue;
         const std::string file = std::string(kSupportFolder) + '/' + relative;
         const auto attributes = files.attributes(file);
@@ -85,11 +86,14 @@ void KorvaneProDaemon::searchTaskCompleteCheck() {
         (void)machine_.fileSystem.remove(task.inFilePath);  // somebody may have been quicker
         task = {.searchTask = nullptr, .inFilePath = kSearchTaskDone, .contentArray = {}};
     }
-    if (anyPending) {
-        armSearchTimer();
-    } else {
+    if (!anyPending) {
         searchTasks.clear();
+    } else if (searchTimers.empty()) {
+        // Another poll that is to come goes on for this one: a program that hangs keeps one going,
+        // however many scans there were meanwhile.
+        armSearchTimer();
     }
+    startWaitingSearches();
 }
 
 void KorvaneProDaemon::collectSearchResult(const SearchContent& job) {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/Format.h"
+#include "base/PropertyListCodec.h"
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
 #include "platform/VolumeOfPath.h"
@@ -24,6 +25,9 @@ constexpr std::size_t kMostItemsOfAScan = 100;
 // The recovery program's input is the daemon's own affair; its group may look.
 constexpr mode_t kSearchInputPermissions = 0640;
 constexpr seconds kSearchPoll{2};
+// Enough for what somebody throws away one by one while the first still reads: what is not looked
+// at soon may be emptied by then. A disk that hangs keeps no more of them.
+constexpr std::ptrdiff_t kMostSearchesOfAVolume = 4;
 
 // The volume that a folder lies on, as far as it is known.
 struct TrashVolume {
@@ -95,7 +99,7 @@ void KorvaneProDaemon::MyFNSubscriptionProc(std::size_t slot, const std::string&
                             .outFilePath = volumeFolder(volume->name),
                             .searchResultPath = searchResultPathOf(item.nodeId)});
         }
-        if (!jobs.empty()) startSearch(program, volume->name, std::move(jobs));
+        if (!jobs.empty()) startSearch(folder, {program, volume->name, std::move(jobs)});
     }
     std::vector<TrashItem> records;
     for (const CatalogItem& item : *items) {
@@ -123,8 +127,18 @@ std::string KorvaneProDaemon::searchInputFor(const std::string& volumeName) cons
     return path;
 }
 
-void KorvaneProDaemon::startSearch(const std::string& program, const std::string& volumeName,
-                                   std::vector<SearchContent> jobs) {
+void KorvaneProDaemon::startSearch(const std::string& folder, WaitingSearch search) {
+    const std::ptrdiff_t running = std::ranges::count_if(searchTasks, [&](const SearchTask& task) {
+        return task.inFilePath != kSearchTaskDone &&
+               task.contentArray.front().volumePath == search.contentArray.front().volumePath;
+    });
+    if (running >= kMostSearchesOfAVolume) {
+        // In the place of an earlier one, whose items are in this one if they are still there.
+        waitingSearches.insert_or_assign(folder, std::move(search));
+        return;
+    }
+    waitingSearches.erase(folder);
+    auto& [program, volumeName, jobs] = search;
     FileSystem& files = machine_.fileSystem;
     std::string input;
     for (const SearchContent& job : jobs) {
@@ -150,8 +164,14 @@ void KorvaneProDaemon::startSearch(const std::string& program, const std::string
     armSearchTimer();
 }
 
+void KorvaneProDaemon::startWaitingSearches() {
+    for (auto& [folder, search] : std::exchange(waitingSearches, {})) {
+        startSearch(folder, std::move(search));
+    }
+}
+
 void KorvaneProDaemon::armSearchTimer() {
-    // Every scan has its own: each polls on while anything is pending.
+    // Every scan has its own.
     const auto timer = searchTimers.emplace(searchTimers.end());
     *timer = machine_.runLoop.startTimer(kSearchPoll, Repeat::once, [this, timer] {
         const std::unique_ptr<Timer> fired = std::move(*timer);
@@ -178,27 +198,33 @@ void KorvaneProDaemon::recordTrashItems(const std::vector<TrashItem>& items) {
         return isUsable;
     };
     if (recordFrom(0)) return;
-    beginTrashUsage(items.front());
-    if (items.size() > 1) (void)recordFrom(1);
+    if (beginTrashUsage(items.front()) && items.size() > 1) (void)recordFrom(1);
 }
 
-void KorvaneProDaemon::beginTrashUsage(const TrashItem& item) {
+bool KorvaneProDaemon::beginTrashUsage(const TrashItem& item) {
     FileSystem& files = machine_.fileSystem;
     const std::string path = std::string(kSupportFolder) + '/' + kTrashUsageFile;
     const Time now = machine_.clock.now();
-    if (files.attributes(path)) {
+    if (const auto attributes = files.attributes(path)) {
+        // What cannot be read now may be good, and what can be by now is.
+        if (attributes->kind == ItemKind::file && attributes->ownerId == files.userId()) {
+            const Result<std::string> text = files.readFile(path);
+            if (!text) return false;
+            const auto document = parsePropertyList(*text);
+            if (document && document->dictionary()) return false;
+        }
         const std::string aside =
             std::string(kSupportFolder) + '/' +
             formatLocalTime(now, "Trash Usage, unreadable %Y-%m-%d %H-%M-%S") + ".plist";
-        if (!files.rename(path, aside)) return;
+        if (!files.rename(path, aside)) return false;
         machine_.systemLog.write(LogLevel::error,
                                  formatText("\"%@\" cannot be used and is kept as \"%@\".",
                                             {std::string_view(path), std::string_view(aside)}));
     }
     Dictionary usage;
     storeTrashRecord(usage, item, now);
-    (void)files.writePropertyList(path, PropertyList(std::move(usage)), kSharedFilePermissions,
-                                  Durability::process);
+    return static_cast<bool>(files.writePropertyList(path, PropertyList(std::move(usage)),
+                                                     kSharedFilePermissions, Durability::process));
 }
 
 }  // namespace korvane

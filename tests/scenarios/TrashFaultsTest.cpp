@@ -64,6 +64,76 @@ TEST_F(TrashFaults, AProgramThatIsKilledLeavesNothingBehind) {
     EXPECT_THAT(usage(), SizeIs(1));
 }
 
+TEST_F(TrashFaults, ProgramsThatHangAreNoMoreThanFourAndOnePoll) {
+    s.machine().processes.setProgram(kProgram, {.duration = std::nullopt, .work = nullptr});
+    s.run(seconds(60));
+    const std::size_t before = s.pendingDelays().size();
+    for (const char* name : {"/a", "/b", "/c", "/d", "/e", "/f", "/g"}) {
+        trash(kDataTrash + std::string(name));
+        s.run(milliseconds(300));
+    }
+    s.run(seconds(30));
+    EXPECT_THAT(s.machine().processes.launches(), SizeIs(4));
+    EXPECT_EQ(s.pendingDelays().size(), before + 1);
+    // Those of another volume are not held up.
+    trash(std::string(kTrash) + "/h");
+    s.run(seconds(1));
+    EXPECT_THAT(s.machine().processes.launches(), SizeIs(5));
+    // What had to wait is looked for once there is room, all of it by one program.
+    setProgram("result");
+    s.machine().processes.kill(0);
+    s.run(seconds(10));
+    EXPECT_THAT(s.machine().processes.launches(), SizeIs(6));
+    EXPECT_THAT(jobs, SizeIs(7));
+}
+
+TEST_F(TrashFaults, AUsageFileThatCannotBeReadNowKeepsItsRecords) {
+    s.run(seconds(1));
+    trash(std::string(kTrash) + "/a");
+    s.run(seconds(1));
+    files().setUnreadableFile(kUsage);
+    trash(std::string(kTrash) + "/b");
+    s.run(seconds(1));
+    files().setUnreadableFile("");
+    EXPECT_FALSE(record("a").empty());
+    EXPECT_THAT(s.supportFiles(),
+                testing::Not(testing::Contains(testing::StartsWith("Trash Usage, unreadable"))));
+    trash(std::string(kTrash) + "/c");
+    s.run(seconds(1));
+    EXPECT_THAT(usage(), SizeIs(3));
+}
+
+// What a kill has left in the middle of a write.
+TEST_F(TrashFaults, CutsAFileOfResultsToWholeRecordsBeforeItAddsOne) {
+    const std::string path = volumeFolder("Data") + "/" + kDeletes;
+    s.run(seconds(1));
+    for (const std::size_t torn : {std::size_t{100}, kTrashRecordBytes + 100}) {
+        s.put(path, std::string(torn, 'x'));
+        trash(kDataTrash + ("/" + std::to_string(torn)));
+        s.run(seconds(10));
+        const std::string bytes = files().bytes(path).value_or("");
+        ASSERT_GE(bytes.size(), 2 * kTrashRecordBytes);
+        EXPECT_EQ(bytes.size() % kTrashRecordBytes, 0u);
+        EXPECT_TRUE(bytes.substr(kTrashRecordBytes).starts_with("result"));
+        const bool hadHeader = torn > kTrashRecordBytes;
+        EXPECT_EQ(decodeTrashDeletesHeader(bytes.substr(0, kTrashRecordBytes)).has_value(),
+                  !hadHeader);
+    }
+}
+
+TEST_F(TrashFaults, DropsFilesOfResultsWhereTheSupportFolderIsALink) {
+    ASSERT_TRUE(files().rename(kSupportFolder, "/Elsewhere"));
+    ASSERT_TRUE(files().putLink(kSupportFolder, "/Elsewhere"));
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(seconds(60));
+    ASSERT_TRUE(files().exists(volumeFolder("Data") + "/" + kDeletes));
+    s.run(hours(5 * 24));
+    s.machine().directoryWatch.changed(kTrash);
+    s.run(seconds(1));
+    EXPECT_FALSE(files().exists(volumeFolder("Data") + "/" + kDeletes));
+}
+
 TEST_F(TrashFaults, MarksWhatASearchHasFoundOut) {
     s.run(seconds(1));
     trash(std::string(kTrash) + "/a");
