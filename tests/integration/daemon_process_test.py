@@ -356,15 +356,18 @@ class DaemonProcess(DaemonBed):
         self.needs_root_volume()
         bus = self.start_bus()
         self.write_preferences(DAEMON_ON=False)
-        self.start(bus_address=bus.address)
+        daemon = self.start(bus_address=bus.address)
         wait_for(lambda: usage_status("/") == "0" and is_saved())
         preferences = wait_for(read_preferences)
         preferences["DAEMON_ON"] = True
         preferences["volumeArray"][0]["executionTimeUsage"] = 1.0
         with open(PREFERENCES, "wb") as file:
             file.write(plistlib.dumps(preferences))
-        bus.send("daemonStartYourEngines")
-        wait_for(lambda: os.path.exists(f"{SUPPORT}/System/Volume Usage.plist"))
+        self.assertEqual(bus.send("daemonStartYourEngines").stdout, "b true\n")
+        try:
+            wait_for(lambda: os.path.exists(f"{SUPPORT}/System/Volume Usage.plist"))
+        except AssertionError:
+            self.fail(f"not checked; {daemon.lines()} {read_preferences()}")
 
     def test_a_second_daemon_goes_on_without_the_channel_and_says_nothing(self):
         bus = self.start_bus()

@@ -357,15 +357,16 @@ class DataRecovery(unittest.TestCase):
         self.keep_history(path)
         for state in ("in the trash", "emptied"):
             terminal, theirs = os.openpty()
-            # Every write to the new file takes its time.
+            # Every write to the new file takes its time, the first one longer than a person waits
+            # without being told.
             with subprocess.Popen(["strace", "-qq", "-o", "/dev/null", "-e", "trace=pwrite64", "-e",
-                                   "inject=pwrite64:delay_enter=400000", KORVANECTL, "trash",
+                                   "inject=pwrite64:delay_enter=1200000", KORVANECTL, "trash",
                                    "recover", "long", f"/tmp/{state}"],
                                   stdout=subprocess.DEVNULL, stderr=theirs) as child:
                 self.assertEqual(child.wait(timeout=60), 0)
+            os.close(theirs)  # with nothing shown, reading fails instead of waiting
             shown = os.read(terminal, 65536)
             os.close(terminal)
-            os.close(theirs)
             self.assertRegex(shown, rb"\[#+-+\] .* of 5.2 MB, \d+ %", state)
             self.assertTrue(shown.endswith(b"\x1b[K"), state)
             if state == "in the trash":
