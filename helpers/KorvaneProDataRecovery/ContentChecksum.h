@@ -32,6 +32,9 @@ class ContentChecksum {
     bool isGood_ = false;
 };
 
+// Checksums are a comfort that every scan of a trash asks for anew: a larger file gets none.
+inline constexpr std::uint64_t kMostChecksummed = 64ULL * 1024 * 1024;
+
 // What may be read for checksums in one run: time and bytes.
 struct ReadingLimit {
     std::chrono::steady_clock::time_point until;

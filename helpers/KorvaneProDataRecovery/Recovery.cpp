@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 
+#include "KorvaneProDataRecovery/ContentChecksum.h"
 #include "KorvaneProDataRecovery/ItemRecording.h"
 #include "KorvaneProDataRecovery/ResultFile.h"
 
@@ -16,7 +17,6 @@ namespace {
 // Checksums are a comfort that every scan of a trash asks for anew: they may keep a disk busy for
 // moments, not for minutes.
 constexpr std::chrono::seconds kReadingTime{5};
-constexpr std::uint64_t kReadingOfFile = 64ULL * 1024 * 1024;
 constexpr std::uint64_t kReadingOfRun = 256ULL * 1024 * 1024;
 
 }  // namespace
@@ -27,7 +27,7 @@ void recordJobs(const JobFile& file, const MachinePlaces& places, const std::str
     std::map<std::string, TrashFolders> volumes;
     FolderLimit limit;
     ReadingLimit reading{.until = std::chrono::steady_clock::now() + kReadingTime,
-                         .bytesOfFile = kReadingOfFile,
+                         .bytesOfFile = kMostChecksummed,
                          .bytesLeft = kReadingOfRun};
     for (const RecoveryJob& job : file.jobs) {
         TrashFolders& folders = volumes.try_emplace(job.device, places, job.device).first->second;

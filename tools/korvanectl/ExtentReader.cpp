@@ -15,8 +15,8 @@
 #include <variant>
 
 #include "KorvaneProDataRecovery/ContentChecksum.h"
+#include "korvanectl/NewFile.h"
 #include "korvanectl/Text.h"
-#include "platform/linux/UniqueFd.h"
 
 namespace korvane::ctl {
 
@@ -61,7 +61,7 @@ class ExtentCopy {
             if (isOnDevice(extent) && !copy(extent)) return false;
         }
         zerosTo(item_.size);
-        return ::fsync(file_) == 0;
+        return true;
     }
     std::optional<Sha256> checksum() { return checksum_.finish(); }
 
@@ -129,7 +129,10 @@ std::string reasonNotRecoverable(const RecordedItem& item) {
         if (!isSound) return "its record makes no sense";
         end = extent.logical + extent.length;
     }
-    return item.size > INT64_MAX ? "its record makes no sense" : "";
+    // Of more no checksum is ever made: a forged record would have zeros hashed for years.
+    const bool hasChecksum = (item.flags & kRecordHasChecksum) != 0;
+    const std::uint64_t most = hasChecksum ? kMostChecksummed : INT64_MAX;
+    return item.size > most ? "its record makes no sense" : "";
 }
 
 Outcome<ContentProof> recoverContents(const RecordedItem& item, int device, int folder,
@@ -138,20 +141,18 @@ Outcome<ContentProof> recoverContents(const RecordedItem& item, int device, int 
     if (const std::string reason = reasonNotRecoverable(item); !reason.empty()) {
         return Failure{ExitStatus::refused, reason};
     }
-    const UniqueFd file{
-        ::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)};
-    if (!file) {
+    const auto failure = [&name](int error) {
         return Failure{ExitStatus::fileProblem,
-                       fmt::format("cannot make {}: {}", printable(name), std::strerror(errno))};
-    }
+                       fmt::format("cannot make {}: {}", printable(name), std::strerror(error))};
+    };
+    NewFile file{folder, name};
+    if (file.error() != 0) return failure(file.error());
     ExtentCopy copy{item, device, file.get(), progress};
-    if (!copy.run()) {
-        return Failure{ExitStatus::fileProblem, fmt::format("{} is not complete: {}",
-                                                            printable(name), std::strerror(errno))};
-    }
+    if (!copy.run()) return failure(errno);
     const timespec modified{.tv_sec = item.modified, .tv_nsec = item.modifiedNanoseconds};
     const timespec times[] = {modified, modified};
     (void)::futimens(file.get(), times);  // a time that no file can have is not worth a failure
+    if (const int error = file.finish()) return failure(error);
     if ((item.flags & kRecordHasChecksum) == 0) return ContentProof::sizeAlone;
     return copy.checksum() == std::optional{item.checksum} ? ContentProof::checksumMatches
                                                            : ContentProof::checksumDiffers;

@@ -18,8 +18,7 @@ enum class ContentProof { checksumMatches, checksumDiffers, sizeAlone };
 [[nodiscard]] std::string reasonNotRecoverable(const RecordedItem& item);
 
 // Writes the contents into a new file of this name in the folder, last modified when the item was.
-// `progress` is told how many bytes are done. A failure leaves the file as far as it came and says
-// so.
+// `progress` is told how many bytes are done. A failure leaves no file.
 [[nodiscard]] Outcome<ContentProof> recoverContents(
     const RecordedItem& item, int device, int folder, const std::string& name,
     const std::function<void(std::uint64_t)>& progress);

@@ -97,6 +97,19 @@ class TreeRecovery {
     std::vector<RecoveredFile> files_;
 };
 
+// A link is all in its record.
+Outcome<std::vector<RecoveredFile>> recoverLink(const RecordedItem& link, int folder,
+                                                const fs::path& target) {
+    if (link.linkTarget.empty()) {
+        return Failure{ExitStatus::refused, "where the link leads was not recorded"};
+    }
+    const std::string name = target.filename().string();
+    if (::symlinkat(link.linkTarget.c_str(), folder, name.c_str()) != 0) {
+        return fileFailure(target.string(), errno);
+    }
+    return std::vector<RecoveredFile>{};
+}
+
 }  // namespace
 
 Outcome<std::vector<RecoveredFile>> recoverTree(
@@ -107,9 +120,11 @@ Outcome<std::vector<RecoveredFile>> recoverTree(
     const std::string name = target.filename().string();
     const UniqueFd to{::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     if (!to) return fileFailure(parent.string(), errno);
+    if (S_ISLNK(root.mode)) return recoverLink(root, to.get(), target);
     if (!S_ISDIR(root.mode)) {
         const auto proof = recoverContents(root, device, to.get(), name, progress);
         if (!proof) return proof.failure();
+        if (::syncfs(to.get()) != 0) return fileFailure(target.string(), errno);
         return std::vector<RecoveredFile>{{"", root.size, *proof, ""}};
     }
     if (::mkdirat(to.get(), name.c_str(), 0700) != 0) return fileFailure(target.string(), errno);
@@ -118,6 +133,7 @@ Outcome<std::vector<RecoveredFile>> recoverTree(
     TreeRecovery tree{root, device, folder.get(), progress};
     std::for_each(items.begin() + 1, items.end(),
                   [&](const RecordedItem& item) { tree.add(item); });
+    if (::syncfs(to.get()) != 0) return fileFailure(target.string(), errno);
     return tree.take();
 }
 

@@ -22,7 +22,8 @@ struct RecoveredFile {
     std::string reason;                 // then
 };
 
-// The item, which comes first, and what it held. A failure of the item itself is a Failure; of what
+// The item, which comes first, and the files that it held; a link is made again from its record and
+// needs no device. A failure of the item itself is a Failure; of what
 // it held, it is told and the rest is brought back.
 [[nodiscard]] Outcome<std::vector<RecoveredFile>> recoverTree(
     const std::vector<RecordedItem>& items, int device, const std::filesystem::path& target,

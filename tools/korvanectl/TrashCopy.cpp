@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "korvanectl/Document.h"
+#include "korvanectl/NewFile.h"
 #include "korvanectl/Text.h"
 #include "platform/linux/FolderDescent.h"
 #include "platform/linux/UniqueFd.h"
@@ -52,6 +53,8 @@ class TreeCopy {
         if (S_ISDIR(status.st_mode)) return copyFolder(from, name, status, to, newName);
         return copyOther(from, name, status, to, newName);
     }
+    // Whether the item is a folder, and there now.
+    bool hasBegun() const { return copied_.folders > 0; }
     CopiedItem take() { return std::move(copied_); }
 
   private:
@@ -69,12 +72,12 @@ class TreeCopy {
         struct stat opened {};
         if (!source || ::fstat(source.get(), &opened) != 0) return errno;
         if (!isSame(opened, status)) return ESTALE;
-        const UniqueFd file{::openat(to, newName.c_str(),
-                                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)};
-        if (!file) return errno;
+        NewFile file{to, newName};
+        if (file.error() != 0) return file.error();
         if (const int error = copyContents(source.get(), file.get(), opened.st_size)) return error;
         setAttributes(file.get(), opened);
-        if (::fsync(file.get()) != 0) return errno;
+        if (const int error = file.finish()) return error;
+        copied_.bytes += static_cast<std::uint64_t>(opened.st_size);
         ++copied_.files;
         return 0;
     }
@@ -90,9 +93,7 @@ class TreeCopy {
             at = end;
         }
         // Without data behind the place there is no next one.
-        if (at < 0 && errno != ENXIO) return errno;
-        copied_.bytes += static_cast<std::uint64_t>(size);
-        return 0;
+        return at < 0 && errno != ENXIO ? errno : 0;
     }
 
     int copyRange(int source, int file, off_t at, off_t end) {
@@ -222,7 +223,14 @@ Outcome<CopiedItem> copyFromTrash(const ItemInTrash& item, const fs::path& targe
     TreeCopy copy{progress};
     const int error = copy.copyItem(item.folder.get(), item.name, item.status, to.get(),
                                     target.filename().string());
+    if (error != 0 && copy.hasBegun()) {
+        return Failure{ExitStatus::fileProblem,
+                       fmt::format("{} is not complete: {}", printable(target.string()),
+                                   std::strerror(error))};
+    }
     if (error != 0) return fileFailure(target.string(), error);
+    // The names are as safe as the contents: who reads that it is copied empties the trash.
+    if (::syncfs(to.get()) != 0) return fileFailure(target.string(), errno);
     return copy.take();
 }
 

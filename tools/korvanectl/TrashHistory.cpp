@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -169,6 +171,14 @@ void findOrigins(const std::string& supportFolder, std::vector<HistoryItem>& his
             }
         });
     }
+}
+
+bool isDeviceNumber(std::uint64_t volumeId, dev_t device) {
+    const std::uint32_t minor = gnu_dev_minor(device);
+    const std::uint32_t number =
+        (minor & 0xFFU) | (gnu_dev_major(device) << 8U) | ((minor & ~0xFFU) << 12U);
+    const std::array<std::uint32_t, 2> id{number, 0};
+    return std::memcmp(&volumeId, id.data(), sizeof volumeId) == 0;
 }
 
 std::optional<ItemInTrash> findInTrash(const HistoryItem& item) {

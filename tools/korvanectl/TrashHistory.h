@@ -48,6 +48,11 @@ void findOrigins(const std::string& supportFolder, std::vector<HistoryItem>& his
 [[nodiscard]] std::vector<RecordedItem> recordsOf(const std::string& supportFolder,
                                                   const HistoryItem& item);
 
+// Whether the recorded id of a volume is nothing but the number of its device. Of file systems
+// without an id of their own the kernel answers so (u64_to_fsid() of huge_encode_dev(),
+// linux/statfs.h).
+[[nodiscard]] bool isDeviceNumber(std::uint64_t volumeId, dev_t device);
+
 // The item in its trash folder, found by its name and its node without going through a link that
 // users can plant.
 struct ItemInTrash {

@@ -99,6 +99,9 @@ std::optional<Failure> objectionToTarget(const fs::path& target, dev_t volume) {
 struct Volume {
     std::string device;
     dev_t number = 0;
+    // The id is only the device's number (XFS, FAT and others): another volume may have had it when
+    // the item was recorded.
+    bool isKnownByNumber = false;
 };
 std::optional<Volume> volumeOf(Program& program, std::uint64_t id) {
     Volumes& volumes = program.volumes();
@@ -111,7 +114,8 @@ std::optional<Volume> volumeOf(Program& program, std::uint64_t id) {
         std::memcpy(&found, &system.f_fsid, sizeof found);
         const MountEntry* const mount = volumes.mountAt(path);
         if (found == id && id != 0 && mount != nullptr) {
-            return Volume{bytesOfText(mount->mountFromName), status.st_dev};
+            return Volume{bytesOfText(mount->mountFromName), status.st_dev,
+                          isDeviceNumber(id, status.st_dev)};
         }
     }
     return std::nullopt;
@@ -207,6 +211,42 @@ void tellRecovered(Program& program, const std::vector<RecordedItem>& items,
     }
 }
 
+// What the user must know before trusting anything that was read.
+void tellDoubts(Program& program, const HistoryItem& wanted, const Volume& volume,
+                const std::vector<RecoveredFile>& files) {
+    if (wanted.state == TrashState::removed) {
+        program.note(
+            "the item was put back, or moved out of the trash: what was read is its contents as "
+            "they were recorded, if nothing was written to it since");
+    }
+    const bool isProven = std::none_of(files.begin(), files.end(), [](const auto& file) {
+        return file.proof == ContentProof::sizeAlone;
+    });
+    if (volume.isKnownByNumber && !isProven) {
+        program.note(fmt::format(
+            "{} cannot be told from another volume that had its device number when the item was "
+            "recorded: without a checksum the contents may be those of something else",
+            volume.device));
+    }
+}
+
+// Made again from its record, from no volume.
+Outcome<ExitStatus> runLink(Program& program, const std::vector<RecordedItem>& items,
+                            const fs::path& target) {
+    const auto made = recoverTree(items, -1, target, [](std::uint64_t) {});
+    if (!made) return made.failure();
+    const std::string& leadsTo = items.front().linkTarget;
+    if (program.json) {
+        printJson(
+            program,
+            Dictionary{{"from", "record"}, {"target", target.string()}, {"linkTarget", leadsTo}});
+    } else {
+        program.print(
+            fmt::format("Made the link to {} again, as it was recorded.\n", printable(leadsTo)));
+    }
+    return ExitStatus::done;
+}
+
 Outcome<ExitStatus> runRecovery(Program& program, const HistoryItem& wanted,
                                 const std::string& where) {
     const std::vector<RecordedItem> items = recordsOf(program.supportFolder, wanted);
@@ -216,6 +256,7 @@ Outcome<ExitStatus> runRecovery(Program& program, const HistoryItem& wanted,
                        "recorded"};
     }
     const fs::path target = targetOf(where, items.front().name);
+    if (S_ISLNK(items.front().mode)) return runLink(program, items, target);
     const auto volume = volumeOf(program, items.front().volumeId);
     if (!volume) {
         return Failure{ExitStatus::refused, "the volume that the item was on is not mounted"};
@@ -232,11 +273,13 @@ Outcome<ExitStatus> runRecovery(Program& program, const HistoryItem& wanted,
     if (program.json) {
         printJson(program, Dictionary{{"from", "device"},
                                       {"device", volume->device},
+                                      {"volumeIsKnownByNumber", volume->isKnownByNumber},
                                       {"target", target.string()},
                                       {"files", filesJson(*files)}});
     } else {
         tellRecovered(program, items, *files, volume->device);
     }
+    tellDoubts(program, wanted, *volume, *files);
     const bool isAll = std::all_of(files->begin(), files->end(), isRecovered) &&
                        (items.front().flags & kRecordFolderCut) == 0;
     return isAll ? ExitStatus::done : ExitStatus::fileProblem;

@@ -250,7 +250,7 @@ class DataRecovery(unittest.TestCase):
     def keep_history(self, path, name=None):
         os.makedirs("/Library", exist_ok=True)
         run("mount", "-t", "tmpfs", "tmpfs", "/Library")
-        self.addCleanup(subprocess.run, ["umount", "/Library"])
+        self.addCleanup(subprocess.run, ["umount", "-q", "/Library"])
         os.makedirs(f"{SUPPORT}/volume")
         node = os.lstat(path).st_ino
         record = {"itemName": name or os.path.basename(path), "nodeID": str(node), "volRefNum": "1",
@@ -348,10 +348,13 @@ class DataRecovery(unittest.TestCase):
             with open(os.path.join(folder, name), "rb") as file:
                 self.assertEqual(file.read(), b"odd" * 5000)
 
-    def test_long_work_shows_how_far_it_is(self):
+    def needs_no_sanitizer(self):
         with open(KORVANECTL, "rb") as program:
             if b"__asan_init" in program.read():
                 self.skipTest("a traced program cannot be looked through for leaks")
+
+    def test_long_work_shows_how_far_it_is(self):
+        self.needs_no_sanitizer()
         path = self.put("long", os.urandom(5 * MEBIBYTE))
         self.record(self.job_for(path))
         self.keep_history(path)
@@ -402,6 +405,80 @@ class DataRecovery(unittest.TestCase):
         self.assertIn("SHA-256", self.recover("pieces", "/tmp"))
         with open("/tmp/pieces", "rb") as file:
             self.assertEqual(file.read(), contents)
+
+    def test_a_full_target_is_left_without_a_file_that_looks_complete(self):
+        path = self.put("long", os.urandom(2 * MEBIBYTE))
+        box = os.path.join(self.trash, "box")
+        os.mkdir(box)
+        for name in ("a", "b"):
+            self.put(f"box/{name}", os.urandom(700_000))
+        self.record(self.job_for(path))
+        self.keep_history(path)
+        os.mkdir("/tmp/small")
+        run("mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", "/tmp/small")
+        self.addCleanup(subprocess.run, ["umount", "/tmp/small"])
+        self.assertIn("No space left", self.recover("long", "/tmp/small/out", status=5))
+        self.assertEqual(os.listdir("/tmp/small"), [])
+        self.empty_trash(path)
+        self.assertIn("No space left", self.recover("long", "/tmp/small/out", status=5))
+        self.assertEqual(os.listdir("/tmp/small"), [])
+        run("umount", "/Library")
+        self.record(self.job_for(box))
+        self.keep_history(box)
+        self.assertIn("not complete", self.recover("box", "/tmp/small", status=5))
+        self.assertEqual(len(os.listdir("/tmp/small/box")), 1)
+
+    def without_nameless_files(self, target, options=()):
+        """Recovers "long" where the file system has no files without a name, as FAT has none."""
+        def traced(out, *how):
+            done = subprocess.run(["strace", "-f", "-qq", "-o", "/tmp/calls", *how, KORVANECTL,
+                                   "trash", "recover", "long", out],
+                                  capture_output=True, text=True, timeout=60)
+            with open("/tmp/calls", encoding="utf-8") as file:
+                return done, file.read().splitlines()
+        _, calls = traced(target + "-first", "-e", "trace=openat")
+        place = next(i for i, call in enumerate(calls) if "O_TMPFILE" in call) + 1
+        return traced(target, "-e", "trace=openat,renameat2,unlinkat", *options, "-e",
+                      f"inject=openat:error=EOPNOTSUPP:when={place}")
+
+    def test_a_file_has_a_name_that_says_incomplete_where_it_must_have_one(self):
+        self.needs_no_sanitizer()
+        contents = os.urandom(MEBIBYTE)
+        path = self.put("long", contents)
+        self.record(self.job_for(path))
+        self.keep_history(path)
+        os.mkdir("/tmp/desk")
+        done, calls = self.without_nameless_files("/tmp/desk/out")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertRegex("\n".join(calls), r'"out\.[0-9]+\.incomplete", O_WRONLY')
+        self.assertEqual(sorted(os.listdir("/tmp/desk")), ["out", "out-first"])
+        with open("/tmp/desk/out", "rb") as file:
+            self.assertEqual(file.read(), contents)
+        done, _ = self.without_nameless_files("/tmp/desk/second", (
+            "-e", "inject=renameat2:error=ENOSPC"))
+        self.assertEqual(done.returncode, 5, done.stderr)
+        self.assertEqual(sorted(os.listdir("/tmp/desk")), ["out", "out-first", "second-first"])
+
+    def test_a_device_number_is_no_proof_of_the_volume(self):
+        image = self.image + ".xfs"
+        with open(image, "wb") as file:
+            file.truncate(320 * MEBIBYTE)
+        run("mkfs.xfs", "-q", image)
+        self.device = run("losetup", "--find", "--show", image)
+        self.addCleanup(subprocess.run, ["losetup", "--detach", self.device])
+        os.mkdir("/tmp/xfs")
+        run("mount", self.device, "/tmp/xfs")
+        self.addCleanup(subprocess.run, ["umount", "/tmp/xfs"])
+        self.trash = "/tmp/xfs/.Trash-0/files"
+        os.makedirs(self.trash)
+        for name, size, doubt in (("small", MEBIBYTE, False), ("large", 65 * MEBIBYTE, True)):
+            path = self.put(name, os.urandom(size))
+            self.record(self.job_for(path))
+            self.keep_history(path)
+            self.empty_trash(path)
+            said = self.recover(name, f"/tmp/{name}-recovered")
+            self.assertEqual("cannot be told from another volume" in said, doubt, said)
+            run("umount", "/Library")
 
     def test_blocks_that_were_used_again_are_told(self):
         path = self.put("letter", random.Random(5).randbytes(MEBIBYTE))

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "KorvaneProDataRecovery/ContentChecksum.h"
 #include "korvanectl/RecordedTree.h"
 #include "platform/linux/UniqueFd.h"
 #include "unit/platform/TemporaryFolder.h"
@@ -165,10 +166,42 @@ TEST_F(RecordedTree, RefusesRecordsThatMakeNoSense) {
         EXPECT_THAT(files.failure().message, HasSubstr("makes no sense"));
         EXPECT_FALSE(fs::exists(folder / "out")) << row.what;
     }
-    RecordedItem pastTheDevice = file(1, 9, "x", {'z'}, 10);
-    const auto files = recover({pastTheDevice});
+}
+
+TEST_F(RecordedTree, LeavesNothingOfAFileWhoseDeviceEndsEarly) {
+    RecordedItem pastTheDevice = file(1, 9, "x", {'a', 'z'}, 2 * kBlock);
+    const auto alone = recover({pastTheDevice});
+    ASSERT_FALSE(alone);
+    EXPECT_THAT(alone.failure().message, HasSubstr("Input/output error"));
+    EXPECT_FALSE(fs::exists(folder / "out"));
+    pastTheDevice.parent = 2;
+    const auto within = recover({box(2, 9, "x"), pastTheDevice});
+    ASSERT_TRUE(within);
+    ASSERT_THAT(*within, SizeIs(1));
+    EXPECT_FALSE((*within)[0].proof);
+    EXPECT_TRUE(fs::is_empty(folder / "out"));
+}
+
+TEST_F(RecordedTree, HashesNoMoreThanIsEverHashed) {
+    RecordedItem item = file(1, 9, "x", {}, 1ULL << 62U);
+    item.flags |= kRecordHasChecksum;
+    const auto files = recover({item});
     ASSERT_FALSE(files);
-    EXPECT_THAT(files.failure().message, HasSubstr("not complete"));
+    EXPECT_THAT(files.failure().message, HasSubstr("makes no sense"));
+    item.size = kMostChecksummed + 1;
+    EXPECT_FALSE(recover({item}));
+    item.size = kMostChecksummed;
+    EXPECT_TRUE(recover({item}));
+}
+
+TEST_F(RecordedTree, MakesALinkAgain) {
+    RecordedItem link = box(1, 9, "x");
+    link.mode = S_IFLNK | 0777;
+    EXPECT_FALSE(recover({link}));
+    link.linkTarget = "else/where";
+    ASSERT_TRUE(recover({link}));
+    EXPECT_EQ(fs::read_symlink(folder / "out"), "else/where");
+    EXPECT_FALSE(recover({link}));
 }
 
 TEST_F(RecordedTree, WritesOverNothing) {

@@ -2,10 +2,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
+#include <cstring>
 #include <sstream>
 
 #include "KorvaneProDataRecovery/ResultRecords.h"
+#include "korvanectl/TrashHistory.h"
 #include "storage/TrashEntry.h"
 #include "trash/TrashFormats.h"
 #include "unit/korvanectl/ProgramFixture.h"
@@ -192,6 +195,40 @@ TEST_F(Trash, SumsUpAFolder) {
     EXPECT_EQ(run({"trash", "show", "box"}), 0);
     EXPECT_THAT(lineOf("contents"), AllOf(HasSubstr("1 of its 2 files"), HasSubstr("held more")));
     EXPECT_THAT(lineOf("kind"), HasSubstr("folder"));
+}
+
+TEST_F(Trash, MakesALinkThatWasEmptiedAgain) {
+    keepNode("link", 40, now, "Deleted");
+    RecordedItem link = recorded("link", 40);
+    link.flags = 0;
+    link.mode = S_IFLNK | 0777;
+    link.extents.clear();
+    link.linkTarget = "/etc/passwd";
+    keepRecords({link});
+    const std::string target = folder / "again";
+    EXPECT_EQ(run({"trash", "recover", "link", target.c_str()}), 0);
+    EXPECT_THAT(out, HasSubstr("/etc/passwd"));
+    EXPECT_EQ(fs::read_symlink(target), "/etc/passwd");
+    EXPECT_EQ(run({"trash", "recover", "link", target.c_str()}), 5);
+    const std::string other = folder / "other";
+    EXPECT_EQ(run({"trash", "recover", "link", other.c_str(), "--json"}), 0);
+    EXPECT_THAT(out, HasSubstr(R"("linkTarget": "/etc/passwd")"));
+}
+
+TEST(VolumeId, IsKnownForADeviceNumber) {
+    const struct {
+        unsigned major;
+        unsigned minor;
+        std::uint32_t number;
+    } rows[] = {{8, 1, 0x801}, {259, 300, 0x11032CU}, {7, 0, 0x700}};
+    for (const auto& row : rows) {
+        const std::uint32_t parts[] = {row.number, 0};
+        std::uint64_t id = 0;
+        std::memcpy(&id, parts, sizeof id);
+        EXPECT_TRUE(isDeviceNumber(id, gnu_dev_makedev(row.major, row.minor))) << row.number;
+        EXPECT_FALSE(isDeviceNumber(id, gnu_dev_makedev(row.major, row.minor + 1)));
+        EXPECT_FALSE(isDeviceNumber(id | 1ULL << 40U, gnu_dev_makedev(row.major, row.minor)));
+    }
 }
 
 TEST_F(Trash, AsksForTheKeyWhereANameIsNotEnough) {
