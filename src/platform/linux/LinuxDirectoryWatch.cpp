@@ -1,6 +1,7 @@
 #include "platform/linux/LinuxDirectoryWatch.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
@@ -148,12 +149,12 @@ std::vector<std::string> LinuxDirectoryWatch::trashFolders(const std::string& vo
         if (::lstat(home.c_str(), &status) == 0) users.insert(status.st_uid);
     }
     for (const uid_t user : users) {
-        folders.push_back(volumePath + "/.Trash-" + std::to_string(user) + "/files");
+        folders.push_back(fmt::format("{}/.Trash-{}/files", volumePath, user));
     }
     for (const std::string& name : namesIn(root + "/.Trash")) {
         const auto user = userNumber(name);
         if (user && isOfUser(".Trash/" + name, *user)) {
-            folders.push_back(volumePath + "/.Trash/" + name + "/files");
+            folders.push_back(fmt::format("{}/.Trash/{}/files", volumePath, name));
         }
     }
     return folders;

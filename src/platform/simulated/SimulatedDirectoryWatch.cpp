@@ -1,5 +1,7 @@
 #include "platform/simulated/SimulatedDirectoryWatch.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -74,8 +76,8 @@ std::optional<std::vector<CatalogItem>> SimulatedDirectoryWatch::catalog(const s
         if (items.size() == mostItems) {
             break;
         }
-        items.push_back(
-            {name, fileSystem_.nodeId(folder + '/' + name), fileSystem_.nodeId(folder)});
+        items.push_back({name, fileSystem_.nodeId(fmt::format("{}/{}", folder, name)),
+                         fileSystem_.nodeId(folder)});
     }
     return items;
 }
