@@ -14,6 +14,7 @@ import struct
 import subprocess
 import time
 import unittest
+import xml.parsers.expat
 
 from daemon_process_test import SUPPORT, DaemonBed, mount, read_bytes, volume_entries, wait_for
 
@@ -28,7 +29,7 @@ def usage():
         return plistlib.loads(read_bytes(USAGE))
     except FileNotFoundError:
         return {}
-    except (plistlib.InvalidFileException, ValueError):
+    except (plistlib.InvalidFileException, xml.parsers.expat.ExpatError, ValueError):
         return None  # just being rewritten
 
 
