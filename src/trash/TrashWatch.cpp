@@ -63,7 +63,7 @@ void KorvaneProDaemon::setupTrashRetainer(bool scanNow) {
         }
     }
     // The slots are few: those that are there come before those that are waited for.
-    std::ranges::stable_partition(folders, [this](const std::string& folder) {
+    std::stable_partition(folders.begin(), folders.end(), [this](const std::string& folder) {
         return machine_.directoryWatch.catalog(folder, 0).has_value();
     });
     // A folder that cannot be watched takes its slot all the same.
