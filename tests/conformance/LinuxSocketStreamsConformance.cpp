@@ -152,6 +152,9 @@ TEST(LinuxSocketStream, NoticesThatItsPeerHasDiedWithinMinutes) {
     stream.reset();
 }
 
+// The sanitizer of undefined behaviour opens a pipe at its first look at a type, and takes what it
+// cannot look at for no object at all: it does not go together with a lack of descriptors.
+#ifndef __SANITIZE_ADDRESS__
 TEST(LinuxSocketStream, WithoutDescriptorsEndsInAnError) {
     LinuxSocketStreamsSubject subject;
     std::vector<StreamEvent> events;
@@ -167,6 +170,7 @@ TEST(LinuxSocketStream, WithoutDescriptorsEndsInAnError) {
     EXPECT_THAT(events, testing::ElementsAre(StreamEvent::errorOccurred));
     EXPECT_THAT(stream->error(StreamSide::input), testing::HasSubstr("open files"));
 }
+#endif
 
 class LinuxConnectionRace : public testing::Test {
   protected:

@@ -22,7 +22,7 @@ constexpr std::size_t kWidth = 30;
 }  // namespace
 
 std::string progressLine(std::uint64_t done, std::uint64_t whole) {
-    const std::string doneWords = sizeWords(static_cast<double>(done));
+    std::string doneWords = sizeWords(static_cast<double>(done));
     if (whole == 0) return doneWords;
     const double part = std::min(static_cast<double>(done) / static_cast<double>(whole), 1.0);
     const std::string full(static_cast<std::size_t>(part * kWidth), '#');

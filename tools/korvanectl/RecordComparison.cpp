@@ -25,7 +25,7 @@ class Comparison {
     // An entry that one record alone has.
     void only(const RecordEntry& entry, const RecordReader& other, ChangeKind kind);
     void both(const RecordEntry& first, const RecordEntry& second);
-    void tell(Change change);
+    void tell(const Change& change);
 
     RecordReader& before_;
     RecordReader& after_;
@@ -90,11 +90,11 @@ void Comparison::both(const RecordEntry& first, const RecordEntry& second) {
         }
     }
     if (!change.words.empty()) {
-        tell(std::move(change));
+        tell(change);
     }
 }
 
-void Comparison::tell(Change change) {
+void Comparison::tell(const Change& change) {
     switch (change.kind) {
         case ChangeKind::appeared:
             ++counts_.appeared;
