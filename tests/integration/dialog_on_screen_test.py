@@ -112,7 +112,7 @@ class DialogOnScreen(unittest.TestCase):
                               text=True, check=False, user=NOBODY, group=NOBODY,
                               extra_groups=[]).stdout.strip()
 
-    def test_a_volume_that_runs_low_shows_its_dialog_to_the_user_at_the_console(self):
+    def start_with_a_dialog_shown(self):
         self.needs_root_volume()
         self.start_desktop()
         self.write_preferences()
@@ -124,6 +124,10 @@ class DialogOnScreen(unittest.TestCase):
         daemon = self.start()
         process.wait_for(lambda: self.dunstctl("count", "displayed") == "1")
         process.wait_for(lambda: process.usage_status("/") == "4")
+        return daemon
+
+    def test_a_volume_that_runs_low_shows_its_dialog_to_the_user_at_the_console(self):
+        daemon = self.start_with_a_dialog_shown()
         if PICTURE:
             with contextlib.suppress(FileNotFoundError):
                 os.unlink(PICTURE)
@@ -138,16 +142,7 @@ class DialogOnScreen(unittest.TestCase):
         self.assertEqual(daemon.terminate()[0], 0)
 
     def test_a_restart_leaves_no_second_dialog_of_the_same_volume(self):
-        self.needs_root_volume()
-        self.start_desktop()
-        self.write_preferences()
-        preferences = process.read_preferences()
-        preferences["volumeArray"][0].update(executionTimeUsage=1.0, freeSpaceWarningLevel=100)
-        with open(process.PREFERENCES, "wb") as file:
-            file.write(process.plistlib.dumps(preferences))
-        daemon = self.start()
-        process.wait_for(lambda: self.dunstctl("count", "displayed") == "1")
-        process.wait_for(lambda: process.usage_status("/") == "4")
+        daemon = self.start_with_a_dialog_shown()
         self.assertEqual(daemon.terminate()[0], 0)
         process.wait_for(lambda: self.dunstctl("count", "displayed") == "0")
 

@@ -269,7 +269,10 @@ class DirectoryBackupProcess(DirectoryBackupBed):
         time.sleep(1.5)  # past that tick
         self.assertEqual(children(daemon.process), [])
         bus.send("enableDirectoryBackupNotification")
-        self.assertNotIn(self.wait_for_child(daemon), (helper, second))
+        third = self.wait_for_child(daemon)
+        self.assertNotIn(third, (helper, second))
+        self.assertEqual(daemon.terminate()[0], 0)
+        wait_for(lambda: not os.path.exists(f"/proc/{third}"), LONG)
 
     def test_ends_its_helper_with_itself(self):
         self.mount_image("Data")
