@@ -290,7 +290,8 @@ bool isSettled(const struct stat& status) {
 }
 
 // Stamps the file just written with a modification time between two ticks of the kernel's clock,
-// which a later change, however soon, cannot leave as it is. Whether that worked.
+// which a later change, however soon, cannot leave as it is. Whether that worked. A change before
+// the stamp passes unseen: holds() tells.
 bool stamp(int fd, struct stat& status) {
     timespec times[2] = {};
     times[0].tv_nsec = UTIME_OMIT;
@@ -300,6 +301,21 @@ bool stamp(int fd, struct stat& status) {
     if (isSameMoment(tick, times[1])) times[1].tv_nsec ^= 1;
     return futimens(fd, times) == 0 && fstat(fd, &status) == 0 &&
            isSameMoment(status.st_mtim, times[1]);
+}
+
+// Whether this is all that is in the file.
+bool holds(int fd, std::string_view text) {
+    char bytes[64 * 1024];  // at a time
+    off_t offset = 0;
+    while (true) {
+        const ssize_t count = pread(fd, bytes, sizeof bytes, offset);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return count == 0 && text.empty();
+        const std::string_view part(bytes, static_cast<std::size_t>(count));
+        if (!text.starts_with(part)) return false;
+        text.remove_prefix(part.size());
+        offset += count;
+    }
 }
 
 }  // namespace
@@ -425,10 +441,11 @@ Result<PropertyList> PropertyListFiles::read(const std::string& path) {
 Result<std::monostate> PropertyListFiles::write(const std::string& path, PropertyList value,
                                                 mode_t mode, Durability durability) {
     remembered_.erase(path);
-    const auto written = writeAt(path, formatPropertyList(value), mode, durability);
+    const std::string text = formatPropertyList(value);
+    const auto written = writeAt(path, text, mode, durability);
     if (!written) return written.error();
     struct stat status {};
-    if (written->file && stamp(written->file.get(), status)) {
+    if (written->file && stamp(written->file.get(), status) && holds(written->file.get(), text)) {
         remembered_.insert_or_assign(path, Remembered{std::move(value), status});
     }
     return std::monostate{};
@@ -511,7 +528,7 @@ Result<std::monostate> PropertyListFiles::writeSteps(const std::string& path, Pr
         if (!stamp(file->get(), written)) written = {};  // equal to nothing: read it again
     }
     (void)unlinkat(folder->get(), place.sibling.c_str(), 0);  // A stale one does no harm.
-    if (steps.done == steps.count && isStillOurs()) {
+    if (steps.done == steps.count && isStillOurs() && holds(file->get(), last)) {
         remembered_.insert_or_assign(path, Remembered{std::move(value), written});
     }
     return std::monostate{};

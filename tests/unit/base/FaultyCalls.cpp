@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <utility>
 
 namespace korvane {
 
@@ -15,6 +16,7 @@ namespace {
 FaultPlan currentPlan;
 int changing = 0;
 int reading = 0;
+std::function<void()> interventionBeforeStamp;
 
 // Whether the call that begins now is to fail, with errno set.
 bool isFaulty() {
@@ -43,6 +45,10 @@ void planFault(const FaultPlan& plan) {
 int changingCalls() { return changing; }
 
 int readingCalls() { return reading; }
+
+void interveneBeforeStamp(std::function<void()> intervention) {
+    interventionBeforeStamp = std::move(intervention);
+}
 
 }  // namespace korvane
 
@@ -98,6 +104,7 @@ int unlinkat(int folder, const char* name, int flags) noexcept {
 }
 
 int futimens(int fd, const timespec times[2]) noexcept {
+    if (const auto intervene = std::exchange(korvane::interventionBeforeStamp, {})) intervene();
     return static_cast<int>(korvane::isFaulty() ? korvane::fault()
                                                 : syscall(SYS_utimensat, fd, nullptr, times, 0));
 }

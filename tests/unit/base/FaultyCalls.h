@@ -2,6 +2,8 @@
 // makes the n-th of them fail, or be the last thing that the process does.
 #pragma once
 
+#include <functional>
+
 namespace korvane {
 
 struct FaultPlan {
@@ -14,6 +16,9 @@ struct FaultPlan {
 void planFault(const FaultPlan& plan);
 [[nodiscard]] int changingCalls();  // Since the last plan.
 [[nodiscard]] int readingCalls();
+
+// What another program does before the next call that sets the times of a file; once.
+void interveneBeforeStamp(std::function<void()> intervention);
 
 // What the process ends with when it was planned to die.
 inline constexpr int kDied = 77;

@@ -206,6 +206,7 @@ TEST(PropertyListFiles, DoesNotReadAgainWhatItWrote) {
             return true;
         },
         0666, Durability::process));
+    planFault({});
     EXPECT_EQ(*files.read(path)->dictionary()->find("b"), PropertyList(1));
     EXPECT_EQ(readingCalls(), 0);
 }
@@ -236,6 +237,28 @@ TEST(PropertyListFiles, FollowsTheFileWhenItsStampFails) {
     planFault({});
     EXPECT_EQ(*files.read(path), records("c", 5));
     EXPECT_GT(readingCalls(), 0);
+}
+
+// Another program may write as soon as the sibling is gone, which is before the stamp.
+TEST(PropertyListFiles, SeesWhatAnotherProgramWroteRightAfterAWrite) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "Settings.plist";
+    const std::string theirs = formatPropertyList(records("theirs", 5));
+    const auto theyWrite = [&] { putContents(path, theirs); };
+    PropertyListFiles files;
+    ASSERT_TRUE(files.write(path, records("before", 5), 0666, Durability::process));
+    interveneBeforeStamp(theyWrite);
+    ASSERT_TRUE(files.write(path, records("ours", 5), 0666, Durability::process));
+    EXPECT_EQ(*files.read(path), records("theirs", 5));
+    interveneBeforeStamp(theyWrite);
+    ASSERT_TRUE(files.changeInSteps(
+        path, 1,
+        [](PropertyList& value, std::size_t) {
+            value = records("ours", 6);
+            return true;
+        },
+        0666, Durability::process));
+    EXPECT_EQ(*files.read(path), records("theirs", 5));
 }
 
 }  // namespace
