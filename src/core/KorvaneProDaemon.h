@@ -293,12 +293,6 @@ class KorvaneProDaemon final : public ControlTarget {
     void watchTrashFolder(std::size_t slot, const std::string& folder, bool scanNow);
     // A watched folder has changed: records what is in it and has the recovery program look at it.
     void MyFNSubscriptionProc(std::size_t slot, const std::string& folder);
-    // Launches the recovery program for the items of a trash folder, or has that wait.
-    void startSearch(const std::string& folder, WaitingSearch search);
-    void startWaitingSearches();
-    // The program's input for jobs of this volume: one that no running program still has to read.
-    [[nodiscard]] std::string searchInputFor(const std::string& volumeName) const;
-    void armSearchTimer();
     void recordTrashItems(const std::vector<TrashItem>& items);
     // Begins a usage file with this record in it, if there is none; one that can be read and not
     // used is set aside.
@@ -307,6 +301,13 @@ class KorvaneProDaemon final : public ControlTarget {
     void didFindOut();
     // Marks and drops records, and drops files of results that are old enough (TrashUpkeep.cpp).
     void trashSub();
+    // Launches the recovery program for the items of a trash folder, or has that wait
+    // (TrashSearches.cpp).
+    void startSearch(const std::string& folder, WaitingSearch search);
+    void startWaitingSearches();
+    // The program's input for jobs of this volume: one that no running program still has to read.
+    [[nodiscard]] std::string searchInputFor(const std::string& volumeName) const;
+    void armSearchTimer();
     // Collects the results of the programs that have ended; polls on while any is pending.
     void searchTaskCompleteCheck();
     void collectSearchResult(const SearchContent& job);

@@ -1,42 +1,69 @@
-// The upkeep of what the watch has recorded: the records of items that left the trash, and the
-// results of the recovery program.
+// The records in the trash usage file: written of what is seen in the trash, marked and dropped of
+// what left it; and the end of old files of results.
 
-#include <algorithm>
-#include <iterator>
 #include <utility>
 
 #include "base/Format.h"
+#include "base/PropertyListCodec.h"
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
-#include "storage/RegistryProbes.h"
 #include "storage/SupportFolder.h"
-#include "storage/VolumeLookups.h"
-#include "trash/TrashFormats.h"
 #include "trash/TrashRecords.h"
 
 namespace korvane {
 
 namespace {
 
-constexpr mode_t kTrashDeletesPermissions = 0640;
-
 std::string_view nameOf(std::string_view path) { return path.substr(path.rfind('/') + 1); }
 
-// The program's records, each stamped; a short last one is filled up with zero bytes.
-std::string stampedRecords(std::string_view results, std::uint32_t stamp) {
-    std::string records;
-    while (!results.empty()) {
-        TrashRecord record{};
-        const std::string_view chunk = results.substr(0, record.size());
-        std::copy(chunk.begin(), chunk.end(), record.begin());
-        stampTrashRecord(record, stamp);
-        records.append(record.data(), record.size());
-        results.remove_prefix(chunk.size());
-    }
-    return records;
+}  // namespace
+
+void KorvaneProDaemon::recordTrashItems(const std::vector<TrashItem>& items) {
+    if (items.empty()) return;
+    const std::string path = std::string(kSupportFolder) + '/' + kTrashUsageFile;
+    const Time now = machine_.clock.now();
+    const auto recordFrom = [&](std::size_t first) {
+        bool isUsable = false;
+        // A failed write costs these records until the folder changes again, and nothing else.
+        (void)machine_.fileSystem.changePropertyListInSteps(
+            path, items.size() - first,
+            [&](PropertyList& usage, std::size_t step) {
+                isUsable = usage.dictionary() != nullptr;
+                if (isUsable) storeTrashRecord(*usage.dictionary(), items[first + step], now);
+                return isUsable;
+            },
+            kSharedFilePermissions, Durability::process);
+        return isUsable;
+    };
+    if (recordFrom(0)) return;
+    if (beginTrashUsage(items.front()) && items.size() > 1) (void)recordFrom(1);
 }
 
-}  // namespace
+bool KorvaneProDaemon::beginTrashUsage(const TrashItem& item) {
+    FileSystem& files = machine_.fileSystem;
+    const std::string path = std::string(kSupportFolder) + '/' + kTrashUsageFile;
+    const Time now = machine_.clock.now();
+    if (const auto attributes = files.attributes(path)) {
+        // What cannot be read now may be good, and what can be by now is.
+        if (attributes->kind == ItemKind::file && attributes->ownerId == files.userId()) {
+            const Result<std::string> text = files.readFile(path);
+            if (!text) return false;
+            const auto document = parsePropertyList(*text);
+            if (document && document->dictionary()) return false;
+        }
+        const std::string aside =
+            std::string(kSupportFolder) + '/' +
+            formatLocalTime(now, "Trash Usage, unreadable %Y-%m-%d %H-%M-%S") + ".plist";
+        if (!files.rename(path, aside)) return false;
+        machine_.systemLog.write(LogLevel::error,
+                                 formatText("\"%@\" cannot be used and is kept as \"%@\".",
+                                            {std::string_view(path), std::string_view(aside)}));
+    }
+    Dictionary usage;
+    storeTrashRecord(usage, item, now);
+    return static_cast<bool>(files.writePropertyList(path, PropertyList(std::move(usage)),
+                                                     kSharedFilePermissions, Durability::process));
+}
 
 void KorvaneProDaemon::didFindOut() {
     if (booleanValue(preference(kTrashHistoryOnOff))) trashSub();
@@ -72,63 +99,6 @@ void KorvaneProDaemon::trashSub() {
             (void)files.remove(file);  // the next scan tries again
         }
     }
-}
-
-void KorvaneProDaemon::searchTaskCompleteCheck() {
-    const auto isPending = [](const SearchTask& task) {
-        return task.inFilePath != kSearchTaskDone;
-    };
-    // Decided before anything is collected, so that one more pass follows the last program's end.
-    const bool anyPending = std::ranges::any_of(searchTasks, isPending);
-    for (SearchTask& task : searchTasks) {
-        if (!isPending(task) || task.searchTask->isRunning()) continue;
-        for (const SearchContent& job : task.contentArray) collectSearchResult(job);
-        (void)machine_.fileSystem.remove(task.inFilePath);  // somebody may have been quicker
-        task = {.searchTask = nullptr, .inFilePath = kSearchTaskDone, .contentArray = {}};
-    }
-    if (!anyPending) {
-        searchTasks.clear();
-    } else if (searchTimers.empty()) {
-        // Another poll that is to come goes on for this one: a program that hangs keeps one going,
-        // however many scans there were meanwhile.
-        armSearchTimer();
-    }
-    startWaitingSearches();
-}
-
-void KorvaneProDaemon::collectSearchResult(const SearchContent& job) {
-    FileSystem& files = machine_.fileSystem;
-    const Time now = machine_.clock.now();
-    const std::string path = job.outFilePath + '/' + trashDeletesFileName(now);
-    const auto attributes = files.attributes(path);
-    std::string addition;
-    // Without a whole one, too: what a kill has left of it is cut off.
-    if (!attributes || attributes->sizeBytes < kTrashRecordBytes) {
-        const std::string device = getVolumeMountFromName(machine_.volumes, job.volumePath);
-        const DeviceValue value =
-            GetDeviceValue(machine_.deviceRegistry, device, schemeOfPartition);
-        const TrashRecord header =
-            encodeTrashDeletesHeader({.deviceName = device,
-                                      .volumePath = job.volumePath,
-                                      .deviceValue = value.identifier,
-                                      .schemeOfPartition = schemeOfPartition});
-        addition.append(header.data(), header.size());
-    }
-    const bool hasResult = files.attributes(job.searchResultPath).has_value();
-    const Result<std::string> result =
-        hasResult ? files.readFile(job.searchResultPath) : Result<std::string>(std::string());
-    if (result) {
-        addition += stampedRecords(*result, secondsSince1904(now));
-    } else {
-        machine_.systemLog.write(LogLevel::warning,
-                                 formatText("A result of the trash search is left where it is: %@.",
-                                            {std::string_view(result.error().message)}));
-    }
-    // Where the records cannot be kept the result stays.
-    const bool isKept = static_cast<bool>(
-        files.appendRecords(path, addition, kTrashRecordBytes, kTrashDeletesPermissions));
-    if (isKept && hasResult && result) (void)files.remove(job.searchResultPath);
-    (void)files.setPermissions(path, kSharedFilePermissions);  // there may be no file
 }
 
 }  // namespace korvane

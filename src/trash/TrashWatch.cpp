@@ -2,32 +2,20 @@
 
 #include <algorithm>
 #include <iterator>
-#include <utility>
 
-#include "base/Format.h"
-#include "base/PropertyListCodec.h"
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
 #include "platform/VolumeOfPath.h"
 #include "storage/SupportFolder.h"
 #include "storage/VolumeEntry.h"
-#include "storage/VolumeLookups.h"
 #include "trash/TrashFormats.h"
 #include "trash/TrashRecords.h"
 
 namespace korvane {
 
-using std::chrono::seconds;
-
 namespace {
 
 constexpr std::size_t kMostItemsOfAScan = 100;
-// The recovery program's input is the daemon's own affair; its group may look.
-constexpr mode_t kSearchInputPermissions = 0640;
-constexpr seconds kSearchPoll{2};
-// Enough for what somebody throws away one by one while the first still reads: what is not looked
-// at soon may be emptied by then. A disk that hangs keeps no more of them.
-constexpr std::ptrdiff_t kMostSearchesOfAVolume = 4;
 
 // The volume that a folder lies on, as far as it is known.
 struct TrashVolume {
@@ -113,118 +101,6 @@ void KorvaneProDaemon::MyFNSubscriptionProc(std::size_t slot, const std::string&
     }
     recordTrashItems(records);
     trashSub();
-}
-
-std::string KorvaneProDaemon::searchInputFor(const std::string& volumeName) const {
-    const auto isInUse = [&](const std::string& path) {
-        return std::ranges::any_of(searchTasks,
-                                   [&](const SearchTask& task) { return task.inFilePath == path; });
-    };
-    std::string path = searchInputPathOf(volumeName);
-    for (int next = 1; isInUse(path); ++next) {
-        path = searchInputPathOf(volumeName + ' ' + std::to_string(next));
-    }
-    return path;
-}
-
-void KorvaneProDaemon::startSearch(const std::string& folder, WaitingSearch search) {
-    const std::ptrdiff_t running = std::ranges::count_if(searchTasks, [&](const SearchTask& task) {
-        return task.inFilePath != kSearchTaskDone &&
-               task.contentArray.front().volumePath == search.contentArray.front().volumePath;
-    });
-    if (running >= kMostSearchesOfAVolume) {
-        // In the place of an earlier one, whose items are in this one if they are still there.
-        waitingSearches.insert_or_assign(folder, std::move(search));
-        return;
-    }
-    waitingSearches.erase(folder);
-    auto& [program, volumeName, jobs] = search;
-    FileSystem& files = machine_.fileSystem;
-    std::string input;
-    for (const SearchContent& job : jobs) {
-        if (!files.exists(job.outFilePath)) {
-            (void)files.createFolders(job.outFilePath, files.userName());  // shown when it is used
-        }
-        const SearchJobBytes bytes =
-            encodeSearchJob({.nodeId = static_cast<std::uint32_t>(job.nodeId),
-                             .parentId = static_cast<std::uint32_t>(job.parentId),
-                             .deviceName = getVolumeMountFromName(machine_.volumes, job.volumePath),
-                             .searchResultPath = job.searchResultPath});
-        input.append(bytes.data(), bytes.size());
-    }
-    const std::string inFilePath = searchInputFor(volumeName);
-    const auto written = files.writeFile(inFilePath, input, kSearchInputPermissions);
-    if (!written) {
-        machine_.systemLog.write(
-            LogLevel::warning, formatText("No search for what is in the trash of \"%@\": %@.",
-                                          {std::string_view(volumeName), written.error().message}));
-    } else if (auto task = machine_.processes.launch(program, {kInFileArgument, inFilePath})) {
-        searchTasks.push_back({std::move(task), inFilePath, std::move(jobs)});
-    }
-    armSearchTimer();
-}
-
-void KorvaneProDaemon::startWaitingSearches() {
-    for (auto& [folder, search] : std::exchange(waitingSearches, {})) {
-        startSearch(folder, std::move(search));
-    }
-}
-
-void KorvaneProDaemon::armSearchTimer() {
-    // Every scan has its own.
-    const auto timer = searchTimers.emplace(searchTimers.end());
-    *timer = machine_.runLoop.startTimer(kSearchPoll, Repeat::once, [this, timer] {
-        const std::unique_ptr<Timer> fired = std::move(*timer);
-        searchTimers.erase(timer);
-        searchTaskCompleteCheck();
-    });
-}
-
-void KorvaneProDaemon::recordTrashItems(const std::vector<TrashItem>& items) {
-    if (items.empty()) return;
-    const std::string path = std::string(kSupportFolder) + '/' + kTrashUsageFile;
-    const Time now = machine_.clock.now();
-    const auto recordFrom = [&](std::size_t first) {
-        bool isUsable = false;
-        // A failed write costs these records until the folder changes again, and nothing else.
-        (void)machine_.fileSystem.changePropertyListInSteps(
-            path, items.size() - first,
-            [&](PropertyList& usage, std::size_t step) {
-                isUsable = usage.dictionary() != nullptr;
-                if (isUsable) storeTrashRecord(*usage.dictionary(), items[first + step], now);
-                return isUsable;
-            },
-            kSharedFilePermissions, Durability::process);
-        return isUsable;
-    };
-    if (recordFrom(0)) return;
-    if (beginTrashUsage(items.front()) && items.size() > 1) (void)recordFrom(1);
-}
-
-bool KorvaneProDaemon::beginTrashUsage(const TrashItem& item) {
-    FileSystem& files = machine_.fileSystem;
-    const std::string path = std::string(kSupportFolder) + '/' + kTrashUsageFile;
-    const Time now = machine_.clock.now();
-    if (const auto attributes = files.attributes(path)) {
-        // What cannot be read now may be good, and what can be by now is.
-        if (attributes->kind == ItemKind::file && attributes->ownerId == files.userId()) {
-            const Result<std::string> text = files.readFile(path);
-            if (!text) return false;
-            const auto document = parsePropertyList(*text);
-            if (document && document->dictionary()) return false;
-        }
-        const std::string aside =
-            std::string(kSupportFolder) + '/' +
-            formatLocalTime(now, "Trash Usage, unreadable %Y-%m-%d %H-%M-%S") + ".plist";
-        if (!files.rename(path, aside)) return false;
-        machine_.systemLog.write(LogLevel::error,
-                                 formatText("\"%@\" cannot be used and is kept as \"%@\".",
-                                            {std::string_view(path), std::string_view(aside)}));
-    }
-    Dictionary usage;
-    storeTrashRecord(usage, item, now);
-    return static_cast<bool>(files.writePropertyList(path, PropertyList(std::move(usage)),
-                                                     kSharedFilePermissions, Durability::process));
 }
 
 }  // namespace korvane
