@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
@@ -50,11 +51,6 @@ std::optional<uid_t> userNumber(std::string_view text) {
     return number;
 }
 
-std::string parentOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-}
-
 // Where the path leads with every link followed; nothing when there is nothing.
 std::optional<std::string> realPath(const std::string& path) {
     const std::unique_ptr<char, decltype(&::free)> real{::realpath(path.c_str(), nullptr), &::free};
@@ -90,8 +86,13 @@ class LinuxDirectoryWatch::Subscription final : public DirectorySubscription {
 
     std::string folder;
     std::function<void()> didChange;
-    int descriptor = -1;   // the kernel's number of the watch, or -1
-    bool isThere = false;  // the watch is on the folder itself, not on one above it
+    int descriptor = -1;    // the kernel's number of the watch, or -1
+    std::string awaited{};  // what the watch waits for in a folder above; empty: it is on this one
+    std::vector<int> above{};  // watches of folders further up, for their moves
+    bool isTouched = false;    // by an event that was just read
+    bool isStale = false;      // what is watched may no longer be what the path leads to
+
+    [[nodiscard]] bool isThere() const { return descriptor >= 0 && awaited.empty(); }
 
   private:
     LinuxDirectoryWatch& watch_;
@@ -163,117 +164,192 @@ std::vector<std::string> LinuxDirectoryWatch::trashFolders(const std::string& vo
 // ---- That one has changed
 // ---------------------------------------------------------------------------
 
-bool LinuxDirectoryWatch::openQueue() {
-    if (inotify_) return true;
-    UniqueFd queue(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    sd_event_source* source = nullptr;
-    if (!queue ||
-        sd_event_add_io(loop_.event(), &source, queue.get(), EPOLLIN, onEvents, this) < 0) {
+bool LinuxDirectoryWatch::Queue::open(LinuxRunLoop& loop, sd_event_io_handler_t handler,
+                                      LinuxDirectoryWatch* watch) {
+    if (inotify) return true;
+    UniqueFd opened(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    sd_event_source* added = nullptr;
+    if (!opened ||
+        sd_event_add_io(loop.event(), &added, opened.get(), EPOLLIN, handler, watch) < 0) {
         return false;
     }
-    source_.reset(source);
-    inotify_ = std::move(queue);
+    source.reset(added);
+    inotify = std::move(opened);
     return true;
+}
+
+// Folders may move while their descriptors stay.
+int LinuxDirectoryWatch::Queue::add(const UniqueFd& folder, std::uint32_t events) {
+    const int descriptor = ::inotify_add_watch(inotify.get(), throughDescriptor(folder).c_str(),
+                                               events | IN_ONLYDIR | IN_EXCL_UNLINK | IN_MASK_ADD);
+    unused.erase(descriptor);
+    return descriptor;
+}
+
+// Reads what there is now, and no more: somebody may cause events as fast as they are read.
+template <typename Take>
+void LinuxDirectoryWatch::Queue::read(Take&& take) const {
+    constexpr int kMostReads = 256;
+    constexpr ssize_t kLargestEvent = sizeof(inotify_event) + NAME_MAX + 1;
+    alignas(inotify_event) std::array<char, 16 * 1024> buffer;
+    for (int reads = 0; reads < kMostReads; ++reads) {
+        const ssize_t got = ::read(inotify.get(), buffer.data(), buffer.size());
+        if (got <= 0) return;
+        for (const char* at = buffer.data(); at < buffer.data() + got;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(at);
+            at += sizeof(inotify_event) + event->len;
+            take(*event);
+        }
+        // There was room for one more, so there was none.
+        if (got + kLargestEvent <= static_cast<ssize_t>(buffer.size())) return;
+    }
 }
 
 std::unique_ptr<DirectorySubscription> LinuxDirectoryWatch::subscribe(
     const std::string& folder, std::function<void()> didChange) {
-    if (!openQueue()) return nullptr;
+    if (!items_.open(loop_, onItemEvents, this) || !above_.open(loop_, onMoves, this)) {
+        return nullptr;
+    }
     auto subscription = std::make_unique<Subscription>(*this, nextSubscription_++,
                                                        bytesOfText(folder), std::move(didChange));
     if (!watch(*subscription)) return nullptr;
     return subscription;
 }
 
-// On the folder, or on the nearest one above it that is there. Further folders may appear while
-// this looks, so it ends only when what it found below the watch is still as it was.
 bool LinuxDirectoryWatch::watch(Subscription& subscription) {
     constexpr int kMostAttempts = 100;  // somebody who makes folders faster than this is not served
     for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
         unwatch(subscription);
-        std::string place = subscription.folder;
-        std::string below;
-        const auto add = [&](std::uint32_t events) {
-            const UniqueFd folder = openPlaceAt(AT_FDCWD, place);
-            if (!folder) return -1;
-            return ::inotify_add_watch(
-                inotify_.get(), throughDescriptor(folder).c_str(),
-                events | kFolderWent | IN_ONLYDIR | IN_EXCL_UNLINK | IN_MASK_ADD);
-        };
-        subscription.descriptor = add(kItemsChanged);
-        subscription.isThere = subscription.descriptor >= 0;
-        while (subscription.descriptor < 0 && place != "/") {
-            below = place;
-            place = parentOf(place);
-            subscription.descriptor = add(IN_CREATE | IN_MOVED_TO);
-        }
-        if (subscription.descriptor < 0) return false;
-        unusedWatches_.erase(subscription.descriptor);
-        struct stat status {};
-        if (subscription.isThere || ::lstat(below.c_str(), &status) != 0 ||
-            !S_ISDIR(status.st_mode)) {
-            return true;
-        }
+        if (!watchNearest(subscription)) break;
     }
     return subscription.descriptor >= 0;
 }
 
+// Watches the folder, or waits in the nearest one above it that is there. True when what it waits
+// for came while it looked.
+bool LinuxDirectoryWatch::watchNearest(Subscription& subscription) {
+    constexpr int kPlace = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    UniqueFd folder{::open("/", kPlace)};
+    std::string_view rest = subscription.folder;
+    for (bool isRoot = true; folder; isRoot = false) {
+        rest.remove_prefix(std::min(rest.find_first_not_of('/'), rest.size()));
+        const std::string name(rest.substr(0, rest.find('/')));
+        rest.remove_prefix(name.size());
+        if (name.empty()) {
+            subscription.descriptor = items_.add(folder, kItemsChanged | kFolderWent);
+            return false;
+        }
+        UniqueFd next{::openat(folder.get(), name.c_str(), kPlace)};
+        if (!next) {
+            subscription.descriptor = items_.add(folder, IN_CREATE | IN_MOVED_TO | kFolderWent);
+            subscription.awaited = name;
+            struct stat status {};
+            return ::fstatat(folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+                   S_ISDIR(status.st_mode);
+        }
+        // A folder is told of its own move and not of that of one above it.
+        const int moves = isRoot ? -1 : above_.add(folder, IN_MOVE_SELF);
+        if (moves >= 0) subscription.above.push_back(moves);
+        folder = std::move(next);
+    }
+    return false;
+}
+
 // Several subscriptions may share one watch: the kernel has one for each folder.
 void LinuxDirectoryWatch::unwatch(Subscription& subscription) {
-    const int descriptor = std::exchange(subscription.descriptor, -1);
-    subscription.isThere = false;
-    if (descriptor < 0) return;
-    if (unusedWatches_.empty()) {
+    if (subscription.descriptor < 0) return;
+    if (items_.unused.empty() && above_.unused.empty()) {
         loop_.post([this, alive = std::weak_ptr<char>(alive_)] {
             if (!alive.expired()) removeUnusedWatches();
         });
     }
-    unusedWatches_.insert(descriptor);
+    items_.unused.insert(std::exchange(subscription.descriptor, -1));
+    for (const int above : std::exchange(subscription.above, {})) above_.unused.insert(above);
+    subscription.awaited.clear();
 }
 
 void LinuxDirectoryWatch::removeUnusedWatches() {
     for (const auto& [number, subscription] : subscriptions_) {
-        unusedWatches_.erase(subscription->descriptor);
+        items_.unused.erase(subscription->descriptor);
+        for (const int above : subscription->above) above_.unused.erase(above);
     }
-    // Gone already when its folder is.
-    for (const int unused : std::exchange(unusedWatches_, {})) {
-        (void)::inotify_rm_watch(inotify_.get(), unused);
+    for (Queue* const queue : {&items_, &above_}) {
+        // Gone already when its folder is.
+        for (const int unused : std::exchange(queue->unused, {})) {
+            (void)::inotify_rm_watch(queue->inotify.get(), unused);
+        }
     }
 }
 
-int LinuxDirectoryWatch::onEvents(sd_event_source* /*source*/, int /*fd*/, std::uint32_t /*events*/,
-                                  void* self) noexcept {
+int LinuxDirectoryWatch::onItemEvents(sd_event_source* /*source*/, int /*fd*/,
+                                      std::uint32_t /*events*/, void* self) noexcept {
     auto* const watch = static_cast<LinuxDirectoryWatch*>(self);
-    watch->loop_.callBack("a change of a trash folder", [watch] { watch->readEvents(); });
+    watch->loop_.callBack("a change of a trash folder", [watch] {
+        watch->items_.read([watch](const inotify_event& event) { watch->takeItemEvent(event); });
+        watch->tellOfChanges();
+    });
     return 0;
 }
 
-void LinuxDirectoryWatch::readEvents() {
-    std::set<int> touched;
-    std::set<int> gone;
-    bool hasOverflowed = false;
-    alignas(inotify_event) std::array<char, 16 * 1024> buffer;
-    while (true) {
-        const ssize_t got = ::read(inotify_.get(), buffer.data(), buffer.size());
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;
-        for (const char* at = buffer.data(); at < buffer.data() + got;) {
-            const auto* event = reinterpret_cast<const inotify_event*>(at);
-            at += sizeof(inotify_event) + event->len;
-            hasOverflowed = hasOverflowed || (event->mask & IN_Q_OVERFLOW) != 0;
-            touched.insert(event->wd);
-            if (event->mask & (kFolderWent | IN_IGNORED | IN_UNMOUNT)) gone.insert(event->wd);
+int LinuxDirectoryWatch::onMoves(sd_event_source* /*source*/, int /*fd*/, std::uint32_t /*events*/,
+                                 void* self) noexcept {
+    auto* const watch = static_cast<LinuxDirectoryWatch*>(self);
+    watch->loop_.callBack("a move of a folder above a trash folder", [watch] {
+        watch->above_.read([watch](const inotify_event& event) { watch->takeMove(event); });
+        watch->tellOfChanges();
+    });
+    return 0;
+}
+
+void LinuxDirectoryWatch::takeItemEvent(const inotify_event& event) {
+    const bool isOverflow = (event.mask & IN_Q_OVERFLOW) != 0;
+    const bool hasGone = (event.mask & (kFolderWent | IN_IGNORED | IN_UNMOUNT)) != 0;
+    for (const auto& [number, subscription] : subscriptions_) {
+        if (!isOverflow && subscription->descriptor != event.wd) continue;
+        // In a folder where one waits for a trash much else may be made.
+        const bool isAwaited = event.len > 0 && subscription->awaited == event.name;
+        if (!isOverflow && !hasGone && !subscription->isThere() && !isAwaited) continue;
+        subscription->isTouched = true;
+        // What is moved here is whole; what is made here is filled from another volume.
+        constexpr std::uint32_t kFolderMade = IN_CREATE | IN_ISDIR;
+        if (subscription->isThere() && (event.mask & kFolderMade) == kFolderMade) {
+            filling_.add(subscription->folder, event.name);
+        }
+        // The folder may have gone, come, or be another one under its name.
+        subscription->isStale =
+            subscription->isStale || isOverflow || hasGone || !subscription->isThere();
+    }
+}
+
+void LinuxDirectoryWatch::takeMove(const inotify_event& event) {
+    if ((event.mask & (IN_MOVE_SELF | IN_Q_OVERFLOW)) == 0) return;
+    for (const auto& [number, subscription] : subscriptions_) {
+        const bool isAbove =
+            std::ranges::find(subscription->above, event.wd) != subscription->above.end();
+        if (!isAbove && (event.mask & IN_Q_OVERFLOW) == 0) continue;
+        subscription->isTouched = true;
+        subscription->isStale = true;
+    }
+}
+
+void LinuxDirectoryWatch::didFill(const std::string& folder) {
+    for (const auto& [number, subscription] : subscriptions_) {
+        if (subscription->isThere() && subscription->folder == folder) {
+            subscription->isTouched = true;
         }
     }
+    tellOfChanges();
+}
+
+void LinuxDirectoryWatch::tellOfChanges() {
     std::vector<std::uint64_t> told;
     for (const auto& [number, subscription] : subscriptions_) {
-        if (!hasOverflowed && !touched.contains(subscription->descriptor)) continue;
-        const bool wasThere = subscription->isThere;
-        // The folder may have gone, come, or be another one under its name.
-        if (!wasThere || hasOverflowed || gone.contains(subscription->descriptor)) {
+        if (!std::exchange(subscription->isTouched, false)) continue;
+        const bool wasThere = subscription->isThere();
+        if (std::exchange(subscription->isStale, false)) {
             (void)watch(*subscription);  // one that cannot be watched any more tells nothing
         }
-        if (wasThere || subscription->isThere) told.push_back(number);
+        if (wasThere || subscription->isThere()) told.push_back(number);
     }
     for (const std::uint64_t number : told) {
         const auto known = subscriptions_.find(number);
@@ -297,6 +373,8 @@ std::optional<std::vector<CatalogItem>> LinuxDirectoryWatch::catalog(const std::
         if (!entry) break;
         const std::string_view name = entry->d_name;
         if (name == "." || name == "..") continue;
+        // What is mounted here is no item, and a dead server may be behind it.
+        if (volumes_.mountAt(folder + '/' + textOfBytes(name))) continue;
         // The entry's own number is another one on some file systems (overlayfs, mount points).
         struct stat item {};
         if (::fstatat(::dirfd(opened.get()), entry->d_name, &item, AT_SYMLINK_NOFOLLOW) != 0) {

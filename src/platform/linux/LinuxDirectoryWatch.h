@@ -1,9 +1,11 @@
 // The trash folders of a Linux machine (freedesktop.org's Trash layout): one inotify queue
-// for all of them, and inode numbers. An item that has left is looked for where it was seen, where
-// its trash says that it came from, where its file handle leads, and then by a search of its
-// volume. No link is followed on the way to a trash folder. With nothing happening it costs
-// nothing.
+// for all of them and one for the folders above, and inode numbers. An item that has left is looked
+// for where it was seen, where its trash says that it came from, where its file handle leads, and
+// then by a search of its volume. No link is followed on the way to a trash folder. With nothing
+// happening it costs nothing.
 #pragma once
+
+#include <sys/inotify.h>
 
 #include <cstdint>
 #include <map>
@@ -15,6 +17,7 @@
 
 #include "platform/DirectoryWatch.h"
 #include "platform/Volumes.h"
+#include "platform/linux/FillingFolders.h"
 #include "platform/linux/ItemTraces.h"
 #include "platform/linux/LinuxRunLoop.h"
 #include "platform/linux/UniqueFd.h"
@@ -30,6 +33,7 @@ struct LinuxTrashPlaces {
     // Long enough for millions of files on a disk at work, short enough to be over when somebody
     // looks at the outcome.
     std::chrono::milliseconds searchLimit = std::chrono::seconds(30);
+    std::chrono::milliseconds fillingPause = FillingFolders::kPause;
 };
 
 class LinuxDirectoryWatch final : public DirectoryWatch {
@@ -63,11 +67,31 @@ class LinuxDirectoryWatch final : public DirectoryWatch {
     struct Folders;
     struct Sought;
 
+    // Events of the kernel about some folders.
+    struct Queue {
+        UniqueFd inotify{};
+        EventSource source{};
+        // Watches of the kernel that no subscription has, until the loop turns: what has happened
+        // to their folders is still told to whoever subscribes again by then.
+        std::set<int> unused{};
+
+        [[nodiscard]] bool open(LinuxRunLoop& loop, sd_event_io_handler_t handler,
+                                LinuxDirectoryWatch* watch);
+        [[nodiscard]] int add(const UniqueFd& folder, std::uint32_t events);
+        template <typename Take>
+        void read(Take&& take) const;
+    };
+
     [[nodiscard]] std::vector<std::string> homes();
-    [[nodiscard]] bool openQueue();
-    static int onEvents(sd_event_source* source, int fd, std::uint32_t events, void* self) noexcept;
-    void readEvents();
+    static int onItemEvents(sd_event_source* source, int fd, std::uint32_t events,
+                            void* self) noexcept;
+    static int onMoves(sd_event_source* source, int fd, std::uint32_t events, void* self) noexcept;
+    void takeItemEvent(const inotify_event& event);
+    void takeMove(const inotify_event& event);
+    void didFill(const std::string& folder);
+    void tellOfChanges();
     [[nodiscard]] bool watch(Subscription& subscription);
+    [[nodiscard]] bool watchNearest(Subscription& subscription);
     void unwatch(Subscription& subscription);
     void removeUnusedWatches();
 
@@ -78,14 +102,13 @@ class LinuxDirectoryWatch final : public DirectoryWatch {
     LinuxRunLoop& loop_;
     Volumes& volumes_;
     LinuxTrashPlaces places_;
-    UniqueFd inotify_;
-    EventSource source_;
+    Queue items_;  // about what lies in trash folders, and about what is waited for
+    Queue above_;  // about the folders above those
     // In the order of subscribing; a number is never used again.
     std::map<std::uint64_t, Subscription*> subscriptions_;
     std::uint64_t nextSubscription_ = 0;
-    // Watches of the kernel that no subscription has, until the loop turns: what has happened to
-    // their folders is still told to whoever subscribes again by then.
-    std::set<int> unusedWatches_;
+
+    FillingFolders filling_;
 
     ItemTraces traces_;
     std::function<void()> didFindOut_;

@@ -113,6 +113,8 @@ LinuxDirectoryWatch::LinuxDirectoryWatch(LinuxRunLoop& loop, Volumes& volumes,
     : loop_(loop),
       volumes_(volumes),
       places_(std::move(places)),
+      filling_(loop, volumes, places_.fillingPause,
+               [this](const std::string& folder) { didFill(folder); }),
       traces_(places_.tracesFile),
       alive_(std::make_shared<char>()) {}
 
