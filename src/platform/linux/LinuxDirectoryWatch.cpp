@@ -47,14 +47,22 @@ std::optional<uid_t> userNumber(std::string_view text) {
     uid_t number = 0;
     const char* const end = text.data() + text.size();
     const auto read = std::from_chars(text.data(), end, number);
-    if (read.ec != std::errc{} || read.ptr != end) return std::nullopt;
-    return number;
+    const bool isWhole = read.ec == std::errc{} && read.ptr == end;
+    // Zeros in front make another name.
+    return isWhole && text == std::to_string(number) ? std::optional(number) : std::nullopt;
 }
 
 // Where the path leads with every link followed; nothing when there is nothing.
 std::optional<std::string> realPath(const std::string& path) {
     const std::unique_ptr<char, decltype(&::free)> real{::realpath(path.c_str(), nullptr), &::free};
     return real ? std::optional<std::string>(real.get()) : std::nullopt;
+}
+
+// As they are mounted, everything has one owner.
+bool keepsOwners(std::string_view typeName) {
+    constexpr std::array<std::string_view, 6> kOwnerless{"exfat", "fuseblk", "msdos",
+                                                         "ntfs",  "ntfs3",   "vfat"};
+    return std::ranges::find(kOwnerless, typeName) == kOwnerless.end();
 }
 
 std::optional<uid_t> ownerOf(const std::string& folder) {
@@ -130,32 +138,38 @@ std::vector<std::string> LinuxDirectoryWatch::trashFolders(const std::string& vo
         for (const std::string& home : homes()) folders.push_back(textOfBytes(home + kHomeTrash));
         return folders;
     }
-    constexpr std::string_view kOwnTrash = ".Trash-";
     const std::string root = bytesOfText(volumePath);
-    const std::optional<uid_t> rootOwner = ownerOf(root);
-    // Whoever may write in the root can make folders of any number, and there is a limit to those
-    // that are watched. Where a file system keeps no owners, everything has the root's.
-    const auto isOfUser = [&](const std::string& name, uid_t user) {
-        const std::optional<uid_t> owner = ownerOf(root + '/' + name);
-        return owner && (*owner == user || owner == rootOwner);
-    };
-    std::set<uid_t> users;
-    for (const std::string& name : namesIn(root)) {
-        if (!name.starts_with(kOwnTrash)) continue;
-        const auto user = userNumber(name.substr(kOwnTrash.size()));
-        if (user && isOfUser(name, *user)) users.insert(*user);
-    }
+    const MountEntry* const mount = volumes_.mountAt(volumePath);
+    const bool hasOwners = mount && keepsOwners(mount->fileSystemTypeName);
+    std::set<uid_t> users;  // who may be expected here
     for (const std::string& home : homes()) {
         struct stat status {};
         if (::lstat(home.c_str(), &status) == 0) users.insert(status.st_uid);
     }
-    for (const uid_t user : users) {
-        folders.push_back(fmt::format("{}/.Trash-{}/files", volumePath, user));
-    }
-    for (const std::string& name : namesIn(root + "/.Trash")) {
-        const auto user = userNumber(name);
-        if (user && isOfUser(".Trash/" + name, *user)) {
-            folders.push_back(fmt::format("{}/.Trash/{}/files", volumePath, name));
+    // Whoever may write in the root can make folders of any number, and there is a limit to those
+    // that are watched.
+    const auto mayBeOf = [&](uid_t user, const std::optional<uid_t>& owner) {
+        return owner && (*owner == user || (!hasOwners && users.contains(user)));
+    };
+    // "VOLUME/.Trash-UID", and below a ".Trash" that the administrator has made "UID".
+    for (const std::string& prefix : {root + "/.Trash-", root + "/.Trash/"}) {
+        const std::string parent = prefix.substr(0, prefix.rfind('/'));
+        const std::string beginning = prefix.substr(parent.size() + 1);
+        const bool isThere = ownerOf(parent).has_value();
+        std::set<uid_t> found;
+        for (const std::string& name : isThere ? namesIn(parent) : std::vector<std::string>{}) {
+            const auto user = name.starts_with(beginning)
+                                  ? userNumber(std::string_view(name).substr(beginning.size()))
+                                  : std::nullopt;
+            if (user && mayBeOf(*user, ownerOf(parent + '/' + name))) found.insert(*user);
+        }
+        for (const uid_t user : users) {
+            struct stat status {};
+            const std::string awaited = prefix + std::to_string(user);
+            if (isThere && ::lstat(awaited.c_str(), &status) != 0) found.insert(user);
+        }
+        for (const uid_t user : found) {
+            folders.push_back(textOfBytes(fmt::format("{}{}/files", prefix, user)));
         }
     }
     return folders;

@@ -23,22 +23,33 @@ bool isNameInFolder(std::string_view name) {
 }
 bool leadsUp(const std::string& path) { return (path + '/').find("/../") != std::string::npos; }
 
-bool isNodeAt(int folder, const std::string& name, std::uint64_t nodeId, dev_t device) {
+// FAT keeps no numbers: the kernel makes them up for as long as it has an item in memory.
+bool keepsNumbers(std::string_view typeName) {
+    return typeName != "vfat" && typeName != "msdos" && typeName != "exfat";
+}
+
+// A node on the file system with this number; without one of its own, whatever has the name.
+struct Wanted {
+    dev_t device = 0;
+    std::optional<std::uint64_t> nodeId;
+};
+
+bool isNodeAt(int folder, const std::string& name, const Wanted& wanted) {
     struct stat status {};
     return isNameInFolder(name) &&
            ::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-           status.st_ino == nodeId && status.st_dev == device;
+           status.st_dev == wanted.device && wanted.nodeId.value_or(status.st_ino) == status.st_ino;
 }
 
 // Follows no link, and goes by the mount table before anything is touched.
 bool isNodeOfVolumeAt(Volumes& volumes, std::int16_t volume, const std::string& path,
-                      std::uint64_t nodeId, dev_t device) {
+                      const Wanted& wanted) {
     const std::size_t slash = path.rfind('/');
     if (slash == std::string::npos || leadsUp(path)) return false;
     const auto there = volumeOfPath(volumes, textOfBytes(path));
     if (!there || there->info.referenceNumber != volume) return false;
     const UniqueFd folder = openPlaceAt(AT_FDCWD, path.substr(0, slash + 1));
-    return folder && isNodeAt(folder.get(), path.substr(slash + 1), nodeId, device);
+    return folder && isNodeAt(folder.get(), path.substr(slash + 1), wanted);
 }
 
 }  // namespace
@@ -51,6 +62,7 @@ struct LinuxDirectoryWatch::Folders {
         UniqueFd folder;  // empty when it is not there
         UniqueFd root;    // the volume's; empty when it is not mounted
         dev_t device = 0;
+        bool keepsNumbers = true;
     };
     std::map<std::pair<std::int16_t, std::string>, Opened> opened;
 
@@ -71,6 +83,8 @@ struct LinuxDirectoryWatch::Folders {
             if (info.status != 0) return;
             entry.volume = PathVolume{info.value, info.value.root.rootPath};
         }
+        const MountEntry* const mount = volumes.mountAt(entry.volume->mountPoint);
+        entry.keepsNumbers = !mount || keepsNumbers(mount->fileSystemTypeName);
         entry.root = openedRoot(volumes, entry.volume->mountPoint);
         if (isThere && entry.root && !leadsUp(folder))
             entry.folder = openPlaceAt(AT_FDCWD, bytesOfText(folder));
@@ -155,13 +169,14 @@ ResolvedNode LinuxDirectoryWatch::resolveOne(const SeenItem& item, Folders& fold
                                              Sought& sought) {
     const Folders::Opened& place = folders.of(volumes_, item.volume, item.folder);
     if (!place.volume || !place.root) return {};
-    if (place.folder &&
-        isNodeAt(place.folder.get(), bytesOfText(item.name), item.nodeId, place.device)) {
+    const Wanted wanted{place.device,
+                        place.keepsNumbers ? std::optional(item.nodeId) : std::nullopt};
+    if (place.folder && isNodeAt(place.folder.get(), bytesOfText(item.name), wanted)) {
         return {NodeState::found, item.folder + '/' + item.name};
     }
     const ItemTraces::Key key{item.volume, item.nodeId};
     const auto isAt = [&](const std::string& path) {
-        return isNodeOfVolumeAt(volumes_, item.volume, path, item.nodeId, place.device);
+        return isNodeOfVolumeAt(volumes_, item.volume, path, wanted);
     };
     bool exists = false;
     if (const ItemTrace* const trace = traces_.find(key)) {
