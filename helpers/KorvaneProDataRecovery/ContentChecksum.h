@@ -32,7 +32,7 @@ class ContentChecksum {
     bool isGood_ = false;
 };
 
-// Checksums are a comfort that every scan of a trash asks for anew: a larger file gets none.
+// Checksums are a comfort, and the contents must be read for them: a larger file gets none.
 inline constexpr std::uint64_t kMostChecksummed = 64ULL * 1024 * 1024;
 
 // What may be read for checksums in one run: time and bytes.

@@ -4,14 +4,13 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
-#include <sys/statfs.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
+#include <map>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -54,14 +53,6 @@ UniqueFd openFile(int folder, const char* name, Identity identity) {
     return status && identityOf(*status) == identity ? std::move(file) : UniqueFd{};
 }
 
-std::uint64_t volumeIdOf(int folder) {
-    struct statfs system {};
-    std::uint64_t id = 0;
-    static_assert(sizeof system.f_fsid == sizeof id);
-    if (::fstatfs(folder, &system) == 0) std::memcpy(&id, &system.f_fsid, sizeof id);
-    return id;
-}
-
 std::string linkTargetOf(int folder, const char* name) {
     std::array<char, PATH_MAX> target;
     const ssize_t length = ::readlinkat(folder, name, target.data(), target.size());
@@ -70,7 +61,8 @@ std::string linkTargetOf(int folder, const char* name) {
 
 class Recording {
   public:
-    Recording(FolderLimit& limit, ReadingLimit& reading) : limit_(limit), reading_(reading) {}
+    Recording(FolderLimit& limit, ReadingLimit& reading, const EarlierRecords& earlier)
+        : limit_(limit), reading_(reading), earlierRecords_(earlier) {}
 
     std::vector<RecordedItem> record(int folder, const std::string& folderPath,
                                      const std::string& name) {
@@ -79,7 +71,10 @@ class Recording {
         if (!status || !folderStatus) return {};
         trashNode_ = status->stx_ino;
         device_ = identityOf(*status).device;
-        volumeId_ = volumeIdOf(folder);
+        volume_ = volumeIdentityOf(folder);
+        if (const auto* const recording = earlierRecords_.of(trashNode_)) {
+            for (const RecordedItem& item : recording->items) earlier_.emplace(item.node, &item);
+        }
         add(folder, folderStatus->stx_ino, folderPath, name, *status);
         if (S_ISDIR(status->stx_mode)) addContents(folder, folderPath + "/" + name, name);
         return std::move(items_);
@@ -91,7 +86,8 @@ class Recording {
         RecordedItem item{.node = status.stx_ino,
                           .parent = parent,
                           .trashNode = trashNode_,
-                          .volumeId = volumeId_,
+                          .volumeId = volume_.id,
+                          .volumeUuid = volume_.uuid,
                           .mode = status.stx_mode,
                           .userId = status.stx_uid,
                           .groupId = status.stx_gid,
@@ -118,6 +114,9 @@ class Recording {
         extentsLeft_ -= std::min(extentsLeft_, list.extents.size());
         if (!list.isWhole) item.flags |= kRecordExtentsCut;
         item.extents = std::move(list.extents);
+        const auto before = earlier_.find(item.node);
+        if (before != earlier_.end()) takeOverChecksum(item, *before->second);
+        if ((item.flags & kRecordHasChecksum) != 0) return;
         const auto sum =
             file ? checksumOfFile(file.get(), item.size, reading_) : std::optional<Sha256>{};
         if (!sum) return;
@@ -184,8 +183,10 @@ class Recording {
 
     FolderLimit& limit_;
     ReadingLimit& reading_;
+    const EarlierRecords& earlierRecords_;
+    std::map<std::uint64_t, const RecordedItem*> earlier_;  // of this item and what it held
     std::uint64_t trashNode_ = 0;
-    std::uint64_t volumeId_ = 0;
+    VolumeIdentity volume_;
     dev_t device_ = 0;
     std::size_t extentsLeft_ = limit_.extentsOfFolder;
     std::vector<RecordedItem> items_;
@@ -195,8 +196,8 @@ class Recording {
 
 std::vector<RecordedItem> recordItem(int folder, const std::string& folderPath,
                                      const std::string& name, FolderLimit& limit,
-                                     ReadingLimit& reading) {
-    return Recording{limit, reading}.record(folder, folderPath, name);
+                                     ReadingLimit& reading, const EarlierRecords& earlier) {
+    return Recording{limit, reading, earlier}.record(folder, folderPath, name);
 }
 
 }  // namespace korvane

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "KorvaneProDataRecovery/ContentChecksum.h"
+#include "KorvaneProDataRecovery/RecordFiles.h"
 #include "KorvaneProDataRecovery/ResultRecords.h"
 
 namespace korvane {
@@ -25,9 +26,11 @@ struct FolderLimit {
 // The item `name` in the folder `folder` at `folderPath`, and, when it is a folder, what it holds:
 // the item itself first, a folder before what is in it, the names of each level in the order of
 // their bytes. Empty when the item is gone. Goes through no link and to no other file system, and
-// reads contents only for their checksums, as far as `reading` allows.
+// reads contents only for their checksums, as far as `reading` allows and where no earlier
+// recording of the item has them.
 [[nodiscard]] std::vector<RecordedItem> recordItem(int folder, const std::string& folderPath,
                                                    const std::string& name, FolderLimit& limit,
-                                                   ReadingLimit& reading);
+                                                   ReadingLimit& reading,
+                                                   const EarlierRecords& earlier = {});
 
 }  // namespace korvane

@@ -63,4 +63,21 @@ JobFile parseJobFile(std::string_view bytes) {
     return file;
 }
 
+std::string volumeNameOfInput(std::string_view path) {
+    // Around the name as around an empty one.
+    const std::string empty = searchInputPathOf("");
+    const std::size_t begin = empty.rfind('.');
+    const std::string_view end = std::string_view{empty}.substr(begin);
+    if (path.size() <= empty.size() || !path.starts_with(empty.substr(0, begin)) ||
+        !path.ends_with(end)) {
+        return {};
+    }
+    std::string name{path.substr(begin, path.size() - empty.size())};
+    constexpr std::string_view kSlash = "%2F";
+    for (std::size_t at = 0; (at = name.find(kSlash, at)) != std::string::npos; ++at) {
+        name.replace(at, kSlash.size(), "/");
+    }
+    return name;
+}
+
 }  // namespace korvane

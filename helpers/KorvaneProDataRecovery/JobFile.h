@@ -28,6 +28,10 @@ struct JobFile {
 
 [[nodiscard]] JobFile parseJobFile(std::string_view bytes);
 
+// The name of the volume that the path of a job file tells, as searchInputPathOf() made it; empty
+// when it tells none.
+[[nodiscard]] std::string volumeNameOfInput(std::string_view path);
+
 // The folder of result files.
 inline constexpr char kResultFolder[] = "/tmp";
 

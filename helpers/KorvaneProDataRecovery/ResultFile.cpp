@@ -52,28 +52,25 @@ class TerminationHeldBack {
     sigset_t before_{};
 };
 
-// Makes room: what was left over from before goes, what is not ours is told.
-Result<std::monostate> clearName(int folder, const std::string& name) {
+// Makes room: what was left over from before goes.
+Result<Saved> clearName(int folder, const std::string& name) {
     struct stat status {};
     if (::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (errno == ENOENT) return std::monostate{};
+        if (errno == ENOENT) return Saved::whole;
         return failure("looking at", name);
     }
-    if (!isOwnFile(status) || status.st_nlink != 1) {
-        return Error{fmt::format("{} is not a file of this program's", name)};
-    }
+    if (!isOwnFile(status) || status.st_nlink != 1) return Saved::nameIsTaken;
     if (::unlinkat(folder, name.c_str(), 0) != 0) return failure("removing", name);
-    return std::monostate{};
+    return Saved::whole;
 }
 
 // For file systems that have no files without a name.
-Result<std::monostate> saveUnderItsName(int folder, const std::string& name,
-                                        std::string_view bytes) {
+Result<Saved> saveUnderItsName(int folder, const std::string& name, std::string_view bytes) {
     const TerminationHeldBack heldBack;
     const UniqueFd file{::openat(folder, name.c_str(),
                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode)};
     if (!file) return failure("making", name);
-    if (writeAll(file.get(), bytes)) return std::monostate{};
+    if (writeAll(file.get(), bytes)) return Saved::whole;
     Error error = failure("writing", name);
     (void)::unlinkat(folder, name.c_str(), 0);  // a half file is worse than none
     return error;
@@ -81,11 +78,12 @@ Result<std::monostate> saveUnderItsName(int folder, const std::string& name,
 
 }  // namespace
 
-Result<std::monostate> saveResult(const std::string& folder, const std::string& name,
-                                  std::string_view bytes) {
+Result<Saved> saveResult(const std::string& folder, const std::string& name,
+                         std::string_view bytes) {
     const UniqueFd place{::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     if (!place) return failure("opening", folder);
-    if (auto cleared = clearName(place.get(), name); !cleared) return cleared;
+    const Result<Saved> cleared = clearName(place.get(), name);
+    if (!cleared || *cleared == Saved::nameIsTaken) return cleared;
     const UniqueFd file{::openat(place.get(), ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, kMode)};
     if (!file) return saveUnderItsName(place.get(), name, bytes);
     if (!writeAll(file.get(), bytes)) return failure("writing", name);
@@ -94,7 +92,7 @@ Result<std::monostate> saveResult(const std::string& folder, const std::string& 
     if (::linkat(AT_FDCWD, self.c_str(), place.get(), name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
         return failure("naming", name);
     }
-    return std::monostate{};
+    return Saved::whole;
 }
 
 Result<std::string> readOwnFile(const std::string& path, std::size_t most) {

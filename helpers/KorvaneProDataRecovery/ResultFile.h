@@ -4,17 +4,20 @@
 
 #include <string>
 #include <string_view>
-#include <variant>
 
 #include "base/Result.h"
 
 namespace korvane {
 
+enum class Saved {
+    whole,
+    nameIsTaken,  // by something that is not this program's; it stays
+};
+
 // Makes the file `name` in the folder, readable by its owner alone. A regular file of this user
-// without further names, as one left over from before, is replaced; anything else of that name
-// stays, and is an error.
-[[nodiscard]] Result<std::monostate> saveResult(const std::string& folder, const std::string& name,
-                                                std::string_view bytes);
+// without further names, as one left over from before, is replaced.
+[[nodiscard]] Result<Saved> saveResult(const std::string& folder, const std::string& name,
+                                       std::string_view bytes);
 
 // The contents of a regular file of this user's, not through a link and not longer than `most`.
 [[nodiscard]] Result<std::string> readOwnFile(const std::string& path, std::size_t most);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 #include <utility>
 
 namespace korvane {
@@ -38,7 +39,10 @@ constexpr std::size_t kTextAt = 148;
 constexpr std::size_t kTextRoom = kResultStampOffset - kTextAt;
 constexpr std::size_t kExtentsAt = kResultStampOffset + 4;
 constexpr std::size_t kExtentSize = 28;
-constexpr std::size_t kExtentRoom = (kResultRecordSize - kExtentsAt) / kExtentSize;
+constexpr std::size_t kExtentRoom = 7;
+// Zeros in records of before there was such a field.
+constexpr std::size_t kVolumeUuidAt = kExtentsAt + kExtentRoom * kExtentSize;
+static_assert(kVolumeUuidAt + sizeof(VolumeUuid) <= kResultRecordSize);
 
 // 255 UTF-16 units, which FAT and NTFS allow, are 765 bytes of UTF-8; elsewhere it is NAME_MAX.
 constexpr std::size_t kMostName = 765;
@@ -113,6 +117,7 @@ void fixedFields(Item& item, const Each& each) {
     each(kBornAt, item.born);
     each(kModifiedNanosecondsAt, item.modifiedNanoseconds);
     each(kChecksumAt, item.checksum);
+    each(kVolumeUuidAt, item.volumeUuid);
 }
 
 // An extent's fields from its offset on.
@@ -185,6 +190,29 @@ std::string encodeItem(RecordedItem item) {
         sealRecord(std::span<std::uint8_t, kResultRecordSize>{record, kResultRecordSize});
     }
     return bytes;
+}
+
+void takeOverChecksum(RecordedItem& item, const RecordedItem& earlier) {
+    const auto contentsOf = [](const RecordedItem& each) {
+        return std::tie(each.node, each.volumeId, each.volumeUuid, each.size, each.modified,
+                        each.modifiedNanoseconds, each.born, each.extents);
+    };
+    if ((item.flags & kRecordHasChecksum) != 0 || (earlier.flags & kRecordHasChecksum) == 0 ||
+        contentsOf(item) != contentsOf(earlier)) {
+        return;
+    }
+    item.checksum = earlier.checksum;
+    item.flags |= kRecordHasChecksum;
+}
+
+bool isSameRecording(std::span<const RecordedItem> items, std::span<const RecordedItem> earlier) {
+    return std::ranges::equal(items, earlier, [](RecordedItem a, RecordedItem b) {
+        // What no record holds is in neither.
+        fit(a);
+        fit(b);
+        b.changed = a.changed;
+        return a == b;
+    });
 }
 
 void sealRecord(std::span<std::uint8_t, kResultRecordSize> bytes) {

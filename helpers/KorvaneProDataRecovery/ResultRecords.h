@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "KorvaneProDataRecovery/VolumeIdentity.h"
 #include "trash/TrashFormats.h"
 
 namespace korvane {
@@ -60,8 +61,9 @@ struct RecordedItem {
     std::uint64_t parent = 0;  // the node of the folder it lies in
     // The item of the trash that it belongs to: itself, or a folder above.
     std::uint64_t trashNode = 0;
-    std::uint64_t volumeId = 0;  // statfs(2)'s f_fsid; 0 when unknown
-    std::uint32_t mode = 0;      // as in stat(2), with the kind of file
+    std::uint64_t volumeId = 0;  // both as in VolumeIdentity
+    VolumeUuid volumeUuid{};
+    std::uint32_t mode = 0;  // as in stat(2), with the kind of file
     std::uint32_t userId = 0;
     std::uint32_t groupId = 0;
     std::uint32_t linkCount = 0;
@@ -98,6 +100,16 @@ inline constexpr std::size_t kMostExtents = 4096;
 // The item as whole records, one behind the other, their stamps 0. Extents past kMostExtents are
 // left out and the flag is set; so are texts that no file system has.
 [[nodiscard]] std::string encodeItem(RecordedItem item);
+
+// The item's checksum as it was recorded earlier, if the contents are the same by all that is known
+// of them: file, volume, size, time of the last change and place. Nothing else tells of a file that
+// was written to and given its old time back.
+void takeOverChecksum(RecordedItem& item, const RecordedItem& earlier);
+
+// Whether the two lists say the same, but for the time of the last change of an item's attributes:
+// the daemon's own stamp is one.
+[[nodiscard]] bool isSameRecording(std::span<const RecordedItem> items,
+                                   std::span<const RecordedItem> earlier);
 
 // One record; nothing for a header, for other bytes, and for a record that is not whole.
 [[nodiscard]] std::optional<ResultRecord> decodeRecord(

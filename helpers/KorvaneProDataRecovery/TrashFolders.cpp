@@ -50,15 +50,6 @@ void forEachEntry(int folder, const Each& each) {
     }
 }
 
-std::vector<std::string> namesIn(int folder) {
-    std::vector<std::string> names;
-    forEachEntry(folder, [&](const dirent& entry) {
-        names.emplace_back(entry.d_name);
-        return names.size() < TrashFolders::kMostFolders;
-    });
-    return names;
-}
-
 std::string textOf(const std::string& path) {
     std::ifstream in{path, std::ios::binary};
     return {std::istreambuf_iterator<char>{in}, {}};
@@ -151,52 +142,58 @@ std::string originOf(const TrashFolder& folder, const std::string& name) {
     return path->front() == '/' ? *path : joined(folder.top, {*path});
 }
 
-TrashFolders::TrashFolders(const MachinePlaces& places, const std::string& device) {
+TrashFolders::TrashFolders(const MachinePlaces& places, const std::string& device,
+                           const std::set<std::uint32_t>& nodes) {
     const std::vector<std::string> mountPoints = mountPointsOf(places, device);
     for (const std::string& mountPoint : mountPoints) {
         struct stat status {};
         if (::lstat(mountPoint.c_str(), &status) == 0) devices_.push_back(status.st_dev);
     }
-    for (const std::string& mountPoint : mountPoints) addOfMount(mountPoint);
-    if (!devices_.empty()) addHomes(places);
+    for (const std::string& mountPoint : mountPoints) addOfMount(mountPoint, nodes);
+    if (!devices_.empty()) addHomes(places, nodes);
 }
 
 // Only root makes entries of /home; what stands at them and below belongs to users.
-void TrashFolders::addHomes(const MachinePlaces& places) {
+void TrashFolders::addHomes(const MachinePlaces& places, const Nodes& nodes) {
     const UniqueFd homes{::open(places.homes.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     if (homes) {
-        for (const std::string& user : namesIn(homes.get())) {
-            std::vector<std::string> steps = {user};
+        forEachEntry(homes.get(), [&](const dirent& entry) {
+            std::vector<std::string> steps = {entry.d_name};
             steps.insert(steps.end(), kTrashOfHome.begin(), kTrashOfHome.end());
-            add(openFolder(homes.get(), steps), joined(places.homes, steps), "");
-        }
+            add(openFolder(homes.get(), steps), joined(places.homes, steps), "", nodes);
+            return true;
+        });
     }
     const UniqueFd home{::open(places.homeOfRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     if (!home) return;
-    add(openFolder(home.get(), kTrashOfHome), joined(places.homeOfRoot, kTrashOfHome), "");
+    add(openFolder(home.get(), kTrashOfHome), joined(places.homeOfRoot, kTrashOfHome), "", nodes);
 }
 
 // ".Trash-UID/files" and ".Trash/UID/files" of freedesktop.org's common trash folders.
-void TrashFolders::addOfMount(const std::string& mountPoint) {
+void TrashFolders::addOfMount(const std::string& mountPoint, const Nodes& nodes) {
     const UniqueFd root{::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     const UniqueFd mount = root ? openFolder(root.get(), stepsOf(mountPoint)) : UniqueFd{};
     if (!mount) return;
     const auto addBelow = [&](const std::vector<std::string>& steps) {
-        add(openFolder(mount.get(), steps), joined(mountPoint, steps), mountPoint);
+        add(openFolder(mount.get(), steps), joined(mountPoint, steps), mountPoint, nodes);
     };
     forEachEntry(mount.get(), [&](const dirent& entry) {
         const std::string name = entry.d_name;
         if (name.starts_with(".Trash-")) addBelow({name, "files"});
-        return folders_.size() < kMostFolders;
+        return true;
     });
     const UniqueFd shared = openFolder(mount.get(), {".Trash"});
     if (!shared) return;
-    for (const std::string& user : namesIn(shared.get())) addBelow({".Trash", user, "files"});
+    forEachEntry(shared.get(), [&](const dirent& entry) {
+        addBelow({".Trash", entry.d_name, "files"});
+        return true;
+    });
 }
 
-void TrashFolders::add(UniqueFd folder, std::string path, std::string top) {
+void TrashFolders::add(UniqueFd folder, std::string path, std::string top, const Nodes& nodes) {
     struct stat status {};
-    if (!folder || folders_.size() >= kMostFolders || ::fstat(folder.get(), &status) != 0) return;
+    if (!folder || ::fstat(folder.get(), &status) != 0) return;
+    if (!nodes.contains(static_cast<std::uint32_t>(status.st_ino))) return;
     if (std::find(devices_.begin(), devices_.end(), status.st_dev) == devices_.end()) return;
     folders_.push_back({.folder = std::move(folder),
                         .path = std::move(path),

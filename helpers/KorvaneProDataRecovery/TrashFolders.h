@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -44,9 +45,12 @@ struct TrashFolder {
 // The trash folders of one mounted volume, and which are in it.
 class TrashFolders {
   public:
-    // All that are there on the volume that is mounted from `device`: "/dev/sda1", or what else
-    // the mount table has as the source. At most kMostFolders.
-    TrashFolders(const MachinePlaces& places, const std::string& device);
+    // Those on the volume that is mounted from `device`, "/dev/sda1" or what else the mount table
+    // has as the source, whose node numbers end in one of these 32 bits. Whoever can make folders
+    // at the top of a volume can make any number that look like a trash; others' are found all the
+    // same.
+    TrashFolders(const MachinePlaces& places, const std::string& device,
+                 const std::set<std::uint32_t>& nodes);
 
     struct Place {
         const TrashFolder* folder = nullptr;
@@ -55,12 +59,11 @@ class TrashFolders {
     // The item with this node number in the folder with that one; both are the low 32 bits.
     [[nodiscard]] std::optional<Place> find(std::uint32_t node, std::uint32_t parent);
 
-    static constexpr std::size_t kMostFolders = 1000;
-
   private:
-    void addHomes(const MachinePlaces& places);
-    void addOfMount(const std::string& mountPoint);
-    void add(UniqueFd folder, std::string path, std::string top);
+    using Nodes = std::set<std::uint32_t>;
+    void addHomes(const MachinePlaces& places, const Nodes& nodes);
+    void addOfMount(const std::string& mountPoint, const Nodes& nodes);
+    void add(UniqueFd folder, std::string path, std::string top, const Nodes& nodes);
 
     std::vector<dev_t> devices_;
     std::vector<TrashFolder> folders_;

@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -93,7 +94,8 @@ class KorvaneProDaemon final : public ControlTarget {
     std::vector<SearchTask> searchTasks;             // recovery programs, until none is pending
     std::list<std::unique_ptr<Timer>> searchTimers;  // one for each poll that is to come
     std::map<std::string, WaitingSearch> waitingSearches;  // by trash folder
-    std::int64_t trashSaveDays = 0;                        // as of the last load
+    std::set<std::string> resultsLeft;  // those that cannot be read, each told once
+    std::int64_t trashSaveDays = 0;     // as of the last load
     // What the last question for a device's value found of its partition table.
     bool schemeOfPartition = false;
 

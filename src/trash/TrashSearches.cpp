@@ -151,7 +151,9 @@ void KorvaneProDaemon::collectSearchResult(const SearchContent& job) {
         hasResult ? files.readFile(job.searchResultPath) : Result<std::string>(std::string());
     if (result) {
         addition += stampedRecords(*result, secondsSince1904(now));
-    } else {
+        resultsLeft.erase(job.searchResultPath);
+    } else if (resultsLeft.insert(job.searchResultPath).second) {
+        // Whoever has planted it there leaves it there: every scan comes upon it again.
         machine_.systemLog.write(LogLevel::warning,
                                  formatText("A result of the trash search is left where it is: %@.",
                                             {std::string_view(result.error().message)}));

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 
@@ -101,6 +102,34 @@ TEST_F(TrashFaults, AUsageFileThatCannotBeReadNowKeepsItsRecords) {
     trash(std::string(kTrash) + "/c");
     s.run(seconds(1));
     EXPECT_THAT(usage(), SizeIs(3));
+}
+
+TEST_F(TrashFaults, AResultThatSomebodyPlantedIsToldOnce) {
+    setProgram("");
+    s.run(seconds(1));
+    trash(std::string(kTrash) + "/a");
+    s.run(seconds(10));
+    ASSERT_THAT(jobs, SizeIs(1));
+    ASSERT_TRUE(files().createFolders(jobs[0].searchResultPath, "eve"));
+    const auto told = [this] {
+        const auto lines = s.log();
+        return std::ranges::count_if(lines, [](const std::string& line) {
+            return line.find("is left where it is") != std::string::npos;
+        });
+    };
+    for (const char* name : {"/b", "/c"}) {
+        trash(std::string(kTrash) + name);
+        s.run(seconds(10));
+        EXPECT_EQ(told(), 1);
+    }
+    // Told again once it was gone in between.
+    ASSERT_TRUE(files().removeItem(jobs[0].searchResultPath));
+    trash(std::string(kTrash) + "/d");
+    s.run(seconds(10));
+    ASSERT_TRUE(files().createFolders(jobs[0].searchResultPath, "eve"));
+    trash(std::string(kTrash) + "/e");
+    s.run(seconds(10));
+    EXPECT_EQ(told(), 2);
 }
 
 // What a kill has left in the middle of a write.

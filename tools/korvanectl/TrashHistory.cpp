@@ -6,13 +6,15 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
+#include <functional>
 #include <map>
 #include <tuple>
 #include <utility>
 
+#include "KorvaneProDataRecovery/RecordFiles.h"
 #include "korvanectl/Document.h"
 #include "korvanectl/Text.h"
 #include "platform/linux/MountTable.h"
@@ -39,23 +41,8 @@ HistoryItem historyItem(const std::string& key, const ConstTrashEntry& entry) {
     return item;
 }
 
-// The volume's files of records, the oldest first: their names end in the date, the year first.
-std::vector<std::string> recordFiles(const std::string& folder) {
-    std::vector<std::string> files;
-    std::error_code none;
-    for (fs::directory_iterator entry{folder, none}, end; !none && entry != end;
-         entry.increment(none)) {
-        std::error_code gone;
-        if (entry->path().filename().string().starts_with(kTrashDeletesPrefix) &&
-            entry->symlink_status(gone).type() == fs::file_type::regular) {
-            files.push_back(entry->path().string());
-        }
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
-// Keeps, of all that it is given in order, the last whole recording of one item.
+// Keeps, of all that it is given in order, the last whole recording of one item. A run that had no
+// time for a checksum takes none away that an earlier one made of the same contents.
 class NewestRecording {
   public:
     explicit NewestRecording(const HistoryItem& wanted) : wanted_(wanted) {}
@@ -67,31 +54,29 @@ class NewestRecording {
                         isFileName(item.name);
             if (isWanted_) items_.clear();
         }
-        if (isWanted_ && item.trashNode == wanted_.node) items_.push_back(std::move(item));
+        if (!isWanted_ || item.trashNode != wanted_.node) return;
+        const auto [earlier, isNew] = earlier_.try_emplace(item.node, item);
+        if (!isNew) {
+            takeOverChecksum(item, earlier->second);
+            earlier->second = item;
+        }
+        items_.push_back(std::move(item));
     }
     std::vector<RecordedItem> take() { return std::move(items_); }
 
   private:
     const HistoryItem& wanted_;
     std::vector<RecordedItem> items_;
+    std::map<std::uint64_t, RecordedItem> earlier_;  // the last one of each node
     bool isWanted_ = false;
 };
 
 // Calls `each` with every whole item of the volume's records, the oldest first.
-template <typename Each>
 void forEachRecorded(const std::string& supportFolder, const std::string& volumeName,
-                     const Each& each) {
+                     const std::function<void(RecordedItem&&)>& each) {
     for (const std::string& path :
-         recordFiles(supportFolder + "/" + volumeFolderName(volumeName))) {
-        std::ifstream in{path, std::ios::binary};
-        ItemAssembly assembly;
-        std::array<std::uint8_t, kResultRecordSize> bytes;
-        while (in.read(reinterpret_cast<char*>(bytes.data()), bytes.size())) {
-            const auto record = decodeRecord(bytes);
-            if (!record) assembly.interrupt();
-            auto collected = record ? assembly.add(*record) : std::nullopt;
-            if (collected) each(std::move(collected->item));
-        }
+         recordFilesIn(supportFolder + "/" + volumeFolderName(volumeName))) {
+        (void)forEachItemIn(path, UINT64_MAX, each);
     }
 }
 

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
-#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "KorvaneProDataRecovery/VolumeIdentity.h"
 #include "korvanectl/Document.h"
 #include "korvanectl/Program.h"
 #include "korvanectl/Progress.h"
@@ -95,30 +95,68 @@ std::optional<Failure> objectionToTarget(const fs::path& target, dev_t volume) {
                    "be recovered; take one on another volume"};
 }
 
-// The mounted volume with the recorded file system's id.
 struct Volume {
     std::string device;
     dev_t number = 0;
-    // The id is only the device's number (XFS, FAT and others): another volume may have had it when
-    // the item was recorded.
+    VolumeIdentity identity;
+    // Its id is only its device's number (XFS, FAT and others), and no UUID says that it is the
+    // same one: another volume may have had the number when the item was recorded.
     bool isKnownByNumber = false;
 };
-std::optional<Volume> volumeOf(Program& program, std::uint64_t id) {
+
+std::vector<Volume> mountedVolumes(Program& program) {
+    std::vector<Volume> mounted;
     Volumes& volumes = program.volumes();
     for (const std::string& path : volumes.mountedLocalVolumePaths()) {
-        struct statfs system {};
+        const UniqueFd root{
+            ::open(bytesOfText(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK)};
         struct stat status {};
-        std::uint64_t found = 0;
-        const std::string bytes = bytesOfText(path);
-        if (::statfs(bytes.c_str(), &system) != 0 || ::stat(bytes.c_str(), &status) != 0) continue;
-        std::memcpy(&found, &system.f_fsid, sizeof found);
         const MountEntry* const mount = volumes.mountAt(path);
-        if (found == id && id != 0 && mount != nullptr) {
-            return Volume{bytesOfText(mount->mountFromName), status.st_dev,
-                          isDeviceNumber(id, status.st_dev)};
+        if (!root || ::fstat(root.get(), &status) != 0 || mount == nullptr) continue;
+        mounted.push_back({.device = bytesOfText(mount->mountFromName),
+                           .number = status.st_dev,
+                           .identity = volumeIdentityOf(root.get())});
+    }
+    return mounted;
+}
+
+// The mounted volume that the item was recorded on: the one with its UUID, or, where one of the two
+// has none, with its id.
+Outcome<Volume> volumeOf(Program& program, const RecordedItem& item) {
+    std::vector<Volume> byUuid;
+    std::optional<Volume> byId;
+    std::string impostor;
+    const bool hasUuid = item.volumeUuid != VolumeUuid{};
+    for (Volume& volume : mountedVolumes(program)) {
+        const bool hasSameId = item.volumeId != 0 && volume.identity.id == item.volumeId;
+        if (hasUuid && volume.identity.uuid == item.volumeUuid) {
+            byUuid.push_back(std::move(volume));
+        } else if (hasSameId && hasUuid && volume.identity.uuid != VolumeUuid{}) {
+            impostor = volume.device;
+        } else if (hasSameId && !byId) {
+            volume.isKnownByNumber = isDeviceNumber(item.volumeId, volume.number);
+            byId = std::move(volume);
         }
     }
-    return std::nullopt;
+    const auto isOther = [&byUuid](const Volume& volume) {
+        return volume.device != byUuid.front().device;
+    };
+    if (const auto other = std::ranges::find_if(byUuid, isOther); other != byUuid.end()) {
+        return Failure{ExitStatus::refused,
+                       fmt::format("{} and {} both have the UUID of the item's volume, so one is a "
+                                   "copy; unmount the one that the item was not on",
+                                   byUuid.front().device, other->device)};
+    }
+    if (!byUuid.empty()) return byUuid.front();
+    if (byId) return *byId;
+    return Failure{
+        ExitStatus::refused,
+        "the volume that the item was on is not mounted" +
+            (impostor.empty() ? ""
+                              : fmt::format("; {} has its device number, but is another "
+                                            "one",
+                                            impostor)) +
+            (hasUuid ? fmt::format(" (UUID {})", textOfVolumeUuid(item.volumeUuid)) : "")};
 }
 
 // Past the page cache, which may hold what the device held before.
@@ -225,7 +263,7 @@ void tellDoubts(Program& program, const HistoryItem& wanted, const Volume& volum
     if (volume.isKnownByNumber && !isProven) {
         program.note(fmt::format(
             "{} cannot be told from another volume that had its device number when the item was "
-            "recorded: without a checksum the contents may be those of something else",
+            "recorded: without a checksum and a UUID the contents may be those of something else",
             volume.device));
     }
 }
@@ -257,10 +295,8 @@ Outcome<ExitStatus> runRecovery(Program& program, const HistoryItem& wanted,
     }
     const fs::path target = targetOf(where, items.front().name);
     if (S_ISLNK(items.front().mode)) return runLink(program, items, target);
-    const auto volume = volumeOf(program, items.front().volumeId);
-    if (!volume) {
-        return Failure{ExitStatus::refused, "the volume that the item was on is not mounted"};
-    }
+    const auto volume = volumeOf(program, items.front());
+    if (!volume) return volume.failure();
     if (auto objection = objectionToTarget(target, volume->number)) return *objection;
     const UniqueFd device = openDevice(volume->device);
     if (!device) return fileFailure(volume->device, errno);

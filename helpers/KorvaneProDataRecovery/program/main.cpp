@@ -11,6 +11,7 @@
 #include "KorvaneProDataRecovery/Recovery.h"
 #include "KorvaneProDataRecovery/ResultFile.h"
 #include "platform/linux/BackgroundPriority.h"
+#include "storage/SupportFolder.h"
 #include "trash/TrashFormats.h"
 
 namespace {
@@ -31,7 +32,8 @@ int run(const std::string& inputPath) {
         tell(input.error().message);
         return kBadInput;
     }
-    recordJobs(parseJobFile(*input), MachinePlaces{}, kResultFolder, tell);
+    recordJobs(parseJobFile(*input), MachinePlaces{}, recordFolderOf(kSupportFolder, inputPath),
+               kResultFolder, tell);
     return kDone;
 }
 

@@ -181,6 +181,26 @@ TEST_F(Trash, ShowsTheNewestRecordsOfThatVeryItem) {
     EXPECT_THAT(lineOf("size"), HasSubstr("2.0 kB"));
 }
 
+TEST_F(Trash, KeepsAChecksumThatALaterRunHadNoTimeFor) {
+    keepNode("letter", 11, now);
+    RecordedItem first = recorded("letter", 11);
+    first.checksum.fill(0xAB);
+    RecordedItem second = first;
+    second.flags = 0;
+    second.checksum = {};
+    second.origin = "/home/ann/letter";
+    keepRecords({first}, "2025-12-31-01");
+    keepRecords({second, second}, "2025-12-31-02");
+    EXPECT_EQ(run({"trash", "show", "letter"}), 0);
+    EXPECT_THAT(lineOf("SHA-256"), HasSubstr("abababab"));
+    EXPECT_THAT(lineOf("came from"), HasSubstr("/home/ann/letter"));
+    // It was written to since.
+    second.modified += 1;
+    keepRecords({second}, "2025-12-31-03");
+    EXPECT_EQ(run({"trash", "show", "letter"}), 0);
+    EXPECT_EQ(lineOf("SHA-256"), "");
+}
+
 TEST_F(Trash, SumsUpAFolder) {
     keepNode("box", 30, now);
     RecordedItem box = recorded("box", 30);

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "KorvaneProDataRecovery/JobFile.h"
+#include "trash/TrashFormats.h"
 
 namespace korvane {
 namespace {
@@ -100,6 +101,16 @@ TEST(JobFile, ReadsNoMoreThanTheMostJobs) {
     const JobFile file = parseJobFile(bytes);
     EXPECT_THAT(file.jobs, SizeIs(kMostJobs));
     EXPECT_EQ(file.refused, 1U);
+}
+
+TEST(JobFile, HasTheVolumesNameInItsOwn) {
+    for (const char* const name : {"System", "a/b", "two words", " ", "..", "x.dat"}) {
+        EXPECT_EQ(volumeNameOfInput(searchInputPathOf(name)), name);
+    }
+    for (const char* const path : {"", "/tmp/.KVDataRec_.dat", "/tmp/.KVDataRec_x", "/tmp/jobs",
+                                   "/etc/.KVDataRec_x.dat", "KVDataRec_x.dat"}) {
+        EXPECT_EQ(volumeNameOfInput(path), "") << path;
+    }
 }
 
 }  // namespace

@@ -22,7 +22,9 @@ class ResultFileTest : public testing::Test {
         return {std::istreambuf_iterator<char>{in}, {}};
     }
     bool save(std::string_view bytes) {
-        return static_cast<bool>(saveResult(folder.path(), ".1.dat", bytes));
+        const auto saved = saveResult(folder.path(), ".1.dat", bytes);
+        EXPECT_TRUE(saved);
+        return saved && *saved == Saved::whole;
     }
     TemporaryFolder folder;
 };

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <optional>
@@ -34,6 +35,7 @@ RecordedItem anItem() {
                       .path = "/home/a/.local/share/Trash/files/letter.txt",
                       .extents = {{0, 4096, 8192, 0}, {8192, 1 << 20, 4096, kExtentUnwritten}}};
     item.checksum.fill(0xAB);
+    item.volumeUuid.fill(0xCD);
     return item;
 }
 
@@ -62,6 +64,58 @@ TEST(ResultRecords, OneHoldsAUsualItem) {
     const auto collected = assembled(records);
     ASSERT_TRUE(collected);
     EXPECT_EQ(collected->item, anItem());
+}
+
+TEST(ResultRecords, OfBeforeThereWereUuidsHaveNone) {
+    RecordedItem item = anItem();
+    item.volumeUuid = {};
+    const auto records = recordsOf(item);
+    EXPECT_TRUE(std::all_of(records[0].begin() + 744, records[0].end(),
+                            [](std::uint8_t byte) { return byte == 0; }));
+    EXPECT_EQ(assembled(records)->item, item);
+}
+
+TEST(ResultRecords, HandAChecksumOnWhileTheContentsAreTheSame) {
+    const RecordedItem earlier = anItem();
+    RecordedItem later = anItem();
+    later.checksum = {};
+    later.flags = 0;
+    later.name = "another name";
+    later.changed += 100;  // the daemon's own stamp
+    const std::vector<std::function<void(RecordedItem&)>> changes = {
+        [](RecordedItem& item) { ++item.node; },
+        [](RecordedItem& item) { ++item.volumeId; },
+        [](RecordedItem& item) { item.volumeUuid[3] = 0; },
+        [](RecordedItem& item) { ++item.size; },
+        [](RecordedItem& item) { ++item.modified; },
+        [](RecordedItem& item) { --item.modifiedNanoseconds; },
+        [](RecordedItem& item) { ++item.born; },
+        [](RecordedItem& item) { item.extents[0].physical += 4096; },
+    };
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        RecordedItem changed = later;
+        changes[i](changed);
+        takeOverChecksum(changed, earlier);
+        EXPECT_EQ(changed.flags, 0) << i;
+    }
+    takeOverChecksum(later, earlier);
+    EXPECT_EQ(later.flags, kRecordHasChecksum);
+    EXPECT_EQ(later.checksum, earlier.checksum);
+    RecordedItem own = anItem();
+    own.checksum.fill(1);
+    takeOverChecksum(own, earlier);
+    EXPECT_NE(own.checksum, earlier.checksum);
+}
+
+TEST(ResultRecords, AreTheSameButForTheTimeOfTheLastStamp) {
+    const std::vector<RecordedItem> items = {anItem(), anItem()};
+    std::vector<RecordedItem> later = items;
+    later[1].changed += 5;
+    EXPECT_TRUE(isSameRecording(later, items));
+    later[1].name += "x";
+    EXPECT_FALSE(isSameRecording(later, items));
+    later.pop_back();
+    EXPECT_FALSE(isSameRecording(later, items));
 }
 
 TEST(ResultRecords, SeveralHoldLongNamesAndManyExtents) {

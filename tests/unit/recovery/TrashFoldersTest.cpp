@@ -42,11 +42,11 @@ class TrashFoldersTest : public testing::Test {
                                    .blockDevices = folder / "block",
                                    .homes = folder / "home",
                                    .homeOfRoot = folder / "root"};
-        TrashFolders folders{places, device};
+        TrashFolders folders{places, device, {nodeOf(parent)}};
         const auto place = folders.find(nodeOf(item), nodeOf(parent));
         return place ? place->folder->path + "/" + place->name : "";
     }
-    TemporaryFolder folder;
+    TemporaryFolder folder{"/dev/shm"};  // where thousands of folders are soon made
 };
 
 TEST_F(TrashFoldersTest, AreFoundInEveryPlaceThatDesktopsUse) {
@@ -75,6 +75,20 @@ TEST_F(TrashFoldersTest, HoldAnItemOnlyUnderItsOwnParent) {
     folder.write(".Trash-1/files/other", "text");
     EXPECT_EQ(found("/dev/sdx1", ".Trash-1/files", ".Trash-0/files/letter"), "");
     EXPECT_EQ(found("/dev/sdx1", ".Trash-0", ".Trash-0/files/letter"), "");
+}
+
+// Everybody can make folders at the top of many a volume, before or after the users' own.
+TEST_F(TrashFoldersTest, AreFoundAmongAnyNumberThatWerePlanted) {
+    constexpr int kPlanted = 1001;
+    for (int i = 0; i < kPlanted; ++i) {
+        fs::create_directories(folder / (".Trash-" + std::to_string(i) + "/files"));
+        fs::create_directories(folder / (".Trash/" + std::to_string(i) + "/files"));
+    }
+    for (const std::string trash :
+         {".Trash-5000/files", ".Trash/5000/files", "home/ann/.local/share/Trash/files"}) {
+        folder.write(trash + "/letter", "text");
+        EXPECT_EQ(found("/dev/sdx1", trash, trash + "/letter"), folder / (trash + "/letter"));
+    }
 }
 
 TEST_F(TrashFoldersTest, AreNoLinks) {
