@@ -25,13 +25,11 @@
 #include <thread>
 
 #include "base/PropertyListCodec.h"
+#include "base/SecondNames.h"
 
 namespace korvane {
 
 namespace {
-
-// Three times what the largest settings seen take; more is no property list of ours.
-constexpr off_t kLargestFileBytes = 64 * 1024 * 1024;
 
 class UniqueFd {
   public:
@@ -89,7 +87,7 @@ constexpr int kCarefully = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 const char* objectionTo(const struct stat& status) {
     if (!S_ISREG(status.st_mode)) return "is not a regular file";
     if (status.st_nlink > 1) return "has a second name";
-    if (status.st_size > kLargestFileBytes) return "is too large";
+    if (status.st_size > kLargestPropertyListBytes) return "is too large";
     return nullptr;
 }
 
@@ -115,7 +113,7 @@ Result<std::string> readFully(int fd, const std::string& path, off_t expectedByt
         if (count < 0) return errorFor("reading", path, errno);
         if (count == 0) break;
         length += static_cast<std::size_t>(count);
-        if (length > static_cast<std::size_t>(kLargestFileBytes)) {
+        if (length > static_cast<std::size_t>(kLargestPropertyListBytes)) {
             return Error{path + ": is too large"};
         }
         if (length == text.size()) text.resize(length * 2);  // It grows while it is read.
@@ -249,6 +247,7 @@ Result<Written> rewriteFile(int folder, const Place& place, const std::string& p
 
 // Open on nothing when there is no such file.
 Result<UniqueFd> openForWriting(int folder, const Place& place, const std::string& path) {
+    (void)leaveSecondNames(folder, place.name);  // one that still has some is refused below
     UniqueFd file(openat(folder, place.name.c_str(), O_RDWR | kCarefully));
     if (!file && errno == ENOENT) return file;
     if (!file) return errorFor("opening", path, errno);
@@ -352,7 +351,7 @@ Result<Opened> openForReading(int folder, const std::string& name, const std::st
         return errorFor("looking at the file", path, errno);
     }
     if (!S_ISREG(opened.status.st_mode)) return Error{path + ": is not a regular file"};
-    if (opened.status.st_size > kLargestFileBytes) return Error{path + ": is too large"};
+    if (opened.status.st_size > kLargestPropertyListBytes) return Error{path + ": is too large"};
     return opened;
 }
 
@@ -401,6 +400,8 @@ Result<const PropertyList*> PropertyListFiles::load(const std::string& path, Pro
     if (!folder) return folder.error();
     auto opened = openForReading(folder->get(), place.name, path);
     if (!opened) return opened.error();
+    // What is read stays open whatever has the name then.
+    if (opened->status.st_nlink > 1) (void)leaveSecondNames(folder->get(), place.name);
     const auto known = remembered_.find(path);
     if (known != remembered_.end()) {
         if (isUnchanged(known->second.status, opened->status)) return &known->second.value;

@@ -17,6 +17,9 @@
 
 namespace korvane {
 
+// Three times what the largest settings seen take; more is no property list of ours.
+inline constexpr std::int64_t kLargestPropertyListBytes = 64 * 1024 * 1024;
+
 enum class Durability {
     process,   // survives the end of this process
     powerLoss  // is on the disk before the call returns

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <system_error>
 
+#include "base/SecondNames.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/linux/UniqueFd.h"
 
@@ -94,8 +95,13 @@ Result<std::monostate> LinuxFileSystem::writeFile(const std::string& path, std::
 Result<std::monostate> LinuxFileSystem::appendRecords(const std::string& path,
                                                       std::string_view records,
                                                       std::size_t recordBytes, mode_t permissions) {
+    const std::string place = located(path);
+    const std::size_t name = place.rfind('/') + 1;
+    const UniqueFd folder{
+        ::open(place.substr(0, name).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    if (folder) (void)leaveSecondNames(folder.get(), place.substr(name));  // or it is refused below
     const UniqueFd file{
-        ::open(located(path).c_str(), O_WRONLY | O_CREAT | O_APPEND | kCarefully, permissions)};
+        ::open(place.c_str(), O_WRONLY | O_CREAT | O_APPEND | kCarefully, permissions)};
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) return errorAt(path, errno);
     if (!S_ISREG(status.st_mode) || status.st_nlink != 1) {

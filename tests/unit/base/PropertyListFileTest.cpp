@@ -127,9 +127,38 @@ TEST_F(InPlace, NeverFollowsALinkThatLeadsNowhere) {
 TEST_F(InPlace, NeverWritesThroughASecondName) {
     const std::string victim = folder_ / "victim";
     putContents(victim, document("victim"));
+    ASSERT_EQ(chmod(folder_.path().c_str(), 0777), 0);  // so anybody may have put it here
     ASSERT_EQ(link(victim.c_str(), path_.c_str()), 0);
     EXPECT_THAT(errorOfWriting(), HasSubstr("second name"));
     EXPECT_EQ(contentsOf(victim), document("victim"));
+}
+
+// Everybody may link a file that everybody may write.
+TEST_F(InPlace, LeavesTheSecondNamesOfAFileThatOnlyItCanHavePutThere) {
+    putContents(path_, "before");
+    ASSERT_EQ(chmod(path_.c_str(), 0666), 0);
+    const std::string second = folder_ / "second";
+    ASSERT_EQ(link(path_.c_str(), second.c_str()), 0);
+    EXPECT_TRUE(writeInPlace(path_, "after", 0666, Durability::process));
+    EXPECT_EQ(contentsOf(path_), "after");
+    EXPECT_EQ(contentsOf(second), "before");
+    struct stat status {};
+    ASSERT_EQ(lstat(path_.c_str(), &status), 0);
+    EXPECT_EQ(status.st_nlink, 1u);
+    EXPECT_EQ(status.st_mode & 07777, 0666u);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / ".Settings.plist.copy"));
+}
+
+TEST_F(InPlace, ReadsAFileWithASecondNameAndLeavesThat) {
+    putContents(path_, "<plist version=\"1.0\"><dict/></plist>");
+    const std::string second = folder_ / "second";
+    ASSERT_EQ(link(path_.c_str(), second.c_str()), 0);
+    PropertyListFiles files;
+    EXPECT_TRUE(files.read(path_));
+    struct stat status {};
+    ASSERT_EQ(lstat(path_.c_str(), &status), 0);
+    EXPECT_EQ(status.st_nlink, 1u);
+    EXPECT_TRUE(files.read(path_));
 }
 
 TEST_F(InPlace, NeverWritesThroughLinksPlantedAtTheSibling) {
