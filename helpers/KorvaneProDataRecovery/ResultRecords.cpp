@@ -10,7 +10,6 @@ namespace korvane {
 namespace {
 
 // The layout of docs/trash-records.md: byte offsets, numbers in the machine's own order.
-constexpr std::string_view kTag = "item";
 constexpr std::uint16_t kVersion = 1;
 constexpr std::size_t kVersionAt = 4;
 constexpr std::size_t kFlagsAt = 6;
@@ -172,7 +171,7 @@ std::string encodeItem(RecordedItem item) {
         const auto write = [record](std::size_t offset, const auto& value) {
             put(record, offset, value);
         };
-        std::memcpy(record, kTag.data(), kTag.size());
+        std::memcpy(record, kResultTag.data(), kResultTag.size());
         write(kVersionAt, kVersion);
         fixedFields(item, write);
         const auto [textBegin, textHere] = partOf(text.size(), kTextRoom, index);
@@ -226,7 +225,7 @@ std::optional<ResultRecord> decodeRecord(std::span<const std::uint8_t, kResultRe
     std::uint32_t check = 0;
     read(kVersionAt, version);
     read(kCheckAt, check);
-    if (std::memcmp(at, kTag.data(), kTag.size()) != 0 || version != kVersion ||
+    if (std::memcmp(at, kResultTag.data(), kResultTag.size()) != 0 || version != kVersion ||
         check != checkOf(at)) {
         return std::nullopt;
     }

@@ -93,9 +93,12 @@ class KorvaneProDaemon final : public ControlTarget {
     std::array<std::unique_ptr<DirectorySubscription>, 100> trashRetainerFNSubscriptionRefArray;
     std::vector<SearchTask> searchTasks;             // recovery programs, until none is pending
     std::list<std::unique_ptr<Timer>> searchTimers;  // one for each poll that is to come
-    std::map<std::string, WaitingSearch> waitingSearches;  // by trash folder
-    std::set<std::string> resultsLeft;  // those that cannot be read, each told once
-    std::int64_t trashSaveDays = 0;     // as of the last load
+    std::map<std::string, WaitingSearch> waitingSearches;       // by trash folder
+    std::map<std::uint64_t, SearchContent> uncollectedResults;  // by node: no room to keep them
+    // Told of in the log, each until it is right again: paths of searches, and the usage file.
+    std::set<std::string> searchFilesToldOf;
+    bool hasToldOfUsageFile = false;
+    std::int64_t trashSaveDays = 0;  // as of the last load
     // What the last question for a device's value found of its partition table.
     bool schemeOfPartition = false;
 
@@ -296,9 +299,9 @@ class KorvaneProDaemon final : public ControlTarget {
     // A watched folder has changed: records what is in it and has the recovery program look at it.
     void MyFNSubscriptionProc(std::size_t slot, const std::string& folder);
     void recordTrashItems(const std::vector<TrashItem>& items);
-    // Begins a usage file with this record in it, if there is none; one that can be read and not
+    // Begins a usage file with this record in it where there is none; one that can be read and not
     // used is set aside.
-    [[nodiscard]] bool beginTrashUsage(const TrashItem& item);
+    [[nodiscard]] Result<std::monostate> beginTrashUsage(const TrashItem& item);
     // A search for items that had left the trash has ended: their records are gone through again.
     void didFindOut();
     // Marks and drops records, and drops files of results that are old enough (TrashUpkeep.cpp).
@@ -307,12 +310,28 @@ class KorvaneProDaemon final : public ControlTarget {
     // (TrashSearches.cpp).
     void startSearch(const std::string& folder, WaitingSearch search);
     void startWaitingSearches();
+    // Nothing when the jobs cannot be written.
+    [[nodiscard]] std::optional<SearchTask> launchSearch(WaitingSearch search);
+    // Whether the result of this job has a place; one that somebody else has taken is told once.
+    [[nodiscard]] bool hasPlaceForResult(const SearchContent& job);
+    void tellOfSearchFile(const std::string& path, const std::string& line);
     // The program's input for jobs of this volume: one that no running program still has to read.
     [[nodiscard]] std::string searchInputFor(const std::string& volumeName) const;
     void armSearchTimer();
     // Collects the results of the programs that have ended; polls on while any is pending.
     void searchTaskCompleteCheck();
+    void collectSearchTask(SearchTask& task);
     void collectSearchResult(const SearchContent& job);
+    void endSearchThatHangs(SearchTask& task);
+    // Takes up what a daemon before this one has left of its searches (TrashLeftovers.cpp).
+    void takeUpSearches();
+    // One for the jobs of an input file that none has `taken` yet.
+    [[nodiscard]] std::optional<SearchTask> leftSearch(const std::string& inFilePath,
+                                                       std::set<std::uint64_t>& taken);
+    // For results whose input file is gone: by the records of the usage file.
+    void collectLeftResults(const std::set<std::uint64_t>& nodeIds);
+    // What the program of an earlier daemon has not come to is searched for anew.
+    void searchAnew(SearchTask& task);
 };
 
 }  // namespace korvane

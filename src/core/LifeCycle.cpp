@@ -74,6 +74,7 @@ void KorvaneProDaemon::doStartup() {
     updateVolumePreferences();
     machine_.directoryWatch.setDidFindOut([this] { didFindOut(); });
     setupTrashRetainer(false);
+    takeUpSearches();
     markNotYetExamined(driveArray, volumeArray);
     writePreferences();
 

@@ -1,6 +1,7 @@
 // What the daemon knows of a recovery program that it has launched.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -26,6 +27,12 @@ struct SearchTask {
     std::unique_ptr<Task> searchTask;
     std::string inFilePath;
     std::vector<SearchContent> contentArray;
+    // How long it has been seen to run, and when it was last seen, counted as the clock counts
+    // from the machine's start. Time that the machine slept through is not among it.
+    std::chrono::microseconds ran{0};
+    std::uint64_t seenAt = 0;
+    bool isGivenUp = false;    // it was told to end, having run for too long
+    bool isOfEarlier = false;  // of a daemon before this one
 };
 
 // A search that is put off while enough programs are at work on its volume.

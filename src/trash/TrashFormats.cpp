@@ -1,6 +1,7 @@
 #include "trash/TrashFormats.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 
 namespace korvane {
@@ -14,6 +15,10 @@ constexpr std::size_t kDeviceNameOffset = 12;
 constexpr std::size_t kResultPathOffset = 44;
 constexpr std::size_t kTextBytes = 32;
 constexpr std::string_view kTag("id\0\0", 4);
+
+constexpr std::string_view kResultBegin = "/tmp/.";
+constexpr std::string_view kInputBegin = "/tmp/.KVDataRec_";
+constexpr std::string_view kSearchFileEnd = ".dat";
 
 constexpr std::string_view kSignature("quorlen\0\0", 9);
 constexpr std::string_view kIntel = "Intel";
@@ -89,11 +94,23 @@ std::optional<SearchJob> decodeSearchJob(std::string_view bytes) {
 }
 
 std::string searchResultPathOf(std::uint64_t nodeId) {
-    return "/tmp/." + std::to_string(nodeId) + ".dat";
+    return std::string(kResultBegin) + std::to_string(nodeId) + std::string(kSearchFileEnd);
+}
+
+std::optional<std::uint64_t> nodeOfSearchResult(std::string_view path) {
+    if (!path.starts_with(kResultBegin)) return std::nullopt;
+    path.remove_prefix(kResultBegin.size());
+    std::uint64_t nodeId = 0;
+    const auto [rest, error] = std::from_chars(path.data(), path.data() + path.size(), nodeId);
+    const std::string_view end(rest, static_cast<std::size_t>(path.data() + path.size() - rest));
+    // One node has one path.
+    const bool isPlain = !path.starts_with('0') || path.starts_with("0.");
+    if (error != std::errc() || end != kSearchFileEnd || !isPlain) return std::nullopt;
+    return nodeId;
 }
 
 std::string searchInputPathOf(std::string_view volumeName) {
-    std::string path = "/tmp/.KVDataRec_";
+    std::string path(kInputBegin);
     for (const char character : volumeName) {
         if (character == '/') {
             path += "%2F";
@@ -101,7 +118,13 @@ std::string searchInputPathOf(std::string_view volumeName) {
             path += character;
         }
     }
-    return path + ".dat";
+    return path.append(kSearchFileEnd);
+}
+
+bool isSearchInputPath(std::string_view path) {
+    return path.starts_with(kInputBegin) && path.ends_with(kSearchFileEnd) &&
+           path.size() >= kInputBegin.size() + kSearchFileEnd.size() &&
+           path.find('/', kInputBegin.size()) == std::string_view::npos;
 }
 
 TrashRecord encodeTrashDeletesHeader(const TrashDeletesHeader& header) {

@@ -45,15 +45,22 @@ inline constexpr char kRecoveryProgram[] = "KorvaneProDataRecovery";
 inline constexpr char kInFileArgument[] = "inFile";
 // Where the program is to leave what it finds of a node: "/tmp/.NODE.dat".
 [[nodiscard]] std::string searchResultPathOf(std::uint64_t nodeId);
+// The node of such a path; nothing when it is none.
+[[nodiscard]] std::optional<std::uint64_t> nodeOfSearchResult(std::string_view path);
 // The program's input, by the name of the volume of its last item. The name comes from outside: a
 // "/" in it is escaped, so that the file is always one directly in /tmp.
 [[nodiscard]] std::string searchInputPathOf(std::string_view volumeName);
+[[nodiscard]] bool isSearchInputPath(std::string_view path);
+// The folder that all of these are in.
+inline constexpr char kSearchFolder[] = "/tmp";
 
 // ---- "Trash Deletes" files: a header record, then result records --------------------------------
 
 // Header and result records have one length, so that a file is a plain sequence.
 inline constexpr std::size_t kTrashRecordBytes = 764;
 using TrashRecord = std::array<char, kTrashRecordBytes>;
+// What each result record begins with.
+inline constexpr std::string_view kResultTag = "item";
 // The recovery program leaves this word of a result record to the daemon, which sets it to the
 // moment at which it collected the record: an unsigned number of 32 bits.
 inline constexpr std::size_t kTrashStampOffset = 544;

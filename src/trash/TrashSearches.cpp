@@ -23,7 +23,16 @@ constexpr seconds kSearchPoll{2};
 // Enough for what somebody throws away one by one while the first still reads: what is not looked
 // at soon may be emptied by then. A disk that hangs keeps no more of them.
 constexpr std::ptrdiff_t kMostSearchesOfAVolume = 4;
+// Far longer than any that works: writing a large file back to a slow stick before its place is
+// known takes a quarter of an hour.
+constexpr std::chrono::hours kLongestSearch{1};
+// Everybody may plant files there: with more of them some are told of again.
+constexpr std::size_t kMostFilesToldOf = 1000;
+// Those of ten full scans; the others wait for the next start.
+constexpr std::size_t kMostUncollected = 1000;
 constexpr mode_t kTrashDeletesPermissions = 0640;
+
+bool isPending(const SearchTask& task) { return task.inFilePath != kSearchTaskDone; }
 
 // The program's records, each stamped; a short last one is filled up with zero bytes.
 std::string stampedRecords(std::string_view results, std::uint32_t stamp) {
@@ -54,8 +63,14 @@ std::string KorvaneProDaemon::searchInputFor(const std::string& volumeName) cons
 }
 
 void KorvaneProDaemon::startSearch(const std::string& folder, WaitingSearch search) {
+    std::erase_if(search.contentArray,
+                  [this](const SearchContent& job) { return !hasPlaceForResult(job); });
+    if (search.contentArray.empty()) {
+        waitingSearches.erase(folder);
+        return;
+    }
     const std::ptrdiff_t running = std::ranges::count_if(searchTasks, [&](const SearchTask& task) {
-        return task.inFilePath != kSearchTaskDone &&
+        return isPending(task) && (!task.isGivenUp || task.searchTask->isRunning()) &&
                task.contentArray.front().volumePath == search.contentArray.front().volumePath;
     });
     if (running >= kMostSearchesOfAVolume) {
@@ -64,6 +79,11 @@ void KorvaneProDaemon::startSearch(const std::string& folder, WaitingSearch sear
         return;
     }
     waitingSearches.erase(folder);
+    if (auto task = launchSearch(std::move(search))) searchTasks.push_back(std::move(*task));
+    armSearchTimer();
+}
+
+std::optional<SearchTask> KorvaneProDaemon::launchSearch(WaitingSearch search) {
     auto& [program, volumeName, jobs] = search;
     FileSystem& files = machine_.fileSystem;
     std::string input;
@@ -81,13 +101,36 @@ void KorvaneProDaemon::startSearch(const std::string& folder, WaitingSearch sear
     const std::string inFilePath = searchInputFor(volumeName);
     const auto written = files.writeFile(inFilePath, input, kSearchInputPermissions);
     if (!written) {
-        machine_.systemLog.write(
-            LogLevel::warning, formatText("No search for what is in the trash of \"%@\": %@.",
-                                          {std::string_view(volumeName), written.error().message}));
-    } else if (auto task = machine_.processes.launch(program, {kInFileArgument, inFilePath})) {
-        searchTasks.push_back({std::move(task), inFilePath, std::move(jobs)});
+        tellOfSearchFile(inFilePath,
+                         formatText("No search for what is in the trash of \"%@\": %@.",
+                                    {std::string_view(volumeName), written.error().message}));
+        return std::nullopt;
     }
-    armSearchTimer();
+    searchFilesToldOf.erase(inFilePath);
+    auto launched = machine_.processes.launch(program, {kInFileArgument, inFilePath});
+    if (!launched) return std::nullopt;
+    return SearchTask{.searchTask = std::move(launched),
+                      .inFilePath = inFilePath,
+                      .contentArray = std::move(jobs),
+                      .seenAt = machine_.clock.microsecondsSinceBoot()};
+}
+
+bool KorvaneProDaemon::hasPlaceForResult(const SearchContent& job) {
+    const auto taken = machine_.fileSystem.attributes(job.searchResultPath);
+    if (!taken ||
+        (taken->kind == ItemKind::file && taken->ownerId == machine_.fileSystem.userId())) {
+        searchFilesToldOf.erase(job.searchResultPath);
+        return true;
+    }
+    tellOfSearchFile(job.searchResultPath,
+                     formatText("No search for an item in the trash: \"%@\" is somebody else's.",
+                                {std::string_view(job.searchResultPath)}));
+    return false;
+}
+
+void KorvaneProDaemon::tellOfSearchFile(const std::string& path, const std::string& line) {
+    if (searchFilesToldOf.size() >= kMostFilesToldOf) searchFilesToldOf.clear();
+    if (searchFilesToldOf.insert(path).second) machine_.systemLog.write(LogLevel::warning, line);
 }
 
 void KorvaneProDaemon::startWaitingSearches() {
@@ -107,25 +150,51 @@ void KorvaneProDaemon::armSearchTimer() {
 }
 
 void KorvaneProDaemon::searchTaskCompleteCheck() {
-    const auto isPending = [](const SearchTask& task) {
-        return task.inFilePath != kSearchTaskDone;
-    };
     // Decided before anything is collected, so that one more pass follows the last program's end.
     const bool anyPending = std::ranges::any_of(searchTasks, isPending);
+    // One that does not even end when it is told to has no poll: it would be polled for ever.
+    const bool anyAwaited = std::ranges::any_of(
+        searchTasks, [](const SearchTask& task) { return isPending(task) && !task.isGivenUp; });
+    for (const auto& [nodeId, job] : std::exchange(uncollectedResults, {})) {
+        collectSearchResult(job);
+    }
     for (SearchTask& task : searchTasks) {
-        if (!isPending(task) || task.searchTask->isRunning()) continue;
-        for (const SearchContent& job : task.contentArray) collectSearchResult(job);
-        (void)machine_.fileSystem.remove(task.inFilePath);  // somebody may have been quicker
-        task = {.searchTask = nullptr, .inFilePath = kSearchTaskDone, .contentArray = {}};
+        if (!isPending(task)) continue;
+        if (task.searchTask->isRunning()) {
+            endSearchThatHangs(task);
+        } else {
+            collectSearchTask(task);
+        }
     }
     if (!anyPending) {
         searchTasks.clear();
-    } else if (searchTimers.empty()) {
+    } else if (anyAwaited && searchTimers.empty()) {
         // Another poll that is to come goes on for this one: a program that hangs keeps one going,
         // however many scans there were meanwhile.
         armSearchTimer();
     }
     startWaitingSearches();
+}
+
+void KorvaneProDaemon::endSearchThatHangs(SearchTask& task) {
+    const std::uint64_t now = machine_.clock.microsecondsSinceBoot();
+    const std::chrono::microseconds since(now - std::exchange(task.seenAt, now));
+    task.ran += std::min<std::chrono::microseconds>(since, 2 * kSearchPoll);
+    if (task.isGivenUp || task.ran < kLongestSearch) return;
+    task.isGivenUp = true;
+    task.searchTask->terminate();
+    machine_.systemLog.write(
+        LogLevel::warning,
+        formatText("A search for what is in the trash of \"%@\" has not ended for an hour and is "
+                   "given up: the disk may be failing.",
+                   {std::string_view(task.contentArray.front().volumePath)}));
+}
+
+void KorvaneProDaemon::collectSearchTask(SearchTask& task) {
+    if (task.isOfEarlier) searchAnew(task);
+    for (const SearchContent& job : task.contentArray) collectSearchResult(job);
+    (void)machine_.fileSystem.remove(task.inFilePath);  // somebody may have been quicker
+    task = {.searchTask = nullptr, .inFilePath = kSearchTaskDone, .contentArray = {}};
 }
 
 void KorvaneProDaemon::collectSearchResult(const SearchContent& job) {
@@ -151,17 +220,26 @@ void KorvaneProDaemon::collectSearchResult(const SearchContent& job) {
         hasResult ? files.readFile(job.searchResultPath) : Result<std::string>(std::string());
     if (result) {
         addition += stampedRecords(*result, secondsSince1904(now));
-        resultsLeft.erase(job.searchResultPath);
-    } else if (resultsLeft.insert(job.searchResultPath).second) {
-        // Whoever has planted it there leaves it there: every scan comes upon it again.
-        machine_.systemLog.write(LogLevel::warning,
-                                 formatText("A result of the trash search is left where it is: %@.",
-                                            {std::string_view(result.error().message)}));
+    } else {
+        tellOfSearchFile(job.searchResultPath,
+                         formatText("A result of the trash search is left where it is: %@.",
+                                    {std::string_view(result.error().message)}));
     }
-    // Where the records cannot be kept the result stays.
-    const bool isKept = static_cast<bool>(
-        files.appendRecords(path, addition, kTrashRecordBytes, kTrashDeletesPermissions));
-    if (isKept && hasResult && result) (void)files.remove(job.searchResultPath);
+    const auto kept =
+        files.appendRecords(path, addition, kTrashRecordBytes, kTrashDeletesPermissions);
+    if (kept) {
+        searchFilesToldOf.erase(job.outFilePath);
+        if (hasResult && result) (void)files.remove(job.searchResultPath);
+    } else {
+        // The result stays, and is looked at again with those of the next search.
+        if (hasResult && uncollectedResults.size() < kMostUncollected) {
+            uncollectedResults.insert_or_assign(job.nodeId, job);
+        }
+        tellOfSearchFile(
+            job.outFilePath,
+            formatText("What was found out of items in the trash cannot be kept now: %@.",
+                       {std::string_view(kept.error().message)}));
+    }
     (void)files.setPermissions(path, kSharedFilePermissions);  // there may be no file
 }
 

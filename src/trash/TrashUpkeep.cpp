@@ -14,55 +14,67 @@ namespace korvane {
 
 namespace {
 
+std::string usagePath() { return std::string(kSupportFolder) + '/' + kTrashUsageFile; }
+
 std::string_view nameOf(std::string_view path) { return path.substr(path.rfind('/') + 1); }
 
 }  // namespace
 
 void KorvaneProDaemon::recordTrashItems(const std::vector<TrashItem>& items) {
     if (items.empty()) return;
-    const std::string path = std::string(kSupportFolder) + '/' + kTrashUsageFile;
     const Time now = machine_.clock.now();
+    bool isUsable = false;
     const auto recordFrom = [&](std::size_t first) {
-        bool isUsable = false;
-        // A failed write costs these records until the folder changes again, and nothing else.
-        (void)machine_.fileSystem.changePropertyListInSteps(
-            path, items.size() - first,
+        return machine_.fileSystem.changePropertyListInSteps(
+            usagePath(), items.size() - first,
             [&](PropertyList& usage, std::size_t step) {
                 isUsable = usage.dictionary() != nullptr;
                 if (isUsable) storeTrashRecord(*usage.dictionary(), items[first + step], now);
                 return isUsable;
             },
             kSharedFilePermissions, Durability::process);
-        return isUsable;
     };
-    if (recordFrom(0)) return;
-    if (beginTrashUsage(items.front()) && items.size() > 1) (void)recordFrom(1);
+    Result<std::monostate> recorded = recordFrom(0);
+    if (!isUsable) {
+        recorded = beginTrashUsage(items.front());
+        if (recorded && items.size() > 1) recorded = recordFrom(1);
+    }
+    // These records are lost until the folder changes again, and nothing else is.
+    if (!recorded && !hasToldOfUsageFile) {
+        machine_.systemLog.write(LogLevel::warning,
+                                 formatText("What is in the trash cannot be recorded now: %@.",
+                                            {std::string_view(recorded.error().message)}));
+    }
+    hasToldOfUsageFile = !recorded;
 }
 
-bool KorvaneProDaemon::beginTrashUsage(const TrashItem& item) {
+Result<std::monostate> KorvaneProDaemon::beginTrashUsage(const TrashItem& item) {
     FileSystem& files = machine_.fileSystem;
-    const std::string path = std::string(kSupportFolder) + '/' + kTrashUsageFile;
+    const std::string path = usagePath();
     const Time now = machine_.clock.now();
     if (const auto attributes = files.attributes(path)) {
-        // What cannot be read now may be good, and what can be by now is.
-        if (attributes->kind == ItemKind::file && attributes->ownerId == files.userId()) {
+        // What cannot be read now may be good, and what can be by now is. More than can ever be
+        // read is not.
+        if (attributes->kind == ItemKind::file && attributes->ownerId == files.userId() &&
+            attributes->sizeBytes <= kLargestPropertyListBytes) {
             const Result<std::string> text = files.readFile(path);
-            if (!text) return false;
+            if (!text) return text.error();
             const auto document = parsePropertyList(*text);
-            if (document && document->dictionary()) return false;
+            if (document && document->dictionary())
+                return Error{path + ": could not be read a moment ago"};
         }
         const std::string aside =
             std::string(kSupportFolder) + '/' +
             formatLocalTime(now, "Trash Usage, unreadable %Y-%m-%d %H-%M-%S") + ".plist";
-        if (!files.rename(path, aside)) return false;
+        if (!files.rename(path, aside)) return Error{path + ": cannot be set aside"};
         machine_.systemLog.write(LogLevel::error,
                                  formatText("\"%@\" cannot be used and is kept as \"%@\".",
                                             {std::string_view(path), std::string_view(aside)}));
     }
     Dictionary usage;
     storeTrashRecord(usage, item, now);
-    return static_cast<bool>(files.writePropertyList(path, PropertyList(std::move(usage)),
-                                                     kSharedFilePermissions, Durability::process));
+    return files.writePropertyList(path, PropertyList(std::move(usage)), kSharedFilePermissions,
+                                   Durability::process);
 }
 
 void KorvaneProDaemon::didFindOut() {
@@ -71,7 +83,7 @@ void KorvaneProDaemon::didFindOut() {
 
 void KorvaneProDaemon::trashSub() {
     FileSystem& files = machine_.fileSystem;
-    const std::string path = std::string(kSupportFolder) + '/' + kTrashUsageFile;
+    const std::string path = usagePath();
     const Time now = machine_.clock.now();
     // A file that cannot be read, or written, stays as it is; the next scan tries again.
     (void)files.changePropertyList(

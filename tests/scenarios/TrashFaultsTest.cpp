@@ -88,6 +88,36 @@ TEST_F(TrashFaults, ProgramsThatHangAreNoMoreThanFourAndOnePoll) {
     EXPECT_THAT(jobs, SizeIs(7));
 }
 
+TEST_F(TrashFaults, TellsOnceOfAUsageFileThatCannotBeReadOrWritten) {
+    const auto lines = [this] {
+        return std::ranges::count_if(s.log(), [](const std::string& line) {
+            return line.find("What is in the trash cannot be recorded now") != std::string::npos;
+        });
+    };
+    s.run(seconds(1));
+    trash(std::string(kTrash) + "/a");
+    s.run(seconds(1));
+    for (int episode = 1; episode <= 2; ++episode) {
+        files().setUnreadableFile(kUsage);
+        for (const char* name : {"/b", "/c", "/d"}) {
+            trash(kTrash + std::string(name));
+            s.run(seconds(1));
+        }
+        EXPECT_EQ(lines(), episode);
+        files().setUnreadableFile("");
+        trash(std::string(kTrash) + "/e");
+        s.run(seconds(1));
+        EXPECT_EQ(lines(), episode);
+    }
+    files().setFull("/dev/sda1", true);
+    for (const char* name : {"/f", "/g"}) {
+        s.machine().directoryWatch.changed(kTrash);
+        s.run(seconds(1));
+        EXPECT_TRUE(record(name + 1).empty());
+        EXPECT_EQ(lines(), 3);
+    }
+}
+
 TEST_F(TrashFaults, AUsageFileThatCannotBeReadNowKeepsItsRecords) {
     s.run(seconds(1));
     trash(std::string(kTrash) + "/a");
@@ -114,7 +144,7 @@ TEST_F(TrashFaults, AResultThatSomebodyPlantedIsToldOnce) {
     const auto told = [this] {
         const auto lines = s.log();
         return std::ranges::count_if(lines, [](const std::string& line) {
-            return line.find("is left where it is") != std::string::npos;
+            return line.find("is somebody else's") != std::string::npos;
         });
     };
     for (const char* name : {"/b", "/c"}) {

@@ -45,8 +45,8 @@ Result<std::string> SimulatedFileSystem::readFile(const std::string& path) {
     if (!place || !place->node) {
         return Error{path + ": no such file or folder"};
     }
-    if (place->node->kind != ItemKind::file) {
-        return Error{path + ": not a regular file"};
+    if (place->node->kind != ItemKind::file || place->node->ownerId != userId()) {
+        return Error{path + ": not a file of its own"};
     }
     if (path == unreadableFile_) {
         return Error{path + ": no more files"};
@@ -60,9 +60,7 @@ Result<std::monostate> SimulatedFileSystem::writeFile(const std::string& path,
     if (!place || place->name.empty()) {
         return Error{path + ": no such file or folder"};
     }
-    const auto account = accounts_.find(userName_);
-    const std::uint32_t user = account == accounts_.end() ? 0 : account->second;
-    if (place->node && (place->node->kind != ItemKind::file || place->node->ownerId != user)) {
+    if (place->node && (place->node->kind != ItemKind::file || place->node->ownerId != userId())) {
         return Error{path + ": not a file of its own"};
     }
     if (const std::optional<Error> error = refusal(*place, true)) {

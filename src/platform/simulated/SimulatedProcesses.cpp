@@ -8,6 +8,7 @@ namespace korvane {
 // One run of a program.
 struct SimulatedProcesses::Running {
     Launch launch;
+    bool endsWhenTold = true;
     const Task* task = nullptr;  // while somebody holds it
     std::unique_ptr<Timer> timer;
 };
@@ -25,14 +26,18 @@ class SimulatedProcesses::LaunchedTask final : public Task {
     bool isRunning() override { return running_->launch.isRunning; }
     void interrupt() override {
         ++running_->launch.interrupts;
-        processes_.end(*running_);
+        endAsTold();
     }
     void terminate() override {
         ++running_->launch.terminates;
-        processes_.end(*running_);
+        endAsTold();
     }
 
   private:
+    void endAsTold() {
+        if (running_->endsWhenTold) processes_.end(*running_);
+    }
+
     SimulatedProcesses& processes_;
     std::shared_ptr<Running> running_;
 };
@@ -74,6 +79,7 @@ std::unique_ptr<Task> SimulatedProcesses::launch(const std::string& path,
     journal_.note("launched", path);
     auto running = std::make_shared<Running>();
     running->launch = Launch{.path = path, .arguments = arguments};
+    running->endsWhenTold = known->second.endsWhenTold;
     launched_.push_back(running);
     if (known->second.duration) {
         running->timer =

@@ -29,6 +29,8 @@ class SimulatedProcesses final : public Processes {
         std::optional<std::chrono::microseconds> duration;
         // What it has done when it ends by itself.
         std::function<void(const std::vector<std::string>& arguments)> work;
+        // No for one that waits for a disk and hears nothing.
+        bool endsWhenTold = true;
     };
     struct Launch {
         std::string path;

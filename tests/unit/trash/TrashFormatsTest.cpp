@@ -66,6 +66,26 @@ TEST(SearchPaths, ComeFromTheNodeAndFromTheVolume) {
     EXPECT_EQ(searchInputPathOf("a/../b"), "/tmp/.KVDataRec_a%2F..%2Fb.dat");
 }
 
+TEST(SearchPaths, AreToldFromOthers) {
+    for (const std::uint64_t node : {std::uint64_t{0}, std::uint64_t{12}, ~std::uint64_t{0}}) {
+        EXPECT_EQ(nodeOfSearchResult(searchResultPathOf(node)), node);
+    }
+    for (const char* other :
+         {"", "/tmp/.dat", "/tmp/..dat", "/tmp/.7", "/tmp/.7.da", "/tmp/.7.dat ", "/tmp/.07.dat",
+          "/tmp/.00.dat", "/tmp/.-7.dat", "/tmp/.+7.dat", "/tmp/. 7.dat", "/tmp/.7x.dat",
+          "/tmp/.18446744073709551616.dat", "/tmp/7.dat", "/var/tmp/.7.dat",
+          "/tmp/.KVDataRec_7.dat"}) {
+        EXPECT_FALSE(nodeOfSearchResult(other)) << other;
+    }
+    for (const char* name : {"Data", "", "a/b", "Data 1"}) {
+        EXPECT_TRUE(isSearchInputPath(searchInputPathOf(name))) << name;
+    }
+    for (const char* other : {"", "/tmp/.KVDataRec_", "/tmp/.KVDataRec_.da", "/tmp/.7.dat",
+                              "/tmp/.KVDataRec_a/b.dat", "/tmp/KVDataRec_a.dat"}) {
+        EXPECT_FALSE(isSearchInputPath(other)) << other;
+    }
+}
+
 const TrashDeletesHeader kHeader{.deviceName = "/dev/sda2",
                                  .volumePath = "/Volumes/Data",
                                  .deviceValue = "CST00A1",

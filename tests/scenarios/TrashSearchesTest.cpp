@@ -1,0 +1,282 @@
+// Searches of the trash that hang, that somebody stands in the way of, or that outlive the daemon
+// which began them.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+
+#include "scenarios/TrashBed.h"
+
+namespace korvane {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using std::chrono::minutes;
+using std::chrono::seconds;
+using testing::HasSubstr;
+using testing::SizeIs;
+
+constexpr char kInput[] = "/tmp/.KVDataRec_Data.dat";
+constexpr std::uint32_t kSomebodyElse = 501;
+
+class TrashSearches : public TrashBed {
+  protected:
+    void hang(bool endsWhenTold) {
+        s.machine().processes.setProgram(
+            kProgram, {.duration = std::nullopt, .work = nullptr, .endsWhenTold = endsWhenTold});
+    }
+    std::ptrdiff_t lines(const std::string& text) {
+        return std::ranges::count_if(
+            s.log(), [&](const std::string& line) { return line.find(text) != std::string::npos; });
+    }
+    std::size_t launches() { return s.machine().processes.launches().size(); }
+    std::string resultOf(const std::string& item) {
+        return searchResultPathOf(files().nodeId(kDataTrash + ("/" + item)));
+    }
+    std::string collected() {
+        return files().bytes(volumeFolder("Data") + "/" + kDeletes).value_or("");
+    }
+};
+
+TEST_F(TrashSearches, EndAProgramThatHangsAfterAnHour) {
+    hang(true);
+    s.run(seconds(1));
+    for (const char* name : {"a", "b", "c", "d", "e"}) {
+        trash(kDataTrash + ("/" + std::string(name)));
+        s.run(seconds(1));
+    }
+    s.run(minutes(55));
+    EXPECT_EQ(launches(), 4u);
+    EXPECT_EQ(lines("has not ended for an hour"), 0);
+    setProgram("result");
+    s.run(minutes(10));
+    EXPECT_EQ(lines("has not ended for an hour"), 4);
+    EXPECT_EQ(launches(), 5u);  // what had to wait
+    EXPECT_FALSE(files().exists(kInput));
+    EXPECT_THAT(jobs, SizeIs(5));
+}
+
+TEST_F(TrashSearches, PollNoProgramThatDoesNotEvenEndWhenTold) {
+    s.run(seconds(60));
+    const std::size_t before = s.pendingDelays().size();
+    hang(false);
+    for (const char* name : {"a", "b", "c", "d", "e"}) {
+        trash(kDataTrash + ("/" + std::string(name)));
+        s.run(seconds(1));
+    }
+    s.run(minutes(65));
+    EXPECT_EQ(lines("has not ended for an hour"), 4);
+    EXPECT_EQ(s.pendingDelays().size(), before);
+    // Any more would hang beside them.
+    trash(std::string(kDataTrash) + "/f");
+    s.run(minutes(1));
+    EXPECT_EQ(launches(), 4u);
+    EXPECT_EQ(s.pendingDelays().size(), before);
+    // The disk answers again.
+    setProgram("result");
+    for (std::size_t launch = 0; launch < 4; ++launch) s.machine().processes.kill(launch);
+    s.machine().directoryWatch.changed(kDataTrash);
+    s.run(seconds(10));
+    EXPECT_EQ(launches(), 5u);
+    EXPECT_THAT(jobs, SizeIs(6));
+    EXPECT_FALSE(files().exists(kInput));
+    EXPECT_EQ(lines("has not ended for an hour"), 4);
+}
+
+TEST_F(TrashSearches, LetAProgramGoOnThatTheMachineSleptOver) {
+    hang(true);
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(seconds(10)).suspend(hours(8)).run(minutes(10));
+    EXPECT_EQ(lines("has not ended for an hour"), 0);
+    EXPECT_TRUE(files().exists(kInput));
+}
+
+TEST_F(TrashSearches, DropAJobWhoseResultHasSomebodyElsesFileInItsPlace) {
+    s.run(seconds(1));
+    s.put(std::string(kDataTrash) + "/a", "");
+    const std::string planted = resultOf("a");
+    s.put(planted, "planted");
+    ASSERT_TRUE(files().setOwner(planted, kSomebodyElse));
+    for (const char* name : {"b", "c", "d"}) {
+        trash(kDataTrash + ("/" + std::string(name)));
+        s.run(seconds(5));
+    }
+    EXPECT_EQ(lines(planted), 1);
+    EXPECT_THAT(jobs, SizeIs(1 + 2 + 3));
+    EXPECT_EQ(files().bytes(planted), "planted");
+    EXPECT_FALSE(record("a").empty());
+    ASSERT_TRUE(files().removeItem(planted));
+    s.machine().directoryWatch.changed(kDataTrash);
+    s.run(seconds(5));
+    EXPECT_THAT(jobs, SizeIs(6 + 4));
+}
+
+TEST_F(TrashSearches, AreNotBegunForNothingButSomebodyElsesFiles) {
+    s.run(seconds(1));
+    s.put(std::string(kDataTrash) + "/a", "");
+    ASSERT_TRUE(files().putLink(resultOf("a"), "/etc/passwd"));
+    s.machine().directoryWatch.changed(kDataTrash);
+    s.run(seconds(5));
+    EXPECT_EQ(launches(), 0u);
+    EXPECT_FALSE(record("a").empty());
+}
+
+TEST_F(TrashSearches, TellOnceOfAnInputFileThatIsSomebodyElses) {
+    s.run(seconds(1));
+    s.put(kInput, "planted");
+    ASSERT_TRUE(files().setOwner(kInput, kSomebodyElse));
+    for (const char* name : {"a", "b", "c"}) {
+        trash(kDataTrash + ("/" + std::string(name)));
+        s.run(seconds(5));
+    }
+    EXPECT_EQ(lines("No search for what is in the trash of \"Data\""), 1);
+    EXPECT_EQ(files().bytes(kInput), "planted");
+}
+
+TEST_F(TrashSearches, KeepTheirResultsUntilThereIsAPlaceForThem) {
+    const std::string place = volumeFolder("Data") + "/" + kDeletes;
+    s.put(place + "/a folder in its place", "");
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(seconds(10));
+    EXPECT_TRUE(files().exists(resultOf("a")));
+    for (const char* name : {"b", "c"}) {
+        trash(kDataTrash + ("/" + std::string(name)));
+        s.run(seconds(5));
+    }
+    EXPECT_EQ(lines("cannot be kept now"), 1);
+    const std::string left = resultOf("a");
+    ASSERT_TRUE(files().removeItem(std::string(kDataTrash) + "/a"));
+    ASSERT_TRUE(files().removeItem(place));
+    s.machine().directoryWatch.changed(kDataTrash);
+    s.run(seconds(10));
+    EXPECT_FALSE(files().exists(left));
+    // Of "a" once, and of "b" and "c".
+    EXPECT_THAT(collected(), SizeIs((1 + 3) * kTrashRecordBytes));
+}
+
+TEST_F(TrashSearches, BeginAFileWithWhatTheDeviceIsKnownBy) {
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(seconds(10));
+    const auto header = decodeTrashDeletesHeader(collected().substr(0, kTrashRecordBytes));
+    ASSERT_TRUE(header);
+    EXPECT_EQ(header->deviceName, "/dev/sda2");
+    EXPECT_EQ(header->volumePath, "/Volumes/Data");
+    EXPECT_EQ(header->deviceValue, "CST00A1");
+    EXPECT_FALSE(header->schemeOfPartition);
+}
+
+TEST_F(TrashSearches, AreCollectedByTheNextDaemon) {
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(milliseconds(1500));
+    ASSERT_TRUE(files().exists(kInput));
+    ASSERT_TRUE(files().exists(resultOf("a")));
+    EXPECT_EQ(collected(), "");
+    s.restart().run(seconds(10));
+    EXPECT_EQ(launches(), 1u);
+    EXPECT_THAT(collected(), SizeIs(2 * kTrashRecordBytes));
+    EXPECT_THAT(collected(), HasSubstr("result"));
+    EXPECT_FALSE(files().exists(kInput));
+    EXPECT_FALSE(files().exists(resultOf("a")));
+}
+
+TEST_F(TrashSearches, OfAnEarlierDaemonAreWaitedForWhileItsProgramRuns) {
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(milliseconds(1500));
+    s.startProcess(kRecoveryProgram).restart().run(minutes(1));
+    EXPECT_EQ(collected(), "");
+    EXPECT_TRUE(files().exists(kInput));
+    s.quitProcess(kRecoveryProgram).run(seconds(5));
+    EXPECT_THAT(collected(), HasSubstr("result"));
+    EXPECT_FALSE(files().exists(kInput));
+}
+
+TEST_F(TrashSearches, ThatCameToNothingAreBegunAnewByTheNextDaemon) {
+    hang(true);
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(milliseconds(500));
+    s.put(std::string(kDataTrash) + "/b", "");
+    s.machine().directoryWatch.changed(kDataTrash);
+    s.run(milliseconds(500));
+    ASSERT_EQ(launches(), 2u);
+    s.put(resultOf("b"), "item b");
+    setProgram("result");
+    s.restart().run(seconds(10));
+    // "a", which both were to look for; "b" has its result.
+    EXPECT_THAT(jobs, SizeIs(1));
+    EXPECT_THAT(collected(), HasSubstr("item b"));
+    EXPECT_THAT(collected(), HasSubstr("result"));
+    EXPECT_FALSE(files().exists(kInput));
+    EXPECT_FALSE(files().exists("/tmp/.KVDataRec_Data 1.dat"));
+    EXPECT_FALSE(files().exists(resultOf("a")));
+}
+
+TEST_F(TrashSearches, LeaveResultsThatAreFoundByTheirRecords) {
+    setProgram("");
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(seconds(10));
+    const std::string left = resultOf("a");
+    s.put(left, "item a");
+    s.restart().run(seconds(5));
+    EXPECT_THAT(collected(), HasSubstr("item a"));
+    EXPECT_FALSE(files().exists(left));
+}
+
+TEST_F(TrashSearches, LeaveAloneWhatIsNotTheirs) {
+    setProgram("");
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    trash(std::string(kDataTrash) + "/b");
+    s.run(seconds(10));
+    s.put(resultOf("a"), "item a");
+    ASSERT_TRUE(files().setOwner(resultOf("a"), kSomebodyElse));
+    s.put(resultOf("b"), "no result").put("/tmp/.77777.dat", "item of nobody");
+    s.put("/tmp/.KVDataRec_x.dat", "of somebody else").put("/tmp/.KVDataRec_y.dat", "no jobs");
+    ASSERT_TRUE(files().setOwner("/tmp/.KVDataRec_x.dat", kSomebodyElse));
+    ASSERT_TRUE(files().putLink("/tmp/.KVDataRec_z.dat", "/tmp/.x"));
+    s.restart().run(seconds(5));
+    for (const std::string& path : {resultOf("a"), resultOf("b"), std::string("/tmp/.77777.dat"),
+                                    std::string("/tmp/.KVDataRec_x.dat"),
+                                    std::string("/tmp/.KVDataRec_z.dat"), std::string("/tmp/.x")}) {
+        EXPECT_TRUE(files().attributes(path)) << path;
+    }
+    EXPECT_FALSE(files().exists("/tmp/.KVDataRec_y.dat"));
+    // What belongs to nothing goes in time.
+    s.stepClock(hours(24 * 6)).restart().run(seconds(5));
+    EXPECT_FALSE(files().exists("/tmp/.77777.dat"));
+    EXPECT_TRUE(files().exists(resultOf("b")));
+}
+
+TEST_F(TrashSearches, OfAVolumeThatIsNotMountedAreDropped) {
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(milliseconds(1500));
+    const std::string left = resultOf("a");
+    s.unmount("/Volumes/Data").restart().run(seconds(10));
+    EXPECT_FALSE(files().exists(kInput));
+    EXPECT_TRUE(files().exists(left));
+    EXPECT_EQ(launches(), 1u);
+}
+
+TEST_F(TrashSearches, AreNotTakenUpWhileTheHistoryIsOff) {
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(milliseconds(1500));
+    s.editPreferences([](Dictionary& settings) { settings.set("trashHistoryOnOff", false); });
+    s.restart().run(seconds(10));
+    EXPECT_TRUE(files().exists(kInput));
+    EXPECT_EQ(collected(), "");
+}
+
+}  // namespace
+}  // namespace korvane
