@@ -95,9 +95,11 @@ class KorvaneProDaemon final : public ControlTarget {
     std::list<std::unique_ptr<Timer>> searchTimers;  // one for each poll that is to come
     std::map<std::string, WaitingSearch> waitingSearches;       // by trash folder
     std::map<std::uint64_t, SearchContent> uncollectedResults;  // by node: no room to keep them
-    // Told of in the log, each until it is right again: paths of searches, and the usage file.
+    // Told of in the log, each until it is right again: files in /tmp, the usage file, and files of
+    // results that cannot be added to.
     std::set<std::string> searchFilesToldOf;
     bool hasToldOfUsageFile = false;
+    bool hasToldOfResults = false;
     std::int64_t trashSaveDays = 0;  // as of the last load
     // What the last question for a device's value found of its partition table.
     bool schemeOfPartition = false;
@@ -325,11 +327,8 @@ class KorvaneProDaemon final : public ControlTarget {
     void endSearchThatHangs(SearchTask& task);
     // Takes up what a daemon before this one has left of its searches (TrashLeftovers.cpp).
     void takeUpSearches();
-    // One for the jobs of an input file that none has `taken` yet.
-    [[nodiscard]] std::optional<SearchTask> leftSearch(const std::string& inFilePath,
-                                                       std::set<std::uint64_t>& taken);
-    // For results whose input file is gone: by the records of the usage file.
-    void collectLeftResults(const std::set<std::uint64_t>& nodeIds);
+    // For a result whose input file is gone, by the volumes that the records of its item name.
+    void collectLeftResult(std::uint64_t nodeId, const std::set<std::int16_t>& seenOn);
     // What the program of an earlier daemon has not come to is searched for anew.
     void searchAnew(SearchTask& task);
 };

@@ -20,6 +20,10 @@ struct SearchContent {
     std::string searchResultPath;  // what the program leaves
 };
 
+// Far longer than any program that works: writing a large file back to a slow stick before its
+// place is known takes a quarter of an hour.
+inline constexpr std::chrono::hours kLongestSearch{1};
+
 // Stands in the path of an input file whose results have been collected.
 inline constexpr char kSearchTaskDone[] = "IGNORE";
 

@@ -6,16 +6,18 @@
 #include <map>
 #include <utility>
 
-#include "base/Format.h"
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
 #include "storage/SupportFolder.h"
+#include "storage/TrashEntry.h"
 #include "trash/TrashFormats.h"
-#include "trash/TrashRecords.h"
 
 namespace korvane {
 
 namespace {
+
+// No more than what a machine runs without a restart.
+constexpr std::int64_t kMostDaysOfAResult = 3650;
 
 // Which of the running programs is an earlier daemon's is not known: it has ended once none runs.
 class EarlierTask final : public Task {
@@ -39,15 +41,62 @@ class EarlierTask final : public Task {
     bool isGivenUp_ = false;  // no longer waited for
 };
 
-// The volumes on which an item of this number was seen in the trash.
-std::map<std::uint64_t, std::set<std::int16_t>> volumesOfNodes(const PropertyList& usage) {
-    std::map<std::uint64_t, std::set<std::int16_t>> volumes;
-    if (!usage.dictionary()) return volumes;
-    for (const Dictionary::Entry& entry : *usage.dictionary()) {
+// The volumes on which an item of a number was seen in the trash.
+using NodeVolumes = std::map<std::uint64_t, std::set<std::int16_t>>;
+
+NodeVolumes volumesOfNodes(FileSystem& files) {
+    NodeVolumes volumes;
+    const auto usage = files.readPropertyList(std::string(kSupportFolder) + '/' + kTrashUsageFile);
+    if (!usage || !usage->dictionary()) return volumes;
+    for (const Dictionary::Entry& entry : *usage->dictionary()) {
         const auto record = ConstTrashEntry::over(entry.value);
         if (record) volumes[record->nodeId()].insert(record->volRefNum());
     }
     return volumes;
+}
+
+// The job as it was given, if its item has a record on a volume that is mounted.
+std::optional<SearchContent> leftJob(const Machine& machine, std::string_view bytes,
+                                     const NodeVolumes& seenOn) {
+    const auto job = decodeSearchJob(bytes);
+    const auto node = job ? nodeOfSearchResult(job->searchResultPath) : std::nullopt;
+    constexpr std::string_view kDevices = "/dev/";
+    if (!node || !job->deviceName.starts_with(kDevices)) return std::nullopt;
+    const auto volume = machine.volumes.volumeInfoByDevice(job->deviceName.substr(kDevices.size()));
+    const auto volumes = seenOn.find(*node);
+    if (volume.status != 0 || volumes == seenOn.end() ||
+        !volumes->second.contains(volume.value.referenceNumber)) {
+        return std::nullopt;
+    }
+    const std::string& root = volume.value.root.rootPath;
+    return SearchContent{.nodeId = *node,
+                         .parentId = job->parentId,
+                         .volumePath = root,
+                         .outFilePath = volumeFolder(machine.fileSystem.displayName(root)),
+                         .searchResultPath = job->searchResultPath};
+}
+
+// The jobs of an input file that none has `taken` yet.
+std::vector<SearchContent> leftJobs(const Machine& machine, const std::string& inFilePath,
+                                    const NodeVolumes& seenOn, std::set<std::uint64_t>& taken) {
+    std::vector<SearchContent> jobs;
+    const Result<std::string> input = machine.fileSystem.readFile(inFilePath);
+    if (!input) return jobs;  // somebody else's
+    for (std::size_t at = 0; at < input->size(); at += kSearchJobBytes) {
+        auto job = leftJob(machine, std::string_view(*input).substr(at, kSearchJobBytes), seenOn);
+        if (job && taken.insert(job->nodeId).second) jobs.push_back(std::move(*job));
+    }
+    return jobs;
+}
+
+// What belongs to nothing is no use once it is that old.
+void removeIfOld(const Machine& machine, const std::string& path, std::chrono::seconds age) {
+    FileSystem& files = machine.fileSystem;
+    const auto attributes = files.attributes(path);
+    if (attributes && attributes->kind == ItemKind::file && attributes->ownerId == files.userId() &&
+        machine.clock.now() - attributes->modificationDate >= age) {
+        (void)files.remove(path);  // the next start tries again
+    }
 }
 
 }  // namespace
@@ -56,81 +105,53 @@ void KorvaneProDaemon::takeUpSearches() {
     if (!booleanValue(preference(kTrashHistoryOnOff))) return;
     const auto names = machine_.fileSystem.list(kSearchFolder);
     if (!names) return;
+    const NodeVolumes seenOn = volumesOfNodes(machine_.fileSystem);
     std::set<std::uint64_t> results;
     std::set<std::uint64_t> taken;
     for (const std::string& name : *names) {
         const std::string path = std::string(kSearchFolder) + '/' + name;
         if (const auto node = nodeOfSearchResult(path)) results.insert(*node);
         if (!isSearchInputPath(path)) continue;
-        if (auto task = leftSearch(path, taken)) searchTasks.push_back(std::move(*task));
+        auto jobs = leftJobs(machine_, path, seenOn, taken);
+        if (jobs.empty()) {
+            removeIfOld(machine_, path, kLongestSearch);
+        } else {
+            searchTasks.push_back({.searchTask = std::make_unique<EarlierTask>(machine_.processes),
+                                   .inFilePath = path,
+                                   .contentArray = std::move(jobs),
+                                   .seenAt = machine_.clock.microsecondsSinceBoot(),
+                                   .isOfEarlier = true});
+        }
     }
-    std::erase_if(results, [&](std::uint64_t node) { return taken.contains(node); });
-    collectLeftResults(results);
+    for (const std::uint64_t node : results) {
+        if (taken.contains(node)) continue;
+        const auto volumes = seenOn.find(node);
+        collectLeftResult(node,
+                          volumes != seenOn.end() ? volumes->second : std::set<std::int16_t>{});
+    }
     if (!searchTasks.empty()) armSearchTimer();
 }
 
-std::optional<SearchTask> KorvaneProDaemon::leftSearch(const std::string& inFilePath,
-                                                       std::set<std::uint64_t>& taken) {
+void KorvaneProDaemon::collectLeftResult(std::uint64_t nodeId,
+                                         const std::set<std::int16_t>& seenOn) {
     FileSystem& files = machine_.fileSystem;
-    const Result<std::string> input = files.readFile(inFilePath);
-    if (!input) return std::nullopt;  // somebody else's
-    std::vector<SearchContent> jobs;
-    for (std::size_t at = 0; at < input->size(); at += kSearchJobBytes) {
-        const auto job = decodeSearchJob(std::string_view(*input).substr(at, kSearchJobBytes));
-        const auto node = job ? nodeOfSearchResult(job->searchResultPath) : std::nullopt;
-        if (!node) continue;
-        constexpr std::string_view kDevices = "/dev/";
-        const std::string_view device = job->deviceName;
-        if (!device.starts_with(kDevices)) continue;
-        const auto volume = machine_.volumes.volumeInfoByDevice(device.substr(kDevices.size()));
-        if (volume.status != 0) continue;  // it is not mounted, so nothing can be looked for
-        // The same item may be in the jobs of several.
-        if (!taken.insert(*node).second) continue;
-        const std::string& root = volume.value.root.rootPath;
-        jobs.push_back({.nodeId = *node,
-                        .parentId = job->parentId,
-                        .volumePath = root,
-                        .outFilePath = volumeFolder(files.displayName(root)),
-                        .searchResultPath = job->searchResultPath});
+    const std::string path = searchResultPathOf(nodeId);
+    const Result<std::string> result = files.readFile(path);
+    if (!result || !result->starts_with(kResultTag)) return;  // somebody else's
+    // Two volumes may each have an item of this number: which one's it is cannot be told.
+    if (seenOn.size() != 1) {
+        removeIfOld(
+            machine_, path,
+            std::chrono::days(std::clamp<std::int64_t>(trashSaveDays, 1, kMostDaysOfAResult)));
+        return;
     }
-    if (jobs.empty()) {
-        (void)files.remove(inFilePath);  // of no use to anybody
-        return std::nullopt;
-    }
-    return SearchTask{.searchTask = std::make_unique<EarlierTask>(machine_.processes),
-                      .inFilePath = inFilePath,
-                      .contentArray = std::move(jobs),
-                      .seenAt = machine_.clock.microsecondsSinceBoot(),
-                      .isOfEarlier = true};
-}
-
-void KorvaneProDaemon::collectLeftResults(const std::set<std::uint64_t>& nodeIds) {
-    if (nodeIds.empty()) return;
-    FileSystem& files = machine_.fileSystem;
-    const auto usage = files.readPropertyList(std::string(kSupportFolder) + '/' + kTrashUsageFile);
-    const auto volumes = volumesOfNodes(usage ? *usage : PropertyList());
-    for (const std::uint64_t nodeId : nodeIds) {
-        const std::string path = searchResultPathOf(nodeId);
-        const Result<std::string> result = files.readFile(path);
-        if (!result || !result->starts_with(kResultTag)) continue;  // somebody else's
-        const auto seenOn = volumes.find(nodeId);
-        // Two volumes may each have an item of this number: which one's it is cannot be told.
-        if (seenOn == volumes.end() || seenOn->second.size() != 1) {
-            const auto attributes = files.attributes(path);
-            if (attributes && isTrashFileExpired(attributes->modificationDate, machine_.clock.now(),
-                                                 trashSaveDays)) {
-                (void)files.remove(path);  // the next start tries again
-            }
-            continue;
-        }
-        const auto volume = machine_.volumes.volumeInfoByReferenceNumber(*seenOn->second.begin());
-        if (volume.status != 0) continue;  // it may be mounted at the next start
-        const std::string& root = volume.value.root.rootPath;
-        collectSearchResult({.nodeId = nodeId,
-                             .volumePath = root,
-                             .outFilePath = volumeFolder(files.displayName(root)),
-                             .searchResultPath = path});
-    }
+    const auto volume = machine_.volumes.volumeInfoByReferenceNumber(*seenOn.begin());
+    if (volume.status != 0) return;  // it may be mounted at the next start
+    const std::string& root = volume.value.root.rootPath;
+    collectSearchResult({.nodeId = nodeId,
+                         .volumePath = root,
+                         .outFilePath = volumeFolder(files.displayName(root)),
+                         .searchResultPath = path});
 }
 
 void KorvaneProDaemon::searchAnew(SearchTask& task) {

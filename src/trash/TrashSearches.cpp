@@ -23,9 +23,6 @@ constexpr seconds kSearchPoll{2};
 // Enough for what somebody throws away one by one while the first still reads: what is not looked
 // at soon may be emptied by then. A disk that hangs keeps no more of them.
 constexpr std::ptrdiff_t kMostSearchesOfAVolume = 4;
-// Far longer than any that works: writing a large file back to a slow stick before its place is
-// known takes a quarter of an hour.
-constexpr std::chrono::hours kLongestSearch{1};
 // Everybody may plant files there: with more of them some are told of again.
 constexpr std::size_t kMostFilesToldOf = 1000;
 // Those of ten full scans; the others wait for the next start.
@@ -166,6 +163,8 @@ void KorvaneProDaemon::searchTaskCompleteCheck() {
             collectSearchTask(task);
         }
     }
+    // A full disk takes a record now and then.
+    if (uncollectedResults.empty()) hasToldOfResults = false;
     if (!anyPending) {
         searchTasks.clear();
     } else if (anyAwaited && searchTimers.empty()) {
@@ -227,18 +226,19 @@ void KorvaneProDaemon::collectSearchResult(const SearchContent& job) {
     }
     const auto kept =
         files.appendRecords(path, addition, kTrashRecordBytes, kTrashDeletesPermissions);
-    if (kept) {
-        searchFilesToldOf.erase(job.outFilePath);
-        if (hasResult && result) (void)files.remove(job.searchResultPath);
-    } else {
+    if (kept && hasResult && result) {
+        (void)files.remove(job.searchResultPath);
+    } else if (!kept && hasResult) {
         // The result stays, and is looked at again with those of the next search.
-        if (hasResult && uncollectedResults.size() < kMostUncollected) {
+        if (uncollectedResults.size() < kMostUncollected) {
             uncollectedResults.insert_or_assign(job.nodeId, job);
         }
-        tellOfSearchFile(
-            job.outFilePath,
-            formatText("What was found out of items in the trash cannot be kept now: %@.",
-                       {std::string_view(kept.error().message)}));
+        if (!std::exchange(hasToldOfResults, true)) {
+            machine_.systemLog.write(
+                LogLevel::warning,
+                formatText("What was found out of items in the trash cannot be kept now: %@.",
+                           {std::string_view(kept.error().message)}));
+        }
     }
     (void)files.setPermissions(path, kSharedFilePermissions);  // there may be no file
 }

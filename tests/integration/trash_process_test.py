@@ -4,121 +4,21 @@ and the trash of a volume that is mounted for the test.
     trash_process_test.py DAEMON
 """
 
-import contextlib
 import glob
 import os
-import plistlib
 import random
 import signal
 import struct
 import subprocess
 import time
 import unittest
-import xml.parsers.expat
 
-from daemon_process_test import SUPPORT, DaemonBed, mount, read_bytes, volume_entries, wait_for
-
-USAGE = f"{SUPPORT}/Trash Usage.plist"
-RECORD_BYTES = 764
-STAMP_OFFSET = 544
-FROM_1904_TO_1970 = (66 * 365 + 17) * 86400
+from daemon_process_test import SUPPORT, read_bytes, volume_entries, wait_for
+from trash_bed import (FROM_1904_TO_1970, RECORD_BYTES, STAMP_OFFSET, USAGE, TrashBed, put, records,
+                       usage)
 
 
-def usage():
-    try:
-        return plistlib.loads(read_bytes(USAGE))
-    except FileNotFoundError:
-        return {}
-    except (plistlib.InvalidFileException, xml.parsers.expat.ExpatError, ValueError):
-        return None  # just being rewritten
-
-
-def records():
-    document = usage() or {}
-    return {value["itemName"]: value for value in document.values() if isinstance(value, dict)}
-
-
-def put(path, text="x"):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "w", encoding="utf-8") as file:
-        file.write(text)
-    return path
-
-
-class TrashProcess(DaemonBed):
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        # Homes and a /tmp of their own, on the start-up volume still.
-        for folder in ("/home", "/root", "/tmp"):
-            os.makedirs(cls.place + folder)
-        for folder in ("/home", "/root"):
-            mount("--bind", cls.place + folder, folder)
-
-    @classmethod
-    def tearDownClass(cls):
-        for folder in ("/home", "/root"):
-            subprocess.run(["umount", "--lazy", folder], check=True)
-        # What a daemon that was killed had handed to the recovery program.
-        for volume in ("System", "Data"):
-            for path in glob.glob(f"/tmp/.KVDataRec_{volume}*.dat"):
-                os.unlink(path)
-        super().tearDownClass()
-
-    def setUp(self):
-        super().setUp()
-        self.needs_root_volume()
-        for folder in ("/home", "/root"):
-            for name in os.listdir(folder):
-                subprocess.run(["rm", "-rf", f"{folder}/{name}"], check=True)
-        self.trash = "/home/ada/.local/share/Trash"
-        os.makedirs(f"{self.trash}/files")
-        os.makedirs(f"{self.trash}/info")
-
-    def mount_image(self, name, megabytes=16):
-        image = f"{self.place}/{name}.image"
-        with open(image, "wb") as file:
-            file.truncate(megabytes << 20)
-        subprocess.run(["mkfs.ext4", "-q", image], check=True)
-        folder = f"/Volumes/{name}"
-        os.mkdir(folder)
-        if subprocess.run(["mount", "-o", "loop", image, folder], check=False,
-                          capture_output=True).returncode != 0:
-            self.skipTest("this machine mounts no images")
-        self.addCleanup(os.unlink, image)
-        self.addCleanup(subprocess.run, ["umount", "--lazy", folder], check=False)
-        return folder
-
-    def watch(self, *paths, **changes):
-        entries = [{"volumeMountToName": path, "trashOnOff": True, "volumeOnOff": False,
-                    "directoryOnOff": False, "isCoreStorageEncrypted": False,
-                    "freeSpaceWarningLevel": 0, "usageStatus": "3", "directoryStatus": "3",
-                    "executionTimeUsage": 4e9, "executionTimeDirectory": 4e9}
-                   for path in ("/", *paths)]
-        self.write_preferences(volumeArray=entries, **{"trashHistoryOnOff": True, **changes})
-        daemon = self.start()
-        # The trash is watched before the document is written for the first time.
-        wait_for(lambda: volume_entries().get("/", {}).get("usageStatus") == "0")
-        return daemon
-
-    def wait_for_record(self, name):
-        """Waits for an item's record in a daemon that may not have watched yet when it came."""
-        path, other = f"{self.trash}/files/{name}", f"/home/ada/{name}"
-        for _ in range(20):
-            put(other)
-            os.replace(other, path)
-            with contextlib.suppress(AssertionError):
-                return wait_for(lambda: name in records() and usage(), 3)
-        raise AssertionError(f"no record of {name}")
-
-    def throw_away(self, name, text="x", origin=None):
-        """As a file manager does: the note first, then the item."""
-        path = put(f"/home/ada/{name}", text)
-        put(f"{self.trash}/info/{name}.trashinfo",
-            f"[Trash Info]\nPath={origin or path}\nDeletionDate=2026-03-02T08:00:00\n")
-        os.rename(path, f"{self.trash}/files/{name}")
-        return f"{self.trash}/files/{name}"
-
+class TrashProcess(TrashBed):
     def test_records_an_item_stamps_it_and_collects_what_the_program_found(self):
         self.watch()
         began = int(time.time())

@@ -1,0 +1,237 @@
+"""What goes wrong around the trash history of the real daemon: kills, restarts, disks that are full,
+and files that others plant, link or spoil.
+
+    trash_faults_process_test.py DAEMON KORVANECTL
+"""
+
+import contextlib
+import glob
+import os
+import random
+import signal
+import struct
+import subprocess
+import sys
+import time
+import unittest
+
+from daemon_process_test import SUPPORT, mount, read_bytes, volume_entries, wait_for
+from trash_bed import RECORD_BYTES, USAGE, TrashBed, put, records, usage
+
+KORVANECTL = os.path.abspath(sys.argv.pop(1))
+ADA = 1000
+NODE_OFFSET = 8  # of a result record
+
+
+def result_of(path):
+    return f"/tmp/.{os.stat(path, follow_symlinks=False).st_ino}.dat"
+
+
+def files_of_results():
+    return glob.glob(f"{SUPPORT}/System/Trash Deletes *")
+
+
+def nodes_kept():
+    """The numbers of the items in the files of results, each of which must be whole."""
+    nodes = []
+    for path in files_of_results():
+        content = read_bytes(path)
+        if len(content) % RECORD_BYTES != 0:
+            return None  # just being added to
+        nodes += [struct.unpack_from("=Q", content, at + NODE_OFFSET)[0]
+                  for at in range(RECORD_BYTES, len(content), RECORD_BYTES)]
+    return nodes
+
+
+class TrashFaults(TrashBed):
+    def tearDown(self):
+        for path in glob.glob("/tmp/.KVDataRec_System*.dat"):
+            os.unlink(path)
+
+    def count(self, daemon, text):
+        return sum(text in line for line in daemon.lines())
+
+    def end_daemon(self, daemon, number=signal.SIGKILL):
+        daemon.process.send_signal(number)
+        daemon.process.wait()
+
+    def test_collects_what_a_daemon_before_it_had_searched_for(self):
+        daemon = self.watch()
+        for number, name in ((signal.SIGKILL, "killed"), (signal.SIGTERM, "ended")):
+            path = self.throw_away(name, "contents")
+            node, result = os.stat(path).st_ino, result_of(path)
+            wait_for(lambda: os.path.exists(result) or node in (nodes_kept() or ()))
+            self.end_daemon(daemon, number)
+            os.unlink(path)
+            daemon = self.start()
+            wait_for(lambda: node in (nodes_kept() or ()))
+            self.assertFalse(os.path.exists(result))
+            wait_for(lambda: not glob.glob("/tmp/.KVDataRec_System*.dat"))
+
+    def test_loses_no_search_when_it_is_killed_at_any_moment(self):
+        daemon = self.watch()
+        chance = random.Random(13)
+        nodes = set()
+        for turn in range(8):
+            for item in range(4):
+                nodes.add(os.stat(self.throw_away(f"{turn}.{item}", "contents")).st_ino)
+            time.sleep(chance.random() * 2.5)  # the moment is what varies, nothing is waited for
+            self.end_daemon(daemon)
+            for path in files_of_results():
+                content = read_bytes(path)
+                self.assertTrue(not content or content.startswith(b"quorlen\0\0"))
+            daemon = self.start()
+        # Whatever came while no daemon watched is seen with the next change.
+        self.wait_for_record("last")
+        wait_for(lambda: nodes <= set(nodes_kept() or ()), 60)
+        wait_for(lambda: not glob.glob("/tmp/.KVDataRec_System*.dat"))
+        for node in nodes:
+            self.assertFalse(os.path.exists(f"/tmp/.{node}.dat"))
+
+    def test_tells_once_of_what_others_put_in_the_place_of_results(self):
+        precious = put(f"{self.place}/precious", "precious")
+        planted = {}
+        for kind in ("file", "link", "folder", "fifo"):
+            planted[kind] = result_of(put(f"/home/ada/{kind}"))
+        put(planted["file"], "planted")
+        os.chown(planted["file"], ADA, ADA)
+        os.symlink(precious, planted["link"])
+        os.mkdir(planted["folder"])
+        os.mkfifo(planted["fifo"])
+        for path in planted.values():
+            self.addCleanup(subprocess.run, ["rm", "-rf", path], check=True)
+        daemon = self.watch()
+        for kind in planted:
+            os.rename(f"/home/ada/{kind}", f"{self.trash}/files/{kind}")
+        wait_for(lambda: set(planted) <= set(records()))
+        for name in ("first", "second"):
+            node = os.stat(self.throw_away(name)).st_ino
+            wait_for(lambda: node in (nodes_kept() or ()))
+        for path in planted.values():
+            self.assertEqual(self.count(daemon, path), 1, daemon.lines())
+        self.assertEqual(read_bytes(planted["file"]), b"planted")
+        self.assertEqual(read_bytes(precious), b"precious")
+
+    def test_goes_on_when_somebody_links_its_files(self):
+        self.watch()
+        first = os.stat(self.throw_away("first")).st_ino
+        wait_for(lambda: first in (nodes_kept() or ()))
+        wait_for(lambda: "first" in records())
+        links = {}
+        for index, path in enumerate([USAGE, *files_of_results()]):
+            links[path] = f"/Library/link{index}"  # on the same mount, as a link must be
+            os.link(path, links[path])
+        second = os.stat(self.throw_away("second")).st_ino
+        wait_for(lambda: "second" in records())
+        wait_for(lambda: second in (nodes_kept() or ()))
+        self.assertEqual(os.stat(USAGE).st_mode & 0o7777, 0o666)
+        self.assertEqual(os.stat(USAGE).st_nlink, 1)
+        self.assertNotIn(b"second", read_bytes(links[USAGE]))
+        self.assertIn("first", records())
+
+    def test_sets_a_file_aside_that_is_larger_than_any_it_reads(self):
+        daemon = self.watch()
+        put(USAGE, "x")
+        os.truncate(USAGE, 65 << 20)
+        self.throw_away("letter")
+        wait_for(lambda: "letter" in records())
+        daemon.wait_for_line("cannot be used and is kept as")
+
+    def test_loses_nothing_and_tells_once_when_the_disk_is_full(self):
+        mount("-t", "tmpfs", "-o", "size=2M", "none", "/Library")
+        self.addCleanup(subprocess.run, ["umount", "--lazy", "/Library"], check=True)
+        daemon = self.watch()
+        first = os.stat(self.throw_away("first")).st_ino
+        wait_for(lambda: first in (nodes_kept() or ()))
+        before = usage()
+        ballast = "/Library/ballast"
+        with open(ballast, "wb", buffering=0) as file, contextlib.suppress(OSError):
+            while True:
+                file.write(bytes(4096))
+        size = {path: os.path.getsize(path) for path in files_of_results()}
+        nodes = []
+        for number in range(40):
+            nodes.append(os.stat(self.throw_away(f"{number} {'n' * 200}")).st_ino)
+        daemon.wait_for_line("cannot be recorded now")
+        daemon.wait_for_line("cannot be kept now")
+        self.assertLessEqual(before.keys(), usage().keys())
+        for path, length in size.items():
+            self.assertGreaterEqual(os.path.getsize(path), length)
+            self.assertEqual(os.path.getsize(path) % RECORD_BYTES, 0)
+        self.assertEqual(self.count(daemon, "cannot be recorded now"), 1)
+        self.assertEqual(self.count(daemon, "cannot be kept now"), 1)
+        os.unlink(ballast)
+        self.throw_away("after")
+        wait_for(lambda: len(records()) == 42, 60)
+        wait_for(lambda: set(nodes) <= set(nodes_kept() or ()), 60)
+
+    def test_keeps_the_first_date_over_a_restart_and_drops_a_record_in_time(self):
+        daemon = self.watch(trashSaveDays=0)
+        path = self.throw_away("letter")
+        came = wait_for(lambda: records().get("letter"))["addDate"]
+        time.sleep(1.1)  # dates have whole seconds
+        self.assertEqual(daemon.terminate()[0], 0)
+        self.start()
+        document = self.wait_for_record("another")
+        self.assertIn("another", {record["itemName"] for record in document.values()})
+        self.assertEqual(records()["letter"]["addDate"], came)
+        os.unlink(path)
+        wait_for(lambda: "Deleted" in (records().get("letter") or {}) or
+                 (usage() is not None and "letter" not in records()))
+        self.throw_away("one more")
+        wait_for(lambda: "one more" in records() and "letter" not in records())
+
+    def test_drops_old_files_of_results_and_no_folders(self):
+        self.watch()
+        self.throw_away("first")
+        wait_for(files_of_results)
+        old = put(f"{SUPPORT}/System/Trash Deletes 2001-01-01-00", "old")
+        young = put(f"{SUPPORT}/System/Trash Deletes 2001-01-01-01", "young")
+        deep = put(f"{SUPPORT}/System/below/Trash Deletes", "old")
+        inside = put(f"{SUPPORT}/Trash Deletes folder/file", "kept")
+        six_days_ago = time.time() - 6 * 86400
+        for path in (old, deep, inside, os.path.dirname(inside)):
+            os.utime(path, (six_days_ago, six_days_ago))
+        self.throw_away("second")
+        wait_for(lambda: not os.path.exists(old) and not os.path.exists(deep))
+        self.assertTrue(os.path.exists(young))
+        self.assertTrue(os.path.exists(inside))
+
+    def control(self, bus, *words):
+        return subprocess.run(
+            [KORVANECTL, *words], capture_output=True, text=True, check=False,
+            env={"PATH": os.environ["PATH"], "ASAN_OPTIONS": "detect_leaks=0",
+                 "DBUS_SYSTEM_BUS_ADDRESS": bus.address, "DBUS_SESSION_BUS_ADDRESS": bus.address})
+
+    def test_korvanectl_switches_the_history_of_a_running_daemon(self):
+        data = self.mount_image("Data")
+        bus = self.start_bus()
+        self.watch(data, bus_address=bus.address)
+        wait_for(lambda: volume_entries().get(data, {}).get("usageStatus") == "0")
+        os.makedirs(f"{data}/.Trash-0/files")
+        self.throw_away("while on")
+        wait_for(lambda: "while on" in records())
+        switched = self.control(bus, "trash", "off", "/")
+        self.assertEqual(switched.returncode, 0, switched.stderr)
+        self.throw_away("while off")
+        put(f"{data}/.Trash-0/files/elsewhere")
+        wait_for(lambda: "elsewhere" in records())
+        self.assertNotIn("while off", records())
+        switched = self.control(bus, "trash", "on", "/")
+        self.assertEqual(switched.returncode, 0, switched.stderr)
+        self.wait_for_record("on again")
+        self.assertIn("while off", records())  # it was there when the folder changed
+        switched = self.control(bus, "trash", "off")
+        self.assertEqual(switched.returncode, 0, switched.stderr)
+        before = read_bytes(USAGE)
+        self.throw_away("all off")
+        put(f"{data}/.Trash-0/files/off there too")
+        time.sleep(2)  # nothing is to happen; a record takes some milliseconds
+        self.assertEqual(read_bytes(USAGE), before)
+        refused = self.control(bus, "trash", "on", "/Volumes/None")
+        self.assertNotEqual(refused.returncode, 0)
+        self.assertIn("/Volumes/None", refused.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
