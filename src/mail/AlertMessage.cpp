@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "base/Format.h"
+#include "mail/SmtpCommands.h"
 #include "mail/Transformers.h"
 
 namespace korvane {
@@ -52,7 +53,7 @@ std::string composeAlertMessage(const AlertMessage& message) {
     addLine("", "");
     addLine(bodyOf(message), "");
     addLine("", "");
-    addLine(".", "");
+    addLine(kSmtpMessageEnd, "");
     return text;
 }
 

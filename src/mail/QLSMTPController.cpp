@@ -268,6 +268,18 @@ void QLSMTPController::throwGenericConnectionError() {
     cancelConnectionWithError(genericConnectionError());
 }
 
+// In the way of an application's own errors: what happened as the header, what to do about it
+// below, and there until the user has seen it.
+void QLSMTPController::presentSMTPError() {
+    if (!smtpError_) return;
+    const std::unique_ptr<AlertDialog> shown = machine_.alertDialogs.show(
+        {.header = smtpError_->description,
+         .message = smtpError_->recoverySuggestion.value_or(""),
+         .defaultButton = machine_.bundle.localizedString(kDefaultStringsTable, "okay", "okay"),
+         .level = AlertLevel::caution,
+         .timeOut = {}});
+}
+
 void QLSMTPController::timerTimeout() {
     cancelConnectionWithError(
         {.domain = kSmtpErrorDomain,

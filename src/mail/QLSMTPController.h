@@ -63,6 +63,12 @@ class QLSMTPController {
     void sendSMTPAlertMessage(const std::string& message, const std::string& sender,
                               const Dictionary* configuration);
 
+    // Says the first words of a session that stands connected, without waiting for the server's
+    // greeting.
+    void sendEmail();
+    // Shows what ended the last session to the user, if it was an error.
+    void presentSMTPError();
+
     // From a send until its session is over.
     [[nodiscard]] bool emailSendIsBusy() const { return emailSendIsBusy_; }
     // The message of the last session was handed to the server.

@@ -8,6 +8,7 @@
 #include "mail/AlertMessage.h"
 #include "mail/EmailAddress.h"
 #include "mail/QLSMTPController.h"
+#include "mail/SmtpCommands.h"
 #include "mail/SmtpSteps.h"
 #include "mail/Transformers.h"
 
@@ -102,16 +103,19 @@ void QLSMTPController::dispatchReply(std::string_view code) {
     }
 }
 
+void QLSMTPController::sendEmail() { sendHello(); }
+
 void QLSMTPController::sendHello() {
     internalStateConsistencyValidation(kStepGreeting);
     emailSentSuccessfully_ = false;
-    if (sendString("EHLO " + machine_.host.hostName())) smtpStepCounter_ = kStepHello;
+    if (sendString(std::string{kSmtpHello} + ' ' + machine_.host.hostName()))
+        smtpStepCounter_ = kStepHello;
 }
 
 void QLSMTPController::sendStartTLS() {
     const bool upgrades = usesTls() && !usesImplicitTls();
     if (upgrades) internalStateConsistencyValidation(kStepHello);
-    if (sendString(upgrades ? "STARTTLS" : "NOOP")) smtpStepCounter_ = kStepStartTls;
+    if (sendString(upgrades ? kSmtpStartTls : kSmtpNothing)) smtpStepCounter_ = kStepStartTls;
 }
 
 void QLSMTPController::upgradeSocketToTLS() {
@@ -120,7 +124,7 @@ void QLSMTPController::upgradeSocketToTLS() {
 
 void QLSMTPController::sendAuthenticationLogin() {
     internalStateConsistencyValidation(kStepStartTls);
-    if (sendString("AUTH LOGIN")) smtpStepCounter_ = kStepLogin;
+    if (sendString(kSmtpLogin)) smtpStepCounter_ = kStepLogin;
 }
 
 void QLSMTPController::sendAuthenticationUser() {
@@ -142,7 +146,7 @@ void QLSMTPController::sendMailFrom() {
         throwGenericConnectionError();
         return;
     }
-    if (sendString(formatText("MAIL FROM: <%@>", {std::string_view(*sender)}))) {
+    if (sendString(formatText(kSmtpMailFrom, {std::string_view(*sender)}))) {
         smtpStepCounter_ = kStepMailFrom;
     }
 }
@@ -151,7 +155,7 @@ void QLSMTPController::sendRecipients() {
     internalStateConsistencyValidation(kStepMailFrom);
     // Never past the end: without recipients there was no sender either.
     const std::string& recipient = emailAddressArray_.at(emailAddressIndex_);
-    if (!sendString(formatText("RCPT TO: <%@>", {std::string_view(recipient)}))) return;
+    if (!sendString(formatText(kSmtpRecipient, {std::string_view(recipient)}))) return;
     ++emailAddressIndex_;
     if (emailAddressIndex_ == emailAddressArray_.size()) {
         emailAddressIndex_ = 0;
@@ -161,7 +165,7 @@ void QLSMTPController::sendRecipients() {
 
 void QLSMTPController::sendDataHeader() {
     internalStateConsistencyValidation(kStepRecipients);
-    if (sendString("DATA")) smtpStepCounter_ = kStepData;
+    if (sendString(kSmtpData)) smtpStepCounter_ = kStepData;
 }
 
 void QLSMTPController::sendMessageData() {
@@ -188,7 +192,7 @@ void QLSMTPController::sendMessageData() {
 
 void QLSMTPController::sendQuit() {
     isAccepted_ = true;
-    if (sendString("QUIT")) smtpStepCounter_ = kStepQuit;
+    if (sendString(kSmtpQuit)) smtpStepCounter_ = kStepQuit;
 }
 
 void QLSMTPController::internalStateConsistencyValidation(int expectedStep) {

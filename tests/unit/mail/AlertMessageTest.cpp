@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <re2/re2.h>
 
 #include "mail/AlertMessage.h"
 #include "mail/EmailAddress.h"
@@ -135,6 +136,18 @@ TEST(EmailAddress, IsTheWholeTextOrNothing) {
                                    "<a@b.c>",
                                    "a\\b@c.d"}) {
         EXPECT_FALSE(isEmailAddress(text)) << text;
+    }
+}
+
+TEST(EmailAddress, ThePlainPatternSaysTheSame) {
+    const re2::RE2 plain{kPlainAddressPattern};
+    ASSERT_TRUE(plain.ok()) << plain.error();
+    for (int byte = 1; byte < 128; ++byte) {
+        const std::string letter(1, static_cast<char>(byte));
+        for (const std::string& text :
+             {letter + "@b.c", "a." + letter + "@b.c", "a@" + letter + ".c", "a@b." + letter}) {
+            EXPECT_EQ(re2::RE2::FullMatch(text, plain), isEmailAddress(text)) << text;
+        }
     }
 }
 

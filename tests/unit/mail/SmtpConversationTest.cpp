@@ -1,6 +1,11 @@
 // The steps of a session: what is sent on which reply, and what is passed over.
 
+#include <set>
+#include <string>
+
+#include "mail/SmtpCommands.h"
 #include "mail/SmtpSteps.h"
+#include "mail/Transformers.h"
 #include "unit/mail/MailSession.h"
 
 namespace korvane {
@@ -13,7 +18,11 @@ using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 
-using SmtpConversation = MailSession;
+class SmtpConversation : public MailSession {
+  protected:
+    // What a server asks in the course of a login.
+    static MailReply question(const std::string& prompt) { return reply("334 " + prompt); }
+};
 
 TEST_F(SmtpConversation, SendsAMessageWithoutLogin) {
     send(settings());
@@ -43,6 +52,55 @@ TEST_F(SmtpConversation, LogsInWithTheStoredFormOfNameAndPassword) {
                                         "Z3JhY2VAZXhhbXBsZS5vcmc=", "c2VjcmV0",
                                         "MAIL FROM: <grace@example.org>",
                                         "RCPT TO: <ada@example.org>", "DATA", "message", "QUIT"));
+}
+
+TEST_F(SmtpConversation, LogsInWhateverTheWordsOfTheQuestions) {
+    EXPECT_EQ(QLBase64StringTransformer::base64DecodedString(kSmtpUserNamePrompt), "Username:");
+    EXPECT_EQ(QLBase64StringTransformer::base64DecodedString(kSmtpPasswordPrompt), "Password:");
+    machine_.mailServer.setReplies("AUTH", {question(kSmtpPasswordPrompt)});
+    machine_.mailServer.setReplies("login", {question(kSmtpUserNamePrompt), reply("235 accepted")});
+    send(withLogin());
+    EXPECT_THAT(machine_.mailServer.messages(), SizeIs(1));
+}
+
+TEST_F(SmtpConversation, SaysItsOwnWordsAndNoOthers) {
+    send(settings());
+    send(withLogin({{"emailUseSSLAuthentication", true}, {"emailPort", "587"}}));
+    std::set<std::string> words;
+    for (const std::string& line : commands()) words.insert(line.substr(0, line.find(' ')));
+    EXPECT_THAT(words,
+                testing::UnorderedElementsAre(kSmtpHello, kSmtpStartTls, kSmtpNothing, "AUTH",
+                                              "MAIL", "RCPT", kSmtpData, kSmtpQuit, "message",
+                                              "Z3JhY2VAZXhhbXBsZS5vcmc=", "c2VjcmV0"));
+    EXPECT_FALSE(words.contains(kSmtpOpen));
+}
+
+TEST_F(SmtpConversation, CanBeBegunBeforeTheGreeting) {
+    machine_.mailServer.setGreeting(MailReply{});
+    const Dictionary configuration = settings();
+    controller_->sendSMTPAlertMessage("The drive fails.", "", &configuration);
+    machine_.runLoop.runFor(std::chrono::seconds{1});
+    ASSERT_EQ(controller_->smtpStepCounter(), kStepGreeting);
+    controller_->sendEmail();
+    EXPECT_THAT(commands(), ElementsAre("EHLO studio.example.org"));
+    EXPECT_EQ(controller_->smtpStepCounter(), kStepHello);
+    EXPECT_THAT(log(), IsEmpty());
+}
+
+TEST_F(SmtpConversation, ShowsTheErrorOfTheLastSessionOnRequest) {
+    send(settings());
+    controller_->presentSMTPError();
+    EXPECT_THAT(machine_.alertDialogs.shown(), IsEmpty());
+
+    machine_.mailServer.setReplies("RCPT", {reply("550 unknown")});
+    send(settings());
+    controller_->presentSMTPError();
+    ASSERT_THAT(machine_.alertDialogs.shown(), SizeIs(1));
+    const Alert& alert = machine_.alertDialogs.shown()[0].alert;
+    EXPECT_EQ(alert.header, "There was an error talking to the SMTP server");
+    EXPECT_EQ(alert.message, "550 unknown");
+    EXPECT_EQ(alert.level, AlertLevel::caution);
+    EXPECT_EQ(alert.timeOut.count(), 0);
 }
 
 TEST_F(SmtpConversation, UpgradesToTlsAndLogsInWithoutASecondHello) {
@@ -192,7 +250,7 @@ TEST_F(SmtpConversation, EveryOtherRefusalEndsTheSessionWithoutANotification) {
                   0);
         server.setReplies(row.command, {});
         machine_.mailServer.setReplies("NOOP", {reply("250 OK")});
-        machine_.mailServer.setReplies("AUTH", {reply("334 VXNlcm5hbWU6")});
+        machine_.mailServer.setReplies("AUTH", {question(kSmtpUserNamePrompt)});
         machine_.mailServer.setReplies("MAIL", {reply("250 OK")});
         machine_.mailServer.setReplies("RCPT", {reply("250 OK")});
         machine_.mailServer.setReplies("DATA", {reply("354 go on")});
@@ -207,7 +265,7 @@ TEST_F(SmtpConversation, ARefusedRecipientMeansNoMessageWasSent) {
 }
 
 TEST_F(SmtpConversation, AWrongPasswordHasTheServersOwnCode) {
-    machine_.mailServer.setReplies("login", {reply("334 UGFzc3dvcmQ6"), reply("535 wrong")});
+    machine_.mailServer.setReplies("login", {question(kSmtpPasswordPrompt), reply("535 wrong")});
     send(withLogin());
     ASSERT_TRUE(controller_->smtpError());
     EXPECT_EQ(controller_->smtpError()->code, 535);
@@ -215,7 +273,7 @@ TEST_F(SmtpConversation, AWrongPasswordHasTheServersOwnCode) {
 }
 
 TEST_F(SmtpConversation, AnyOtherReplyToThePasswordIsAConnectionError) {
-    machine_.mailServer.setReplies("login", {reply("334 UGFzc3dvcmQ6"), reply("334 again?")});
+    machine_.mailServer.setReplies("login", {question(kSmtpPasswordPrompt), reply("334 again?")});
     send(withLogin());
     ASSERT_TRUE(controller_->smtpError());
     EXPECT_EQ(controller_->smtpError()->code, kSmtpErrorGeneric);
