@@ -48,7 +48,22 @@ void BackgroundThread::runAndWait(const std::function<void()>& work) {
     work_ = &work;
     handedOver_.release();
     done_.acquire();
+    while (part_ != nullptr) {
+        (*std::exchange(part_, nullptr))();
+        handedOver_.release();
+        done_.acquire();
+    }
     if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
+}
+
+void BackgroundThread::runOnWaitingThread(const std::function<void()>& part) {
+    if (std::this_thread::get_id() != thread_.get_id()) {
+        part();
+        return;
+    }
+    part_ = &part;
+    done_.release();
+    handedOver_.acquire();
 }
 
 void BackgroundThread::serve() {

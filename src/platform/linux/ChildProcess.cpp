@@ -67,8 +67,13 @@ Result<std::unique_ptr<ChildProcess>> ChildProcess::start(
 
     const SpawnSettings settings{standardInput, standardError};
     pid_t id = 0;
-    const int error = ::posix_spawn(&id, path.c_str(), &settings.actions, &settings.attributes,
-                                    pointers.data(), environ);
+    int error = 0;
+    // A program has the priority of the thread that launches it: a dialog that follows from a
+    // control command is as urgent as any other.
+    runLoop.atOrdinaryPriority([&] {
+        error = ::posix_spawn(&id, path.c_str(), &settings.actions, &settings.attributes,
+                              pointers.data(), environ);
+    });
     if (error != 0) return errorFrom(error);
 
     std::unique_ptr<ChildProcess> child{new ChildProcess(runLoop, id, std::move(didEnd))};

@@ -239,6 +239,10 @@ int LinuxRunLoop::onPosts(sd_event_source*, int, std::uint32_t, void* self) noex
 
 void LinuxRunLoop::runInBackgroundAndWait(const Callback& work) { background_.runAndWait(work); }
 
+void LinuxRunLoop::atOrdinaryPriority(const Callback& part) {
+    background_.runOnWaitingThread(part);
+}
+
 // The semaphore of an event descriptor, so that the wait for it is a wait like any other.
 class LinuxRunLoop::DescriptorLock final : public HandoverLock {
   public:

@@ -56,6 +56,10 @@ class LinuxRunLoop final : public RunLoop {
     void terminate() override;
     void run() override;
 
+    // Runs the part of a background work that must not inherit the background's priority, on the
+    // thread that waits for that work; anywhere else simply runs it. It throws nothing.
+    void atOrdinaryPriority(const Callback& part);
+
     // The loop below, for other sources of this machine. Never null; lives as long as this object.
     [[nodiscard]] sd_event* event() { return event_.get(); }
     // Tells the application that it becomes active.

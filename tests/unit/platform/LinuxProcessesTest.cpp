@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <fstream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -86,6 +88,23 @@ TEST_F(LinuxProcessesTest, StopsWhenTheVisitorHasSeenEnough) {
         return false;
     });
     EXPECT_EQ(visited, 1);
+}
+
+TEST_F(LinuxProcessesTest, AProgramLaunchedByBackgroundWorkHasOrdinaryPriority) {
+    LinuxProcesses processes(loop, bus);
+    const std::string file = folder.path() + "/nice";
+    std::unique_ptr<Task> task;
+    processes.setTaskDidTerminate([&](const Task&) { loop.terminate(); });
+    loop.post([&] {
+        loop.runInBackgroundAndWait([&] {
+            task = processes.launch("/bin/sh", {"-c", "nice >\"" + file + "\""});
+        });
+        if (!task) loop.terminate();
+    });
+    loop.run();
+    int nice = -100;
+    std::ifstream(file) >> nice;
+    EXPECT_EQ(nice, ::getpriority(PRIO_PROCESS, 0));
 }
 
 TEST_F(LinuxProcessesTest, FindsThisVeryProcess) {

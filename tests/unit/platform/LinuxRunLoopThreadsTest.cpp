@@ -63,6 +63,19 @@ TEST_F(LinuxRunLoopThreads, RunsBackgroundWorkOnAnotherThreadOfLowerPriority) {
     EXPECT_EQ(::getpriority(PRIO_PROCESS, 0), ownNice);
 }
 
+TEST_F(LinuxRunLoopThreads, BackgroundWorkHandsPartsBackToTheThreadThatWaits) {
+    std::vector<std::thread::id> threads;
+    const auto note = [&] { threads.push_back(std::this_thread::get_id()); };
+    loop.atOrdinaryPriority(note);
+    loop.runInBackgroundAndWait([&] {
+        loop.atOrdinaryPriority(note);
+        loop.atOrdinaryPriority(note);
+    });
+    EXPECT_THAT(threads,
+                testing::ElementsAre(std::this_thread::get_id(), std::this_thread::get_id(),
+                                     std::this_thread::get_id()));
+}
+
 TEST_F(LinuxRunLoopThreads, TimersStartedInBackgroundWorkFireOnTheLoop) {
     const auto ownThread = std::this_thread::get_id();
     auto firedOn = std::thread::id{};
