@@ -59,9 +59,15 @@ Result<NotificationService> NotificationService::connect(const std::string& busA
     if (result >= 0) result = sd_bus_set_method_call_timeout(bus, kCallLimitMicroseconds);
     if (result >= 0) result = sd_bus_start(bus);
     if (result < 0) return Error{std::string{"no session bus: "} + std::strerror(-result)};
-    // Before the notice is there, so that its end cannot be missed.
-    const std::string match = std::string{"type='signal',interface='"} + kService + "'";
-    result = sd_bus_add_match(bus, nullptr, match.c_str(), nullptr, nullptr);
+    // Before the notice is there, so that neither its end nor the service's can be missed.
+    const std::string ends = std::string{"type='signal',interface='"} + kService + "'";
+    result = sd_bus_add_match(bus, nullptr, ends.c_str(), nullptr, nullptr);
+    const std::string owners =
+        std::string{
+            "type='signal',sender='org.freedesktop.DBus',"
+            "member='NameOwnerChanged',arg0='"} +
+        kService + "'";
+    if (result >= 0) result = sd_bus_add_match(bus, nullptr, owners.c_str(), nullptr, nullptr);
     if (result < 0) return Error{std::string{"no session bus: "} + std::strerror(-result)};
     return service;
 }
@@ -124,7 +130,7 @@ Result<std::monostate> NotificationService::show(const Alert& alert) {
     return std::monostate{};
 }
 
-bool NotificationService::handle(sd_bus_message* message) {
+bool NotificationService::handle(sd_bus_message* message, const Alert& alert) {
     std::uint32_t id = 0;
     if (sd_bus_message_is_signal(message, kService, "NotificationClosed") > 0) {
         closedByService_ = sd_bus_message_read(message, "u", &id) >= 0 && id == id_;
@@ -132,6 +138,10 @@ bool NotificationService::handle(sd_bus_message* message) {
     }
     if (sd_bus_message_is_signal(message, kService, "ActionInvoked") > 0) {
         return sd_bus_message_read(message, "u", &id) >= 0 && id == id_;
+    }
+    if (sd_bus_message_is_signal(message, "org.freedesktop.DBus", "NameOwnerChanged") > 0) {
+        serviceChanged(message, alert);
+        return false;
     }
     // The bus says so itself when the connection is gone; the notice went with the desktop.
     if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
@@ -141,7 +151,19 @@ bool NotificationService::handle(sd_bus_message* message) {
     return false;
 }
 
-bool NotificationService::processMessages() {
+void NotificationService::serviceChanged(sd_bus_message* message, const Alert& alert) {
+    const char* name = nullptr;
+    const char* before = nullptr;
+    const char* after = nullptr;
+    if (sd_bus_message_read(message, "sss", &name, &before, &after) < 0) return;
+    // The service that was started by showing the notice has it already.
+    if (*before == '\0' && id_ != 0) return;
+    id_ = 0;
+    // One that refuses may be followed by another that does not.
+    if (*after != '\0') (void)show(alert);
+}
+
+bool NotificationService::processMessages(const Alert& alert) {
     for (;;) {
         sd_bus_message* raw = nullptr;
         const int result = sd_bus_process(bus_.get(), &raw);
@@ -151,16 +173,16 @@ bool NotificationService::processMessages() {
             return true;
         }
         if (result == 0) return false;
-        if (raw != nullptr && handle(raw)) return true;
+        if (raw != nullptr && handle(raw, alert)) return true;
     }
 }
 
-void NotificationService::waitUntilClosed(std::chrono::milliseconds timeOut, int terminateFd) {
+void NotificationService::waitUntilClosed(const Alert& alert, int terminateFd) {
     using std::chrono::steady_clock;
-    const auto end = steady_clock::now() + timeOut;
-    while (!processMessages()) {
+    const auto end = steady_clock::now() + alert.timeOut;
+    while (!processMessages(alert)) {
         int waitMilliseconds = -1;
-        if (timeOut.count() > 0) {
+        if (alert.timeOut.count() > 0) {
             const auto left =
                 std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
             if (left.count() <= 0) break;
@@ -175,7 +197,7 @@ void NotificationService::waitUntilClosed(std::chrono::milliseconds timeOut, int
         }
         if (descriptors[1].revents != 0) break;
     }
-    if (!closedByService_) close();
+    if (!closedByService_ && id_ != 0) close();
 }
 
 void NotificationService::close() {

@@ -1,5 +1,6 @@
 // The desktop's notification service, org.freedesktop.Notifications (Desktop Notifications
-// protocol 1.2): shows one notice and stays until it is off the screen.
+// protocol 1.2): shows one notice and stays until it is off the screen. A service that ends takes
+// its notices along; the next one is given this notice anew.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -21,10 +22,10 @@ class NotificationService {
     [[nodiscard]] static Result<NotificationService> connect(const std::string& busAddress);
 
     [[nodiscard]] Result<std::monostate> show(const Alert& alert);
-    // Waits until the service says that the notice is closed, its button is pressed, its time is
-    // up or SIGTERM arrives (blocked, taken through `terminateFd`, a signalfd); in the last three
-    // cases the notice is closed here.
-    void waitUntilClosed(std::chrono::milliseconds timeOut, int terminateFd);
+    // Waits until the service says that the notice that was shown is closed, its button is pressed,
+    // its time is up or SIGTERM arrives (blocked, taken through `terminateFd`, a signalfd); in the
+    // last three cases the notice is closed here.
+    void waitUntilClosed(const Alert& alert, int terminateFd);
 
   private:
     struct BusCloser {
@@ -34,12 +35,13 @@ class NotificationService {
     explicit NotificationService(sd_bus* bus) : bus_(bus) {}
     [[nodiscard]] Result<std::vector<std::string>> capabilities();
     // Whether the message ends the notice.
-    [[nodiscard]] bool handle(sd_bus_message* message);
-    [[nodiscard]] bool processMessages();
+    [[nodiscard]] bool handle(sd_bus_message* message, const Alert& alert);
+    void serviceChanged(sd_bus_message* message, const Alert& alert);
+    [[nodiscard]] bool processMessages(const Alert& alert);
     void close();
 
     std::unique_ptr<sd_bus, BusCloser> bus_;
-    std::uint32_t id_ = 0;
+    std::uint32_t id_ = 0;  // 0, which is never a notice's: none is on the screen
     bool closedByService_ = false;
 };
 

@@ -70,6 +70,11 @@ class Desktop:
                 env=environment, stdout=log, user=NOBODY, group=NOBODY, extra_groups=[])
         wait_for(self.has_service)
 
+    def stop_service(self):
+        self.service.kill()
+        self.service.wait()
+        wait_for(lambda: not self.has_service())
+
     def has_service(self):
         answer = subprocess.run(
             ["busctl", f"--address=unix:path={SOCKET}", "status", "org.freedesktop.Notifications"],
@@ -181,6 +186,35 @@ class NoticeProgram(unittest.TestCase):
         desktop.emit("NotificationClosed", "uu", ["u", "1"], ["u", "2"])
         self.assertEqual(process.wait(10), CLOSED)
         self.assertNotIn("CloseNotification 1", desktop.calls())
+
+    def test_a_service_that_starts_again_is_given_the_notice_again(self):
+        desktop = self.desktop()
+        process = self.start(notice())
+        first = desktop.notified()
+        desktop.stop_service()
+        desktop.start_service("actions body body-markup")
+        self.assertEqual(desktop.notified(), first)
+        desktop.emit("NotificationClosed", "uu", ["u", "1"], ["u", "2"])
+        self.assertEqual(process.wait(10), CLOSED)
+
+    def test_without_the_service_that_showed_it_the_notice_waits_for_another(self):
+        desktop = self.desktop()
+        process = self.start(notice())
+        desktop.notified()
+        desktop.stop_service()
+        with self.assertRaises(subprocess.TimeoutExpired):
+            process.wait(0.5)
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(10), CLOSED)
+
+    def test_a_notice_whose_time_is_up_is_not_shown_by_a_later_service(self):
+        desktop = self.desktop()
+        process = self.start(notice(timeOutMilliseconds=1000))
+        desktop.notified()
+        desktop.stop_service()
+        self.assertEqual(process.wait(10), CLOSED)
+        desktop.start_service("body")
+        self.assertEqual([call for call in desktop.calls() if call.startswith("Notify")], [])
 
     def test_the_end_of_the_desktop_ends_the_program(self):
         desktop = self.desktop()

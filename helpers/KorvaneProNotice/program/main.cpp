@@ -59,7 +59,7 @@ NoticeExit showNotice(uid_t user) {
     if (!shown) return fail(NoticeExit::noService, shown.error());
     (void)::alarm(0);
 
-    service->waitUntilClosed(notice->timeOut, terminateFd);
+    service->waitUntilClosed(*notice, terminateFd);
     return NoticeExit::closed;
 }
 
