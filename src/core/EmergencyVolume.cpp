@@ -42,9 +42,11 @@ void KorvaneProDaemon::checkForOstrand() {
         if (ostrandTryCount >= kMostPolls) ostrandTimer.reset();
         return;
     }
-    // A busy volume is left alone until the watch is next armed.
+    // A busy volume is left alone until the watch is next armed, and so is a second one. The main
+    // application may be what keeps it busy: its end is an occasion to look again.
     (void)machine_.volumes.unmount(number);
     ostrandTimer.reset();
+    watchMainApplication();
 }
 
 // The two handlers differ on purpose: only a mount can bring an emergency volume, and a volume that

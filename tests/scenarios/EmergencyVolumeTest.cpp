@@ -124,6 +124,19 @@ TEST(EmergencyWatch, LeavesABusyVolumeUntilTheNextMount) {
     EXPECT_FALSE(isMounted(s, "/Volumes/Ostrand"));
 }
 
+TEST(EmergencyWatch, LooksAgainWhenTheMainApplicationThatHeldTheVolumeEnds) {
+    Scenario s("two-volumes");
+    s.startProcess("Korvane Pro 12");
+    s.run(minutes(1));
+    s.mount("/Volumes/Ostrand");
+    ASSERT_TRUE(s.machine().volumes.setBusy("/Volumes/Ostrand", true));
+    s.run(minutes(30));
+    ASSERT_TRUE(s.machine().volumes.setBusy("/Volumes/Ostrand", false));
+    s.quitProcess("Korvane Pro 12").run(seconds(0));  // it never asked for a permission
+    EXPECT_FALSE(isMounted(s, "/Volumes/Ostrand"));
+    EXPECT_EQ(s.machine().volumes.unmountRequests(), 2);
+}
+
 TEST(EmergencyWatch, SaysNothingOfIt) {
     Scenario s("two-volumes");
     s.run(minutes(1));
