@@ -58,8 +58,9 @@ class KorvaneProDaemon final : public ControlTarget {
     // What the drive last asked said of itself; cleared for each disk number that a check goes
     // through.
     bool failing = false;
-    // The log has it that drives cannot be asked for want of rights.
-    bool hasToldLackOfRights = false;
+    // The device paths of drives of which the log has it that they cannot be asked for want of
+    // rights.
+    std::set<std::string> drivesOutOfReach;
 
     // What the main application has asked for.
     bool ignoreMountedOstrand = false;  // leave a mounted emergency volume alone
@@ -256,7 +257,7 @@ class KorvaneProDaemon final : public ControlTarget {
     // Opens the drive and asks it; sets `failing`. False when it cannot be asked.
     [[nodiscard]] bool readSmartStatus(const CheckedDrive& drive);
     void warnOfFailingDrive(const CheckedDrive& drive);
-    void tellLackOfRights();
+    void tellLackOfRights(const std::string& path);
     // Measures the volume whose entry has this index in volumeArray (VolumeUsageCheck.cpp).
     void volumeUsageCheck(std::size_t index);
     // Whether the volume is mounted, can be filled, and is not the emergency volume.

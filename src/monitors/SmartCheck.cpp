@@ -51,7 +51,7 @@ void KorvaneProDaemon::smartCheck(std::size_t index) {
 bool KorvaneProDaemon::readSmartStatus(const CheckedDrive& drive) {
     const SmartStatusAnswer answer = askSmartStatus(machine_.deviceRegistry, drive.service);
     failing = answer.isThresholdExceeded;
-    if (answer.status == kDriveNotPermitted) tellLackOfRights();
+    if (answer.status == kDriveNotPermitted) tellLackOfRights(drive.path);
     return answer.status == kDriveSuccess;
 }
 
@@ -68,12 +68,12 @@ void KorvaneProDaemon::warnOfFailingDrive(const CheckedDrive& drive) {
 }
 
 // Once: what an administrator has not granted now is not granted in an hour.
-void KorvaneProDaemon::tellLackOfRights() {
-    if (hasToldLackOfRights) return;
-    hasToldLackOfRights = true;
+void KorvaneProDaemon::tellLackOfRights(const std::string& path) {
+    if (!drivesOutOfReach.insert(path).second) return;
     machine_.systemLog.write(LogLevel::warning,
-                             "No right to ask drives for their SMART status: they are not checked. "
-                             "Start the daemon as root.");
+                             formatText("No right to ask %@ for its SMART status: it is not "
+                                        "checked. Start the daemon as root.",
+                                        {std::string_view(path)}));
 }
 
 }  // namespace korvane

@@ -17,7 +17,8 @@ namespace korvane {
 enum class ServiceId : std::uint32_t {};
 
 // Classes that are asked for: "IOMedia" (whole disks and partitions), "IODVDMedia", "IOCDMedia"
-// (optical media, each also an IOMedia), "IOBlockStorageDevice" (drives).
+// (optical media, each also an IOMedia), "IOBlockStorageDevice" (drives). A drive that has SMART
+// has "SMART Capable"; one that could not be asked for want of rights has "SMART Out Of Reach".
 class DeviceRegistry {
   public:
     virtual ~DeviceRegistry() = default;

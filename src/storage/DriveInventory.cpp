@@ -45,7 +45,11 @@ class DrivePass {
 
     void visit(ServiceId drive) {
         const std::optional<Dictionary> properties = registry_.properties(drive);
-        if (!properties || !isSmartCapable(*properties)) return;
+        if (!properties) return;
+        if (!isSmartCapable(*properties)) {
+            if (isSmartOutOfReach(*properties)) tellOutOfReach(drive);
+            return;
+        }
         if (probe_ == DriveProbe::smart && !isSmartReady(drive)) return;
         if (isDiskImage(registry_, drive)) return;
         const std::optional<DriveIdentity> identity = inventoryIdentity(registry_, drive);
@@ -70,8 +74,12 @@ class DrivePass {
         const SmartOpening opened = registry_.openSmart(drive);
         DriveStatus status = opened.smart ? enable_smart(*opened.smart) : opened.status;
         if (opened.smart && status == kDriveSuccess) status = checkSMART(*opened.smart);
-        outcome_.lackedRights = outcome_.lackedRights || status == kDriveNotPermitted;
+        if (status == kDriveNotPermitted) tellOutOfReach(drive);
         return status == kDriveSuccess && opened.smart;
+    }
+
+    void tellOutOfReach(ServiceId drive) {
+        outcome_.outOfReach.push_back(devicePathBelow(registry_, drive));
     }
 
     DeviceRegistry& registry_;

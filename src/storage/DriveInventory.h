@@ -2,6 +2,9 @@
 // now. A pass over exactly the state that it is handed; it reads no settings and writes none.
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "base/Calendar.h"
 #include "base/PropertyList.h"
 #include "platform/DeviceRegistry.h"
@@ -16,8 +19,8 @@ enum class DriveProbe {
 struct DrivePassOutcome {
     // An entry is new or has gone: the entries are to be saved.
     bool changed = false;
-    // A drive could not be asked for want of rights.
-    bool lackedRights = false;
+    // The device paths of drives that could not be asked for want of rights.
+    std::vector<std::string> outOfReach = {};
 };
 
 // Adds an entry for each new drive that has SMART, keeps the entries of those that are still there

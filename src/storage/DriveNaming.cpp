@@ -10,6 +10,7 @@ namespace korvane {
 namespace {
 
 constexpr char kSmartCapable[] = "SMART Capable";
+constexpr char kSmartOutOfReach[] = "SMART Out Of Reach";
 constexpr const char* kModelKeys[] = {
     "device model", "USB Product Name",      "FireWire Product Name", "Product Name",
     "Model",        "Vendor Identification", "Vendor Name",           "model"};
@@ -122,6 +123,11 @@ std::string nearestConnection(DeviceRegistry& registry, ServiceId service) {
 bool isSmartCapable(const Dictionary& driveProperties) {
     const PropertyList* capable = driveProperties.find(kSmartCapable);
     return capable && booleanValue(capable);
+}
+
+bool isSmartOutOfReach(const Dictionary& driveProperties) {
+    const PropertyList* outOfReach = driveProperties.find(kSmartOutOfReach);
+    return outOfReach && booleanValue(outOfReach);
 }
 
 bool isDiskImage(DeviceRegistry& registry, ServiceId drive) {

@@ -17,6 +17,8 @@ inline constexpr char kDriveClass[] = "IOBlockStorageDevice";
 
 // Whether the drive claims to have SMART, by its own properties.
 [[nodiscard]] bool isSmartCapable(const Dictionary& driveProperties);
+// Whether it could not be asked if it has, for want of rights.
+[[nodiscard]] bool isSmartOutOfReach(const Dictionary& driveProperties);
 // Whether one of the devices above the service is a disk image.
 [[nodiscard]] bool isDiskImage(DeviceRegistry& registry, ServiceId drive);
 

@@ -282,14 +282,20 @@ TEST(SmartCheck, TrimsItsLogToTheLimit) {
     EXPECT_THAT(castorResults(s), SizeIs(2));
 }
 
-TEST(SmartCheck, TellsMissingRightsOnce) {
-    Scenario s(oneDrive());
-    s.age("disk1 drive", DriveCondition::notPermitted).run(hours(6));
+TEST(SmartCheck, TellsMissingRightsOnceADrive) {
+    MachineDescription machine = oneDrive();
+    addDrive(machine, "disk2", named("Pollux 500", "PLX1"));
+    Scenario s(machine);
+    s.age("disk1 drive", DriveCondition::notPermitted);
+    s.age("disk2 drive", DriveCondition::notPermitted).run(hours(6));
     EXPECT_THAT(castorResults(s), IsEmpty());
-    const auto lines = s.log();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const std::string& l) { return l.starts_with("No right to ask"); }),
-              1);
+    std::vector<std::string> lines = s.log();
+    std::erase_if(lines, [](const std::string& l) { return !l.starts_with("No right to ask"); });
+    EXPECT_THAT(lines,
+                ElementsAre("No right to ask /dev/disk1 for its SMART status: it is not checked. "
+                            "Start the daemon as root.",
+                            "No right to ask /dev/disk2 for its SMART status: it is not checked. "
+                            "Start the daemon as root."));
 }
 
 TEST(SmartCheck, CancelsTheDialogOfAnotherCheck) {

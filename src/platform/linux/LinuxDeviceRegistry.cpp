@@ -204,6 +204,7 @@ DiskFacts LinuxDeviceRegistry::readDiskFacts(const BlockFolder& folder) {
         // What knows no such question is no ATA drive, and need not be asked again; zeros stand for
         // that. What has not answered is asked when the disk is read the next time.
         if (status == EOPNOTSUPP || status == ENOTTY) memory->identified = IdentifyData{};
+        if (status == kDriveNotPermitted) disk.drive.set("SMART Out Of Reach", true);
     }
     if (memory->identified) addIdentity(disk, *memory->identified);
     return disk;

@@ -468,6 +468,21 @@ TEST_F(AskedDriveTest, IsAskedOnceBehindAUsbBridge) {
     EXPECT_TRUE(asking.property(drive(asking, "sdx"), "SMART Capable"));
 }
 
+TEST_F(AskedDriveTest, IsSaidToBeOutOfReachWithoutTheRightToAsk) {
+    tree.add("block devices/usb1/1-9/1-9:1.0/host9/target9:0:0/9:0:0:0/block/sdx 65:112");
+    for (const FakeDrive& drive :
+         {FakeDrive{.openError = EACCES}, FakeDrive{.controlErrors = {{0, EPERM}}}}) {
+        drives.drives["/dev/sdx"] = drive;
+        asking.deviceReplaced("sdx");
+        EXPECT_TRUE(asking.property(this->drive(asking, "sdx"), "SMART Out Of Reach"));
+        EXPECT_FALSE(asking.property(this->drive(asking, "sdx"), "SMART Capable"));
+    }
+    drives.drives["/dev/sdx"] = {};
+    asking.deviceReplaced("sdx");
+    EXPECT_FALSE(asking.property(drive(asking, "sdx"), "SMART Out Of Reach"));
+    EXPECT_TRUE(asking.property(drive(asking, "sdx"), "SMART Capable"));
+}
+
 TEST_F(AskedDriveTest, IsNotAskedAgainWhenItIsNoAtaDrive) {
     tree.add("block devices/usb1/1-9/1-9:1.0/host9/target9:0:0/9:0:0:0/block/sdx 65:112");
     drives.drives["/dev/sdx"] = {.controlErrors = {{0xec, EOPNOTSUPP}}};

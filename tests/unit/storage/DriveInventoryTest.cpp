@@ -139,17 +139,19 @@ TEST_F(DriveInventory, AsksTheDriveOnlyWhenItProbes) {
         const DrivePassOutcome outcome = pass(DriveProbe::smart);
         EXPECT_THAT(entries, IsEmpty()) << static_cast<int>(condition);
         EXPECT_TRUE(outcome.changed);
-        EXPECT_FALSE(outcome.lackedRights);
+        EXPECT_THAT(outcome.outOfReach, IsEmpty());
     }
     bed.machine.drives.setCondition(drive, DriveCondition::failing);
     (void)pass(DriveProbe::smart);
     EXPECT_THAT(entries, SizeIs(1)) << "a failing drive has SMART";
 }
 
-TEST_F(DriveInventory, SaysThatItLackedRights) {
+TEST_F(DriveInventory, NamesTheDrivesThatItHadNoRightToAsk) {
     bed.machine.drives.setCondition(addDrive("Castor", "C1"), DriveCondition::notPermitted);
     addDrive("Castor", "C2");
-    EXPECT_TRUE(pass(DriveProbe::smart).lackedRights);
+    // Whether that one has SMART could not even be asked.
+    addDrive({{{"Serial Number", "C3"}}}, {{"SMART Out Of Reach", true}});
+    EXPECT_THAT(pass(DriveProbe::smart).outOfReach, ElementsAre("/dev/disk0", "/dev/disk2"));
     EXPECT_THAT(serials(), ElementsAre("C2"));
 }
 
