@@ -90,9 +90,15 @@ INSTANTIATE_TEST_SUITE_P(Simulated, VolumesConformance,
 struct SimulatedRegistrySubject final : DeviceRegistrySubject {
     explicit SimulatedRegistrySubject(const std::string& name) : machine(provided(name)) {}
     DeviceRegistry& registry() override { return machine.deviceRegistry; }
+    std::string plug() override {
+        const auto name = registry().property(registry().services("IOMedia")->back(), "BSD Name");
+        pluggedName = stringValue(&*name);
+        return pluggedName;
+    }
     // In the machines that are provided, a media's service is named as its device.
-    bool pull(const std::string& bsdName) override { return machine.pull(bsdName); }
+    void pull() override { EXPECT_TRUE(machine.pull(pluggedName)); }
     SimulatedMachine machine;
+    std::string pluggedName;
 };
 INSTANTIATE_TEST_SUITE_P(
     Simulated, DeviceRegistryConformance,

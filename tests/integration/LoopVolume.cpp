@@ -4,6 +4,7 @@
 #include <linux/loop.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -67,6 +68,32 @@ LoopVolume::~LoopVolume() {
     const UniqueFd loop{::open(device_.c_str(), O_RDWR | O_CLOEXEC)};
     // While it is still mounted the kernel detaches it at the last unmount.
     if (loop) (void)::ioctl(loop.get(), LOOP_CLR_FD);
+}
+
+PulledLoop::PulledLoop() {
+    const UniqueFd control{::open("/dev/loop-control", O_RDWR | O_CLOEXEC)};
+    const UniqueFd file{::memfd_create("loop", MFD_CLOEXEC)};
+    if (!control || !file || ::ftruncate(file.get(), 1 << 16) != 0) return;
+    number_ = ::ioctl(control.get(), LOOP_CTL_ADD, -1);
+    if (number_ < 0) return;
+    name_ = "loop" + std::to_string(number_);
+    // Taken, or another test would be given it as a free one.
+    const UniqueFd loop{::open(("/dev/" + name_).c_str(), O_RDWR | O_CLOEXEC)};
+    loop_config configuration{};
+    configuration.fd = static_cast<std::uint32_t>(file.get());
+    if (!loop || ::ioctl(loop.get(), LOOP_CONFIGURE, &configuration) != 0) name_.clear();
+}
+
+bool PulledLoop::pull() {
+    if (number_ < 0) return true;
+    const UniqueFd control{::open("/dev/loop-control", O_RDWR | O_CLOEXEC)};
+    {
+        const UniqueFd loop{::open(("/dev/" + name_).c_str(), O_RDWR | O_CLOEXEC)};
+        if (loop) (void)::ioctl(loop.get(), LOOP_CLR_FD);
+    }
+    if (::ioctl(control.get(), LOOP_CTL_REMOVE, number_) < 0) return false;
+    number_ = -1;
+    return true;
 }
 
 bool LoopVolume::mountAt(const std::string& path, unsigned long flags) const {

@@ -260,10 +260,31 @@ INSTANTIATE_TEST_SUITE_P(Linux, VolumesConformance,
 
 struct RealDevicesSubject final : DeviceRegistrySubject {
     DeviceRegistry& registry() override { return registry_; }
+    std::string plug() override {
+        plugged_ = std::make_unique<PulledLoop>();
+        EXPECT_TRUE(plugged_->name().empty() || runUntilThere(true)) << plugged_->name();
+        return plugged_->name();
+    }
+    void pull() override {
+        EXPECT_TRUE(turns_.runUntil([this] { return plugged_->pull(); }, kEventLimit));
+        EXPECT_TRUE(runUntilThere(false));
+    }
+    bool runUntilThere(bool isThere) {
+        return turns_.runUntil(
+            [&] {
+                const auto found = registry_.servicesNamed("IOMedia", plugged_->name());
+                return found && found->empty() != isThere;
+            },
+            kEventLimit);
+    }
 
+    // The kernel tells at once; a machine under load may take its time.
+    static constexpr milliseconds kEventLimit{10'000};
     RecordingLog log_;
     LinuxRunLoop loop_{log_};
+    Turns turns_{loop_};
     LinuxDeviceRegistry registry_{loop_, {}};
+    std::unique_ptr<PulledLoop> plugged_;
 };
 INSTANTIATE_TEST_SUITE_P(Linux, DeviceRegistryConformance,
                          testing::Values(Implementation<DeviceRegistrySubject>{
