@@ -80,7 +80,8 @@ void KorvaneProDaemon::launchDirectoryBackup(std::size_t index, const std::strin
     machine_.processes.setTaskDidTerminate(
         [this](const Task& task) { directoryTaskTerminateNotification(task); });
     dirBackupFilePath = volumeFolder(displayName) + '/' + backupFileName(machine_.clock.now());
-    directoryPipeTask = machine_.processes.launch(helper, {kHelperWord, dirBackupFilePath, path});
+    directoryPipeTask = machine_.processes.launch(
+        helper, {kHelperWord, dirBackupFilePath, machine_.volumes.pathBytes(path)});
     if (directoryPipeTask) return;
     machine_.processes.setTaskDidTerminate(nullptr);
     dirBackupFilePath.clear();

@@ -90,6 +90,9 @@ class Volumes {
     // The local volume on the device with exactly this BSD name: nsvErr when there is none.
     [[nodiscard]] virtual OSErrOr<VolumeInfo> volumeInfoByDevice(std::string_view bsdName) = 0;
 
+    // A mount point as other programs take it: the very bytes of its path.
+    [[nodiscard]] virtual std::string pathBytes(const std::string& path) const { return path; }
+
     // Nothing when no volume is mounted exactly there.
     [[nodiscard]] virtual std::optional<FileSystemFlags> fileSystemFlags(
         const std::string& path) = 0;

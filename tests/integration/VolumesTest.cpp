@@ -160,6 +160,7 @@ TEST_F(RealVolumes, CarryAnyName) {
         const std::string path = folder / text;
         EXPECT_THAT(volumes->mountedLocalVolumePaths(), Contains(path));
         EXPECT_TRUE(volumes->fileSystemAttributes(path)) << path;
+        EXPECT_EQ(volumes->pathBytes(path), folder / bytes);
         EXPECT_EQ(fs::read_symlink(folder / ("Volumes/" + bytes)), folder / bytes);
         EXPECT_TRUE(volumes->unmount(numberAt(path))) << path;
     }

@@ -92,20 +92,20 @@ class DirectoryBackupBed(DaemonBed):
         subprocess.run(["mount", "--bind", script, program], check=True)
         self.addCleanup(subprocess.run, ["umount", "--lazy", program], check=True)
 
-    def write_due_backup(self, locations):
-        entry = {"volumeMountToName": DATA, "directoryOnOff": True,
+    def write_due_backup(self, locations, path=DATA):
+        entry = {"volumeMountToName": path, "directoryOnOff": True,
                  "volumeOnOff": False, "freeSpaceWarningLevel": 0, "usageStatus": "3",
                  "directoryStatus": "0", "executionTimeUsage": FAR_FUTURE,
                  "executionTimeDirectory": time.time(), "executionIntervalDirectory_hours": 4}
         self.write_preferences(volumeArray=[entry], directoryBackupLocations=locations)
 
-    def entry(self):
-        return volume_entries().get(DATA) if read_preferences() else None
+    def entry(self, path=DATA):
+        return volume_entries().get(path) if read_preferences() else None
 
-    def wait_for_end(self):
+    def wait_for_end(self, path=DATA):
         """The entry as it stands when the run has been noted."""
         def noted():
-            entry = self.entry()
+            entry = self.entry(path)
             return entry if entry and entry["executionTimeDirectory"] > time.time() else None
         entry = wait_for(noted, LONG)
         self.assertEqual(entry["directoryStatus"], "3")
@@ -147,6 +147,20 @@ class DirectoryBackupProcess(DirectoryBackupBed):
                                  ["/Volumes/System", backup, second])
             self.assertEqual(os.stat(f"{location}/.KorvaneProtection.plist").st_mode & 0o7777,
                              0o666)
+
+    def test_records_a_volume_whose_path_is_no_text(self):
+        data = self.mount_image(os.fsdecode(b"Latin \xe9"))
+        with open(f"{data}/file", "w", encoding="ascii"):
+            pass
+        # The daemon's text for such a path.
+        path = "/Volumes/Latin \\351"
+        self.write_due_backup(["/Volumes/System"], path)
+        self.start()
+        self.wait_for_end(path)
+        folder = f"{SUPPORT}/{os.path.basename(path)}"
+        [name] = backups(folder)
+        entries, _ = read_record(f"{folder}/{name}")
+        self.assertEqual(set(entries), {b".", b"./lost+found", b"./file"})
 
     def test_keeps_the_copies_alone_where_the_start_up_volume_is_no_location(self):
         self.mount_image("Data")

@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/linux/MountTable.h"
+
 namespace korvane {
 namespace {
 
@@ -132,6 +134,8 @@ const MountEntry* LinuxVolumes::mountAt(std::string_view path) { return table_->
 const std::vector<std::string>& LinuxVolumes::mountedLocalVolumePaths() {
     return table_->volumePaths();
 }
+
+std::string LinuxVolumes::pathBytes(const std::string& path) const { return bytesOfText(path); }
 
 OSErrOr<VolumeInfo> LinuxVolumes::volumeInfoByIndex(std::size_t index) {
     const auto& volumes = table_->volumes();

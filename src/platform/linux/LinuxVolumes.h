@@ -41,6 +41,7 @@ class LinuxVolumes final : public Volumes {
     [[nodiscard]] const std::vector<MountEntry>& mountTable() override;
     [[nodiscard]] const MountEntry* mountAt(std::string_view path) override;
     [[nodiscard]] const std::vector<std::string>& mountedLocalVolumePaths() override;
+    [[nodiscard]] std::string pathBytes(const std::string& path) const override;
     [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoByIndex(std::size_t index) override;
     [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoByReferenceNumber(std::int16_t number) override;
     [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoOfRoot(const FSRef& root) override;
