@@ -1,6 +1,7 @@
 // Holds the Linux machine's connections to what their interface promises, and to what only real
 // sockets can show: their options, the way from one address to the next, a lack of descriptors.
 #include <arpa/inet.h>
+#include <linux/filter.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -150,6 +151,77 @@ TEST(LinuxSocketStream, NoticesThatItsPeerHasDiedWithinMinutes) {
     EXPECT_LE(option(socket, IPPROTO_TCP, TCP_USER_TIMEOUT), 180'000);
     EXPECT_EQ(option(socket, IPPROTO_TCP, TCP_NODELAY), 1);
     stream.reset();
+}
+
+// A connection whose other end can vanish: what is sent there is dropped, and nothing is
+// acknowledged, as by a machine that has lost its power.
+class VanishingPeer : public testing::Test {
+  protected:
+    void connect() {
+        stream_ = subject_.socketStreams.streamsToHost("127.0.0.1", subject_.listening.port);
+        stream_->open([this](StreamSide, StreamEvent event) { events_.push_back(event); });
+        subject_.runUntil([&] { return events_.size() == 2; });  // both sides are open
+        peer_ = UniqueFd{::accept(subject_.listening.socket.get(), nullptr, nullptr)};
+        ASSERT_TRUE(peer_);
+        // The connection's own limits take minutes.
+        const int socket = socketTo(subject_.listening.port);
+        for (const auto& [name, value] :
+             std::initializer_list<std::pair<int, int>>{{TCP_KEEPIDLE, 1},
+                                                        {TCP_KEEPINTVL, 1},
+                                                        {TCP_KEEPCNT, 2},
+                                                        {TCP_USER_TIMEOUT, 2000}}) {
+            ASSERT_EQ(::setsockopt(socket, IPPROTO_TCP, name, &value, sizeof(value)), 0);
+        }
+    }
+    void vanish() {
+        sock_filter dropAll{.code = BPF_RET | BPF_K, .jt = 0, .jf = 0, .k = 0};
+        const sock_fprog program{.len = 1, .filter = &dropAll};
+        ASSERT_EQ(
+            ::setsockopt(peer_.get(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program)), 0);
+    }
+    void expectTimeOut() {
+        std::array<char, 64> buffer{};
+        EXPECT_LT(stream_->read(buffer), 0);
+        subject_.runUntil([&] { return events_.back() == StreamEvent::errorOccurred; });
+        EXPECT_EQ(stream_->error(StreamSide::input), "Connection timed out");
+    }
+
+    LinuxSocketStreamsSubject subject_;
+    std::vector<StreamEvent> events_;
+    std::shared_ptr<SocketStream> stream_;
+    UniqueFd peer_;
+};
+
+TEST_F(VanishingPeer, EndsAReadThatOnlyWaits) {
+    connect();
+    vanish();
+    expectTimeOut();
+}
+
+TEST_F(VanishingPeer, EndsAReadForTheAnswerToBytesThatNeverArrived) {
+    connect();
+    vanish();
+    EXPECT_EQ(stream_->write("EHLO studio\r\n", milliseconds{2000}), StreamWrite::written);
+    expectTimeOut();
+}
+
+TEST(LinuxSocketStream, GivesUpAWriteToAPeerThatNeverReads) {
+    LinuxSocketStreamsSubject subject;
+    bool isOpen = false;
+    auto stream = subject.streams().streamsToHost("127.0.0.1", subject.listening.port);
+    stream->open([&](StreamSide, StreamEvent) { isOpen = true; });
+    subject.runUntil([&] { return isOpen; });
+    constexpr milliseconds kLimit{200};
+    const std::string much(1 << 20, 'x');
+    StreamWrite outcome = StreamWrite::written;
+    auto began = std::chrono::steady_clock::now();
+    // Until the system's buffers are full, which is some megabytes.
+    for (int times = 0; times < 1000 && outcome == StreamWrite::written; ++times) {
+        began = std::chrono::steady_clock::now();
+        outcome = stream->write(much, kLimit);
+    }
+    EXPECT_EQ(outcome, StreamWrite::timedOut);
+    EXPECT_GE(std::chrono::steady_clock::now() - began, kLimit);
 }
 
 // The sanitizer of undefined behaviour opens a pipe at its first look at a type, and takes what it
