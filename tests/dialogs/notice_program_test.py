@@ -14,6 +14,9 @@ import tempfile
 import time
 import unittest
 
+sys.path.append(f"{os.path.dirname(os.path.abspath(__file__))}/../integration")
+from waiting import wait_for  # noqa: E402 (its folder is known only now)
+
 PROGRAM = os.path.abspath(sys.argv.pop(1))
 NOBODY = 65534
 CLOSED, BAD_INPUT, NO_SESSION, NO_SERVICE = 0, 2, 3, 4
@@ -31,16 +34,6 @@ def notice(**changes):
               "timeOutMilliseconds": 0, "button": "OK"}
     fields.update(changes)
     return plistlib.dumps({key: value for key, value in fields.items() if value is not None})
-
-
-def wait_for(condition, seconds=10):
-    end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        result = condition()
-        if result:
-            return result
-        time.sleep(0.01)
-    raise AssertionError("what was waited for did not happen")
 
 
 class Desktop:

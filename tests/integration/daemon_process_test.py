@@ -16,6 +16,8 @@ import tempfile
 import time
 import unittest
 
+from waiting import wait_for
+
 PROGRAM = os.path.abspath(sys.argv.pop(1))
 SUPPORT = "/Library/Application Support/Korvane Protection"
 PREFERENCES = f"{SUPPORT}/KorvaneProtection.plist"
@@ -29,17 +31,6 @@ FAR_FUTURE = 4e9  # seconds since 1970
 
 def mount(*arguments):
     subprocess.run(["mount", *arguments], check=True)
-
-
-def wait_for(condition, seconds=20):
-    """Waits until the condition is true and answers what it gave."""
-    end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        result = condition()
-        if result:
-            return result
-        time.sleep(0.02)
-    raise AssertionError("what was waited for did not happen")
 
 
 def read_bytes(path):

@@ -129,6 +129,22 @@ class MailTest(bed.MailBed):
         self.start()
         self.assertEqual(self.ask("test-mail")[0], 0)
 
+    def test_a_server_that_answers_but_never_reads_is_given_up_after_two_seconds(self):
+        def script(server):
+            self.converse(server, "NOOP")
+            while True:  # until the client has gone
+                server.say("250 OK")
+                time.sleep(0.1)  # as a reply of its own
+        self.misbehave(script)
+        # Together more than the system keeps for a connection.
+        self.start(emailAddress=",".join(["a" * (2 << 20)] * 12))
+        began = time.monotonic()
+        self.assert_fails("Failed to connect to SMTP server 127.0.0.1 on port 25")
+        self.assertGreater(time.monotonic() - began, 2)
+        self.daemon.wait_for_line("cancelConnectionWithError: Failed to connect")
+        # Nothing failed but for the time that it took.
+        self.assertNotIn("Error writing to outStream", "\n".join(self.daemon.lines()))
+
     def test_a_server_that_sends_one_byte_at_a_time_fits_no_step_and_blocks_nobody_for_good(self):
         def script(server):
             server.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)

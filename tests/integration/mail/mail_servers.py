@@ -28,19 +28,11 @@ import warnings
 from aiosmtpd.controller import Controller
 from aiosmtpd.smtp import SMTP, AuthResult
 
+from waiting import wait_for
+
 logging.getLogger("mail.log").setLevel(logging.ERROR)  # a login without TLS is no news here
 IMPATIENCE = 2  # seconds
 USER, PASSWORD = "grace@example.org", "secret"
-
-
-def wait_for(condition, seconds=20):
-    end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        result = condition()
-        if result:
-            return result
-        time.sleep(0.02)
-    raise AssertionError("what was waited for did not happen")
 
 
 def accepts(port):
