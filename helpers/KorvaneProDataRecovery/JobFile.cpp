@@ -75,7 +75,7 @@ std::string volumeNameOfInput(std::string_view path) {
     std::string name{path.substr(begin, path.size() - empty.size())};
     constexpr std::string_view kSlash = "%2F";
     for (std::size_t at = 0; (at = name.find(kSlash, at)) != std::string::npos; ++at) {
-        name.replace(at, kSlash.size(), "/");
+        name.replace(at, kSlash.size(), 1, '/');
     }
     return name;
 }
