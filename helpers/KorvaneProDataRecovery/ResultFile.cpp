@@ -3,11 +3,15 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <signal.h>
+#include <stdio.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <variant>
 
 #include "platform/linux/UniqueFd.h"
 
@@ -52,28 +56,64 @@ class TerminationHeldBack {
     sigset_t before_{};
 };
 
-// Makes room: what was left over from before goes.
-Result<Saved> clearName(int folder, const std::string& name) {
+enum class Name { free, ours, taken };
+
+// Somebody's link or file, and one of ours that has a second name, is another's.
+Result<Name> lookAt(int folder, const std::string& name) {
     struct stat status {};
     if (::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (errno == ENOENT) return Saved::whole;
+        if (errno == ENOENT) return Name::free;
         return failure("looking at", name);
     }
-    if (!isOwnFile(status) || status.st_nlink != 1) return Saved::nameIsTaken;
-    if (::unlinkat(folder, name.c_str(), 0) != 0) return failure("removing", name);
-    return Saved::whole;
+    return isOwnFile(status) && status.st_nlink == 1 ? Name::ours : Name::taken;
 }
 
-// For file systems that have no files without a name.
-Result<Saved> saveUnderItsName(int folder, const std::string& name, std::string_view bytes) {
-    const TerminationHeldBack heldBack;
-    const UniqueFd file{::openat(folder, name.c_str(),
-                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode)};
-    if (!file) return failure("making", name);
-    if (writeAll(file.get(), bytes)) return Saved::whole;
-    Error error = failure("writing", name);
-    (void)::unlinkat(folder, name.c_str(), 0);  // a half file is worse than none
-    return error;
+// A name for a moment, in a folder where others can make files: one that nobody guesses.
+std::string passingName(const std::string& name) {
+    std::uint64_t number = 0;
+    // Short of that many random bytes only a second after the machine's start: zero is as good.
+    (void)::getrandom(&number, sizeof number, GRND_NONBLOCK);
+    return fmt::format("{}.{:016x}", name, number);
+}
+
+// A whole file under its name for a moment.
+Result<std::monostate> makePassing(int folder, const std::string& passing, std::string_view bytes) {
+    UniqueFd file{::openat(folder, ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, kMode)};
+    const bool isNameless = static_cast<bool>(file);
+    // For file systems that have no files without a name.
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    if (!isNameless) file = UniqueFd{::openat(folder, passing.c_str(), kFlags, kMode)};
+    if (!file) return failure("making", passing);
+    if (!writeAll(file.get(), bytes)) {
+        Error error = failure("writing", passing);
+        if (!isNameless) (void)::unlinkat(folder, passing.c_str(), 0);
+        return error;
+    }
+    // The one way to name such a file that needs no privilege (open(2), O_TMPFILE).
+    const std::string self = fmt::format("/proc/self/fd/{}", file.get());
+    if (isNameless &&
+        ::linkat(AT_FDCWD, self.c_str(), folder, passing.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+        return failure("naming", passing);
+    }
+    return std::monostate{};
+}
+
+// In the place of one of ours, or where nothing is. Another run over the same items may be at the
+// same place: the last one's stays, and at no moment none.
+Result<Saved> moveInto(int folder, const std::string& passing, const std::string& name) {
+    constexpr int kAttempts = 10;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const Result<Name> place = lookAt(folder, name);
+        if (!place) return place.error();
+        if (*place == Name::taken) return Saved::nameIsTaken;
+        // In a folder with the sticky bit nobody can put something else in our file's place.
+        const unsigned flags = *place == Name::free ? RENAME_NOREPLACE : 0;
+        if (::renameat2(folder, passing.c_str(), folder, name.c_str(), flags) == 0) {
+            return Saved::whole;
+        }
+        if (errno != EEXIST) break;
+    }
+    return failure("naming", name);
 }
 
 }  // namespace
@@ -82,17 +122,14 @@ Result<Saved> saveResult(const std::string& folder, const std::string& name,
                          std::string_view bytes) {
     const UniqueFd place{::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     if (!place) return failure("opening", folder);
-    const Result<Saved> cleared = clearName(place.get(), name);
-    if (!cleared || *cleared == Saved::nameIsTaken) return cleared;
-    const UniqueFd file{::openat(place.get(), ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, kMode)};
-    if (!file) return saveUnderItsName(place.get(), name, bytes);
-    if (!writeAll(file.get(), bytes)) return failure("writing", name);
-    // The one way to name such a file that needs no privilege (open(2), O_TMPFILE).
-    const std::string self = fmt::format("/proc/self/fd/{}", file.get());
-    if (::linkat(AT_FDCWD, self.c_str(), place.get(), name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-        return failure("naming", name);
+    const std::string passing = passingName(name);
+    const TerminationHeldBack heldBack;
+    if (const auto made = makePassing(place.get(), passing, bytes); !made) return made.error();
+    const Result<Saved> saved = moveInto(place.get(), passing, name);
+    if (!saved || *saved == Saved::nameIsTaken) {
+        (void)::unlinkat(place.get(), passing.c_str(), 0);
     }
-    return Saved::whole;
+    return saved;
 }
 
 Result<std::string> readOwnFile(const std::string& path, std::size_t most) {

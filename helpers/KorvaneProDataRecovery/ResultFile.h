@@ -15,7 +15,7 @@ enum class Saved {
 };
 
 // Makes the file `name` in the folder, readable by its owner alone. A regular file of this user
-// without further names, as one left over from before, is replaced.
+// without further names, left over from before or made by a run at the same time, is replaced.
 [[nodiscard]] Result<Saved> saveResult(const std::string& folder, const std::string& name,
                                        std::string_view bytes);
 

@@ -8,10 +8,12 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "platform/linux/MountTable.h"
@@ -84,20 +86,35 @@ bool isNode(const std::string& source, const DeviceNumber& number) {
            ::minor(status.st_rdev) == number.minor;
 }
 
-// The mount points, in the table's order, of the volume on the device.
-std::vector<std::string> mountPointsOf(const MachinePlaces& places, const std::string& device) {
+TrashFolders::Mounts mountsFor(const MachinePlaces& places, const std::string& device) {
     const std::vector<MountRow> rows = parseMountTable(textOf(places.mountTable));
     const auto number = deviceNumber(places, device);
-    std::vector<std::string> paths;
+    TrashFolders::Mounts mounts;
     for (const std::size_t index : reachableMounts(rows)) {
         const MountRow& row = rows[index];
-        const bool isIt = isSource(row.source, device) ||
-                          (number && (row.device == *number || isNode(row.source, *number)));
-        if (isIt) {
-            paths.push_back(row.mountPoint);
-        }
+        mounts[row.mountPoint] = isSource(row.source, device) ||
+                                 (number && (row.device == *number || isNode(row.source, *number)));
     }
-    return paths;
+    return mounts;
+}
+
+// Whether the path lies on the volume by the mount table alone: a look at the path itself would
+// wait for a server that is away.
+bool liesOnVolume(const TrashFolders::Mounts& mounts, std::string path) {
+    for (;;) {
+        if (const auto mount = mounts.find(path); mount != mounts.end()) return mount->second;
+        if (path == "/") return false;
+        path.resize(path.rfind('/'));
+        if (path.empty()) path = "/";
+    }
+}
+
+// Where "/home" leads to that is a link, as on some systems.
+std::string folderBehind(const std::string& path) {
+    std::error_code none;
+    const std::filesystem::path target = std::filesystem::read_symlink(path, none);
+    if (none) return path;
+    return (std::filesystem::path{path}.parent_path() / target).lexically_normal();
 }
 
 std::vector<std::string> stepsOf(std::string_view path) {
@@ -144,29 +161,50 @@ std::string originOf(const TrashFolder& folder, const std::string& name) {
 
 TrashFolders::TrashFolders(const MachinePlaces& places, const std::string& device,
                            const std::set<std::uint32_t>& nodes) {
-    const std::vector<std::string> mountPoints = mountPointsOf(places, device);
-    for (const std::string& mountPoint : mountPoints) {
+    const Mounts mounts = mountsFor(places, device);
+    for (const auto& [mountPoint, isOfVolume] : mounts) {
         struct stat status {};
-        if (::lstat(mountPoint.c_str(), &status) == 0) devices_.push_back(status.st_dev);
+        if (isOfVolume && ::lstat(mountPoint.c_str(), &status) == 0) {
+            devices_.push_back(status.st_dev);
+        }
     }
-    for (const std::string& mountPoint : mountPoints) addOfMount(mountPoint, nodes);
-    if (!devices_.empty()) addHomes(places, nodes);
+    for (const auto& [mountPoint, isOfVolume] : mounts) {
+        if (isOfVolume) addOfMount(mountPoint, nodes);
+    }
+    if (devices_.empty()) return;
+    addHomes(folderBehind(places.homes), mounts, nodes);
+    addHome(folderBehind(places.homeOfRoot), {}, mounts, nodes);
 }
 
-// Only root makes entries of /home; what stands at them and below belongs to users.
-void TrashFolders::addHomes(const MachinePlaces& places, const Nodes& nodes) {
-    const UniqueFd homes{::open(places.homes.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-    if (homes) {
-        forEachEntry(homes.get(), [&](const dirent& entry) {
-            std::vector<std::string> steps = {entry.d_name};
-            steps.insert(steps.end(), kTrashOfHome.begin(), kTrashOfHome.end());
-            add(openFolder(homes.get(), steps), joined(places.homes, steps), "", nodes);
-            return true;
-        });
+// Only root makes entries of /home; what stands at them and below belongs to users. A home may be a
+// volume of its own, and one of another volume is left alone: it may be a server's.
+void TrashFolders::addHomes(const std::string& homes, const Mounts& mounts, const Nodes& nodes) {
+    std::set<std::string> users;
+    for (const auto& [mountPoint, isOfVolume] : mounts) {
+        if (!isOfVolume || !mountPoint.starts_with(homes + "/")) continue;
+        const std::size_t begin = homes.size() + 1;
+        users.insert(mountPoint.substr(begin, mountPoint.find('/', begin) - begin));
     }
-    const UniqueFd home{::open(places.homeOfRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-    if (!home) return;
-    add(openFolder(home.get(), kTrashOfHome), joined(places.homeOfRoot, kTrashOfHome), "", nodes);
+    if (liesOnVolume(mounts, homes)) {
+        const UniqueFd folder{::open(homes.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+        if (folder) {
+            forEachEntry(folder.get(), [&users](const dirent& entry) {
+                users.emplace(entry.d_name);
+                return true;
+            });
+        }
+    }
+    for (const std::string& user : users) addHome(homes, {user}, mounts, nodes);
+}
+
+// The trash of a home, the folder that `steps` lead to from `base`.
+void TrashFolders::addHome(const std::string& base, std::vector<std::string> steps,
+                           const Mounts& mounts, const Nodes& nodes) {
+    steps.insert(steps.end(), kTrashOfHome.begin(), kTrashOfHome.end());
+    const std::string path = joined(base, steps);
+    if (!liesOnVolume(mounts, path)) return;
+    const UniqueFd folder{::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    if (folder) add(openFolder(folder.get(), steps), path, "", nodes);
 }
 
 // ".Trash-UID/files" and ".Trash/UID/files" of freedesktop.org's common trash folders.

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -59,9 +60,14 @@ class TrashFolders {
     // The item with this node number in the folder with that one; both are the low 32 bits.
     [[nodiscard]] std::optional<Place> find(std::uint32_t node, std::uint32_t parent);
 
+    // All mount points that can be reached, and whether each is one of the volume's.
+    using Mounts = std::map<std::string, bool>;
+
   private:
     using Nodes = std::set<std::uint32_t>;
-    void addHomes(const MachinePlaces& places, const Nodes& nodes);
+    void addHomes(const std::string& homes, const Mounts& mounts, const Nodes& nodes);
+    void addHome(const std::string& base, std::vector<std::string> steps, const Mounts& mounts,
+                 const Nodes& nodes);
     void addOfMount(const std::string& mountPoint, const Nodes& nodes);
     void add(UniqueFd folder, std::string path, std::string top, const Nodes& nodes);
 

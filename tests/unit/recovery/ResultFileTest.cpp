@@ -3,9 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <thread>
+#include <vector>
 
 #include "KorvaneProDataRecovery/ResultFile.h"
 #include "unit/platform/TemporaryFolder.h"
@@ -42,6 +45,26 @@ TEST_F(ResultFileTest, ReplacesOneThatWasLeftOver) {
     folder.write(".1.dat", "something longer from before");
     ASSERT_TRUE(save("new"));
     EXPECT_EQ(text(".1.dat"), "new");
+}
+
+// Scans follow each other faster than the program ends.
+TEST_F(ResultFileTest, IsThereAtEveryMomentWhileSeveralRunsReplaceIt) {
+    constexpr int kRounds = 300;
+    ASSERT_TRUE(save("0"));
+    std::atomic<int> failures = 0;
+    std::vector<std::thread> runs;
+    for (int run = 0; run < 4; ++run) {
+        runs.emplace_back([&] {
+            for (int round = 0; round < kRounds; ++round) {
+                const auto saved = saveResult(folder.path(), ".1.dat", "records");
+                if (!saved || *saved != Saved::whole || !fs::exists(folder / ".1.dat")) ++failures;
+            }
+        });
+    }
+    for (std::thread& run : runs) run.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(text(".1.dat"), "records");
+    EXPECT_EQ(std::distance(fs::directory_iterator{folder.path()}, {}), 1);
 }
 
 TEST_F(ResultFileTest, NeverGoesThroughALink) {

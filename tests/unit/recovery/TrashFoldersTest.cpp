@@ -20,12 +20,16 @@ class TrashFoldersTest : public testing::Test {
         for (const char* const path : {"home", "root", "block/sdx1"}) {
             fs::create_directories(folder / path);
         }
+        folder.write("block/sdx1/dev", number() + "\n");
+        folder.write("mounts", mounts());
+    }
+    [[nodiscard]] std::string number() const {
         const struct stat status = statusOf("");
-        const std::string number =
-            std::to_string(::major(status.st_dev)) + ":" + std::to_string(::minor(status.st_dev));
-        folder.write("block/sdx1/dev", number + "\n");
-        folder.write("mounts",
-                     "25 1 " + number + " / " + folder.path() + " rw - ext4 /dev/mapper/data rw\n");
+        return std::to_string(::major(status.st_dev)) + ":" +
+               std::to_string(::minor(status.st_dev));
+    }
+    [[nodiscard]] std::string mounts() const {
+        return "25 1 " + number() + " / " + folder.path() + " rw - ext4 /dev/mapper/data rw\n";
     }
     [[nodiscard]] struct stat statusOf(std::string_view path) const {
         struct stat status {};
@@ -98,6 +102,43 @@ TEST_F(TrashFoldersTest, AreNoLinks) {
     fs::create_directory_symlink(folder / "secret", folder / "home/eve/.local/share/Trash");
     fs::create_directory_symlink(folder / "secret", folder / ".Trash");
     EXPECT_EQ(found("/dev/sdx1", "secret/files", "secret/files/letter"), "");
+}
+
+// A home on a server that is away keeps whoever looks at it waiting: the mount table is enough.
+TEST_F(TrashFoldersTest, AreNotLookedForInHomesOfOtherVolumes) {
+    const std::string table = mounts();
+    const std::string home = folder / "home";
+    const std::string trash = "home/ann/.local/share/Trash/files";
+    folder.write(trash + "/letter", "text");
+    for (const std::string& at : {home, home + "/ann", home + "/ann/.local/share"}) {
+        folder.write("mounts", table + "26 25 0:77 / " + at + " rw - nfs server:/homes rw\n");
+        EXPECT_EQ(found("/dev/sdx1", trash, trash + "/letter"), "") << at;
+    }
+    // The server has other homes.
+    folder.write("mounts", table + "26 25 0:77 / " + home + "/bob rw - nfs server:/bob rw\n");
+    EXPECT_EQ(found("/dev/sdx1", trash, trash + "/letter"), folder / (trash + "/letter"));
+    // A home of its own below a server's.
+    folder.write("mounts", table + "26 25 0:77 / " + home + " rw - nfs server:/homes rw\n27 26 " +
+                               number() + " / " + home + "/ann rw - ext4 /dev/mapper/data rw\n");
+    EXPECT_EQ(found("/dev/sdx1", trash, trash + "/letter"), folder / (trash + "/letter"));
+}
+
+TEST_F(TrashFoldersTest, AreFoundWhereTheHomesAreALink) {
+    fs::remove(folder / "home");
+    fs::create_directory_symlink("var/home", folder / "home");
+    const std::string trash = "var/home/ann/.local/share/Trash/files";
+    folder.write(trash + "/letter", "text");
+    EXPECT_EQ(found("/dev/sdx1", trash, trash + "/letter"), folder / (trash + "/letter"));
+}
+
+// The table of mounts has the whole name of a source; a job has room for 31 bytes of it.
+TEST_F(TrashFoldersTest, AreFoundByTheBeginningOfALongDeviceName) {
+    const std::string source = "/dev/mapper/a-name-that-is-longer-than-a-job";
+    folder.write("mounts", "25 1 0:99 / " + folder.path() + " rw - ext4 " + source + " rw\n");
+    const std::string trash = ".Trash-0/files";
+    folder.write(trash + "/letter", "text");
+    EXPECT_EQ(found(source.substr(0, 31), trash, trash + "/letter"), folder / (trash + "/letter"));
+    EXPECT_EQ(found(source.substr(0, 30), trash, trash + "/letter"), "");
 }
 
 TEST_F(TrashFoldersTest, HoldLinksAsTheItemsThatTheyAre) {

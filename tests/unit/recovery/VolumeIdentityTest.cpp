@@ -38,9 +38,9 @@ TEST(VolumeIdentity, IsAskedOfUdevWhereTheFileSystemTellsNone) {
     ASSERT_EQ(::fstat(folder.get(), &status), 0);
     const TemporaryFolder udev;
     EXPECT_EQ(volumeIdentityOf(folder.get(), udev.path()).uuid, VolumeUuid{});
-    udev.write("b" + std::to_string(::major(status.st_dev)) + ":" +
-                   std::to_string(::minor(status.st_dev)),
-               "S:disk/by-uuid/1A2B-3C4D\nE:ID_FS_TYPE=vfat\nE:ID_FS_UUID=1A2B-3C4D\n");
+    udev.write(
+        "b" + std::to_string(::major(status.st_dev)) + ":" + std::to_string(::minor(status.st_dev)),
+        "S:disk/by-uuid/1A2B-3C4D\nE:ID_FS_TYPE=vfat\nE:ID_FS_UUID=1A2B-3C4D\n");
     EXPECT_EQ(textOfVolumeUuid(volumeIdentityOf(folder.get(), udev.path()).uuid), "1A2B-3C4D");
 }
 
