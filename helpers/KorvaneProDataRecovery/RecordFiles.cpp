@@ -66,7 +66,7 @@ std::vector<std::string> recordFilesIn(const std::string& folder) {
 }
 
 std::uint64_t forEachItemIn(const std::string& path, std::uint64_t most,
-                            const std::function<void(RecordedItem&&)>& each) {
+                            const std::function<void(ItemAssembly::Collected&&)>& each) {
     const UniqueFd file{
         ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
     struct stat status {};
@@ -87,7 +87,7 @@ std::uint64_t forEachItemIn(const std::string& path, std::uint64_t most,
             const auto record = decodeRecord(records[i]);
             if (!record) assembly.interrupt();
             auto collected = record ? assembly.add(*record) : std::nullopt;
-            if (collected) each(std::move(collected->item));
+            if (collected) each(std::move(*collected));
         }
     }
     return length;
@@ -102,7 +102,8 @@ EarlierRecords::EarlierRecords(const std::string& folder, std::set<std::uint32_t
         if (nodes.empty() || left < kResultRecordSize) return;
         const bool isFresh = isFreshFile(path, now);
         std::map<std::uint64_t, Recording> found;
-        left -= forEachItemIn(path, left, [&](RecordedItem&& item) {
+        left -= forEachItemIn(path, left, [&](ItemAssembly::Collected&& collected) {
+            RecordedItem& item = collected.item;
             if (!nodes.contains(static_cast<std::uint32_t>(item.trashNode))) return;
             Recording& recording = found[item.trashNode];
             if (item.node == item.trashNode) recording = {.items = {}, .isFresh = isFresh};

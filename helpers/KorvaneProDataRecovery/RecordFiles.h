@@ -20,7 +20,7 @@ namespace korvane {
 // Calls `each` with every whole item in the file's last `most` bytes, in the file's order; gives
 // how many bytes there were. A file that is a link, or none that can be read, has none.
 std::uint64_t forEachItemIn(const std::string& path, std::uint64_t most,
-                            const std::function<void(RecordedItem&&)>& each);
+                            const std::function<void(ItemAssembly::Collected&&)>& each);
 
 // What was recorded of items before, so that the same contents are not read, and the same records
 // not kept, again at every change of a trash.

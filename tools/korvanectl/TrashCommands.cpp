@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <set>
 #include <utility>
 
 #include "core/DefaultPreferences.h"
@@ -13,6 +14,7 @@
 #include "korvanectl/SettingRules.h"
 #include "korvanectl/Table.h"
 #include "korvanectl/TrashHistory.h"
+#include "korvanectl/TrashList.h"
 #include "korvanectl/VolumeCommands.h"
 #include "korvanectl/Words.h"
 #include "platform/linux/MountTable.h"
@@ -22,7 +24,6 @@ namespace korvane::ctl {
 
 namespace {
 
-constexpr std::string_view kNothing = "-";
 constexpr char kTrashHistory[] = "trashHistoryOnOff";
 constexpr char kTrashOfVolume[] = "trashOnOff";
 
@@ -30,24 +31,9 @@ PropertyList jsonTime(Time time) {
     return PropertyList{std::chrono::floor<std::chrono::seconds>(time)};
 }
 
-std::string timeOrNothing(const std::optional<Time>& time, Time now) {
-    return time ? timeWords(*time, now) : std::string{kNothing};
-}
-
-std::string stateWords(const HistoryItem& item, Time now) {
+std::string stateToken(const HistoryItem& item) {
+    if (item.lastSeen) return "gone";
     switch (item.state) {
-        case TrashState::inTrash:
-            return "in the trash";
-        case TrashState::removed:
-            return fmt::format("put back, {}", timeOrNothing(item.left, now));
-        case TrashState::deleted:
-            break;
-    }
-    return fmt::format("emptied, {}", timeOrNothing(item.left, now));
-}
-
-std::string stateToken(TrashState state) {
-    switch (state) {
         case TrashState::inTrash:
             return "inTrash";
         case TrashState::removed:
@@ -61,17 +47,17 @@ std::string stateToken(TrashState state) {
 Dictionary itemJson(const HistoryItem& item) {
     Dictionary json{{"key", item.key},           {"name", item.name},
                     {"node", item.node},         {"trashFolder", item.folder},
-                    {"volume", item.volumeName}, {"state", stateToken(item.state)}};
+                    {"volume", item.volumeName}, {"state", stateToken(item)}};
     if (!item.origin.empty()) json.set("origin", item.origin);
     if (item.putIn) json.set("putIn", jsonTime(*item.putIn));
     if (item.left) json.set("left", jsonTime(*item.left));
+    if (item.lastSeen) json.set("lastSeen", jsonTime(*item.lastSeen));
     return json;
 }
 
 Outcome<ExitStatus> runList(Program& program) {
-    auto history = readTrashHistory(program.supportFolder);
+    const auto history = readTrashHistory(program.supportFolder);
     if (!history) return history.failure();
-    findOrigins(program.supportFolder, *history);
     if (program.json) {
         PropertyListArray items;
         for (const HistoryItem& item : *history) items.emplace_back(itemJson(item));
@@ -82,16 +68,11 @@ Outcome<ExitStatus> runList(Program& program) {
         program.print("Nothing that went through the trash is recorded.\n");
         return ExitStatus::done;
     }
-    Table table{{{"ITEM"}, {"CAME FROM"}, {"VOLUME"}, {"PUT IN"}, {"STATE"}}};
-    for (const HistoryItem& item : *history) {
-        table.addRow({{item.name},
-                      {item.origin.empty() ? std::string{kNothing} : item.origin},
-                      {item.volumeName},
-                      {timeOrNothing(item.putIn, program.now())},
-                      {stateWords(item, program.now()),
-                       item.state == TrashState::inTrash ? Tone::plain : Tone::faint}});
-    }
-    program.print(table.format(program.paint));
+    // A name that two items have leads to neither of them.
+    std::set<std::string> names;
+    const bool hasTwins = std::ranges::any_of(
+        *history, [&names](const HistoryItem& item) { return !names.insert(item.name).second; });
+    program.print(historyTable(*history, program.now(), hasTwins).format(program.paint));
     return ExitStatus::done;
 }
 
@@ -128,24 +109,20 @@ RecordedWhole sumOf(const std::vector<RecordedItem>& items) {
     return whole;
 }
 
-std::string piecesWords(std::size_t count) {
-    return count == 1 ? "1 piece" : fmt::format("{} pieces", count);
-}
-
 std::string contentsWords(const std::vector<RecordedItem>& items) {
     if (items.empty()) return "not recorded: they cannot be recovered once the trash is emptied";
     const RecordedItem& item = items.front();
     if (S_ISDIR(item.mode)) {
         const RecordedWhole whole = sumOf(items);
         return fmt::format(
-            "recorded: {} of its {} files can be looked for on the device{}", whole.recoverable,
-            whole.files,
+            "recorded: {} of its {} can be looked for on the device{}", whole.recoverable,
+            counted(whole.files, "file"),
             (item.flags & kRecordFolderCut) != 0 ? "; it held more than was recorded" : "");
     }
     if (S_ISLNK(item.mode)) return "recorded: a link to " + item.linkTarget;
     const std::string reason = reasonNotRecoverable(item);
     return reason.empty()
-               ? fmt::format("recorded: {} on the device", piecesWords(item.extents.size()))
+               ? fmt::format("recorded: {} on the device", counted(item.extents.size(), "piece"))
                : "cannot be recovered: " + reason;
 }
 
@@ -176,7 +153,8 @@ Table itemTable(const HistoryItem& item, const std::vector<RecordedItem>& items,
     row("key", item.key);
     row("state", stateWords(item, now));
     row("put in", timeOrNothing(item.putIn, now));
-    row("came from", item.origin.empty() ? std::string{kNothing} : item.origin);
+    if (item.lastSeen) row("last seen", timeOrNothing(item.lastSeen, now));
+    row("came from", item.origin.empty() ? std::string{kNoWords} : item.origin);
     row("trash folder", item.folder);
     row("volume", item.volumeName);
     row("node", std::to_string(item.node));
@@ -193,12 +171,9 @@ Table itemTable(const HistoryItem& item, const std::vector<RecordedItem>& items,
 }
 
 Outcome<ExitStatus> runShow(Program& program, const std::string& wanted) {
-    const auto history = readTrashHistory(program.supportFolder);
-    if (!history) return history.failure();
-    auto item = findHistoryItem(*history, wanted);
+    const Outcome<HistoryItem> item = itemCalled(program, wanted);
     if (!item) return item.failure();
     const std::vector<RecordedItem> items = recordsOf(program.supportFolder, *item);
-    if (!items.empty()) item->origin = textOfBytes(items.front().origin);
     if (program.json) {
         Dictionary json = itemJson(*item);
         if (!items.empty()) json.set("recorded", recordedJson(items));
@@ -209,8 +184,7 @@ Outcome<ExitStatus> runShow(Program& program, const std::string& wanted) {
     return ExitStatus::done;
 }
 
-// ---- On and off
-// ----------------------------------------------------------------------------------
+// ---- On and off --------------------------------------------------------------------------------
 
 // Both switches must be on for a trash to be watched: what the other one says.
 void noteOtherSwitch(Program& program, bool isOfVolume) {
@@ -284,7 +258,7 @@ void addTrashCommands(CLI::App& app, Program& program) {
     const auto item = std::make_shared<std::string>();
     addPrintingCommand(group, program, "show", "All that is known of an item",
                        [&program, item] { return runShow(program, *item); })
-        ->add_option("ITEM", *item, "Name, node number or key of an item")
+        ->add_option("ITEM", *item, kItemHelp)
         ->required();
     addTrashRecovery(group, program);
     addSwitch(group, program, true);

@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <set>
+#include <system_error>
 #include <tuple>
 #include <utility>
 
@@ -19,6 +21,7 @@
 #include "korvanectl/Text.h"
 #include "platform/linux/MountTable.h"
 #include "storage/SupportFolder.h"
+#include "trash/TrashFormats.h"
 
 namespace korvane::ctl {
 
@@ -35,7 +38,8 @@ HistoryItem historyItem(const std::string& key, const ConstTrashEntry& entry) {
                      .putIn = entry.addDate(),
                      .state = entry.state(),
                      .left = std::nullopt,
-                     .origin = {}};
+                     .origin = {},
+                     .lastSeen = std::nullopt};
     if (item.state == TrashState::removed) item.left = entry.removedDate();
     if (item.state == TrashState::deleted) item.left = entry.deletedDate();
     return item;
@@ -51,7 +55,7 @@ class NewestRecording {
         if (item.node == item.trashNode) {
             // Node numbers are used again: another name is another item.
             isWanted_ = item.node == wanted_.node && textOfBytes(item.name) == wanted_.name &&
-                        isFileName(item.name);
+                        isFileName(item.name) && isSameFile(item);
             if (isWanted_) items_.clear();
         }
         if (!isWanted_ || item.trashNode != wanted_.node) return;
@@ -65,6 +69,11 @@ class NewestRecording {
     std::vector<RecordedItem> take() { return std::move(items_); }
 
   private:
+    bool isSameFile(const RecordedItem& item) const {
+        return !wanted_.lastSeen ||
+               (item.born == wanted_.born && item.volumeUuid == wanted_.volumeUuid);
+    }
+
     const HistoryItem& wanted_;
     std::vector<RecordedItem> items_;
     std::map<std::uint64_t, RecordedItem> earlier_;  // the last one of each node
@@ -73,10 +82,110 @@ class NewestRecording {
 
 // Calls `each` with every whole item of the volume's records, the oldest first.
 void forEachRecorded(const std::string& supportFolder, const std::string& volumeName,
-                     const std::function<void(RecordedItem&&)>& each) {
+                     const std::function<void(ItemAssembly::Collected&&)>& each) {
     for (const std::string& path :
          recordFilesIn(supportFolder + "/" + volumeFolderName(volumeName))) {
         (void)forEachItemIn(path, UINT64_MAX, each);
+    }
+}
+
+// The moment of a stamp, which counts local time.
+Time timeOfStamp(std::uint32_t stamp) {
+    constexpr double kSecondsTo1970 = 2'082'844'800;  // from the beginning of 1904
+    const Time local = timeFromSecondsSince1970(stamp - kSecondsTo1970);
+    // As far from the moment as the local one's own stamp is from it; but for the hour in which the
+    // clocks change.
+    const auto offset = static_cast<std::int32_t>(stamp - secondsSince1904(local));
+    return local + std::chrono::seconds{offset};
+}
+
+// Those of the history, and those that have records of items that left it.
+std::set<std::string> recordedVolumes(const std::string& supportFolder,
+                                      const std::vector<HistoryItem>& history) {
+    std::set<std::string> volumes;
+    for (const HistoryItem& item : history) volumes.insert(item.volumeName);
+    std::error_code none;
+    for (fs::directory_iterator entry{supportFolder, none}, end; !none && entry != end;
+         entry.increment(none)) {
+        const std::string name = entry->path().filename().string();
+        if (volumeFolderName(name) == name && !recordFilesIn(entry->path().string()).empty()) {
+            volumes.insert(name);
+        }
+    }
+    return volumes;
+}
+
+// An item of the trash as its volume's records have it, at its last time.
+struct Recorded {
+    RecordedItem item;
+    Time seen;
+};
+
+// Node numbers are used again, also for an item of the same name: by its birth it is another one.
+using Identity = std::tuple<std::uint64_t, std::int64_t, VolumeUuid, std::string>;
+Identity identityOf(const RecordedItem& item) {
+    return {item.node, item.born, item.volumeUuid, item.name};
+}
+
+std::vector<Recorded> newestFirst(const std::string& supportFolder, const std::string& volume) {
+    std::map<Identity, std::pair<std::size_t, Recorded>> found;
+    std::size_t count = 0;
+    forEachRecorded(supportFolder, volume, [&](ItemAssembly::Collected&& each) {
+        RecordedItem& item = each.item;
+        if (item.node != item.trashNode || !isFileName(item.name)) return;
+        const Identity identity = identityOf(item);
+        found[identity] = {++count, {std::move(item), timeOfStamp(each.stamp)}};
+    });
+    std::vector<std::pair<std::size_t, Recorded>> order;
+    for (auto& [identity, recorded] : found) order.push_back(std::move(recorded));
+    std::ranges::sort(order, std::greater{}, [](const auto& each) { return each.first; });
+    std::vector<Recorded> items;
+    for (auto& [number, recorded] : order) items.push_back(std::move(recorded));
+    return items;
+}
+
+HistoryItem forgottenItem(const std::string& volume, const Recorded& recorded) {
+    const RecordedItem& item = recorded.item;
+    const std::string path = textOfBytes(item.path);
+    return {.key = fmt::format("{}_{}@{}", volume, item.node,
+                               item.born != 0 ? std::to_string(item.born) : textOfBytes(item.name)),
+            .name = textOfBytes(item.name),
+            .folder = path.substr(0, std::min(path.rfind('/'), path.size())),
+            .volumeName = volume,
+            .node = item.node,
+            .putIn = std::nullopt,
+            .state = TrashState::deleted,
+            .left = std::nullopt,
+            .origin = textOfBytes(item.origin),
+            .lastSeen = recorded.seen,
+            .born = item.born,
+            .volumeUuid = item.volumeUuid};
+}
+
+// Gives the history's items their origins, and adds the items that the volume's records alone have.
+void addRecorded(const std::string& supportFolder, const std::string& volume,
+                 std::vector<HistoryItem>& history) {
+    std::map<std::pair<std::uint64_t, std::string>, std::size_t> known;
+    for (std::size_t i = 0; i < history.size(); ++i) {
+        if (history[i].volumeName == volume) known[{history[i].node, history[i].name}] = i;
+    }
+    // Another name within the trash is no other item: a file counts under its newest one.
+    std::set<std::tuple<std::uint64_t, std::int64_t, VolumeUuid, std::int64_t, std::uint32_t>>
+        files;
+    for (const Recorded& recorded : newestFirst(supportFolder, volume)) {
+        const RecordedItem& item = recorded.item;
+        const bool isNewFile =
+            item.born == 0 || files
+                                  .emplace(item.node, item.born, item.volumeUuid, item.modified,
+                                           item.modifiedNanoseconds)
+                                  .second;
+        const auto place = known.find({item.node, textOfBytes(item.name)});
+        if (place != known.end()) {
+            history[place->second].origin = textOfBytes(item.origin);
+            known.erase(place);
+        } else if (isNewFile) {
+            history.push_back(forgottenItem(volume, recorded));
+        }
     }
 }
 
@@ -104,58 +213,44 @@ Outcome<std::vector<HistoryItem>> readTrashHistory(const std::string& supportFol
     const auto document = readDocument(supportFolder + "/" + kTrashUsageFile);
     if (!document) return document.failure();
     std::vector<HistoryItem> history;
-    if (!*document) return history;
-    for (const auto& [key, value] : (*document)->contents) {
-        if (const auto entry = ConstTrashEntry::over(value)) {
-            history.push_back(historyItem(key, *entry));
+    if (*document) {
+        for (const auto& [key, value] : (*document)->contents) {
+            if (const auto entry = ConstTrashEntry::over(value)) {
+                history.push_back(historyItem(key, *entry));
+            }
         }
     }
-    std::sort(history.begin(), history.end(), [](const HistoryItem& a, const HistoryItem& b) {
-        return std::tie(a.putIn, a.key) < std::tie(b.putIn, b.key);
+    for (const std::string& volume : recordedVolumes(supportFolder, history)) {
+        addRecorded(supportFolder, volume, history);
+    }
+    const auto moment = [](const HistoryItem& item) {
+        return item.lastSeen ? item.lastSeen : item.putIn;
+    };
+    std::sort(history.begin(), history.end(), [&](const HistoryItem& a, const HistoryItem& b) {
+        return std::tuple{moment(a), a.key} < std::tuple{moment(b), b.key};
     });
     return history;
 }
 
-Outcome<HistoryItem> findHistoryItem(const std::vector<HistoryItem>& history,
-                                     std::string_view wanted) {
-    std::vector<const HistoryItem*> found;
-    std::string keys;
+std::vector<HistoryItem> findHistoryItems(const std::vector<HistoryItem>& history,
+                                          std::string_view wanted) {
+    std::vector<HistoryItem> found;
     for (const HistoryItem& item : history) {
-        if (item.key == wanted) return item;
-        if (item.name == wanted || std::to_string(item.node) == wanted) {
-            found.push_back(&item);
-            keys.append(1, ' ').append(shellWord(printable(item.key)));
+        if (item.key == wanted) return {item};
+        if (item.name == wanted || std::to_string(item.node) == wanted || item.origin == wanted ||
+            item.folder + "/" + item.name == wanted) {
+            found.push_back(item);
         }
     }
-    if (found.size() == 1) return *found.front();
-    return Failure{ExitStatus::refused,
-                   found.empty()
-                       ? fmt::format("the trash history has no \"{}\"; korvanectl trash list shows "
-                                     "what it has",
-                                     printable(wanted))
-                       : fmt::format("{} items are called \"{}\"; name one by its key:{}",
-                                     found.size(), printable(wanted), keys)};
+    return found;
 }
 
 std::vector<RecordedItem> recordsOf(const std::string& supportFolder, const HistoryItem& item) {
     NewestRecording newest{item};
-    forEachRecorded(supportFolder, item.volumeName,
-                    [&newest](RecordedItem&& each) { newest.add(std::move(each)); });
+    forEachRecorded(supportFolder, item.volumeName, [&newest](ItemAssembly::Collected&& each) {
+        newest.add(std::move(each.item));
+    });
     return newest.take();
-}
-
-void findOrigins(const std::string& supportFolder, std::vector<HistoryItem>& history) {
-    std::map<std::string, std::map<std::uint64_t, HistoryItem*>> volumes;
-    for (HistoryItem& item : history) volumes[item.volumeName][item.node] = &item;
-    for (const auto& [volumeName, items] : volumes) {
-        forEachRecorded(supportFolder, volumeName, [&items = items](RecordedItem&& each) {
-            const auto found = items.find(each.node);
-            if (each.node == each.trashNode && found != items.end() &&
-                textOfBytes(each.name) == found->second->name) {
-                found->second->origin = textOfBytes(each.origin);
-            }
-        });
-    }
 }
 
 bool isDeviceNumber(std::uint64_t volumeId, dev_t device) {

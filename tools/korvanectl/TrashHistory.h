@@ -32,17 +32,22 @@ struct HistoryItem {
     TrashState state = TrashState::inTrash;
     std::optional<Time> left;  // when it was seen to have left the trash
     std::string origin;        // the path that it came from; empty when it is not recorded
+
+    // Of an item that the history has no longer: the next item with its node number took its place
+    // there, or its time was over. Its records are kept for as long as others, and it is as
+    // recoverable. When it was recorded last, and what tells it from others of its node and name.
+    std::optional<Time> lastSeen;
+    std::int64_t born = 0;
+    VolumeUuid volumeUuid{};
 };
 
-// The whole history, oldest first.
+// The whole history, oldest first, with what the records say of the items' origins and the items
+// that they alone have.
 [[nodiscard]] Outcome<std::vector<HistoryItem>> readTrashHistory(const std::string& supportFolder);
 
-// Fills in what the records say of where the items came from.
-void findOrigins(const std::string& supportFolder, std::vector<HistoryItem>& history);
-
-// The item of this key, name or node number. Failures: none, or several.
-[[nodiscard]] Outcome<HistoryItem> findHistoryItem(const std::vector<HistoryItem>& history,
-                                                   std::string_view wanted);
+// The item of this key, or else all of this name, node number, origin or path in the trash.
+[[nodiscard]] std::vector<HistoryItem> findHistoryItems(const std::vector<HistoryItem>& history,
+                                                        std::string_view wanted);
 
 // The newest records of the item: itself first, then what it held. Empty when there are none.
 [[nodiscard]] std::vector<RecordedItem> recordsOf(const std::string& supportFolder,

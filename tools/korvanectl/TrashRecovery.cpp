@@ -21,6 +21,7 @@
 #include "korvanectl/RecordedTree.h"
 #include "korvanectl/TrashCopy.h"
 #include "korvanectl/TrashHistory.h"
+#include "korvanectl/TrashList.h"
 #include "korvanectl/Words.h"
 #include "platform/linux/MountTable.h"
 #include "platform/linux/UniqueFd.h"
@@ -36,10 +37,6 @@ constexpr std::string_view kUnknowable =
     "used again since, or discarded as SSDs do, cannot be known without a checksum.";
 constexpr std::string_view kUsedAgain =
     "has the recorded size but not the recorded contents: blocks were used again or discarded";
-
-std::string counted(std::uint64_t count, std::string_view one) {
-    return fmt::format("{} {}{}", count, one, count == 1 ? "" : "s");
-}
 
 // In a folder that is there, under the item's own name.
 fs::path targetOf(const std::string& where, const std::string& name) {
@@ -323,9 +320,7 @@ Outcome<ExitStatus> runRecovery(Program& program, const HistoryItem& wanted,
 
 Outcome<ExitStatus> runRecover(Program& program, const std::string& wanted,
                                const std::string& where) {
-    const auto history = readTrashHistory(program.supportFolder);
-    if (!history) return history.failure();
-    const Outcome<HistoryItem> item = findHistoryItem(*history, wanted);
+    const Outcome<HistoryItem> item = itemCalled(program, wanted);
     if (!item) return item.failure();
     const std::optional<ItemInTrash> inTrash = findInTrash(*item);
     return inTrash ? runCopy(program, *inTrash, targetOf(where, inTrash->name))
@@ -340,7 +335,7 @@ void addTrashRecovery(CLI::App& group, Program& program) {
     CLI::App* const recover = addPrintingCommand(
         group, program, "recover", "Bring an item back, also after the trash was emptied",
         [&program, item, target] { return runRecover(program, *item, *target); });
-    recover->add_option("ITEM", *item, "Name, node number or key of an item")->required();
+    recover->add_option("ITEM", *item, kItemHelp)->required();
     recover
         ->add_option(
             "TARGET", *target,

@@ -553,6 +553,32 @@ class DataRecovery(unittest.TestCase):
         run("umount", "/tmp/copy")
         self.assertIn("SHA-256", self.recover("letter", "/tmp/out"))
 
+    def test_an_item_whose_number_went_to_the_next_one_is_recovered(self):
+        contents = os.urandom(2 * MEBIBYTE)
+        thesis = self.put("thesis", contents)
+        node = os.lstat(thesis).st_ino
+        self.record(self.job_for(thesis))
+        self.keep_history(thesis)
+        self.empty_trash(thesis)
+        following = self.put("list", b"short")
+        self.assertEqual(os.lstat(following).st_ino, node)
+        self.record(self.job_for(following))
+        with open(f"/tmp/.{node}.dat", "rb") as result, \
+                open(f"{SUPPORT}/volume/Trash Deletes 2026-03-01-12", "ab") as kept:
+            kept.write(result.read())
+        with open(f"{SUPPORT}/Trash Usage.plist", "rb+") as file:
+            usage = plistlib.load(file)
+            usage[f"volume_{node}"]["itemName"] = "list"
+            file.seek(0)
+            file.truncate()
+            plistlib.dump(usage, file)
+        listed = json.loads(run(KORVANECTL, "trash", "--json"))["items"]
+        self.assertEqual({item["name"]: item["state"] for item in listed},
+                         {"thesis": "gone", "list": "inTrash"})
+        self.assertIn("SHA-256", self.recover("thesis", "/tmp/thesis"))
+        with open("/tmp/thesis", "rb") as file:
+            self.assertEqual(file.read(), contents)
+
     def test_blocks_that_were_used_again_are_told(self):
         path = self.put("letter", random.Random(5).randbytes(MEBIBYTE))
         self.record(self.job_for(path))

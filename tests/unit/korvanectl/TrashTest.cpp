@@ -201,6 +201,80 @@ TEST_F(Trash, KeepsAChecksumThatALaterRunHadNoTimeFor) {
     EXPECT_EQ(lineOf("SHA-256"), "");
 }
 
+// A file system hands the number of an emptied item out to the next file: its place in the history
+// goes to that one once it is thrown away, too.
+TEST_F(Trash, HasItemsThatTheRecordsAloneHave) {
+    RecordedItem thesis = recorded("thesis", 12);
+    thesis.born = 100;
+    thesis.path = "/home/ann/.local/share/Trash/files/thesis";
+    thesis.origin = "/home/ann/thesis";
+    RecordedItem list = recorded("list", 12);
+    list.born = 200;
+    list.size = 4000;
+    // Another name within the trash is no other item.
+    RecordedItem draft = list;
+    draft.name = "draft";
+    keepRecords({thesis, draft, list});
+    keepNode("list", 12, now);
+    EXPECT_EQ(run({"trash"}), 0);
+    EXPECT_THAT(lineOf("thesis"), AllOf(HasSubstr("/home/ann/thesis"), HasSubstr("gone, last")));
+    EXPECT_THAT(lineOf("list"), HasSubstr("in the trash"));
+    EXPECT_THAT(out, AllOf(Not(HasSubstr("draft")), Not(HasSubstr("KEY"))));
+    for (const char* const name : {"thesis", "System_12@100", "/home/ann/thesis",
+                                   "/home/ann/.local/share/Trash/files/thesis"}) {
+        EXPECT_EQ(run({"trash", "show", name}), 0) << name;
+        EXPECT_THAT(lineOf("size"), HasSubstr("8.2 kB"));
+        EXPECT_THAT(lineOf("trash folder"), HasSubstr("Trash/files"));
+    }
+    EXPECT_EQ(run({"trash", "show", "thesis", "--json"}), 0);
+    EXPECT_THAT(out, AllOf(HasSubstr(R"("state": "gone")"), HasSubstr(R"("lastSeen": ")")));
+    EXPECT_EQ(run({"trash", "show", "list"}), 0);
+    EXPECT_THAT(lineOf("size"), HasSubstr("4.0 kB"));
+    // The number alone leads to neither.
+    EXPECT_EQ(run({"trash", "show", "12"}), 1);
+    EXPECT_THAT(err, AllOf(HasSubstr("System_12@100"), HasSubstr("2 items")));
+}
+
+TEST_F(Trash, TellsItemsOfOneNumberAndNameApart) {
+    RecordedItem first = recorded("list", 12);
+    first.born = 100;
+    first.size = 1000;
+    RecordedItem second = recorded("list", 12);
+    second.born = 200;
+    second.size = 2000;
+    keepRecords({first, second});
+    keepNode("list", 12, now);
+    EXPECT_EQ(run({"trash"}), 0);
+    EXPECT_THAT(lineOf("KEY"), HasSubstr("CAME FROM"));
+    EXPECT_THAT(lineOf("System_12@100"), HasSubstr("gone"));
+    EXPECT_EQ(run({"trash", "show", "System_12@100"}), 0);
+    EXPECT_THAT(lineOf("size"), HasSubstr("1.0 kB"));
+    EXPECT_EQ(run({"trash", "show", "System_12"}), 0);
+    EXPECT_THAT(lineOf("size"), HasSubstr("2.0 kB"));
+}
+
+TEST_F(Trash, KnowsVolumesByTheirRecordsToo) {
+    keepRecords({recorded("letter", 11)});
+    EXPECT_EQ(run({"trash"}), 0);
+    EXPECT_THAT(lineOf("letter"), HasSubstr("System"));
+    fs::create_directories(folder / "Data");
+    folder.write("Data/Trash Deletes 2025-12-31-01", "rubbish");
+    EXPECT_EQ(run({"trash"}), 0);
+    EXPECT_THAT(out, Not(HasSubstr("Data")));
+}
+
+// As the daemon stamps a record when it collects it: in local time.
+TEST_F(Trash, SaysWhenAnItemWasSeenLast) {
+    std::string bytes = encodeItem(recorded("letter", 11));
+    TrashRecord record;
+    std::copy(bytes.begin(), bytes.end(), record.begin());
+    stampTrashRecord(record, secondsSince1904(now - hours{2}));
+    folder.write("System/Trash Deletes 2025-12-31-22",
+                 std::string_view{record.data(), record.size()});
+    EXPECT_EQ(run({"trash", "list", "--json"}), 0);
+    EXPECT_THAT(out, HasSubstr(R"("lastSeen": "2025-12-31T22:00:00Z")"));
+}
+
 TEST_F(Trash, SumsUpAFolder) {
     keepNode("box", 30, now);
     RecordedItem box = recorded("box", 30);

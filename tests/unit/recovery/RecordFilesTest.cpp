@@ -74,7 +74,7 @@ TEST_F(RecordFiles, AreReadFromTheirEndAsFarAsAsked) {
     for (std::uint64_t node = 1; node <= 1000; ++node) keep("08", {item(node, "x")});
     append("08", "torn");
     std::vector<std::uint64_t> seen;
-    const auto see = [&seen](RecordedItem&& each) { seen.push_back(each.node); };
+    const auto see = [&seen](ItemAssembly::Collected&& each) { seen.push_back(each.item.node); };
     EXPECT_EQ(forEachItemIn(pathOf("08"), 3 * kResultRecordSize + 5, see), 3 * kResultRecordSize);
     EXPECT_THAT(seen, ElementsAre(998, 999, 1000));
     seen.clear();
@@ -91,7 +91,7 @@ TEST_F(RecordFiles, AreNeitherLinksNorPipesNorRubbish) {
     const EarlierRecords earlier{folder.path(), {1}, now};
     EXPECT_EQ(earlier.of(1), nullptr);
     EXPECT_THAT(recordFilesIn(folder / "missing"), IsEmpty());
-    const auto none = [](RecordedItem&&) { ADD_FAILURE(); };
+    const auto none = [](ItemAssembly::Collected&&) { ADD_FAILURE(); };
     EXPECT_EQ(forEachItemIn(pathOf("08"), UINT64_MAX, none), 0U);
     EXPECT_EQ(forEachItemIn(pathOf("09"), UINT64_MAX, none), 0U);
 }
@@ -163,7 +163,7 @@ TEST_F(RepeatedRun, TakesTheChecksumOverInsteadOfReadingAgain) {
     const std::string first = runAgain();
     folder.write("once", first);
     (void)forEachItemIn(folder / "once", UINT64_MAX,
-                        [&kept](RecordedItem&& each) { kept.push_back(std::move(each)); });
+                        [&kept](ItemAssembly::Collected&& each) { kept.push_back(each.item); });
     ASSERT_THAT(kept, SizeIs(1));
     ASSERT_NE(kept[0].flags & kRecordHasChecksum, 0);
     // One that no contents have shows where it comes from.
@@ -173,7 +173,7 @@ TEST_F(RepeatedRun, TakesTheChecksumOverInsteadOfReadingAgain) {
     folder.write("twice", runAgain());
     std::vector<RecordedItem> again;
     (void)forEachItemIn(folder / "twice", UINT64_MAX,
-                        [&again](RecordedItem&& each) { again.push_back(std::move(each)); });
+                        [&again](ItemAssembly::Collected&& each) { again.push_back(each.item); });
     ASSERT_THAT(again, SizeIs(1));
     EXPECT_EQ(again[0].checksum, kept[0].checksum);
 }

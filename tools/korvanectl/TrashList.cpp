@@ -1,0 +1,71 @@
+#include "korvanectl/TrashList.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "korvanectl/Words.h"
+
+namespace korvane::ctl {
+
+std::string counted(std::uint64_t count, std::string_view one) {
+    return fmt::format("{} {}{}", count, one, count == 1 ? "" : "s");
+}
+
+std::string timeOrNothing(const std::optional<Time>& time, Time now) {
+    return time ? timeWords(*time, now) : std::string{kNoWords};
+}
+
+std::string stateWords(const HistoryItem& item, Time now) {
+    if (item.lastSeen) return fmt::format("gone, last seen {}", timeOrNothing(item.lastSeen, now));
+    switch (item.state) {
+        case TrashState::inTrash:
+            return "in the trash";
+        case TrashState::removed:
+            return fmt::format("put back, {}", timeOrNothing(item.left, now));
+        case TrashState::deleted:
+            break;
+    }
+    return fmt::format("emptied, {}", timeOrNothing(item.left, now));
+}
+
+Table historyTable(const std::vector<HistoryItem>& items, Time now, bool withKeys) {
+    std::vector<Column> columns{{"ITEM"}, {"CAME FROM"}, {"VOLUME"}, {"PUT IN"}, {"STATE"}};
+    if (withKeys) columns.insert(columns.begin() + 1, {"KEY"});
+    Table table{std::move(columns)};
+    for (const HistoryItem& item : items) {
+        const bool isThere = item.state == TrashState::inTrash;
+        std::vector<Cell> row{{item.name},
+                              {item.origin.empty() ? std::string{kNoWords} : item.origin},
+                              {item.volumeName},
+                              {timeOrNothing(item.putIn, now)},
+                              {stateWords(item, now), isThere ? Tone::plain : Tone::faint}};
+        if (withKeys) row.insert(row.begin() + 1, {item.key});
+        table.addRow(std::move(row));
+    }
+    return table;
+}
+
+Outcome<HistoryItem> itemCalled(Program& program, const std::string& wanted) {
+    const auto history = readTrashHistory(program.supportFolder);
+    if (!history) return history.failure();
+    std::vector<HistoryItem> found = findHistoryItems(*history, wanted);
+    if (found.size() == 1) return std::move(found.front());
+    if (found.empty()) {
+        return Failure{ExitStatus::refused,
+                       fmt::format("the trash history has no \"{}\"; korvanectl trash list shows "
+                                   "what it has",
+                                   printable(wanted))};
+    }
+    const std::string table = historyTable(found, program.now(), true).format(program.paint);
+    for (std::size_t at = 0; at < table.size();) {
+        const std::size_t end = table.find('\n', at);
+        program.note(table.substr(at, end - at));
+        at = end + 1;
+    }
+    return Failure{ExitStatus::refused,
+                   fmt::format("{} items are called \"{}\"; name one by its key", found.size(),
+                               printable(wanted))};
+}
+
+}  // namespace korvane::ctl
