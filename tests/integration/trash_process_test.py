@@ -49,6 +49,18 @@ class TrashProcess(TrashBed):
         wait_for(lambda: not os.path.exists(f"/tmp/.{node}.dat"))
         wait_for(lambda: not os.path.exists("/tmp/.KVDataRec_System.dat"))
 
+    def test_records_what_every_user_throws_away(self):
+        os.makedirs("/home/bob/.local")
+        os.makedirs("/home/Shared/.local/share/Trash/files")
+        self.watch()
+        put("/home/Shared/.local/share/Trash/files/nobody's")
+        for home, name in (("/home/bob", "bob's"), ("/root", "root's")):
+            # The folders above come one by one, the first of all trashes with them.
+            put(f"{home}/.local/share/Trash/files/{name}")
+            wait_for(lambda: name in records())
+            self.assertEqual(records()[name]["dirPath"], f"{home}/.local/share/Trash/files")
+        self.assertNotIn("nobody's", records())
+
     def test_tells_an_item_put_back_from_one_that_was_emptied(self):
         self.watch()
         for name in ("back", "elsewhere", "gone", "renamed"):

@@ -160,6 +160,62 @@ TEST_F(TrashSearches, KeepTheirResultsUntilThereIsAPlaceForThem) {
     EXPECT_THAT(collected(), SizeIs((1 + 3) * kTrashRecordBytes));
 }
 
+TEST_F(TrashSearches, AreCollectedOnceTheirProgramHasEnded) {
+    s.machine().processes.setProgram(
+        kProgram,
+        {.duration = seconds(7), .work = [this](const auto&) { s.put(resultOf("a"), "late"); }});
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.put(resultOf("a"), "early").run(milliseconds(6900));
+    EXPECT_EQ(collected(), "");
+    EXPECT_TRUE(files().exists(kInput));
+    s.run(seconds(2));
+    EXPECT_THAT(collected(), HasSubstr("late"));
+    EXPECT_FALSE(files().exists(kInput));
+}
+
+TEST_F(TrashSearches, ThatEndInTwoHoursLeaveTwoFiles) {
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(seconds(10));
+    ASSERT_TRUE(files().removeItem(std::string(kDataTrash) + "/a"));
+    trash(std::string(kDataTrash) + "/b");
+    s.run(milliseconds(100)).stepClock(hours(1)).run(seconds(10));
+    const auto next = files().bytes(volumeFolder("Data") + "/Trash Deletes 2026-03-02-09");
+    ASSERT_TRUE(next);
+    EXPECT_THAT(*next, SizeIs(2 * kTrashRecordBytes));
+    EXPECT_TRUE(decodeTrashDeletesHeader(next->substr(0, kTrashRecordBytes)));
+    EXPECT_THAT(collected(), SizeIs(2 * kTrashRecordBytes));
+}
+
+TEST_F(TrashSearches, AreNotMadeForAnItemWhoseVolumeIsNotKnown) {
+    s.run(seconds(1));
+    MountDescription network;
+    network.path = "/Users/ada";
+    network.device = "server:/ada";
+    network.type = "nfs4";
+    network.kind = MountKind::network;
+    s.mount(network);
+    s.put(std::string(kTrash) + "/.DS_Store", "").send("daemonStartYourEngines").run(seconds(1));
+    trash(std::string(kTrash) + "/a");
+    s.run(seconds(5));
+    EXPECT_EQ(launches(), 0u);
+    ASSERT_TRUE(
+        usage().contains("a_" + std::to_string(files().nodeId(kTrash + std::string("/a")))));
+    EXPECT_EQ(stringValue(record("a").find("volRefNum")), "0");
+    EXPECT_FALSE(record("a").contains("volumeName"));
+}
+
+TEST_F(TrashSearches, AreNotMadeInAFolderWhosePathIsTooLong) {
+    const std::string folder = "/Users/" + std::string(1100, 'u') + "/.Trash";
+    s.put(folder + "/.DS_Store", "").run(seconds(1));
+    ASSERT_THAT(watched(), testing::Contains(folder));
+    trash(folder + "/a");
+    s.run(seconds(5));
+    EXPECT_EQ(launches(), 0u);
+    EXPECT_THAT(usage(), testing::IsEmpty());
+}
+
 TEST_F(TrashSearches, BeginAFileWithWhatTheDeviceIsKnownBy) {
     s.run(seconds(1));
     trash(std::string(kDataTrash) + "/a");
