@@ -155,19 +155,20 @@ void KorvaneProDaemon::collectLeftResult(std::uint64_t nodeId,
 }
 
 void KorvaneProDaemon::searchAnew(SearchTask& task) {
+    std::vector<SearchContent>& jobs = task.contentArray;
     const auto left =
-        std::ranges::stable_partition(task.contentArray, [this](const SearchContent& job) {
+        std::stable_partition(jobs.begin(), jobs.end(), [this](const SearchContent& job) {
             return machine_.fileSystem.attributes(job.searchResultPath).has_value();
         });
     const std::string program = machine_.bundle.plugIn(kRecoveryProgram);
-    if (!left.empty() && !program.empty()) {
-        const std::string& root = left.front().volumePath;
+    if (left != jobs.end() && !program.empty()) {
         waitingSearches.insert_or_assign(
-            task.inFilePath, WaitingSearch{.program = program,
-                                           .volumeName = machine_.fileSystem.displayName(root),
-                                           .contentArray = {left.begin(), left.end()}});
+            task.inFilePath,
+            WaitingSearch{.program = program,
+                          .volumeName = machine_.fileSystem.displayName(left->volumePath),
+                          .contentArray = {left, jobs.end()}});
     }
-    task.contentArray.erase(left.begin(), left.end());
+    jobs.erase(left, jobs.end());
 }
 
 }  // namespace korvane
