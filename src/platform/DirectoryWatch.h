@@ -62,7 +62,8 @@ class DirectoryWatch {
         const std::string& folder, std::function<void()> didChange) = 0;
 
     // At most so many of the folder's items, the first that the system returns; nothing when it
-    // cannot be read or is no folder. A link in the folder's place is not followed.
+    // cannot be read or is no folder. A link in the folder's place is not followed. A folder that is
+    // subscribed to and is gone may answer that nothing is in it.
     [[nodiscard]] virtual std::optional<std::vector<CatalogItem>> catalog(
         const std::string& folder, std::size_t mostItems) = 0;
 
@@ -76,7 +77,8 @@ class DirectoryWatch {
     // Where each of these items is now, in their order. What is kept of any other is forgotten. An
     // item that is unknown may be searched for from here on; that is bounded in time.
     [[nodiscard]] virtual std::vector<ResolvedNode> resolve(std::span<const SeenItem> items) = 0;
-    // Told on the loop's thread when a search has found out more: the next resolve() knows it.
+    // Told on the loop's thread when a search has found out more: resolve() knows it until the loop
+    // turns.
     virtual void setDidFindOut(std::function<void()> callback) = 0;
 };
 

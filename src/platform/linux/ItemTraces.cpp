@@ -52,6 +52,16 @@ std::string noteOf(int folder, const std::string& name) {
     return text;
 }
 
+void takeHandle(int file, ItemTrace& trace) {
+    Handle handle;
+    handle.get()->handle_bytes = MAX_HANDLE_SZ;
+    int mountId = 0;
+    if (::name_to_handle_at(file, "", handle.get(), &mountId, AT_EMPTY_PATH) != 0) return;
+    trace.handle.assign(reinterpret_cast<const char*>(handle.get()->f_handle),
+                        handle.get()->handle_bytes);
+    trace.handleType = handle.get()->handle_type;
+}
+
 // "VOLUME_NODE", both in decimal.
 std::optional<ItemTraces::Key> keyOf(std::string_view text) {
     ItemTraces::Key key;
@@ -65,21 +75,25 @@ std::optional<ItemTraces::Key> keyOf(std::string_view text) {
 
 }  // namespace
 
-ItemTrace traceItem(int folder, const std::string& name, const std::string& volumeRoot) {
+std::optional<ItemTrace> traceItem(int folder, const std::string& name, std::uint64_t nodeId,
+                                   const std::string& volumeRoot) {
+    const UniqueFd item{::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)};
+    struct stat status {};
+    if (!item || ::fstat(item.get(), &status) != 0 || status.st_ino != nodeId) return std::nullopt;
     ItemTrace trace;
-    Handle handle;
-    handle.get()->handle_bytes = MAX_HANDLE_SZ;
-    int mountId = 0;
-    if (::name_to_handle_at(folder, name.c_str(), handle.get(), &mountId, 0) == 0) {
-        trace.handle.assign(reinterpret_cast<const char*>(handle.get()->f_handle),
-                            handle.get()->handle_bytes);
-        trace.handleType = handle.get()->handle_type;
-    }
+    takeHandle(item.get(), trace);
     if (const auto origin = originInTrashInfo(noteOf(folder, name))) {
         const std::string base = volumeRoot == "/" ? "" : volumeRoot;
         trace.origin = origin->front() == '/' ? *origin : base + '/' + *origin;
     }
     return trace;
+}
+
+bool mayBeTraced(int file, const ItemTrace& trace) {
+    ItemTrace found;
+    takeHandle(file, found);
+    return trace.handle.empty() || found.handle.empty() ||
+           (found.handle == trace.handle && found.handleType == trace.handleType);
 }
 
 HandleAnswer followHandle(int mount, const ItemTrace& trace, std::uint64_t nodeId) {
@@ -92,7 +106,7 @@ HandleAnswer followHandle(int mount, const ItemTrace& trace, std::uint64_t nodeI
     // open_by_handle_at(2): the handle's node exists no longer.
     if (!file) return {errno == ESTALE ? HandleState::gone : HandleState::unknown, ""};
     struct stat status {};
-    if (::fstat(file.get(), &status) != 0) return {};
+    if (::fstat(file.get(), &status) != 0 || status.st_ino != nodeId) return {};
     if (status.st_nlink == 0) return {HandleState::gone, ""};
     // Right for a file while its name is cached, which the check tells.
     std::array<char, PATH_MAX> path{};
@@ -100,8 +114,8 @@ HandleAnswer followHandle(int mount, const ItemTrace& trace, std::uint64_t nodeI
     const ssize_t length = ::readlink(link.c_str(), path.data(), path.size());
     struct stat there {};
     const std::string text(path.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
-    const bool isRight = ::lstat(text.c_str(), &there) == 0 && there.st_ino == nodeId &&
-                         there.st_ino == status.st_ino && there.st_dev == status.st_dev;
+    const bool isRight = ::lstat(text.c_str(), &there) == 0 && there.st_ino == status.st_ino &&
+                         there.st_dev == status.st_dev;
     return {HandleState::exists, isRight ? text : ""};
 }
 

@@ -24,10 +24,13 @@ struct ItemTrace {
     friend bool operator==(const ItemTrace&, const ItemTrace&) = default;
 };
 
-// The trace of the item of this name in the open folder. Origins that are no absolute paths are
-// relative to the volume's root.
-[[nodiscard]] ItemTrace traceItem(int folder, const std::string& name,
-                                  const std::string& volumeRoot);
+// The trace of the item of this name in the open folder; nothing when it is another one by now.
+// Origins that are no absolute paths are relative to the volume's root.
+[[nodiscard]] std::optional<ItemTrace> traceItem(int folder, const std::string& name,
+                                                 std::uint64_t nodeId,
+                                                 const std::string& volumeRoot);
+// Whether what was opened may be the item of the trace: its number alone may be used again.
+[[nodiscard]] bool mayBeTraced(int file, const ItemTrace& trace);
 
 enum class HandleState {
     unknown,  // nothing leads there, or nobody may ask

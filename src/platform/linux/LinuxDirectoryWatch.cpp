@@ -355,6 +355,12 @@ void LinuxDirectoryWatch::didFill(const std::string& folder) {
     tellOfChanges();
 }
 
+bool LinuxDirectoryWatch::isWaitedFor(const std::string& folder) const {
+    return std::ranges::any_of(subscriptions_, [&](const auto& each) {
+        return each.second->folder == folder && !each.second->isThere();
+    });
+}
+
 void LinuxDirectoryWatch::tellOfChanges() {
     std::vector<std::uint64_t> told;
     for (const auto& [number, subscription] : subscriptions_) {
@@ -379,6 +385,9 @@ void LinuxDirectoryWatch::tellOfChanges() {
 std::optional<std::vector<CatalogItem>> LinuxDirectoryWatch::catalog(const std::string& folder,
                                                                      std::size_t mostItems) {
     const FolderStream opened = streamOf(openFolderAt(AT_FDCWD, bytesOfText(folder)));
+    if (!opened && errno == ENOENT && isWaitedFor(bytesOfText(folder))) {
+        return std::vector<CatalogItem>{};  // emptied together with the folder
+    }
     struct stat status {};
     if (!opened || ::fstat(::dirfd(opened.get()), &status) != 0) return std::nullopt;
     std::vector<CatalogItem> items;

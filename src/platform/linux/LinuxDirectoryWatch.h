@@ -89,6 +89,7 @@ class LinuxDirectoryWatch final : public DirectoryWatch {
     void takeItemEvent(const inotify_event& event);
     void takeMove(const inotify_event& event);
     void didFill(const std::string& folder);
+    [[nodiscard]] bool isWaitedFor(const std::string& folder) const;
     void tellOfChanges();
     [[nodiscard]] bool watch(Subscription& subscription);
     [[nodiscard]] bool watchNearest(Subscription& subscription);

@@ -28,28 +28,39 @@ bool keepsNumbers(std::string_view typeName) {
     return typeName != "vfat" && typeName != "msdos" && typeName != "exfat";
 }
 
-// A node on the file system with this number; without one of its own, whatever has the name.
+// The item on its file system, by its number or, without one, by whatever has its name.
 struct Wanted {
     dev_t device = 0;
     std::optional<std::uint64_t> nodeId;
+    const ItemTrace* trace = nullptr;
 };
 
-bool isNodeAt(int folder, const std::string& name, const Wanted& wanted) {
+// Where it was seen one look has to do: it is there most often, and there may be thousands.
+bool isStillAt(int folder, const std::string& name, const Wanted& wanted) {
     struct stat status {};
     return isNameInFolder(name) &&
            ::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
            status.st_dev == wanted.device && wanted.nodeId.value_or(status.st_ino) == status.st_ino;
 }
 
+bool isWantedAt(int folder, const std::string& name, const Wanted& wanted) {
+    if (!isNameInFolder(name)) return false;
+    const UniqueFd item{::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)};
+    struct stat status {};
+    if (!item || ::fstat(item.get(), &status) != 0 || status.st_dev != wanted.device) return false;
+    return !wanted.nodeId || (status.st_ino == *wanted.nodeId &&
+                              (!wanted.trace || mayBeTraced(item.get(), *wanted.trace)));
+}
+
 // Follows no link, and goes by the mount table before anything is touched.
-bool isNodeOfVolumeAt(Volumes& volumes, std::int16_t volume, const std::string& path,
-                      const Wanted& wanted) {
+bool isWantedOnVolumeAt(Volumes& volumes, std::int16_t volume, const std::string& path,
+                        const Wanted& wanted) {
     const std::size_t slash = path.rfind('/');
     if (slash == std::string::npos || leadsUp(path)) return false;
     const auto there = volumeOfPath(volumes, textOfBytes(path));
     if (!there || there->info.referenceNumber != volume) return false;
     const UniqueFd folder = openPlaceAt(AT_FDCWD, path.substr(0, slash + 1));
-    return folder && isNodeAt(folder.get(), path.substr(slash + 1), wanted);
+    return folder && isWantedAt(folder.get(), path.substr(slash + 1), wanted);
 }
 
 }  // namespace
@@ -86,11 +97,27 @@ struct LinuxDirectoryWatch::Folders {
         const MountEntry* const mount = volumes.mountAt(entry.volume->mountPoint);
         entry.keepsNumbers = !mount || keepsNumbers(mount->fileSystemTypeName);
         entry.root = openedRoot(volumes, entry.volume->mountPoint);
-        if (isThere && entry.root && !leadsUp(folder))
-            entry.folder = openPlaceAt(AT_FDCWD, bytesOfText(folder));
+        if (entry.root && !leadsUp(folder)) {
+            entry.folder = isThere ? openPlaceAt(AT_FDCWD, bytesOfText(folder))
+                                   : openedBelow(entry.root.get(), bytesOfText(folder));
+        }
         struct stat status {};
         const int place = entry.folder ? entry.folder.get() : entry.root.get();
         if (place >= 0 && ::fstat(place, &status) == 0) entry.device = status.st_dev;
+    }
+
+    // The trash folder of a volume that was mounted elsewhere when it was seen: the longest end of
+    // its path that leads to one.
+    static UniqueFd openedBelow(int root, const std::string& folder) {
+        for (std::size_t at = folder.find('/'); at != std::string::npos;
+             at = folder.find('/', at + 1)) {
+            const std::string end = folder.substr(at);
+            const bool isInTrash = end.find("/.Trash") != std::string::npos ||
+                                   end.find("/Trash/") != std::string::npos;
+            UniqueFd opened = isInTrash ? openPlaceAt(root, end.substr(1)) : UniqueFd{};
+            if (opened) return opened;
+        }
+        return UniqueFd{};
     }
 
     // The volume may have gone since the mount table was read: then the path leads to the folder
@@ -141,7 +168,9 @@ void LinuxDirectoryWatch::remember(std::int16_t volume, const std::string& folde
     if (!opened || info.status != 0) return;
     const std::string root = bytesOfText(info.value.root.rootPath);
     for (const CatalogItem& item : items) {
-        traces_.set({volume, item.nodeId}, traceItem(opened.get(), bytesOfText(item.name), root));
+        if (auto trace = traceItem(opened.get(), bytesOfText(item.name), item.nodeId, root)) {
+            traces_.set({volume, item.nodeId}, std::move(*trace));
+        }
     }
     traces_.save();
 }
@@ -169,17 +198,18 @@ ResolvedNode LinuxDirectoryWatch::resolveOne(const SeenItem& item, Folders& fold
                                              Sought& sought) {
     const Folders::Opened& place = folders.of(volumes_, item.volume, item.folder);
     if (!place.volume || !place.root) return {};
+    const ItemTraces::Key key{item.volume, item.nodeId};
+    const ItemTrace* const trace = traces_.find(key);
     const Wanted wanted{place.device,
-                        place.keepsNumbers ? std::optional(item.nodeId) : std::nullopt};
-    if (place.folder && isNodeAt(place.folder.get(), bytesOfText(item.name), wanted)) {
+                        place.keepsNumbers ? std::optional(item.nodeId) : std::nullopt, trace};
+    if (place.folder && isStillAt(place.folder.get(), bytesOfText(item.name), wanted)) {
         return {NodeState::found, item.folder + '/' + item.name};
     }
-    const ItemTraces::Key key{item.volume, item.nodeId};
     const auto isAt = [&](const std::string& path) {
-        return isNodeOfVolumeAt(volumes_, item.volume, path, wanted);
+        return isWantedOnVolumeAt(volumes_, item.volume, path, wanted);
     };
     bool exists = false;
-    if (const ItemTrace* const trace = traces_.find(key)) {
+    if (trace) {
         if (!trace->origin.empty() && isAt(trace->origin)) {
             return {NodeState::found, textOfBytes(trace->origin)};
         }
@@ -223,7 +253,8 @@ void LinuxDirectoryWatch::startSearch(Sought sought) {
             loop_, std::move(order),
             [this](const VolumeSearch::Finding& finding) { didSearch(finding); });
     } catch (const std::system_error&) {
-        // No thread or descriptor now; nothing is decided, and the next scan asks again.
+        // No thread or descriptor now, or too many threads that hang; nothing is decided, and the
+        // next scan asks again.
     }
 }
 
@@ -244,9 +275,11 @@ void LinuxDirectoryWatch::didSearch(const VolumeSearch::Finding& finding) {
         }
         hasFoundOut = hasFoundOut || node.state != NodeState::unknown;
     }
-    // What stays unknown is kept as such for the one question that follows, so that it does not
-    // start the same search again.
-    if (!hasFoundOut) foundOut_.clear();
+    // It holds now: what was not found may come back, and what was found move. What stays unknown
+    // is kept as such as long, so that the question that follows does not start the same search.
+    loop_.post([this, alive = std::weak_ptr<char>(alive_)] {
+        if (!alive.expired()) foundOut_.clear();
+    });
     const std::function<void()> callback = didFindOut_;
     if (hasFoundOut && callback) callback();
 }

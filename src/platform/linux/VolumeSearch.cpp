@@ -126,6 +126,28 @@ class Walk {
 
 }  // namespace
 
+namespace {
+
+std::atomic<int> runningThreads = 0;
+
+// One of those that may run at a time.
+class ThreadTicket {
+  public:
+    ThreadTicket() {
+        if (runningThreads.fetch_add(1) < VolumeSearch::kMostThreads) return;
+        --runningThreads;
+        throw std::system_error(EAGAIN, std::generic_category(), "search thread");
+    }
+    ~ThreadTicket() { --runningThreads; }
+    ThreadTicket(const ThreadTicket&) = delete;
+    ThreadTicket& operator=(const ThreadTicket&) = delete;
+};
+
+// A walk looks at its watch between folders.
+constexpr std::chrono::seconds kLongestFolder{1};
+
+}  // namespace
+
 // Written by the thread before it signals, read by the loop after that.
 struct VolumeSearch::Shared {
     Order order;
@@ -134,8 +156,8 @@ struct VolumeSearch::Shared {
     UniqueFd signal{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 
     void search() {
-        const Moment end = std::chrono::steady_clock::now() + order.limit;
         for (const std::string& root : order.roots) {
+            const Moment end = std::chrono::steady_clock::now() + order.limit;
             Walk(order, finding, isForgotten, end).through(root);
         }
         (void)eventfd_write(signal.get(), 1);  // 0 to 1: cannot fail
@@ -153,7 +175,10 @@ VolumeSearch::VolumeSearch(LinuxRunLoop& loop, Order order, Callback callback)
     shared_->order = std::move(order);
     // Not waited for, ever: a dying disk may keep it, the end of the process does not. All it
     // touches is shared.
-    std::thread([shared = shared_] {
+    auto ticket = std::make_unique<ThreadTicket>();
+    const auto limit = shared_->order.limit * shared_->order.roots.size() + kLongestFolder;
+    overdue_ = loop.startTimer(limit, Repeat::once, [this] { giveUp(); });
+    std::thread([shared = shared_, held = std::move(ticket)] {
         yieldToEverything();  // this thread alone
         shared->search();
     }).detach();
@@ -161,10 +186,20 @@ VolumeSearch::VolumeSearch(LinuxRunLoop& loop, Order order, Callback callback)
 
 VolumeSearch::~VolumeSearch() { shared_->isForgotten = true; }
 
+void VolumeSearch::giveUp() {
+    source_.reset();
+    shared_->isForgotten = true;
+    // The callback may destroy the search.
+    const Callback callback = callback_;
+    const std::unique_ptr<Timer> fired = std::move(overdue_);
+    callback(Finding{});
+}
+
 int VolumeSearch::onFinding(sd_event_source* /*source*/, int /*fd*/, std::uint32_t /*events*/,
                             void* self) noexcept {
     auto* const search = static_cast<VolumeSearch*>(self);
     search->source_.reset();
+    search->overdue_.reset();
     // The callback may destroy the search.
     search->loop_.callBack(
         "a search of a volume",

@@ -27,7 +27,7 @@ class VolumeSearch {
         std::set<Node> nodes;
         // Mount points, in bytes: these are not touched, since a dead server may be behind one.
         std::set<std::string> avoided;
-        std::chrono::milliseconds limit{};
+        std::chrono::milliseconds limit{};  // for each root, so that none takes another's
     };
     struct Finding {
         std::map<Node, std::string> paths;  // in bytes
@@ -37,8 +37,11 @@ class VolumeSearch {
     };
     using Callback = std::function<void(const Finding&)>;
 
-    // Calls back once, on the loop, never from here. Destroying the search forgets it; its thread
-    // ends at the next folder.
+    // Calls back once, on the loop, never from here, and soon after the limits with nothing found
+    // when a disk keeps the thread. Destroying the search forgets it; its thread ends at the next
+    // folder. Throws std::system_error where no thread can be had, which is so, too, while
+    // kMostThreads are kept by their disks.
+    static constexpr int kMostThreads = 4;
     VolumeSearch(LinuxRunLoop& loop, Order order, Callback callback);
     ~VolumeSearch();
     VolumeSearch(const VolumeSearch&) = delete;
@@ -48,11 +51,13 @@ class VolumeSearch {
     struct Shared;
     static int onFinding(sd_event_source* source, int fd, std::uint32_t events,
                          void* self) noexcept;
+    void giveUp();
 
     LinuxRunLoop& loop_;
     Callback callback_;
     std::shared_ptr<Shared> shared_;  // the thread's, too
     EventSource source_;
+    std::unique_ptr<Timer> overdue_;
 };
 
 }  // namespace korvane

@@ -1,0 +1,435 @@
+// Items that have left their trash folders, on a real file system.
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "platform/linux/ItemTraces.h"
+#include "platform/linux/OpenFolder.h"
+#include "platform/linux/TrashInfo.h"
+#include "unit/trash/DirectoryWatchBed.h"
+
+namespace {
+
+// The first thread but this program's first that reads a folder is kept there, as by a disk that
+// hangs, as long as one of these lives.
+class HeldReader {
+  public:
+    HeldReader() { isHeld_ = true; }
+    ~HeldReader() { isHeld_ = false; }
+    HeldReader(const HeldReader&) = delete;
+    HeldReader& operator=(const HeldReader&) = delete;
+
+    static void read() {
+        static std::atomic<bool> isTaken = false;
+        if (::gettid() == ::getpid() || !isHeld_ || isTaken.exchange(true)) return;
+        while (isHeld_) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+
+  private:
+    inline static std::atomic<bool> isHeld_ = false;
+};
+
+}  // namespace
+
+// In the place of the C library's, for the whole of this program.
+extern "C" dirent* readdir(DIR* stream) {
+    HeldReader::read();
+    static const auto next = reinterpret_cast<dirent* (*)(DIR*)>(::dlsym(RTLD_NEXT, "readdir"));
+    return next(stream);
+}
+
+namespace korvane {
+namespace {
+
+using testing::IsEmpty;
+
+using ItemsElsewhere = DirectoryWatchBed;
+
+constexpr char kNote[] = "[Trash Info]\nPath=Folder/a%20letter\nDeletionDate=2026-03-02T08:00:00\n";
+
+TEST(TrashInfo, NamesThePlaceAnItemCameFrom) {
+    EXPECT_EQ(originInTrashInfo(kNote), "Folder/a letter");
+    EXPECT_EQ(originInTrashInfo("Path=/home/ada/100%"), "/home/ada/100%");
+    EXPECT_EQ(originInTrashInfo("Path=/a%2zb\n"), "/a%2zb");
+    EXPECT_EQ(originInTrashInfo("Path=first\nPath=second\n"), "first");
+}
+
+TEST(TrashInfo, NamesNoneWhereItIsMalformed) {
+    for (const char* text : {"", "\n", "Path", "Path=", "path=/a", " Path=/a", "Path=/a%00b"}) {
+        EXPECT_EQ(originInTrashInfo(text), std::nullopt) << text;
+    }
+}
+
+TEST_F(ItemsElsewhere, FindsAnItemWhereItWasSeen) {
+    write(trash_ + "/a");
+    EXPECT_EQ(resolve(seen("a")).path, trash_ + "/a");
+}
+
+TEST_F(ItemsElsewhere, FindsAnItemThatWasPutBackWhereItCameFrom) {
+    fs::create_directories(folder_.path() + "/.Trash-0/info");
+    fs::create_directories(folder_.path() + "/Folder");
+    write(trash_ + "/a", "x");
+    write(folder_.path() + "/.Trash-0/info/a.trashinfo", kNote);
+    const CatalogItem item = seen("a");
+    watch_.remember(volume_, trash_, std::vector{item});
+    fs::rename(trash_ + "/a", folder_.path() + "/Folder/a letter");
+    const ResolvedNode node = resolve(item);
+    EXPECT_EQ(node.state, NodeState::found);
+    EXPECT_EQ(node.path, folder_.path() + "/Folder/a letter");
+}
+
+TEST_F(ItemsElsewhere, FindsAnItemByItsHandleAndKnowsOneThatIsGone) {
+    write(trash_ + "/a");
+    const CatalogItem item = seen("a");
+    watch_.remember(volume_, trash_, std::vector{item});
+    fs::create_directories(folder_ / "elsewhere");
+    fs::rename(trash_ + "/a", folder_ / "elsewhere/b");
+    const ResolvedNode moved = resolve(item);
+    if (moved.state == NodeState::unknown) GTEST_SKIP() << "no file handles here";
+    EXPECT_EQ(moved.path, folder_ / "elsewhere/b");
+    fs::remove(folder_ / "elsewhere/b");
+    EXPECT_EQ(resolve(item).state, NodeState::gone);
+}
+
+// Without a file handle and a note, as on file systems that have no handles.
+TEST_F(ItemsElsewhere, SearchesTheVolumeForWhatNothingElseLeadsTo) {
+    write(trash_ + "/kept");
+    write(trash_ + "/gone");
+    const CatalogItem kept = seen("kept");
+    const CatalogItem gone = seen("gone");
+    fs::create_directories(folder_ / "a/b/c");
+    fs::create_directory_symlink("/", folder_ / "a/link");
+    fs::rename(trash_ + "/kept", folder_ / "a/b/c/other name");
+    fs::remove(trash_ + "/gone");
+    ASSERT_EQ(resolve(kept).state, NodeState::unknown);  // this begins the search
+    ASSERT_TRUE(hasFoundOut());
+    EXPECT_EQ(resolve(kept).path, folder_ / "a/b/c/other name");
+    ASSERT_EQ(resolve(gone).state, NodeState::unknown);
+    ASSERT_TRUE(hasFoundOut());
+    EXPECT_EQ(resolve(gone).state, NodeState::gone);
+}
+
+TEST_F(ItemsElsewhere, DecidesNothingWhenASearchRunsOutOfTime) {
+    LinuxDirectoryWatch hurried(loop_, machine_.volumes,
+                                LinuxTrashPlaces{.searchLimit = std::chrono::milliseconds(0)});
+    write(trash_ + "/a");
+    const SeenItem item{volume_, seen("a").nodeId, trash_, "a"};
+    fs::remove(trash_ + "/a");
+    bool wasTold = false;
+    hurried.setDidFindOut([&] { wasTold = true; });
+    EXPECT_EQ(hurried.resolve(std::vector{item}).at(0).state, NodeState::unknown);
+    turnUntil([&] { return wasTold; }, seconds(1));
+    EXPECT_FALSE(wasTold);
+    EXPECT_EQ(hurried.resolve(std::vector{item}).at(0).state, NodeState::unknown);
+}
+
+TEST_F(ItemsElsewhere, KeepsWhatLeadsToAnItemAsLongAsItIsAskedFor) {
+    write(trash_ + "/a");
+    write(trash_ + "/b");
+    const CatalogItem a = seen("a");
+    const CatalogItem b = seen("b");
+    watch_.remember(volume_, trash_, std::vector{a, b});
+    ItemTraces both(folder_ / "traces");
+    EXPECT_NE(both.find({volume_, a.nodeId}), nullptr);
+    EXPECT_NE(both.find({volume_, b.nodeId}), nullptr);
+    EXPECT_EQ(resolve(a).state, NodeState::found);
+    ItemTraces one(folder_ / "traces");
+    EXPECT_NE(one.find({volume_, a.nodeId}), nullptr);
+    EXPECT_EQ(one.find({volume_, b.nodeId}), nullptr);
+}
+
+// Whoever asked may have been killed before it could write the answer down.
+TEST_F(ItemsElsewhere, GivesTheSameAnswerAboutAnItemThatIsGoneUntilNobodyAsks) {
+    write(trash_ + "/a");
+    const CatalogItem item = seen("a");
+    watch_.remember(volume_, trash_, std::vector{item});
+    fs::remove(trash_ + "/a");
+    if (resolve(item).state == NodeState::unknown) GTEST_SKIP() << "no file handles here";
+    LinuxDirectoryWatch restarted(loop_, machine_.volumes,
+                                  LinuxTrashPlaces{.tracesFile = folder_ / "traces"});
+    const std::vector items{SeenItem{volume_, item.nodeId, trash_, "a"}};
+    EXPECT_EQ(restarted.resolve(items).at(0).state, NodeState::gone);
+    EXPECT_THAT(restarted.resolve({}), IsEmpty());
+    ItemTraces traces(folder_ / "traces");
+    EXPECT_EQ(traces.find({volume_, item.nodeId}), nullptr);
+}
+
+// FAT numbers an item anew whenever it has not been looked at for a while.
+TEST_F(ItemsElsewhere, KnowsAnItemByItsNameWhereNumbersChange) {
+    fs::create_directories(folder_ / ".Trash-0/info");
+    fs::create_directories(folder_ / "Folder");
+    write(trash_ + "/a");
+    folder_.write(".Trash-0/info/a.trashinfo", kNote);
+    const CatalogItem item = seen("a");
+    watch_.remember(volume_, trash_, std::vector{item});
+    const auto numberAnew = [&](const std::string& path) {
+        write(folder_ / "new");
+        fs::rename(folder_ / "new", path);
+    };
+    numberAnew(trash_ + "/a");
+    EXPECT_NE(resolve(item).state, NodeState::found);  // another item
+    mountAs("vfat");
+    EXPECT_EQ(resolve(item).path, trash_ + "/a");
+    fs::remove(trash_ + "/a");
+    numberAnew(folder_ / "Folder/a letter");
+    EXPECT_EQ(resolve(item).path, folder_ / "Folder/a letter");
+}
+
+// A number is used again at once; the handle has another generation then.
+TEST_F(ItemsElsewhere, TakesNoOtherItemWithTheSameNumberForIt) {
+    fs::create_directories(folder_ / "elsewhere");
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        write(trash_ + "/a");
+        const CatalogItem item = seen("a");
+        watch_.remember(volume_, trash_, std::vector{item});
+        fs::remove(trash_ + "/a");
+        write(folder_ / "elsewhere/a");
+        struct stat status {};
+        ASSERT_EQ(::stat((folder_ / "elsewhere/a").c_str(), &status), 0);
+        if (status.st_ino != item.nodeId) continue;
+        const ResolvedNode node = resolve(item);
+        if (node.state == NodeState::unknown) GTEST_SKIP() << "no file handles here";
+        EXPECT_EQ(node.state, NodeState::gone) << node.path;
+        return;
+    }
+    GTEST_SKIP() << "this file system does not use numbers again";
+}
+
+// The note is the user's: what it names may hold up whoever looks, or lie on another volume.
+TEST_F(ItemsElsewhere, FollowsNoLinkOnTheWayToWhereAnItemCameFrom) {
+    fs::create_directories(folder_ / ".Trash-0/info");
+    fs::create_directories(folder_ / "real");
+    fs::create_directory_symlink(folder_ / "real", folder_ / "Folder");
+    write(trash_ + "/a");
+    folder_.write(".Trash-0/info/a.trashinfo", kNote);
+    const CatalogItem item = seen("a");
+    watch_.remember(volume_, trash_, std::vector{item});
+    fs::rename(trash_ + "/a", folder_ / "real/a letter");
+    ResolvedNode node = resolve(item);
+    if (node.state == NodeState::unknown) {
+        ASSERT_TRUE(hasFoundOut());
+        node = resolve(item);
+    }
+    EXPECT_EQ(node.path, folder_ / "real/a letter");
+}
+
+// The records are in a file that everybody may write.
+TEST_F(ItemsElsewhere, LooksForNoNameThatLeadsOutOfItsFolder) {
+    fs::create_directories(folder_ / "elsewhere");
+    write(trash_ + "/a");
+    const CatalogItem item = seen("a");
+    fs::rename(trash_ + "/a", folder_ / "elsewhere/a");
+    const std::vector<SeenItem> items{{volume_, item.nodeId, trash_, "../../elsewhere/a"},
+                                      {volume_, item.nodeId, trash_, folder_ / "elsewhere/a"},
+                                      {volume_, item.nodeId, trash_ + "/../../elsewhere", "a"}};
+    for (const ResolvedNode& node : watch_.resolve(items)) {
+        EXPECT_EQ(node.state, NodeState::unknown) << node.path;
+    }
+}
+
+TEST(ItemTraces, AreReadFromAnyBytes) {
+    const TemporaryFolder folder;
+    for (const char* text : {"", "no list", "<plist version=\"1.0\"><array/></plist>",
+                             "<plist version=\"1.0\"><dict><key>1_x</key><dict/><key>7_8</key>"
+                             "<dict><key>handle</key><true/></dict></dict></plist>"}) {
+        folder.write("traces", text);
+        ItemTraces traces(folder / "traces");
+        EXPECT_EQ(traces.find({1, 2}), nullptr) << text;
+    }
+}
+
+TEST_F(ItemsElsewhere, ReadsNoNoteThatIsALinkOrAPipe) {
+    fs::create_directories(folder_ / ".Trash-0/info");
+    folder_.write("note", kNote);
+    fs::create_symlink(folder_ / "note", folder_ / ".Trash-0/info/a.trashinfo");
+    ASSERT_EQ(::mkfifo((folder_ / ".Trash-0/info/b.trashinfo").c_str(), 0600), 0);
+    folder_.write(".Trash-0/info/c.trashinfo", kNote);
+    const UniqueFd folder = openPlaceAt(AT_FDCWD, trash_);
+    const auto origin = [&](const char* name, const char* root) {
+        write(trash_ + '/' + name);
+        const auto trace = traceItem(folder.get(), name, seen(name).nodeId, root);
+        return trace ? trace->origin : "no trace";
+    };
+    EXPECT_EQ(origin("a", "/v"), "");
+    EXPECT_EQ(origin("b", "/v"), "");
+    EXPECT_EQ(origin("c", "/v"), "/v/Folder/a letter");
+    EXPECT_EQ(origin("c", "/"), "/Folder/a letter");
+}
+
+TEST_F(ItemsElsewhere, DecidesNothingAboutAVolumeThatIsNotMounted) {
+    write(trash_ + "/a");
+    const std::vector<SeenItem> items{
+        {static_cast<std::int16_t>(volume_ + 1), seen("a").nodeId, trash_, "a"}};
+    EXPECT_EQ(watch_.resolve(items).at(0).state, NodeState::unknown);
+}
+
+// What is seen in a folder may be another item by the time that it is remembered.
+TEST_F(ItemsElsewhere, KeepsTheTraceOfAnItemThatWasReplacedWhileItWasScanned) {
+    write(trash_ + "/a");
+    write(trash_ + "/b");
+    const CatalogItem a = seen("a");
+    const CatalogItem b = seen("b");
+    watch_.remember(volume_, trash_, std::vector{a, b});
+    const ItemTrace first = *ItemTraces(folder_ / "traces").find({volume_, a.nodeId});
+    if (first.handle.empty()) GTEST_SKIP() << "no file handles here";
+    fs::rename(trash_ + "/b", trash_ + "/a");
+    watch_.remember(volume_, trash_, std::vector{a, b});
+    EXPECT_EQ(*ItemTraces(folder_ / "traces").find({volume_, a.nodeId}), first);
+    const auto nodes = watch_.resolve(std::vector{SeenItem{volume_, a.nodeId, trash_, "a"},
+                                                  SeenItem{volume_, b.nodeId, trash_, "b"}});
+    EXPECT_EQ(nodes.at(0).state, NodeState::gone);
+    EXPECT_EQ(nodes.at(1).path, trash_ + "/a");
+}
+
+// Emptied, and its number used again for a new file under its old name.
+TEST_F(ItemsElsewhere, TakesNoNewFileForAnItemThatWasPutBack) {
+    fs::create_directories(folder_ / ".Trash-0/info");
+    fs::create_directories(folder_ / "Folder");
+    folder_.write(".Trash-0/info/a.trashinfo", kNote);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        write(trash_ + "/a");
+        const CatalogItem item = seen("a");
+        watch_.remember(volume_, trash_, std::vector{item});
+        fs::remove(trash_ + "/a");
+        write(folder_ / "Folder/a letter");
+        struct stat status {};
+        ASSERT_EQ(::stat((folder_ / "Folder/a letter").c_str(), &status), 0);
+        if (status.st_ino != item.nodeId) continue;
+        const ResolvedNode node = resolve(item);
+        if (node.state == NodeState::unknown) GTEST_SKIP() << "no file handles here";
+        EXPECT_EQ(node.state, NodeState::gone) << node.path;
+        return;
+    }
+    GTEST_SKIP() << "this file system does not use numbers again";
+}
+
+TEST_F(ItemsElsewhere, FindsAnItemInItsTrashOnAVolumeThatIsMountedElsewhereNow) {
+    write(trash_ + "/a");
+    SeenItem item{volume_, seen("a").nodeId, "/media/ada/Data/.Trash-0/files", "a"};
+    EXPECT_EQ(watch_.resolve(std::vector{item}).at(0).path, item.folder + "/a");
+    fs::create_directories(folder_ / "files");
+    fs::rename(trash_ + "/a", folder_ / "files/a");
+    ASSERT_EQ(watch_.resolve(std::vector{item}).at(0).state, NodeState::unknown);
+    ASSERT_TRUE(hasFoundOut());
+    EXPECT_EQ(watch_.resolve(std::vector{item}).at(0).path, folder_ / "files/a");
+}
+
+// A trace without a handle, as file systems leave it that have none.
+TEST_F(ItemsElsewhere, LooksForAnOriginOnItsOwnVolumeAlone) {
+    MountDescription other;
+    other.path = folder_ / "other";
+    other.device = "/dev/sdy1";
+    other.type = "ext4";
+    machine_.volumes.mount(other);
+    fs::create_directories(folder_ / "other");
+    fs::create_directories(folder_ / "same");
+    for (const char* const place : {"other", "same"}) {
+        write(trash_ + "/a");
+        const CatalogItem item = seen("a");
+        const std::string origin = folder_ / (std::string(place) + "/a");
+        {
+            ItemTraces traces(folder_ / "traces");
+            traces.set({volume_, item.nodeId}, {.handle = "", .origin = origin});
+            traces.save();
+        }
+        fs::rename(trash_ + "/a", origin);
+        LinuxDirectoryWatch watch(loop_, machine_.volumes,
+                                  LinuxTrashPlaces{.tracesFile = folder_ / "traces"});
+        const SeenItem seenItem{volume_, item.nodeId, trash_, "a"};
+        EXPECT_EQ(watch.resolve(std::vector{seenItem}).at(0).path,
+                  std::string(place) == "same" ? origin : "");
+    }
+}
+
+TEST_F(ItemsElsewhere, SearchesNoFileSystemThatIsMountedOnTheVolume) {
+    MountDescription far;
+    far.path = folder_ / "far";
+    far.device = "server:/far";
+    far.type = "nfs4";
+    far.kind = MountKind::network;
+    machine_.volumes.mount(far);
+    fs::create_directories(folder_ / "far");
+    write(trash_ + "/a");
+    const CatalogItem item = seen("a");
+    fs::rename(trash_ + "/a", folder_ / "far/a");
+    ASSERT_EQ(resolve(item).state, NodeState::unknown);
+    ASSERT_TRUE(hasFoundOut());
+    EXPECT_EQ(resolve(item).state, NodeState::gone);
+}
+
+TEST_F(ItemsElsewhere, LooksAgainAtWhatASearchHasFound) {
+    write(trash_ + "/a");
+    const CatalogItem item = seen("a");
+    fs::rename(trash_ + "/a", folder_ / "a");
+    ASSERT_EQ(resolve(item).state, NodeState::unknown);
+    ASSERT_TRUE(hasFoundOut());
+    fs::rename(folder_ / "a", folder_ / "b");
+    EXPECT_EQ(resolve(item).state, NodeState::unknown);
+}
+
+TEST_F(ItemsElsewhere, ForgetsWhatASearchHasFoundOutOnceTheLoopTurns) {
+    write(trash_ + "/a");
+    const CatalogItem item = seen("a");
+    fs::create_directories(folder_ / "away");
+    fs::rename(trash_ + "/a", folder_ / "away/a");
+    fs::rename(folder_ / "away", folder_.path() + "-away");
+    ASSERT_EQ(resolve(item).state, NodeState::unknown);
+    ASSERT_TRUE(hasFoundOut());  // that it is gone
+    fs::rename(folder_.path() + "-away", folder_ / "away");
+    turn();
+    ASSERT_EQ(resolve(item).state, NodeState::unknown);
+    ASSERT_TRUE(hasFoundOut());
+    EXPECT_EQ(resolve(item).path, folder_ / "away/a");
+}
+
+// Each volume has the time that it is given, however long one before it took.
+TEST_F(ItemsElsewhere, SearchesSeveralVolumesAtOnce) {
+    const TemporaryFolder second;
+    MountDescription mount;
+    mount.path = second.path();
+    mount.device = "/dev/sdy1";
+    mount.type = "ext4";
+    machine_.volumes.mount(mount);
+    const auto number = machine_.volumes.volumeInfoByDevice("sdy1").value.referenceNumber;
+    fs::create_directories(second / ".Trash-0/files");
+    write(trash_ + "/a");
+    write(second / ".Trash-0/files/b");
+    const std::vector items{
+        SeenItem{volume_, seen("a").nodeId, trash_, "a"},
+        SeenItem{number, watch_.catalog(second / ".Trash-0/files", 1)->at(0).nodeId,
+                 second / ".Trash-0/files", "b"}};
+    fs::rename(trash_ + "/a", folder_ / "a");
+    fs::rename(second / ".Trash-0/files/b", second / "b");
+    EXPECT_EQ(watch_.resolve(items).at(1).state, NodeState::unknown);
+    ASSERT_TRUE(hasFoundOut());
+    const auto nodes = watch_.resolve(items);
+    EXPECT_EQ(nodes.at(0).path, folder_ / "a");
+    EXPECT_EQ(nodes.at(1).path, second / "b");
+}
+
+TEST_F(ItemsElsewhere, SearchesAgainWhenADiskKeepsTheFirstSearch) {
+    LinuxDirectoryWatch watch(loop_, machine_.volumes,
+                              LinuxTrashPlaces{.searchLimit = std::chrono::milliseconds(100)});
+    write(trash_ + "/a");
+    const std::vector items{SeenItem{volume_, seen("a").nodeId, trash_, "a"}};
+    fs::rename(trash_ + "/a", folder_ / "a");
+    bool wasTold = false;
+    watch.setDidFindOut([&] { wasTold = true; });
+    HeldReader hung;
+    ASSERT_EQ(watch.resolve(items).at(0).state, NodeState::unknown);
+    for (int i = 0; i < 15; ++i) turn();  // until it is given up
+    EXPECT_FALSE(wasTold);
+    ASSERT_EQ(watch.resolve(items).at(0).state, NodeState::unknown);
+    turnUntil([&] { return wasTold; }, seconds(10));
+    ASSERT_TRUE(wasTold);
+    EXPECT_EQ(watch.resolve(items).at(0).path, folder_ / "a");
+}
+
+}  // namespace
+}  // namespace korvane
