@@ -142,6 +142,10 @@ class KorvaneProDaemon final : public ControlTarget {
     void messageDoCreateItems(const std::vector<std::string>& paths) override;
     void messageDoDeleteItems(const std::vector<std::string>& paths) override;
 
+    // Watches the trash folders of all volumes anew; with `scanNow` each counts as changed
+    // (TrashWatch.cpp).
+    void setupTrashRetainer(bool scanNow);
+
   private:
     // ---- core/: life cycle (LifeCycle.cpp) ------------------------------------------------------
 
@@ -295,9 +299,6 @@ class KorvaneProDaemon final : public ControlTarget {
 
     // ---- trash/ ---------------------------------------------------------------------------------
 
-    // Watches the trash folders of all volumes anew; with `scanNow` each counts as changed
-    // (TrashWatch.cpp).
-    void setupTrashRetainer(bool scanNow);
     void watchTrashFolder(std::size_t slot, const std::string& folder, bool scanNow);
     // A watched folder has changed: records what is in it and has the recovery program look at it.
     void MyFNSubscriptionProc(std::size_t slot, const std::string& folder);

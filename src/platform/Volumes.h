@@ -39,6 +39,7 @@ struct FSRef {
 struct VolumeInfo {
     std::int16_t referenceNumber = 0;  // never 0
     FSRef root;
+    std::string name;                 // no other mounted volume has it at the time
     std::uint32_t serverAddress = 0;  // 0 for a local volume
     std::string bsdName;              // empty when the volume has no device
     std::uint16_t fileSystemId = 0;   // 0 for HFS, HFS Plus and HFSX

@@ -68,11 +68,10 @@ std::optional<SearchContent> leftJob(const Machine& machine, std::string_view by
         !volumes->second.contains(volume.value.referenceNumber)) {
         return std::nullopt;
     }
-    const std::string& root = volume.value.root.rootPath;
     return SearchContent{.nodeId = *node,
                          .parentId = job->parentId,
-                         .volumePath = root,
-                         .outFilePath = volumeFolder(machine.fileSystem.displayName(root)),
+                         .volumePath = volume.value.root.rootPath,
+                         .outFilePath = volumeFolder(volume.value.name),
                          .searchResultPath = job->searchResultPath};
 }
 
@@ -147,10 +146,9 @@ void KorvaneProDaemon::collectLeftResult(std::uint64_t nodeId,
     }
     const auto volume = machine_.volumes.volumeInfoByReferenceNumber(*seenOn.begin());
     if (volume.status != 0) return;  // it may be mounted at the next start
-    const std::string& root = volume.value.root.rootPath;
     collectSearchResult({.nodeId = nodeId,
-                         .volumePath = root,
-                         .outFilePath = volumeFolder(files.displayName(root)),
+                         .volumePath = volume.value.root.rootPath,
+                         .outFilePath = volumeFolder(volume.value.name),
                          .searchResultPath = path});
 }
 
@@ -162,11 +160,12 @@ void KorvaneProDaemon::searchAnew(SearchTask& task) {
         });
     const std::string program = machine_.bundle.plugIn(kRecoveryProgram);
     if (left != jobs.end() && !program.empty()) {
+        // The folder of a volume is named after it.
+        const std::string& folder = left->outFilePath;
         waitingSearches.insert_or_assign(
-            task.inFilePath,
-            WaitingSearch{.program = program,
-                          .volumeName = machine_.fileSystem.displayName(left->volumePath),
-                          .contentArray = {left, jobs.end()}});
+            task.inFilePath, WaitingSearch{.program = program,
+                                           .volumeName = folder.substr(folder.rfind('/') + 1),
+                                           .contentArray = {left, jobs.end()}});
     }
     jobs.erase(left, jobs.end());
 }

@@ -24,12 +24,11 @@ struct TrashVolume {
     std::int16_t number = 0;
 };
 
-std::optional<TrashVolume> trashVolumeOf(Volumes& volumes, FileSystem& files,
-                                         const std::string& folder) {
+std::optional<TrashVolume> trashVolumeOf(Volumes& volumes, const std::string& folder) {
     const std::optional<PathVolume> volume = volumeOfPath(volumes, folder);
     if (!volume) return std::nullopt;
-    const std::string& root = volume->info.root.rootPath;
-    return TrashVolume{root, files.displayName(root), volume->info.referenceNumber};
+    const VolumeInfo& info = volume->info;
+    return TrashVolume{info.root.rootPath, info.name, info.referenceNumber};
 }
 
 }  // namespace
@@ -76,7 +75,7 @@ void KorvaneProDaemon::MyFNSubscriptionProc(std::size_t slot, const std::string&
     if (!items) return;
     std::erase_if(*items, [](const CatalogItem& item) { return item.name.starts_with('.'); });
 
-    const auto volume = trashVolumeOf(machine_.volumes, machine_.fileSystem, folder);
+    const auto volume = trashVolumeOf(machine_.volumes, folder);
     if (volume) {
         machine_.directoryWatch.remember(volume->number, folder, *items);
         std::vector<SearchContent> jobs;

@@ -108,6 +108,85 @@ class TrashProcess(TrashBed):
         wait_for(lambda: "meanwhile" in records())
         self.assertNotIn("Deleted", wait_for(lambda: records().get("second")))
 
+    def test_follows_items_that_left_while_it_did_not_run(self):
+        daemon = self.watch()
+        for name in ("back", "elsewhere", "gone"):
+            self.throw_away(name)
+        wait_for(lambda: len(records()) == 3)
+        daemon.terminate()
+        files = f"{self.trash}/files"
+        os.rename(f"{files}/back", "/home/ada/back")
+        os.makedirs("/home/ada/below/deep")
+        os.rename(f"{files}/elsewhere", "/home/ada/below/deep/elsewhere")
+        os.unlink(f"{files}/gone")
+        put("/home/ada/gone")  # with the number of the one that was emptied, on most file systems
+        self.start()
+        self.wait_for_record("later")
+        found = wait_for(lambda: all("Removed" in record or "Deleted" in record
+                                     for name, record in records().items() if name != "later")
+                         and records(), 60)
+        self.assertIn("Removed", found["back"])
+        self.assertIn("Removed", found["elsewhere"])
+        self.assertIn("Deleted", found["gone"])
+
+    def test_follows_a_home_on_a_subvolume(self):
+        image = f"{self.place}/Tree.image"
+        with open(image, "wb") as file:
+            file.truncate(128 << 20)
+        self.addCleanup(os.unlink, image)
+        if subprocess.run(["mkfs.btrfs", "-q", image], check=False,
+                          capture_output=True).returncode != 0:
+            self.skipTest("this machine makes no btrfs")
+        tree = "/Volumes/Tree"
+        os.mkdir(tree)
+        if subprocess.run(["mount", "-o", "loop", image, tree], check=False,
+                          capture_output=True).returncode != 0:
+            self.skipTest("this machine mounts no btrfs")
+        self.addCleanup(subprocess.run, ["umount", "--lazy", tree], check=False)
+        subprocess.run(["btrfs", "-q", "subvolume", "create", f"{tree}/home"], check=True)
+        device = subprocess.run(["findmnt", "-no", "SOURCE", tree], check=True, text=True,
+                                capture_output=True).stdout.strip()
+        # Above the home of the other tests.
+        mount("-o", "subvol=home", device, "/home")
+        self.addCleanup(subprocess.run, ["umount", "--lazy", "/home"], check=False)
+        os.makedirs(f"{self.trash}/files")
+        os.makedirs(f"{self.trash}/info")
+        daemon = self.watch(tree)
+        for name in ("back", "elsewhere", "gone"):
+            self.throw_away(name)
+        wait_for(lambda: len(records()) == 3)
+        self.assertEqual({record["volumeName"] for record in records().values()}, {"Tree"})
+        daemon.terminate()
+        files = f"{self.trash}/files"
+        os.rename(f"{files}/back", "/home/ada/back")
+        os.makedirs("/home/ada/below")
+        os.rename(f"{files}/elsewhere", "/home/ada/below/elsewhere")
+        os.unlink(f"{files}/gone")
+        self.start()
+        self.wait_for_record("later")
+        found = wait_for(lambda: all("Removed" in record or "Deleted" in record
+                                     for name, record in records().items() if name != "later")
+                         and records(), 60)
+        self.assertIn("Removed", found["back"])
+        self.assertIn("Removed", found["elsewhere"])
+        self.assertIn("Deleted", found["gone"])
+
+    def test_decides_nothing_when_a_volume_goes_in_the_middle_of_a_scan(self):
+        data = self.mount_image("Data")
+        os.makedirs(f"{data}/.Trash-0/files")
+        self.watch(data)
+        wait_for(lambda: volume_entries().get(data, {}).get("usageStatus") == "0")
+        for item in range(300):
+            put(f"{data}/.Trash-0/files/{item}")
+        wait_for(lambda: len(records()) > 0)
+        subprocess.run(["umount", "--lazy", data], check=True)
+        self.throw_away("letter")
+        wait_for(lambda: "letter" in records())
+        self.throw_away("another")
+        wait_for(lambda: "another" in records())
+        self.assertEqual([name for name, record in records().items()
+                          if "Deleted" in record or "Removed" in record], [])
+
     def test_watches_nothing_while_the_history_is_off(self):
         self.watch(trashHistoryOnOff=False)
         self.throw_away("letter")
@@ -150,13 +229,17 @@ class TrashProcess(TrashBed):
         wait_for(lambda: "Deleted" in records().get("bad \\377\\376", {}))
 
     def test_outlives_a_crowd_of_items_that_come_and_go(self):
-        self.watch()
+        # On a small volume, since what comes and goes within a scan is searched for.
+        data = self.mount_image("Data", 64)
+        files = f"{data}/.Trash-0/files"
+        os.makedirs(files)
+        self.watch(data)
+        wait_for(lambda: volume_entries().get(data, {}).get("usageStatus") == "0")
         chance = random.Random(7)
-        files = f"{self.trash}/files"
         for step in range(2000):
             name = f"{files}/{chance.randrange(60)}"
             if os.path.exists(name):
-                chance.choice((os.unlink, lambda path: os.rename(path, f"/home/ada/{step}"),
+                chance.choice((os.unlink, lambda path: os.rename(path, f"{data}/{step}"),
                                lambda path: os.rename(path, f"{path}{step}")))(name)
             else:
                 put(name)

@@ -218,6 +218,44 @@ TEST_F(TrashFaults, DecidesNothingAboutAVolumeThatWentDuringAScan) {
     EXPECT_FALSE(record("b").empty());
 }
 
+TEST_F(TrashFaults, KeepsVolumesOfOneNameApart) {
+    for (const char* const place : {"a", "b"}) {
+        MountDescription mount;
+        mount.path = std::string("/mnt/") + place + "/Other";
+        mount.device = std::string("/dev/sdx") + place;
+        mount.type = "ext4";
+        s.mount(mount);
+        s.put(mount.path + "/.Trashes/501/.x", "");
+    }
+    s.editPreferences([](Dictionary& settings) {
+        PropertyListArray& volumes = *settings.find("volumeArray")->array();
+        for (const char* const path : {"/mnt/a/Other", "/mnt/b/Other"}) {
+            volumes.push_back(Dictionary{{"volumeMountToName", path}, {"trashOnOff", true}});
+        }
+    });
+    s.run(seconds(1));
+    trash("/mnt/a/Other/.Trashes/501/a");
+    trash("/mnt/b/Other/.Trashes/501/b");
+    s.run(seconds(10));
+    EXPECT_EQ(stringValue(record("a").find("volumeName")), "Other");
+    EXPECT_EQ(stringValue(record("b").find("volumeName")), "Other 1");
+    for (const char* const name : {"Other", "Other 1"}) {
+        EXPECT_EQ(files().bytes(volumeFolder(name) + '/' + kDeletes).value_or("").size(),
+                  2 * kTrashRecordBytes);
+    }
+}
+
+TEST_F(TrashFaults, ScansAtOnceWhenItIsAskedTo) {
+    s.run(seconds(1));
+    s.put(std::string(kTrash) + "/a", "").put(std::string(kDataTrash) + "/b", "");
+    s.daemon().setupTrashRetainer(false);
+    s.run(seconds(1));
+    EXPECT_THAT(usage(), IsEmpty());
+    s.daemon().setupTrashRetainer(true);
+    EXPECT_FALSE(record("a").empty());
+    EXPECT_FALSE(record("b").empty());
+}
+
 TEST_F(TrashFaults, TakesAPathThatIsTooLongForADeletion) {
     s.run(seconds(1));
     trash(std::string(kTrash) + "/a");

@@ -25,27 +25,6 @@ constexpr std::uint16_t kOtherFileSystemId = 1;
 constexpr std::chrono::seconds kFirstRetry{1};
 constexpr std::chrono::seconds kLastRetry{3600};
 
-OSErrOr<VolumeInfo> infoOf(const LocalVolume* volume) {
-    if (volume == nullptr) {
-        return {.status = nsvErr, .value = {}};
-    }
-    // More volumes are mounted than there are numbers.
-    if (volume->number == 0) {
-        return {.status = ioErr, .value = {}};
-    }
-    VolumeInfo info;
-    info.referenceNumber = volume->number;
-    info.root.rootPath = volume->mountPoint;
-    info.bsdName = volume->device.name;
-    const bool isHfsPlus = volume->typeName == "hfsplus";
-    info.fileSystemId = isHfsPlus || volume->typeName == "hfs" ? 0 : kOtherFileSystemId;
-    info.signature = isHfsPlus ? kHfsPlusSignature : 0;
-    info.flags =
-        static_cast<std::uint16_t>((volume->device.isReadOnly ? kVolumeHardwareLocked : 0) |
-                                   (volume->isReadOnly ? kVolumeSoftwareLocked : 0));
-    return {.status = 0, .value = std::move(info)};
-}
-
 // What a path leads to now.
 struct Place {
     std::uint64_t mountId = 0;  // 0 where the kernel does not tell (before 5.8)
@@ -75,6 +54,7 @@ LinuxVolumes::LinuxVolumes(LinuxRunLoop& loop, const LinuxVolumesPlaces& places)
       links_(places.linksFolder, memory_),
       watch_(loop, places.mountTable, [this] { didChange(); }),
       table_(std::make_unique<VolumeTable>(std::vector<MountRow>{}, devices_, memory_, nullptr)),
+      namesFolder_(places.linksFolder.empty() ? "/Volumes" : places.linksFolder),
       retryDelay_(kFirstRetry) {
     refresh();
     hasAppeared_ = false;  // what is there at the start has not appeared
@@ -120,11 +100,50 @@ void LinuxVolumes::remember() {
         mountPoints.push_back(volume.mountPointBytes);
     }
     const bool isInLine = links_.update(mountPoints);
+    giveNames(mountPoints);
     if (memory_.save() && isInLine) {
         return;
     }
     retry_ = loop_.startTimer(retryDelay_, Repeat::once, [this] { remember(); });
     retryDelay_ = std::min(retryDelay_ * 2, kLastRetry);
+}
+
+// What stands in the folder of links beside them takes no name here: it is no volume.
+void LinuxVolumes::giveNames(const std::vector<std::string>& mountPoints) {
+    const auto& standing = memory_.links().empty() ? mountPointOfName_ : memory_.links();
+    mountPointOfName_ = linksForVolumes(namesFolder_, mountPoints, standing,
+                                        [](const std::string&) { return false; });
+    nameOfMountPoint_.clear();
+    for (const auto& [name, mountPoint] : mountPointOfName_) {
+        nameOfMountPoint_.emplace(mountPoint, name);
+    }
+    // Those mounted in the folder itself have theirs already.
+    for (const std::string& mountPoint : mountPoints) {
+        nameOfMountPoint_.emplace(mountPoint, lastComponent(mountPoint));
+    }
+}
+
+OSErrOr<VolumeInfo> LinuxVolumes::infoOf(const LocalVolume* volume) const {
+    if (volume == nullptr) {
+        return {.status = nsvErr, .value = {}};
+    }
+    // More volumes are mounted than there are numbers.
+    if (volume->number == 0) {
+        return {.status = ioErr, .value = {}};
+    }
+    VolumeInfo info;
+    info.referenceNumber = volume->number;
+    info.root.rootPath = volume->mountPoint;
+    const auto name = nameOfMountPoint_.find(volume->mountPointBytes);
+    info.name = name == nameOfMountPoint_.end() ? "" : textOfBytes(name->second);
+    info.bsdName = volume->device.name;
+    const bool isHfsPlus = volume->typeName == "hfsplus";
+    info.fileSystemId = isHfsPlus || volume->typeName == "hfs" ? 0 : kOtherFileSystemId;
+    info.signature = isHfsPlus ? kHfsPlusSignature : 0;
+    info.flags =
+        static_cast<std::uint16_t>((volume->device.isReadOnly ? kVolumeHardwareLocked : 0) |
+                                   (volume->isReadOnly ? kVolumeSoftwareLocked : 0));
+    return {.status = 0, .value = std::move(info)};
 }
 
 const std::vector<MountEntry>& LinuxVolumes::mountTable() { return table_->entries(); }

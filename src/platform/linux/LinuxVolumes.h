@@ -60,6 +60,8 @@ class LinuxVolumes final : public Volumes {
     void refresh();
     void didChange();
     void remember();
+    void giveNames(const std::vector<std::string>& mountPoints);
+    [[nodiscard]] OSErrOr<VolumeInfo> infoOf(const LocalVolume* volume) const;
 
     LinuxRunLoop& loop_;
     BlockDevices devices_;
@@ -68,6 +70,10 @@ class LinuxVolumes final : public Volumes {
     MountWatch watch_;
 
     std::unique_ptr<VolumeTable> table_;
+    // Names and mount points, as bytes. Where links are kept they are those of the links.
+    std::string namesFolder_;
+    std::map<std::string, std::string> mountPointOfName_;
+    std::map<std::string, std::string> nameOfMountPoint_;
     // Tables replaced since the loop last turned: references into them still hold.
     std::vector<std::unique_ptr<VolumeTable>> replaced_;
     bool hasAppeared_ = false;

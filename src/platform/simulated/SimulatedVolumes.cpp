@@ -21,6 +21,7 @@ struct SimulatedVolumes::Mounted {
     MountDescription description;
     std::uint64_t number = 0;
     std::int16_t referenceNumber = 0;
+    int countOfName = 0;  // of those mounted before that have the same display name
     bool isBusy = false;
     bool isUnreadable = false;
     std::chrono::microseconds delay{0};
@@ -138,6 +139,10 @@ void SimulatedVolumes::mount(const MountDescription& mount) {
     applyToFileSystem(*mounted);
     if (!mount.displayName.empty()) {
         fileSystem_.setDisplayName(mount.path, mount.displayName);
+    }
+    const auto hasName = [&](const auto& each) { return nameOf(*each) == nameOf(*mounted); };
+    while (std::any_of(mounts_.begin(), mounts_.end(), hasName)) {
+        ++mounted->countOfName;
     }
     journal_.note("mount", mount.path + " on " + mount.device);
     mounts_.push_back(std::move(mounted));
@@ -346,6 +351,11 @@ void SimulatedVolumes::applyToFileSystem(const Mounted& mounted) {
     fileSystem_.setReadOnly(mounted.description.device, !mounted.description.isWritable);
 }
 
+std::string SimulatedVolumes::nameOf(const Mounted& mounted) const {
+    const std::string name = fileSystem_.displayName(mounted.description.path);
+    return mounted.countOfName == 0 ? name : fmt::format("{} {}", name, mounted.countOfName);
+}
+
 OSErrOr<VolumeInfo> SimulatedVolumes::infoOf(const Mounted* mounted) const {
     if (!mounted) {
         return {nsvErr, {}};
@@ -354,6 +364,7 @@ OSErrOr<VolumeInfo> SimulatedVolumes::infoOf(const Mounted* mounted) const {
     VolumeInfo info;
     info.referenceNumber = mounted->referenceNumber;
     info.root = {mount.path};
+    info.name = nameOf(*mounted);
     // A server is named by an address; which one does not matter, but that it is not 0.
     info.serverAddress = mount.kind == MountKind::network ? 1 : 0;
     info.bsdName = bsdNameOf(mount);

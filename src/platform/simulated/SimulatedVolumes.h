@@ -79,6 +79,7 @@ class SimulatedVolumes final : public Volumes {
     [[nodiscard]] std::unordered_set<std::uint64_t> localNumbers();
     [[nodiscard]] std::int16_t referenceNumberFor(const MountDescription& mount);
     void applyToFileSystem(const Mounted& mounted);
+    [[nodiscard]] std::string nameOf(const Mounted& mounted) const;
     [[nodiscard]] OSErrOr<VolumeInfo> infoOf(const Mounted* mounted) const;
 
     SimulatedRunLoop& runLoop_;

@@ -74,6 +74,37 @@ TEST_F(LinuxVolumesTest, CountsOnlyFileSystemsOnLocalBlockDevices) {
     EXPECT_TRUE(volumes->fileSystemFlags("/net")->isWritable);
 }
 
+TEST_F(LinuxVolumesTest, GivesVolumesOfOneNameNamesOfTheirOwn) {
+    const std::string root = "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n";
+    const std::string first = "21 20 8:2 / /mnt/a/data rw - ext4 /dev/sda2 rw\n";
+    const std::string second = "22 20 8:3 / /mnt/b/data rw - ext4 /dev/sda3 rw\n";
+    read(root + first + second + "23 20 8:17 / /Volumes/data\\0401 rw - ext4 /dev/sdb1 rw\n");
+    EXPECT_EQ(infoAt("/").name, "System");
+    EXPECT_EQ(infoAt("/mnt/a/data").name, "data");
+    EXPECT_EQ(infoAt("/mnt/b/data").name, "data 2");
+    EXPECT_EQ(infoAt("/Volumes/data 1").name, "data 1");
+}
+
+TEST_F(LinuxVolumesTest, NamesAVolumeAsItsLinkDoes) {
+    const std::string rows =
+        "21 20 8:2 / /mnt/a/data rw - ext4 /dev/sda2 rw\n"
+        "22 20 8:3 / /mnt/b/data rw - ext4 /dev/sda3 rw\n";
+    // In this order at the first start, in the other one at the second.
+    for (const std::string& table :
+         {rows, "22 20 8:3 / /mnt/b/data rw - ext4 /dev/sda3 rw\n" + rows.substr(0, 47)}) {
+        folder.write("mountinfo", table);
+        volumes = std::make_unique<LinuxVolumes>(
+            loop, LinuxVolumesPlaces{.memoryFile = folder / "memory",
+                                     .linksFolder = folder / "Volumes",
+                                     .mountTable = folder / "mountinfo",
+                                     .sysfs = tree.sysfs(),
+                                     .udevData = tree.udevData()});
+        EXPECT_EQ(infoAt("/mnt/a/data").name, "data");
+        EXPECT_EQ(infoAt("/mnt/b/data").name, "data 1");
+        EXPECT_EQ(std::filesystem::read_symlink(folder / "Volumes/data 1"), "/mnt/b/data");
+    }
+}
+
 TEST_F(LinuxVolumesTest, CountsAFileSystemOnceAtItsFirstMount) {
     read(
         "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n"

@@ -265,6 +265,10 @@ TEST_F(LinuxDirectoryWatchTest, StampsTheItemAndNoOther) {
     EXPECT_STREQ(value, "1234");
     write(trash_ + "/b");
     EXPECT_FALSE(watch_.setBackupDate(trash_, {"b", item.nodeId, 0}, Time(seconds(1))));
+    // What keeps no such attribute, as a link, goes without, and so does what it leads to.
+    fs::create_symlink("b", trash_ + "/link");
+    EXPECT_FALSE(watch_.setBackupDate(trash_, seen("link"), Time(seconds(1))));
+    EXPECT_EQ(::getxattr((trash_ + "/b").c_str(), "user.korvane.backup-date", value, 32), -1);
 }
 
 TEST_F(LinuxDirectoryWatchTest, MissesNothingWhileItSubscribesAnew) {
