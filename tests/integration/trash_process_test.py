@@ -13,7 +13,7 @@ import subprocess
 import time
 import unittest
 
-from daemon_process_test import SUPPORT, read_bytes, volume_entries, wait_for
+from daemon_process_test import SUPPORT, mount, read_bytes, volume_entries, wait_for
 from trash_bed import (FROM_1904_TO_1970, RECORD_BYTES, STAMP_OFFSET, USAGE, TrashBed, put, records,
                        usage)
 
