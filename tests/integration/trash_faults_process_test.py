@@ -93,13 +93,14 @@ class TrashFaults(TrashBed):
         planted = {}
         for kind in ("file", "link", "folder", "fifo"):
             planted[kind] = result_of(put(f"/home/ada/{kind}"))
+        for path in planted.values():  # of a run that was killed, whose item had the same number
+            subprocess.run(["rm", "-rf", path], check=True)
+            self.addCleanup(subprocess.run, ["rm", "-rf", path], check=True)
         put(planted["file"], "planted")
         os.chown(planted["file"], ADA, ADA)
         os.symlink(precious, planted["link"])
         os.mkdir(planted["folder"])
         os.mkfifo(planted["fifo"])
-        for path in planted.values():
-            self.addCleanup(subprocess.run, ["rm", "-rf", path], check=True)
         daemon = self.watch()
         for kind in planted:
             os.rename(f"/home/ada/{kind}", f"{self.trash}/files/{kind}")
