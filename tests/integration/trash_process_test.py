@@ -201,6 +201,8 @@ class TrashProcess(TrashBed):
         os.symlink(secrets, "/home/eve/.local/share/Trash")
         precious = put(f"{self.place}/precious", "precious")
         planted = "/tmp/.KVDataRec_System.dat"
+        # The daemon of another test was killed and has left one.
+        subprocess.run(["rm", "-f", planted], check=True)
         os.symlink(precious, planted)
         self.addCleanup(os.unlink, planted)
         daemon = self.watch()
