@@ -104,9 +104,11 @@ bool holdsExactly(const std::string& path, const std::string& text) {
 
 Failure fileFailure(const std::string& path, int error) {
     const bool denied = error == EACCES || error == EPERM;
-    return {denied ? ExitStatus::notAllowed : ExitStatus::fileProblem,
-            fmt::format("cannot use {}: {}{}", path, std::strerror(error),
-                        denied ? "; run korvanectl as root, for instance with sudo" : "")};
+    return {
+        denied ? ExitStatus::notAllowed : ExitStatus::fileProblem,
+        fmt::format(
+            "cannot use {}: {}{}", path, std::strerror(error),
+            denied && ::geteuid() != 0 ? "; run korvanectl as root, for instance with sudo" : "")};
 }
 
 }  // namespace korvane::ctl

@@ -23,7 +23,7 @@ namespace korvane::ctl {
 namespace {
 
 // Direct reads want whole logical blocks of the device, which are at most of this size.
-constexpr std::size_t kAlignment = 4096;
+constexpr std::size_t kAlignment = ReadAround::kPiece;
 constexpr std::size_t kBlock = 4 * 1024 * 1024;
 
 struct FreeBlock {
@@ -52,7 +52,7 @@ class ExtentCopy {
         if (!block_) throw std::bad_alloc{};
     }
 
-    // False with errno set; EIO also where the device ends early.
+    // False, with errno set, when the file cannot be written. What cannot be read is left out.
     bool run() {
         if (::ftruncate(file_, static_cast<off_t>(item_.size)) != 0) return false;
         for (const FileExtent& extent : item_.extents) {
@@ -64,6 +64,8 @@ class ExtentCopy {
         return true;
     }
     std::optional<Sha256> checksum() { return checksum_.finish(); }
+    const ReadAround& reading() const { return device_; }
+    std::uint64_t bytesOnDevice() const { return bytesOnDevice_; }
 
   private:
     bool wantsChecksum() const { return (item_.flags & kRecordHasChecksum) != 0; }
@@ -80,17 +82,12 @@ class ExtentCopy {
             const auto part =
                 static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, length - at));
             const std::size_t whole = (part + kAlignment - 1) / kAlignment * kAlignment;
-            const ssize_t got =
-                ::pread(device_, block_.get(), whole, static_cast<off_t>(extent.physical + at));
-            if (got < 0 && errno == EINTR) continue;
-            if (got < 0) return false;
-            if (static_cast<std::size_t>(got) < part) {
-                errno = EIO;
-                return false;
-            }
+            (void)device_.read({block_.get(), whole}, extent.physical + at, extent.logical + at,
+                               part);  // an early end is told like any place that is missing
             if (!writeAll(file_, block_.get(), part, extent.logical + at)) return false;
             if (wantsChecksum()) checksum_.add({block_.get(), part});
             at += part;
+            bytesOnDevice_ += part;
             done_ = extent.logical + at;
             progress_(done_);
         }
@@ -98,12 +95,13 @@ class ExtentCopy {
     }
 
     const RecordedItem& item_;
-    int device_;
+    ReadAround device_;
     int file_;
     const std::function<void(std::uint64_t)>& progress_;
     std::unique_ptr<std::uint8_t, FreeBlock> block_;
     ContentChecksum checksum_;
     std::uint64_t done_ = 0;
+    std::uint64_t bytesOnDevice_ = 0;
 };
 
 std::string reasonNotOnDevice(std::uint32_t flags) {
@@ -135,9 +133,9 @@ std::string reasonNotRecoverable(const RecordedItem& item) {
     return item.size > most ? "its record makes no sense" : "";
 }
 
-Outcome<ContentProof> recoverContents(const RecordedItem& item, int device, int folder,
-                                      const std::string& name,
-                                      const std::function<void(std::uint64_t)>& progress) {
+Outcome<RecoveredContents> recoverContents(const RecordedItem& item, int device, int folder,
+                                           const std::string& name,
+                                           const std::function<void(std::uint64_t)>& progress) {
     if (const std::string reason = reasonNotRecoverable(item); !reason.empty()) {
         return Failure{ExitStatus::refused, reason};
     }
@@ -152,10 +150,25 @@ Outcome<ContentProof> recoverContents(const RecordedItem& item, int device, int 
     const timespec modified{.tv_sec = item.modified, .tv_nsec = item.modifiedNanoseconds};
     const timespec times[] = {modified, modified};
     (void)::futimens(file.get(), times);  // a time that no file can have is not worth a failure
+    const std::vector<ByteRange>& missing = copy.reading().missing();
+    if (!missing.empty()) {
+        std::uint64_t lost = 0;
+        for (const ByteRange& range : missing) lost += range.length;
+        if (lost == copy.bytesOnDevice()) {
+            const int error = copy.reading().error();
+            return Failure{ExitStatus::fileProblem,
+                           fmt::format("nothing of it can be read from the device: {}",
+                                       std::strerror(error != 0 ? error : EIO))};
+        }
+        if (const int error = file.finishIncomplete()) return failure(error);
+        return RecoveredContents{ContentProof::incomplete, file.name(), missing};
+    }
     if (const int error = file.finish()) return failure(error);
-    if ((item.flags & kRecordHasChecksum) == 0) return ContentProof::sizeAlone;
-    return copy.checksum() == std::optional{item.checksum} ? ContentProof::checksumMatches
-                                                           : ContentProof::checksumDiffers;
+    const auto proof = (item.flags & kRecordHasChecksum) == 0 ? ContentProof::sizeAlone
+                       : copy.checksum() == std::optional{item.checksum}
+                           ? ContentProof::checksumMatches
+                           : ContentProof::checksumDiffers;
+    return RecoveredContents{proof, file.name(), {}};
 }
 
 }  // namespace korvane::ctl

@@ -59,6 +59,19 @@ NewFile::~NewFile() {
     if (!incompleteName_.empty()) (void)::unlinkat(folder_, incompleteName_.c_str(), 0);
 }
 
+int NewFile::finishIncomplete() {
+    constexpr int kMostNames = 100;
+    const std::string wanted = name_;
+    const bool isShort = wanted.size() + kIncomplete.size() + 3 <= NAME_MAX;
+    int error = EEXIST;
+    for (int next = 1; error == EEXIST && next <= kMostNames; ++next) {
+        name_ = fmt::format("{}{}{}", isShort ? wanted : "item", kIncomplete,
+                            next == 1 ? "" : fmt::format(".{}", next));
+        error = finish();
+    }
+    return error;
+}
+
 int NewFile::finish() {
     if (::fsync(file_.get()) != 0) return errno;
     if (incompleteName_.empty()) {

@@ -24,6 +24,10 @@ class NewFile {
     [[nodiscard]] int get() const { return file_.get(); }
     // Its contents are on the disk and it has its name; an error number, 0 for none.
     [[nodiscard]] int finish();
+    // The same for one whose contents are not all there: its name, then, ends in ".incomplete".
+    [[nodiscard]] int finishIncomplete();
+    // The name that it has, or is to have.
+    [[nodiscard]] const std::string& name() const { return name_; }
 
   private:
     int folder_;

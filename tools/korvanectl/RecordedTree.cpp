@@ -30,6 +30,16 @@ std::string joined(const std::vector<std::string>& steps, const std::string& nam
     return path + name;
 }
 
+RecoveredFile recovered(std::string path, std::uint64_t bytes, const RecoveredContents& contents) {
+    const bool isWhole = contents.missing.empty();
+    return {.path = std::move(path),
+            .bytes = bytes,
+            .proof = contents.proof,
+            .reason = isWhole ? "" : rangesWords(contents.missing),
+            .name = contents.name,
+            .missing = contents.missing};
+}
+
 class TreeRecovery {
   public:
     TreeRecovery(const RecordedItem& root, int device, int folder,
@@ -82,11 +92,15 @@ class TreeRecovery {
             return;
         }
         bytesBefore_ += item.size;
-        files_.push_back({.path = path, .bytes = item.size, .proof = *proof, .reason = {}});
+        files_.push_back(recovered(path, item.size, *proof));
     }
 
     void tell(std::string path, std::string reason) {
-        files_.push_back({std::move(path), 0, std::nullopt, std::move(reason)});
+        files_.push_back({.path = std::move(path),
+                          .proof = std::nullopt,
+                          .reason = std::move(reason),
+                          .name = {},
+                          .missing = {}});
     }
 
     int device_;
@@ -125,7 +139,7 @@ Outcome<std::vector<RecoveredFile>> recoverTree(
         const auto proof = recoverContents(root, device, to.get(), name, progress);
         if (!proof) return proof.failure();
         if (::syncfs(to.get()) != 0) return fileFailure(target.string(), errno);
-        return std::vector<RecoveredFile>{{"", root.size, *proof, ""}};
+        return std::vector<RecoveredFile>{recovered("", root.size, *proof)};
     }
     if (::mkdirat(to.get(), name.c_str(), 0700) != 0) return fileFailure(target.string(), errno);
     const UniqueFd folder = openFolder(to.get(), {name});

@@ -19,7 +19,9 @@ struct RecoveredFile {
     std::string path;  // within the item; empty for the item itself
     std::uint64_t bytes = 0;
     std::optional<ContentProof> proof;  // nothing when the contents could not be had
-    std::string reason;                 // then
+    std::string reason;                 // then, and what is missing of an incomplete one
+    std::string name;                   // that the file has
+    std::vector<ByteRange> missing;
 };
 
 // The item, which comes first, and the files that it held; a link is made again from its record and

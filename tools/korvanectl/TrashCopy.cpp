@@ -14,6 +14,7 @@
 
 #include "korvanectl/Document.h"
 #include "korvanectl/NewFile.h"
+#include "korvanectl/ReadAround.h"
 #include "korvanectl/Text.h"
 #include "platform/linux/FolderDescent.h"
 #include "platform/linux/UniqueFd.h"
@@ -50,6 +51,7 @@ class TreeCopy {
     // The item itself, to `newName` in the folder `to`; an error number, 0 for none.
     int copyItem(int from, const std::string& name, const struct stat& status, int to,
                  const std::string& newName) {
+        path_ = name;
         if (S_ISDIR(status.st_mode)) return copyFolder(from, name, status, to, newName);
         return copyOther(from, name, status, to, newName);
     }
@@ -74,43 +76,64 @@ class TreeCopy {
         if (!isSame(opened, status)) return ESTALE;
         NewFile file{to, newName};
         if (file.error() != 0) return file.error();
-        if (const int error = copyContents(source.get(), file.get(), opened.st_size)) return error;
+        ReadAround reader{source.get()};
+        std::uint64_t length = 0;
+        if (const int error =
+                copyContents(reader, source.get(), file.get(), opened.st_size, length)) {
+            return error;
+        }
         setAttributes(file.get(), opened);
-        if (const int error = file.finish()) return error;
+        if (const int error = finish(file, reader, length)) return error;
         copied_.bytes += static_cast<std::uint64_t>(opened.st_size);
         ++copied_.files;
         return 0;
     }
 
-    // Holes stay holes: an image of a disk may be larger than the disk that it is copied to.
-    int copyContents(int source, int file, off_t size) {
+    // A file of which something cannot be read has a name that says so.
+    int finish(NewFile& file, const ReadAround& reader, std::uint64_t length) {
+        std::uint64_t lost = 0;
+        for (const ByteRange& range : reader.missing()) lost += range.length;
+        if (lost == 0) return file.finish();
+        if (lost == length) return reader.error();
+        if (const int error = file.finishIncomplete()) return error;
+        copied_.incomplete.push_back(
+            fmt::format("{} is kept as {}: zeros stand for what could not be read, {}", path_,
+                        file.name(), rangesWords(reader.missing())));
+        return 0;
+    }
+
+    // Holes stay holes: an image of a disk may be larger than the disk that it is copied to. Adds
+    // how much lies between them to `length`.
+    int copyContents(ReadAround& reader, int source, int file, off_t size, std::uint64_t& length) {
         if (::ftruncate(file, size) != 0) return errno;
         off_t at = 0;
         while ((at = ::lseek(source, at, SEEK_DATA)) >= 0 && at < size) {
             const off_t end = ::lseek(source, at, SEEK_HOLE);
             if (end < 0) return errno;
-            if (const int error = copyRange(source, file, at, std::min(end, size))) return error;
+            const off_t last = std::min(end, size);
+            if (const int error = copyRange(reader, file, at, last)) return error;
+            length += static_cast<std::uint64_t>(last - at);
             at = end;
         }
         // Without data behind the place there is no next one.
         return at < 0 && errno != ENXIO ? errno : 0;
     }
 
-    int copyRange(int source, int file, off_t at, off_t end) {
+    int copyRange(ReadAround& reader, int file, off_t at, off_t end) {
         block_.resize(kBlock);
         while (at < end) {
-            const auto most = std::min(block_.size(), static_cast<std::size_t>(end - at));
-            const ssize_t length = ::pread(source, block_.data(), most, at);
-            if (length < 0 && errno == EINTR) continue;
-            if (length <= 0) return length < 0 ? errno : ESTALE;  // cut short meanwhile
-            for (ssize_t written = 0; written < length;) {
-                const ssize_t part =
-                    ::pwrite(file, block_.data() + written,
-                             static_cast<std::size_t>(length - written), at + written);
-                if (part < 0 && errno != EINTR) return errno;
-                written += std::max<ssize_t>(part, 0);
+            const auto length = std::min(block_.size(), static_cast<std::size_t>(end - at));
+            const auto place = static_cast<std::uint64_t>(at);
+            if (!reader.read({block_.data(), length}, place, place, length)) {
+                return ESTALE;  // cut short meanwhile
             }
-            at += length;
+            for (std::size_t written = 0; written < length;) {
+                const ssize_t part = ::pwrite(file, block_.data() + written, length - written,
+                                              at + static_cast<off_t>(written));
+                if (part < 0 && errno != EINTR) return errno;
+                written += static_cast<std::size_t>(std::max<ssize_t>(part, 0));
+            }
+            at += static_cast<off_t>(length);
             progress_(copied_.bytes + static_cast<std::uint64_t>(at));
         }
         return 0;
@@ -161,6 +184,7 @@ class TreeCopy {
         } else if (S_ISDIR(status.st_mode)) {
             return copyBelow(path, name, status, depth + 1);
         } else {
+            path_ = path;
             error = copyOther(source_.folder(), name, status, target_.folder(), name);
         }
         if (error == ENOSPC || error == EDQUOT) return error;
@@ -196,8 +220,29 @@ class TreeCopy {
     CopiedItem copied_;
     FolderDescent source_;
     FolderDescent target_;
-    std::vector<char> block_;
+    std::vector<std::uint8_t> block_;
+    std::string path_;  // of what is being copied, within the item
 };
+
+// What the files in the current folder and below add up to, as far as it can be looked at.
+std::uint64_t bytesBelow(FolderDescent& descent, std::size_t depth) {
+    std::vector<FolderDescent::Name> names;
+    if (!descent.read(names)) return 0;
+    std::uint64_t bytes = 0;
+    for (const FolderDescent::Name& name : names) {
+        struct stat status {};
+        if (::fstatat(descent.folder(), name.text.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            continue;
+        }
+        if (S_ISREG(status.st_mode)) bytes += static_cast<std::uint64_t>(status.st_size);
+        const bool isBelow = S_ISDIR(status.st_mode) && depth < kMostDepth &&
+                             descent.enter(name.text) == FolderDescent::Step::entered;
+        if (!isBelow) continue;
+        bytes += bytesBelow(descent, depth + 1);
+        if (!descent.leave()) return bytes;
+    }
+    return bytes;
+}
 
 // Whether the path lies in the folder, or is it.
 bool liesWithin(const fs::path& path, const struct stat& folder) {
@@ -211,6 +256,14 @@ bool liesWithin(const fs::path& path, const struct stat& folder) {
 }
 
 }  // namespace
+
+std::uint64_t bytesInTrash(const ItemInTrash& item) {
+    if (!S_ISDIR(item.status.st_mode)) {
+        return S_ISREG(item.status.st_mode) ? static_cast<std::uint64_t>(item.status.st_size) : 0;
+    }
+    FolderDescent descent;
+    return descent.begin(item.folder.get(), item.name) ? bytesBelow(descent, 0) : 0;
+}
 
 Outcome<CopiedItem> copyFromTrash(const ItemInTrash& item, const fs::path& target,
                                   const std::function<void(std::uint64_t)>& progress) {
@@ -227,6 +280,11 @@ Outcome<CopiedItem> copyFromTrash(const ItemInTrash& item, const fs::path& targe
         return Failure{ExitStatus::fileProblem,
                        fmt::format("{} is not complete: {}", printable(target.string()),
                                    std::strerror(error))};
+    }
+    if (error == ENOTSUP && !S_ISREG(item.status.st_mode)) {
+        return Failure{ExitStatus::refused,
+                       fmt::format("{} is a pipe, socket or device and holds nothing to copy",
+                                   printable(item.name))};
     }
     if (error != 0) return fileFailure(target.string(), error);
     // The names are as safe as the contents: who reads that it is copied empties the trash.

@@ -18,8 +18,12 @@ struct CopiedItem {
     std::uint64_t folders = 0;
     std::uint64_t links = 0;
     std::uint64_t bytes = 0;
-    std::vector<std::string> missing;  // what could not be copied, with the reason
+    std::vector<std::string> missing;     // what could not be copied, with the reason
+    std::vector<std::string> incomplete;  // what was copied in part, and what of it is not there
 };
+
+// What a copy of the item comes to, for a bar; a folder is gone through for it.
+[[nodiscard]] std::uint64_t bytesInTrash(const ItemInTrash& item);
 
 // Makes `target`, which must not be there. Permissions and times are the item's, and so is the
 // owner where the caller may give files away. A failure of the item itself is a Failure; of what it

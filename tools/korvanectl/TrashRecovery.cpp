@@ -50,46 +50,59 @@ fs::path targetOf(const std::string& where, const std::string& name) {
 // --------------------------------------------------------------------
 
 Outcome<ExitStatus> runCopy(Program& program, const ItemInTrash& item, const fs::path& target) {
-    const bool isFile = S_ISREG(item.status.st_mode);
-    Progress progress{program.progress,
-                      isFile ? static_cast<std::uint64_t>(item.status.st_size) : 0};
+    Progress progress{program.progress, bytesInTrash(item)};
     const auto copied =
         copyFromTrash(item, target, [&progress](std::uint64_t done) { progress(done); });
     if (!copied) return copied.failure();
     if (program.json) {
         PropertyListArray missing(copied->missing.begin(), copied->missing.end());
+        PropertyListArray incomplete(copied->incomplete.begin(), copied->incomplete.end());
         printJson(program, Dictionary{{"from", "trash"},
                                       {"target", target.string()},
                                       {"files", copied->files},
                                       {"folders", copied->folders},
                                       {"bytes", copied->bytes},
-                                      {"missing", std::move(missing)}});
+                                      {"missing", std::move(missing)},
+                                      {"incomplete", std::move(incomplete)}});
     } else {
-        const std::string what = S_ISDIR(item.status.st_mode)
-                                     ? fmt::format("{} in {}", counted(copied->files, "file"),
-                                                   counted(copied->folders, "folder"))
-                                     : "it";
-        program.print(fmt::format("Copied {}, {}, from the trash, where it still is.\n", what,
-                                  sizeWords(static_cast<double>(copied->bytes))));
+        if (copied->incomplete.empty() || S_ISDIR(item.status.st_mode)) {
+            const std::string what = S_ISDIR(item.status.st_mode)
+                                         ? fmt::format("{} in {}, ", counted(copied->files, "file"),
+                                                       counted(copied->folders, "folder"))
+                                         : "";
+            program.print(fmt::format("Copied {}{} to {}; the item still is in the trash.\n", what,
+                                      sizeWords(static_cast<double>(copied->bytes)),
+                                      printable(target.string())));
+        }
         for (const std::string& missing : copied->missing) {
             program.note("not copied: " + printable(missing));
         }
+        for (const std::string& incomplete : copied->incomplete) {
+            program.note(printable(incomplete));
+        }
     }
-    return copied->missing.empty() ? ExitStatus::done : ExitStatus::fileProblem;
+    const bool isAll = copied->missing.empty() && copied->incomplete.empty();
+    return isAll ? ExitStatus::done : ExitStatus::fileProblem;
 }
 
 // ---- After it was emptied
 // ------------------------------------------------------------------------
 
 // Nothing when the target lies on another volume than the device number's.
-std::optional<Failure> objectionToTarget(const fs::path& target, dev_t volume) {
+std::optional<Failure> objectionToTarget(const HistoryItem& item, const fs::path& target,
+                                         dev_t volume) {
     struct stat status {};
     const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path{"."};
     if (::stat(folder.c_str(), &status) != 0) return fileFailure(folder.string(), errno);
     if (status.st_dev != volume) return std::nullopt;
-    return Failure{ExitStatus::refused,
-                   "the target lies on the item's own volume, where writing may destroy what is to "
-                   "be recovered; take one on another volume"};
+    return Failure{
+        ExitStatus::refused,
+        fmt::format("{}the target lies on the item's own volume, where writing may destroy "
+                    "what is to be recovered; take one on another volume",
+                    item.state == TrashState::removed
+                        ? "the item was put back, or moved out of the trash: look for it "
+                          "there; to read what was recorded all the same: "
+                        : "")};
 }
 
 struct Volume {
@@ -171,6 +184,8 @@ std::string proofToken(const RecoveredFile& file) {
             return "sizeAndChecksum";
         case ContentProof::checksumDiffers:
             return "checksumDiffers";
+        case ContentProof::incomplete:
+            return "incomplete";
         case ContentProof::sizeAlone:
             break;
     }
@@ -178,7 +193,8 @@ std::string proofToken(const RecoveredFile& file) {
 }
 
 bool isRecovered(const RecoveredFile& file) {
-    return file.proof && *file.proof != ContentProof::checksumDiffers;
+    return file.proof && *file.proof != ContentProof::checksumDiffers &&
+           *file.proof != ContentProof::incomplete;
 }
 
 PropertyListArray filesJson(const std::vector<RecoveredFile>& files) {
@@ -187,6 +203,14 @@ PropertyListArray filesJson(const std::vector<RecoveredFile>& files) {
         Dictionary each{{"path", file.path}, {"verified", proofToken(file)}};
         if (file.proof) each.set("bytes", file.bytes);
         if (!file.reason.empty()) each.set("reason", file.reason);
+        if (!file.missing.empty()) {
+            PropertyListArray missing;
+            for (const ByteRange& range : file.missing) {
+                missing.emplace_back(Dictionary{{"offset", range.begin}, {"bytes", range.length}});
+            }
+            each.set("name", textOfBytes(file.name));
+            each.set("missing", std::move(missing));
+        }
         json.emplace_back(std::move(each));
     }
     return json;
@@ -219,15 +243,22 @@ std::string verification(const std::vector<RecoveredFile>& files) {
     return text;
 }
 
+std::string troubleWords(const RecoveredFile& file) {
+    if (!file.proof) return ": " + file.reason;
+    if (*file.proof != ContentProof::incomplete) return fmt::format(" {}", kUsedAgain);
+    return fmt::format(" is kept as {}: zeros stand for what could not be read, {}",
+                       printable(file.name), file.reason);
+}
+
 void tellRecovered(Program& program, const std::vector<RecordedItem>& items,
-                   const std::vector<RecoveredFile>& files, const std::string& device) {
+                   const std::vector<RecoveredFile>& files, const std::string& device,
+                   const fs::path& target) {
     std::uint64_t bytes = 0;
     std::size_t recovered = 0;
     for (const RecoveredFile& file : files) {
         if (!isRecovered(file)) {
             const std::string& name = file.path.empty() ? items.front().name : file.path;
-            program.note(printable(name) +
-                         (file.proof ? fmt::format(" {}", kUsedAgain) : ": " + file.reason));
+            program.note(printable(name) + troubleWords(file));
             continue;
         }
         ++recovered;
@@ -236,9 +267,9 @@ void tellRecovered(Program& program, const std::vector<RecordedItem>& items,
     const bool isFolder = S_ISDIR(items.front().mode);
     if (isFolder || recovered > 0) {
         program.print(fmt::format(
-            "Recovered {}{} from {}.\n",
+            "Recovered {}{} from {} to {}.\n",
             isFolder ? fmt::format("{} of {}, ", recovered, counted(files.size(), "file")) : "",
-            sizeWords(static_cast<double>(bytes)), device));
+            sizeWords(static_cast<double>(bytes)), device, printable(target.string())));
     }
     program.print(verification(files));
     if (isFolder && (items.front().flags & kRecordFolderCut) != 0) {
@@ -294,7 +325,7 @@ Outcome<ExitStatus> runRecovery(Program& program, const HistoryItem& wanted,
     if (S_ISLNK(items.front().mode)) return runLink(program, items, target);
     const auto volume = volumeOf(program, items.front());
     if (!volume) return volume.failure();
-    if (auto objection = objectionToTarget(target, volume->number)) return *objection;
+    if (auto objection = objectionToTarget(wanted, target, volume->number)) return *objection;
     const UniqueFd device = openDevice(volume->device);
     if (!device) return fileFailure(volume->device, errno);
     std::uint64_t whole = 0;
@@ -310,7 +341,7 @@ Outcome<ExitStatus> runRecovery(Program& program, const HistoryItem& wanted,
                                       {"target", target.string()},
                                       {"files", filesJson(*files)}});
     } else {
-        tellRecovered(program, items, *files, volume->device);
+        tellRecovered(program, items, *files, volume->device, target);
     }
     tellDoubts(program, wanted, *volume, *files);
     const bool isAll = std::all_of(files->begin(), files->end(), isRecovered) &&

@@ -579,6 +579,43 @@ class DataRecovery(unittest.TestCase):
         with open("/tmp/thesis", "rb") as file:
             self.assertEqual(file.read(), contents)
 
+    def test_what_a_failing_disk_still_reads_is_kept_under_another_name(self):
+        self.needs_no_sanitizer()
+        contents = os.urandom(3 * MEBIBYTE)
+        path = self.put("long", contents)
+        self.record(self.job_for(path))
+        self.keep_history(path)
+        os.mkdir("/tmp/desk")
+
+        def traced(out, *how):
+            done = subprocess.run(["strace", "-qq", "-o", "/tmp/calls", "-e", "trace=pread64", *how,
+                                   KORVANECTL, "trash", "recover", "long", out],
+                                  capture_output=True, text=True, timeout=120)
+            with open("/tmp/calls", encoding="utf-8") as file:
+                return done, file.read()
+        for state in ("in the trash", "emptied"):
+            out = f"/tmp/desk/{state}"
+            _, calls = traced(out + "-first")
+            # The loader reads so, too; contents are read by the megabyte.
+            first = next(i for i, call in enumerate(calls.splitlines(), 1)
+                         if int(call.rsplit(",", 2)[1]) >= MEBIBYTE)
+            # A read fails, and each of the halves that are read in its place, down to a few blocks.
+            done, calls = traced(out, "-e",
+                                 f"inject=pread64:error=EIO:when={first}..{first + 12}")
+            self.assertEqual(done.returncode, 5, done.stdout + done.stderr + calls)
+            self.assertIn(".incomplete: zeros stand for what could not be read", done.stderr)
+            self.assertIn(f"{state}.incomplete", os.listdir("/tmp/desk"), calls)
+            with open(f"{out}.incomplete", "rb") as file:
+                kept = file.read()
+            self.assertEqual(len(kept), len(contents))
+            bad = [at for at in range(0, len(kept), 4096)
+                   if kept[at:at + 4096] != contents[at:at + 4096]]
+            self.assertTrue(0 < len(bad) < 200, len(bad))
+            self.assertTrue(all(not any(kept[at:at + 4096]) for at in bad))
+            self.assertFalse(os.path.exists(out))
+            if state == "in the trash":
+                self.empty_trash(path)
+
     def test_blocks_that_were_used_again_are_told(self):
         path = self.put("letter", random.Random(5).randbytes(MEBIBYTE))
         self.record(self.job_for(path))

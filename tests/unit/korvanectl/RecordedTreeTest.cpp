@@ -18,6 +18,7 @@
 namespace korvane::ctl {
 namespace {
 
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::SizeIs;
 namespace fs = std::filesystem;
@@ -168,18 +169,40 @@ TEST_F(RecordedTree, RefusesRecordsThatMakeNoSense) {
     }
 }
 
-TEST_F(RecordedTree, LeavesNothingOfAFileWhoseDeviceEndsEarly) {
-    RecordedItem pastTheDevice = file(1, 9, "x", {'a', 'z'}, 2 * kBlock);
-    const auto alone = recover({pastTheDevice});
-    ASSERT_FALSE(alone);
-    EXPECT_THAT(alone.failure().message, HasSubstr("Input/output error"));
-    EXPECT_FALSE(fs::exists(folder / "out"));
+TEST_F(RecordedTree, KeepsWhatCanBeReadOfAFileWhoseDeviceEndsEarly) {
+    RecordedItem pastTheDevice = file(1, 9, "x", {'a', 'z', 'b'}, 2 * kBlock + 10);
+    for (const char* const name : {"out.incomplete", "out.incomplete.2"}) {
+        const auto alone = recover({pastTheDevice});
+        ASSERT_TRUE(alone);
+        EXPECT_EQ((*alone)[0].proof, ContentProof::incomplete);
+        EXPECT_EQ((*alone)[0].name, name);
+        EXPECT_THAT((*alone)[0].missing, ElementsAre(ByteRange{kBlock, kBlock}));
+        EXPECT_THAT((*alone)[0].reason, HasSubstr("bytes 4096 to 8191"));
+        EXPECT_EQ(read(name), block('a') + std::string(kBlock, '\0') + std::string(10, 'b'));
+        EXPECT_FALSE(fs::exists(folder / "out"));
+    }
     pastTheDevice.parent = 2;
     const auto within = recover({box(2, 9, "x"), pastTheDevice});
     ASSERT_TRUE(within);
     ASSERT_THAT(*within, SizeIs(1));
-    EXPECT_FALSE((*within)[0].proof);
-    EXPECT_TRUE(fs::is_empty(folder / "out"));
+    EXPECT_EQ((*within)[0].proof, ContentProof::incomplete);
+    EXPECT_TRUE(fs::exists(folder / "out/x.incomplete"));
+    EXPECT_FALSE(fs::exists(folder / "out/x"));
+}
+
+TEST_F(RecordedTree, LeavesNothingOfAFileOfWhichNothingCanBeRead) {
+    const RecordedItem pastTheDevice = file(1, 9, "x", {'y', 'z'}, 2 * kBlock);
+    const auto alone = recover({pastTheDevice});
+    ASSERT_FALSE(alone);
+    EXPECT_THAT(alone.failure().message, HasSubstr("nothing of it can be read"));
+    EXPECT_EQ(std::distance(fs::directory_iterator{folder.path()}, {}), 1);  // the device
+}
+
+TEST(RangesWords, NameTheFirstOnes) {
+    EXPECT_EQ(rangesWords({{4096, 4096}}), "4.1 kB: bytes 4096 to 8191");
+    std::vector<ByteRange> many;
+    for (std::uint64_t i = 0; i < 8; ++i) many.push_back({i * 100, 1});
+    EXPECT_THAT(rangesWords(many), HasSubstr("400 to 400 and 3 more ranges"));
 }
 
 TEST_F(RecordedTree, HashesNoMoreThanIsEverHashed) {

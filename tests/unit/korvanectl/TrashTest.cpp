@@ -355,6 +355,18 @@ TEST_F(Trash, GivesACopyOfAFileThatIsStillInIt) {
     EXPECT_EQ(read(folder / "desk/letter"), "contents");
 }
 
+TEST_F(Trash, SaysWhereACopyIsAndWhatCannotBeCopied) {
+    folder.write("Trash/files/letter", "contents");
+    keep("letter", now);
+    ASSERT_EQ(::mkfifo((trash() + "/pipe").c_str(), 0600), 0);
+    keep("pipe", now);
+    fs::create_directory(folder / "desk");
+    EXPECT_EQ(run({"trash", "recover", "letter", (folder / "desk").c_str()}), 0);
+    EXPECT_THAT(out, HasSubstr("8 bytes to " + (folder / "desk/letter")));
+    EXPECT_EQ(run({"trash", "recover", "pipe", (folder / "desk").c_str()}), 1);
+    EXPECT_THAT(err, HasSubstr("holds nothing"));
+}
+
 TEST_F(Trash, GivesACopyOfAFolderWithItsLinksButNotWhatTheyLeadTo) {
     folder.write("Trash/files/box/inner/letter", "contents");
     folder.write("Trash/files/box/\xFF\n", "odd");
