@@ -616,6 +616,25 @@ class DataRecovery(unittest.TestCase):
             if state == "in the trash":
                 self.empty_trash(path)
 
+    def test_what_lies_in_no_blocks_of_its_own_is_not_recovered_from_any(self):
+        for kind, options, flag, why in (
+                ("ext4", ("-q", "-F", "-O", "inline_data", "-I", "256"), 2, "own structures"),
+                ("btrfs", ("-q",), 8, "")):
+            with self.subTest(kind):
+                self.make_volume(kind, *options)
+                # A write only, and nothing that makes the file system move it out.
+                path = self.put("note", b"short")
+                self.record(self.job_for(path))
+                (item,) = self.result(path)
+                self.assertTrue(item["extents"])
+                self.assertTrue(all(flags & flag for _, _, _, flags in item["extents"]), item)
+                self.assertEqual(item["sum"], hashlib.sha256(b"short").digest())
+                self.keep_history(path)
+                self.empty_trash(path)
+                self.assertIn(why, self.recover("note", "/tmp/note", status=1))
+                self.assertFalse(os.path.exists("/tmp/note"))
+                run("umount", "/Library")
+
     def test_blocks_that_were_used_again_are_told(self):
         path = self.put("letter", random.Random(5).randbytes(MEBIBYTE))
         self.record(self.job_for(path))
