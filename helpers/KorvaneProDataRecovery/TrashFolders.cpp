@@ -103,9 +103,9 @@ TrashFolders::Mounts mountsFor(const MachinePlaces& places, const std::string& d
 bool liesOnVolume(const TrashFolders::Mounts& mounts, std::string path) {
     for (;;) {
         if (const auto mount = mounts.find(path); mount != mounts.end()) return mount->second;
-        if (path == "/") return false;
-        path.resize(path.rfind('/'));
-        if (path.empty()) path = "/";
+        const std::size_t end = path.rfind('/');
+        if (path == "/" || end == std::string::npos) return false;
+        path.resize(std::max<std::size_t>(end, 1));
     }
 }
 
