@@ -62,8 +62,8 @@ class DirectoryWatch {
         const std::string& folder, std::function<void()> didChange) = 0;
 
     // At most so many of the folder's items, the first that the system returns; nothing when it
-    // cannot be read or is no folder. A link in the folder's place is not followed. A folder that is
-    // subscribed to and is gone may answer that nothing is in it.
+    // cannot be read or is no folder. A link in the folder's place is not followed. A folder that
+    // is subscribed to and is gone may answer that nothing is in it.
     [[nodiscard]] virtual std::optional<std::vector<CatalogItem>> catalog(
         const std::string& folder, std::size_t mostItems) = 0;
 

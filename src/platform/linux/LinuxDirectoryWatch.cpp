@@ -161,7 +161,9 @@ std::vector<std::string> LinuxDirectoryWatch::trashFolders(const std::string& vo
             const auto user = name.starts_with(beginning)
                                   ? userNumber(std::string_view(name).substr(beginning.size()))
                                   : std::nullopt;
-            if (user && mayBeOf(*user, ownerOf(parent + '/' + name))) found.insert(*user);
+            std::string trash = parent;
+            trash.append("/").append(name);
+            if (user && mayBeOf(*user, ownerOf(trash))) found.insert(*user);
         }
         for (const uid_t user : users) {
             struct stat status {};
@@ -271,15 +273,16 @@ bool LinuxDirectoryWatch::watchNearest(Subscription& subscription) {
 
 // Several subscriptions may share one watch: the kernel has one for each folder.
 void LinuxDirectoryWatch::unwatch(Subscription& subscription) {
-    if (subscription.descriptor < 0) return;
-    if (items_.unused.empty() && above_.unused.empty()) {
-        loop_.post([this, alive = std::weak_ptr<char>(alive_)] {
-            if (!alive.expired()) removeUnusedWatches();
-        });
-    }
-    items_.unused.insert(std::exchange(subscription.descriptor, -1));
+    const bool hadUnused = !items_.unused.empty() || !above_.unused.empty();
+    // Where the folder itself could not be watched those above it may be all the same.
+    const int descriptor = std::exchange(subscription.descriptor, -1);
+    if (descriptor >= 0) items_.unused.insert(descriptor);
     for (const int above : std::exchange(subscription.above, {})) above_.unused.insert(above);
     subscription.awaited.clear();
+    if (hadUnused || (items_.unused.empty() && above_.unused.empty())) return;
+    loop_.post([this, alive = std::weak_ptr<char>(alive_)] {
+        if (!alive.expired()) removeUnusedWatches();
+    });
 }
 
 void LinuxDirectoryWatch::removeUnusedWatches() {

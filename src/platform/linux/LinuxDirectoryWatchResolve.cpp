@@ -99,7 +99,7 @@ struct LinuxDirectoryWatch::Folders {
         entry.root = openedRoot(volumes, entry.volume->mountPoint);
         if (entry.root && !leadsUp(folder)) {
             entry.folder = isThere ? openPlaceAt(AT_FDCWD, bytesOfText(folder))
-                                   : openedBelow(entry.root.get(), bytesOfText(folder));
+                                   : openedBelow(entry, volumes, bytesOfText(folder));
         }
         struct stat status {};
         const int place = entry.folder ? entry.folder.get() : entry.root.get();
@@ -107,14 +107,21 @@ struct LinuxDirectoryWatch::Folders {
     }
 
     // The trash folder of a volume that was mounted elsewhere when it was seen: the longest end of
-    // its path that leads to one.
-    static UniqueFd openedBelow(int root, const std::string& folder) {
+    // its path that leads to one, by the mount table on this volume and no other.
+    static UniqueFd openedBelow(const Opened& entry, Volumes& volumes, const std::string& folder) {
+        const std::string& mountPoint = entry.volume->mountPoint;
+        const std::string above = mountPoint == "/" ? "" : mountPoint;
         for (std::size_t at = folder.find('/'); at != std::string::npos;
              at = folder.find('/', at + 1)) {
             const std::string end = folder.substr(at);
             const bool isInTrash = end.find("/.Trash") != std::string::npos ||
                                    end.find("/Trash/") != std::string::npos;
-            UniqueFd opened = isInTrash ? openPlaceAt(root, end.substr(1)) : UniqueFd{};
+            if (!isInTrash) return UniqueFd{};  // nor is any shorter one
+            const auto there = volumeOfPath(volumes, above + textOfBytes(end));
+            const bool isOnVolume =
+                there && there->info.referenceNumber == entry.volume->info.referenceNumber;
+            UniqueFd opened =
+                isOnVolume ? openPlaceAt(entry.root.get(), end.substr(1)) : UniqueFd{};
             if (opened) return opened;
         }
         return UniqueFd{};

@@ -320,6 +320,21 @@ TEST_F(ItemsElsewhere, FindsAnItemInItsTrashOnAVolumeThatIsMountedElsewhereNow) 
     EXPECT_EQ(watch_.resolve(std::vector{item}).at(0).path, folder_ / "files/a");
 }
 
+// A home may have moved to a server since, and the server may be dead.
+TEST_F(ItemsElsewhere, EntersNoOtherFileSystemOnTheWayToATrashThatIsMountedElsewhereNow) {
+    MountDescription far;
+    far.path = folder_ / "far";
+    far.device = "server:/far";
+    far.type = "nfs4";
+    far.kind = MountKind::network;
+    machine_.volumes.mount(far);
+    fs::create_directories(folder_ / "far/.Trash-0/files");
+    write(trash_ + "/a");
+    const SeenItem item{volume_, seen("a").nodeId, "/far/.Trash-0/files", "a"};
+    fs::rename(trash_ + "/a", folder_ / "far/.Trash-0/files/a");
+    EXPECT_EQ(watch_.resolve(std::vector{item}).at(0).path, "");
+}
+
 // A trace without a handle, as file systems leave it that have none.
 TEST_F(ItemsElsewhere, LooksForAnOriginOnItsOwnVolumeAlone) {
     MountDescription other;

@@ -1,11 +1,31 @@
 // Trash folders on a real file system: where they are, changes, catalogues and stamps.
 
+#include <dlfcn.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "platform/linux/FillingFolders.h"
 #include "unit/trash/DirectoryWatchBed.h"
+
+namespace {
+// Whether the kernel has no more watches for what comes into folders.
+bool isWithoutWatches = false;
+}  // namespace
+
+// In the place of the C library's, for the whole of this program.
+extern "C" int inotify_add_watch(int inotify, const char* path, std::uint32_t events) noexcept {
+    if (isWithoutWatches && (events & IN_CREATE) != 0) {
+        errno = ENOSPC;
+        return -1;
+    }
+    static const auto next = reinterpret_cast<int (*)(int, const char*, std::uint32_t)>(
+        ::dlsym(RTLD_NEXT, "inotify_add_watch"));
+    return next(inotify, path, events);
+}
 
 namespace korvane {
 namespace {
@@ -72,21 +92,31 @@ TEST_F(LinuxDirectoryWatchTest, TellsOfEveryFolderAfterAnOverflow) {
     EXPECT_EQ(quiet, 1);
 }
 
+std::size_t watches() {
+    std::size_t count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fdinfo")) {
+        std::ifstream in(entry.path());
+        for (std::string line; std::getline(in, line);) count += line.starts_with("inotify ");
+    }
+    return count;
+}
+
 TEST_F(LinuxDirectoryWatchTest, LeavesNoWatchOfTheKernelBehind) {
-    const auto watches = [] {
-        std::size_t count = 0;
-        for (const auto& entry : fs::directory_iterator("/proc/self/fdinfo")) {
-            std::ifstream in(entry.path());
-            for (std::string line; std::getline(in, line);) count += line.starts_with("inotify ");
-        }
-        return count;
-    };
     const std::size_t before = watches();
     auto there = watch_.subscribe(trash_, [] {});
     auto awaited = watch_.subscribe(folder_ / "a/b", [] {});
     EXPECT_GT(watches(), before);
     there.reset();
     awaited.reset();
+    turn();
+    EXPECT_EQ(watches(), before);
+}
+
+TEST_F(LinuxDirectoryWatchTest, LeavesNoWatchBehindWhenTheKernelHasNoMore) {
+    const std::size_t before = watches();
+    isWithoutWatches = true;
+    EXPECT_FALSE(watch_.subscribe(trash_, [] {}));
+    isWithoutWatches = false;
     turn();
     EXPECT_EQ(watches(), before);
 }
