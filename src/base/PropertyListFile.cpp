@@ -13,17 +13,15 @@
 #include "base/PropertyListFile.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <system_error>
-#include <thread>
 
+#include "base/BriefLock.h"
 #include "base/PropertyListCodec.h"
 #include "base/SecondNames.h"
 
@@ -120,16 +118,6 @@ Result<std::string> readFully(int fd, const std::string& path, off_t expectedByt
     }
     text.resize(length);
     return text;
-}
-
-// Waits a little for another writer. Nobody may hold the daemon up for long, so without the lock it
-// goes on after a tenth of a second: longer than any write of ours, syncs on a slow disk excepted.
-void lockBriefly(int fd) {
-    using namespace std::chrono_literals;
-    for (int attempt = 0; attempt < 20; ++attempt) {
-        if (flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return;
-        std::this_thread::sleep_for(5ms);
-    }
 }
 
 // Syncs when the caller asked for it; the errno of what failed, or 0.

@@ -6,6 +6,8 @@
 
 #include <cerrno>
 
+#include "base/BriefLock.h"
+
 namespace korvane {
 
 namespace {
@@ -63,6 +65,13 @@ bool leaveSecondNames(int folder, const std::string& name) {
     if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid() || status.st_size > kMostBytes ||
         !isOursAlone(folder)) {
         return false;
+    }
+    // What is half written would never be whole under the name: its writer goes on in this file.
+    lockBriefly(file.get());
+    struct stat named {};
+    if (::fstatat(folder, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+        named.st_ino != status.st_ino) {
+        return false;  // somebody else was quicker
     }
     const std::string copy = "." + name + ".copy";
     (void)::unlinkat(folder, copy.c_str(), 0);  // of a run that was killed

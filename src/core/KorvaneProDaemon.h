@@ -306,6 +306,8 @@ class KorvaneProDaemon final : public ControlTarget {
     // Begins a usage file with this record in it where there is none; one that can be read and not
     // used is set aside.
     [[nodiscard]] Result<std::monostate> beginTrashUsage(const TrashItem& item);
+    // One line for each time in which it cannot be written, with the error in the place of "%@".
+    void tellOfUsageFile(const Result<std::monostate>& written, std::string_view line);
     // A search for items that had left the trash has ended: their records are gone through again.
     void didFindOut();
     // Marks and drops records, and drops files of results that are old enough (TrashUpkeep.cpp).

@@ -159,7 +159,7 @@ void KorvaneProDaemon::searchAnew(SearchTask& task) {
             return machine_.fileSystem.attributes(job.searchResultPath).has_value();
         });
     const std::string program = machine_.bundle.plugIn(kRecoveryProgram);
-    if (left != jobs.end() && !program.empty()) {
+    if (left != jobs.end() && !program.empty() && booleanValue(preference(kTrashHistoryOnOff))) {
         // The folder of a volume is named after it.
         const std::string& folder = left->outFilePath;
         waitingSearches.insert_or_assign(

@@ -81,10 +81,9 @@ void KorvaneProDaemon::startSearch(const std::string& folder, WaitingSearch sear
 }
 
 std::optional<SearchTask> KorvaneProDaemon::launchSearch(WaitingSearch search) {
-    auto& [program, volumeName, jobs] = search;
     FileSystem& files = machine_.fileSystem;
     std::string input;
-    for (const SearchContent& job : jobs) {
+    for (const SearchContent& job : search.contentArray) {
         if (!files.exists(job.outFilePath)) {
             (void)files.createFolders(job.outFilePath, files.userName());  // shown when it is used
         }
@@ -95,20 +94,20 @@ std::optional<SearchTask> KorvaneProDaemon::launchSearch(WaitingSearch search) {
                              .searchResultPath = job.searchResultPath});
         input.append(bytes.data(), bytes.size());
     }
-    const std::string inFilePath = searchInputFor(volumeName);
+    const std::string inFilePath = searchInputFor(search.volumeName);
     const auto written = files.writeFile(inFilePath, input, kSearchInputPermissions);
     if (!written) {
-        tellOfSearchFile(inFilePath,
-                         formatText("No search for what is in the trash of \"%@\": %@.",
-                                    {std::string_view(volumeName), written.error().message}));
+        tellOfSearchFile(
+            inFilePath, formatText("No search for what is in the trash of \"%@\": %@.",
+                                   {std::string_view(search.volumeName), written.error().message}));
         return std::nullopt;
     }
     searchFilesToldOf.erase(inFilePath);
-    auto launched = machine_.processes.launch(program, {kInFileArgument, inFilePath});
+    auto launched = machine_.processes.launch(search.program, {kInFileArgument, inFilePath});
     if (!launched) return std::nullopt;
     return SearchTask{.searchTask = std::move(launched),
                       .inFilePath = inFilePath,
-                      .contentArray = std::move(jobs),
+                      .contentArray = std::move(search.contentArray),
                       .seenAt = machine_.clock.microsecondsSinceBoot()};
 }
 
@@ -182,6 +181,7 @@ void KorvaneProDaemon::endSearchThatHangs(SearchTask& task) {
     if (task.isGivenUp || task.ran < kLongestSearch) return;
     task.isGivenUp = true;
     task.searchTask->terminate();
+    if (task.isOfEarlier) return;  // other programs of that name may have run all the while
     machine_.systemLog.write(
         LogLevel::warning,
         formatText("A search for what is in the trash of \"%@\" has not ended for an hour and is "

@@ -40,12 +40,16 @@ void KorvaneProDaemon::recordTrashItems(const std::vector<TrashItem>& items) {
         if (recorded && items.size() > 1) recorded = recordFrom(1);
     }
     // These records are lost until the folder changes again, and nothing else is.
-    if (!recorded && !hasToldOfUsageFile) {
+    tellOfUsageFile(recorded, "What is in the trash cannot be recorded now: %@.");
+}
+
+void KorvaneProDaemon::tellOfUsageFile(const Result<std::monostate>& written,
+                                       std::string_view line) {
+    if (!written && !hasToldOfUsageFile) {
         machine_.systemLog.write(LogLevel::warning,
-                                 formatText("What is in the trash cannot be recorded now: %@.",
-                                            {std::string_view(recorded.error().message)}));
+                                 formatText(line, {std::string_view(written.error().message)}));
     }
-    hasToldOfUsageFile = !recorded;
+    hasToldOfUsageFile = !written;
 }
 
 Result<std::monostate> KorvaneProDaemon::beginTrashUsage(const TrashItem& item) {
@@ -85,11 +89,13 @@ void KorvaneProDaemon::trashSub() {
     FileSystem& files = machine_.fileSystem;
     const std::string path = usagePath();
     const Time now = machine_.clock.now();
+    bool isUsable = false;
     // A file that cannot be read, or written, stays as it is; the next scan tries again.
-    (void)files.changePropertyList(
+    const auto updated = files.changePropertyList(
         path,
         [&](PropertyList& document) {
-            if (!document.dictionary()) return false;
+            isUsable = document.dictionary() != nullptr;
+            if (!isUsable) return false;
             (void)updateTrashRecords(
                 *document.dictionary(),
                 [this](std::span<const SeenItem> items) {
@@ -99,6 +105,9 @@ void KorvaneProDaemon::trashSub() {
             return true;
         },
         kSharedFilePermissions, Durability::process);
+    if (isUsable) {
+        tellOfUsageFile(updated, "What became of items in the trash cannot be recorded now: %@.");
+    }
     (void)files.setPermissions(path, kSharedFilePermissions);  // there may be no file
 
     // With a final full stop: the folder may be a link, which everything else follows.

@@ -118,6 +118,28 @@ TEST_F(TrashFaults, TellsOnceOfAUsageFileThatCannotBeReadOrWritten) {
     }
 }
 
+TEST_F(TrashFaults, AFullDiskIsToldOfWhenTheTrashIsEmptiedToo) {
+    s.run(seconds(1));
+    trash(std::string(kTrash) + "/a");
+    s.run(seconds(1));
+    files().setFull("/dev/sda1", true);
+    ASSERT_TRUE(files().remove(std::string(kTrash) + "/a"));
+    for (int scan = 0; scan < 2; ++scan) {
+        s.machine().directoryWatch.changed(kTrash);
+        s.run(seconds(1));
+        EXPECT_EQ(std::ranges::count_if(s.log(),
+                                        [](const std::string& line) {
+                                            return line.find("became of items in the trash") !=
+                                                   std::string::npos;
+                                        }),
+                  1);
+    }
+    files().setFull("/dev/sda1", false);
+    s.machine().directoryWatch.changed(kTrash);
+    s.run(seconds(1));
+    EXPECT_TRUE(record("a").contains("Deleted"));
+}
+
 TEST_F(TrashFaults, AUsageFileThatCannotBeReadNowKeepsItsRecords) {
     s.run(seconds(1));
     trash(std::string(kTrash) + "/a");
