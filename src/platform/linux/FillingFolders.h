@@ -29,22 +29,29 @@ class FillingFolders {
                    Callback didFill);
 
     // A folder of this name was just made in that one. It is looked at after the pause, and when
-    // something in it has changed since then again after twice as long, for ten minutes or so.
+    // something in it has changed since then again after twice as long, for ten minutes or so. One
+    // that holds too much to be looked at is told of at each look.
     void add(const std::string& folder, const std::string& name);
 
   private:
+    using Moment = std::chrono::steady_clock::time_point;
     using Key = std::pair<std::string, std::string>;  // folder and name
+    struct Entry {
+        Moment added{};
+        Moment nextLook{};
+        timespec lastLook{};  // by the clock of the file system's stamps
+        int looks = 0;
+    };
 
+    void makeRoom(const std::string& folder);
     void arm();
     void look();
-    [[nodiscard]] bool hasChangedSince(const Key& key, const timespec& moment) const;
 
     RunLoop& loop_;
     Volumes& volumes_;
     std::chrono::milliseconds pause_;
     Callback didFill_;
-    std::map<Key, timespec> lastLooks_;
-    int looks_ = 0;  // since the last one was added
+    std::map<Key, Entry> entries_;
     std::unique_ptr<Timer> timer_;
 };
 
