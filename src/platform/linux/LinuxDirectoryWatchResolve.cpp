@@ -146,7 +146,7 @@ struct LinuxDirectoryWatch::Folders {
 
 // Items to search for, and below which mounts.
 struct LinuxDirectoryWatch::Sought {
-    std::vector<std::string> roots;
+    std::vector<VolumeSearch::Root> roots;
     struct Item {
         ItemTraces::Key key;
         VolumeSearch::Node node;
@@ -232,8 +232,10 @@ ResolvedNode LinuxDirectoryWatch::resolveOne(const SeenItem& item, Folders& fold
     }
     // The way that led to the folder first; what another mount of the volume shows, too.
     for (const std::string& root : {place.volume->mountPoint, place.volume->info.root.rootPath}) {
-        if (std::ranges::find(sought.roots, root) == sought.roots.end()) {
-            sought.roots.push_back(root);
+        const std::string path = bytesOfText(root);
+        if (std::ranges::find(sought.roots, path, &VolumeSearch::Root::path) ==
+            sought.roots.end()) {
+            sought.roots.push_back({path, place.device});
         }
     }
     sought.items.push_back({key, {place.device, item.nodeId}, exists});
@@ -248,7 +250,7 @@ void LinuxDirectoryWatch::setDidFindOut(std::function<void()> callback) {
 void LinuxDirectoryWatch::startSearch(Sought sought) {
     if (search_ || sought.items.empty()) return;
     VolumeSearch::Order order;
-    for (const std::string& root : sought.roots) order.roots.push_back(bytesOfText(root));
+    order.roots = sought.roots;
     for (const Sought::Item& item : sought.items) order.nodes.insert(item.node);
     for (const MountEntry& mount : volumes_.mountTable()) {
         order.avoided.insert(bytesOfText(mount.mountOnName));

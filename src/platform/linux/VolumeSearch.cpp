@@ -6,8 +6,10 @@
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <mutex>
 #include <string_view>
 #include <system_error>
 #include <thread>
@@ -144,9 +146,38 @@ class ThreadTicket {
 };
 
 // A walk looks at its watch between folders.
-constexpr std::chrono::seconds kLongestFolder{1};
+constexpr std::chrono::milliseconds kLongestFolder{1000};
+
+// The file systems that threads are in, which may be kept there.
+class FileSystemsInUse {
+  public:
+    [[nodiscard]] bool take(dev_t device) {
+        const std::lock_guard lock(mutex_);
+        return devices_.insert(device).second;
+    }
+    void giveBack(dev_t device) {
+        const std::lock_guard lock(mutex_);
+        devices_.erase(device);
+    }
+
+  private:
+    std::mutex mutex_;
+    std::set<dev_t> devices_;
+};
+
+// Shared with the threads, which may outlive it.
+const std::shared_ptr<FileSystemsInUse>& fileSystemsInUse() {
+    static const auto inUse = std::make_shared<FileSystemsInUse>();
+    return inUse;
+}
 
 }  // namespace
+
+// The thread has the lowest priority: on a machine at work it is late as a rule, and a disk that
+// hangs needs no hurry.
+std::chrono::milliseconds VolumeSearch::longestTime(const Order& order) {
+    return order.limit * order.roots.size() + std::max(order.limit, kLongestFolder);
+}
 
 // Written by the thread before it signals, read by the loop after that.
 struct VolumeSearch::Shared {
@@ -154,11 +185,19 @@ struct VolumeSearch::Shared {
     Finding finding;
     std::atomic<bool> isForgotten = false;
     UniqueFd signal{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    std::shared_ptr<FileSystemsInUse> inUse = fileSystemsInUse();
 
     void search() {
-        for (const std::string& root : order.roots) {
+        for (const auto& [root, device] : order.roots) {
+            if (isForgotten) break;
+            // Another thread is kept there, and this one would be, too.
+            if (!inUse->take(device)) {
+                finding.isWhole[device] = false;
+                continue;
+            }
             const Moment end = std::chrono::steady_clock::now() + order.limit;
             Walk(order, finding, isForgotten, end).through(root);
+            inUse->giveBack(device);
         }
         (void)eventfd_write(signal.get(), 1);  // 0 to 1: cannot fail
     }
@@ -176,8 +215,7 @@ VolumeSearch::VolumeSearch(LinuxRunLoop& loop, Order order, Callback callback)
     // Not waited for, ever: a dying disk may keep it, the end of the process does not. All it
     // touches is shared.
     auto ticket = std::make_unique<ThreadTicket>();
-    const auto limit = shared_->order.limit * shared_->order.roots.size() + kLongestFolder;
-    overdue_ = loop.startTimer(limit, Repeat::once, [this] { giveUp(); });
+    overdue_ = loop.startTimer(longestTime(shared_->order), Repeat::once, [this] { giveUp(); });
     std::thread([shared = shared_, held = std::move(ticket)] {
         yieldToEverything();  // this thread alone
         shared->search();

@@ -22,8 +22,12 @@ namespace korvane {
 class VolumeSearch {
   public:
     using Node = std::pair<dev_t, std::uint64_t>;  // its file system's number and its own
+    struct Root {
+        std::string path{};  // in bytes
+        dev_t device = 0;    // the number of the file system that is expected there
+    };
     struct Order {
-        std::vector<std::string> roots;  // in bytes
+        std::vector<Root> roots;
         std::set<Node> nodes;
         // Mount points, in bytes: these are not touched, since a dead server may be behind one.
         std::set<std::string> avoided;
@@ -37,11 +41,13 @@ class VolumeSearch {
     };
     using Callback = std::function<void(const Finding&)>;
 
-    // Calls back once, on the loop, never from here, and soon after the limits with nothing found
-    // when a disk keeps the thread. Destroying the search forgets it; its thread ends at the next
-    // folder. Throws std::system_error where no thread can be had, which is so, too, while
-    // kMostThreads are kept by their disks.
+    // Calls back once, on the loop, never from here, and with nothing found when a disk keeps the
+    // thread for longer than longestTime(). Destroying the search forgets it; its thread ends at
+    // the next folder, and until then other searches leave its file system out. Throws
+    // std::system_error where no thread can be had, which is so, too, while kMostThreads are kept
+    // by their disks.
     static constexpr int kMostThreads = 4;
+    [[nodiscard]] static std::chrono::milliseconds longestTime(const Order& order);
     VolumeSearch(LinuxRunLoop& loop, Order order, Callback callback);
     ~VolumeSearch();
     VolumeSearch(const VolumeSearch&) = delete;
