@@ -182,6 +182,7 @@ void addRecorded(const std::string& supportFolder, const std::string& volume,
         const auto place = known.find({item.node, textOfBytes(item.name)});
         if (place != known.end()) {
             history[place->second].origin = textOfBytes(item.origin);
+            history[place->second].born = item.born;
             known.erase(place);
         } else if (isNewFile) {
             history.push_back(forgottenItem(volume, recorded));
@@ -200,6 +201,19 @@ UniqueFd openTrashFolder(const std::string& path) {
         follow = O_NOFOLLOW;
     }
     return folder;
+}
+
+// A file system gives the number of an emptied item to the next file, which may well get its name,
+// too: what left the trash is there again only by its birth.
+bool isItemsBirth(const HistoryItem& item, const ItemInTrash& found) {
+    const bool hasLeft = item.lastSeen || item.state != TrashState::inTrash;
+    if (!hasLeft) return true;
+    if (item.born == 0) return !item.lastSeen;
+    struct statx status {};
+    return ::statx(found.folder.get(), found.name.c_str(), AT_SYMLINK_NOFOLLOW,
+                   STATX_INO | STATX_BTIME, &status) == 0 &&
+           (status.stx_mask & STATX_BTIME) != 0 && status.stx_ino == item.node &&
+           status.stx_btime.tv_sec == item.born;
 }
 
 }  // namespace
@@ -267,7 +281,7 @@ std::optional<ItemInTrash> findInTrash(const HistoryItem& item) {
     if (!found.folder || !isFileName(found.name) ||
         ::fstatat(found.folder.get(), found.name.c_str(), &found.status, AT_SYMLINK_NOFOLLOW) !=
             0 ||
-        found.status.st_ino != item.node) {
+        found.status.st_ino != item.node || !isItemsBirth(item, found)) {
         return std::nullopt;
     }
     return found;

@@ -37,7 +37,7 @@ struct HistoryItem {
     // there, or its time was over. Its records are kept for as long as others, and it is as
     // recoverable. When it was recorded last, and what tells it from others of its node and name.
     std::optional<Time> lastSeen;
-    std::int64_t born = 0;
+    std::int64_t born = 0;  // also of others, as far as it was recorded
     VolumeUuid volumeUuid{};
 };
 
@@ -58,8 +58,8 @@ struct HistoryItem {
 // linux/statfs.h).
 [[nodiscard]] bool isDeviceNumber(std::uint64_t volumeId, dev_t device);
 
-// The item in its trash folder, found by its name and its node without going through a link that
-// users can plant.
+// The item in its trash folder, found by its name and its node, and its birth if it is known to
+// have left, without going through a link that users can plant.
 struct ItemInTrash {
     UniqueFd folder;
     std::string name;  // in bytes

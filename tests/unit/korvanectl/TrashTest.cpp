@@ -1,4 +1,5 @@
 // The trash history as the commands show it, copies of what is still in a trash, and the switches.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -353,6 +354,44 @@ TEST_F(Trash, GivesACopyOfAFileThatIsStillInIt) {
     EXPECT_EQ(run({"trash", "recover", "letter", (folder / "desk").c_str(), "--json"}), 0);
     EXPECT_THAT(out, AllOf(HasSubstr(R"("from": "trash")"), HasSubstr(R"("bytes": 8)")));
     EXPECT_EQ(read(folder / "desk/letter"), "contents");
+}
+
+// A file system gives the number of an emptied item to the next file, which may get its name, too.
+TEST_F(Trash, CopiesNothingThatGotTheNumberAndTheNameOfAnItem) {
+    folder.write("Trash/files/letter", "another one");
+    struct statx status {};
+    ASSERT_EQ(::statx(AT_FDCWD, (trash() + "/letter").c_str(), 0, STATX_ALL, &status), 0);
+    if ((status.stx_mask & STATX_BTIME) == 0) GTEST_SKIP() << "no births on this file system";
+    RecordedItem letter = recorded("letter", status.stx_ino);
+    letter.path = trash() + "/letter";
+    const std::string target = folder / "copy";
+    for (const std::int64_t born : {std::int64_t{0}, std::int64_t{100}}) {
+        letter.born = born;
+        keepRecords({letter});
+        const std::string key =
+            "System_" + std::to_string(status.stx_ino) + (born == 0 ? "@letter" : "@100");
+        EXPECT_EQ(run({"trash", "recover", key.c_str(), target.c_str()}), 1);
+        EXPECT_THAT(err, HasSubstr("not mounted"));
+        EXPECT_FALSE(fs::exists(target));
+    }
+    // Nor for one that the history has emptied.
+    keep("letter", now, "Deleted");
+    EXPECT_EQ(run({"trash", "recover", "letter", target.c_str()}), 1);
+    EXPECT_FALSE(fs::exists(target));
+}
+
+TEST_F(Trash, GivesACopyOfWhatTheRecordsAloneHaveByItsBirth) {
+    folder.write("Trash/files/letter", "contents");
+    struct statx status {};
+    ASSERT_EQ(::statx(AT_FDCWD, (trash() + "/letter").c_str(), 0, STATX_ALL, &status), 0);
+    if ((status.stx_mask & STATX_BTIME) == 0) GTEST_SKIP() << "no births on this file system";
+    RecordedItem letter = recorded("letter", status.stx_ino);
+    letter.path = trash() + "/letter";
+    letter.born = status.stx_btime.tv_sec;
+    keepRecords({letter});
+    const std::string target = folder / "copy";
+    EXPECT_EQ(run({"trash", "recover", "letter", target.c_str()}), 0);
+    EXPECT_EQ(read(target), "contents");
 }
 
 TEST_F(Trash, SaysWhereACopyIsAndWhatCannotBeCopied) {
