@@ -72,6 +72,16 @@ std::optional<uid_t> ownerOf(const std::string& folder) {
     return status.st_uid;
 }
 
+// Whether the path still leads to the folder. One above it that was moved after it was opened and
+// before it was watched is told of by nobody.
+bool leadsTo(const UniqueFd& folder, const std::string& path) {
+    const UniqueFd there = openPlaceAt(AT_FDCWD, path);
+    struct stat opened {};
+    struct stat found {};
+    return there && ::fstat(folder.get(), &opened) == 0 && ::fstat(there.get(), &found) == 0 &&
+           opened.st_dev == found.st_dev && opened.st_ino == found.st_ino;
+}
+
 std::string throughDescriptor(const UniqueFd& file) {
     return "/proc/self/fd/" + std::to_string(file.get());
 }
@@ -242,7 +252,7 @@ bool LinuxDirectoryWatch::watch(Subscription& subscription) {
 }
 
 // Watches the folder, or waits in the nearest one above it that is there. True when what it waits
-// for came while it looked.
+// for came while it looked, or what it watches went.
 bool LinuxDirectoryWatch::watchNearest(Subscription& subscription) {
     constexpr int kPlace = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     UniqueFd folder{::open("/", kPlace)};
@@ -253,15 +263,18 @@ bool LinuxDirectoryWatch::watchNearest(Subscription& subscription) {
         rest.remove_prefix(name.size());
         if (name.empty()) {
             subscription.descriptor = items_.add(folder, kItemsChanged | kFolderWent);
-            return false;
+            return !leadsTo(folder, subscription.folder);
         }
         UniqueFd next{::openat(folder.get(), name.c_str(), kPlace)};
         if (!next) {
             subscription.descriptor = items_.add(folder, IN_CREATE | IN_MOVED_TO | kFolderWent);
             subscription.awaited = name;
+            const std::string above = subscription.folder.substr(
+                0, subscription.folder.size() - rest.size() - name.size());
             struct stat status {};
-            return ::fstatat(folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-                   S_ISDIR(status.st_mode);
+            return !leadsTo(folder, above) ||
+                   (::fstatat(folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+                    S_ISDIR(status.st_mode));
         }
         // A folder is told of its own move and not of that of one above it.
         const int moves = isRoot ? -1 : above_.add(folder, IN_MOVE_SELF);
