@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <variant>
 
 #include "platform/linux/UniqueFd.h"
 
@@ -68,34 +67,23 @@ Result<Name> lookAt(int folder, const std::string& name) {
     return isOwnFile(status) && status.st_nlink == 1 ? Name::ours : Name::taken;
 }
 
-// A name for a moment, in a folder where others can make files: one that nobody guesses.
-std::string passingName(const std::string& name) {
+// A whole file under a name for a moment, for file systems that have no files without a name.
+// Others can make files in the folder, and half a file must be nobody else's: a name that nobody
+// guesses.
+Result<std::string> makePassing(int folder, const std::string& name, std::string_view bytes) {
     std::uint64_t number = 0;
     // Short of that many random bytes only a second after the machine's start: zero is as good.
     (void)::getrandom(&number, sizeof number, GRND_NONBLOCK);
-    return fmt::format("{}.{:016x}", name, number);
-}
-
-// A whole file under its name for a moment.
-Result<std::monostate> makePassing(int folder, const std::string& passing, std::string_view bytes) {
-    UniqueFd file{::openat(folder, ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, kMode)};
-    const bool isNameless = static_cast<bool>(file);
-    // For file systems that have no files without a name.
+    std::string passing = fmt::format("{}.{:016x}", name, number);
     constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    if (!isNameless) file = UniqueFd{::openat(folder, passing.c_str(), kFlags, kMode)};
+    const UniqueFd file{::openat(folder, passing.c_str(), kFlags, kMode)};
     if (!file) return failure("making", passing);
     if (!writeAll(file.get(), bytes)) {
         Error error = failure("writing", passing);
-        if (!isNameless) (void)::unlinkat(folder, passing.c_str(), 0);
+        (void)::unlinkat(folder, passing.c_str(), 0);
         return error;
     }
-    // The one way to name such a file that needs no privilege (open(2), O_TMPFILE).
-    const std::string self = fmt::format("/proc/self/fd/{}", file.get());
-    if (isNameless &&
-        ::linkat(AT_FDCWD, self.c_str(), folder, passing.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-        return failure("naming", passing);
-    }
-    return std::monostate{};
+    return passing;
 }
 
 // In the place of one of ours, or where nothing is. Another run over the same items may be at the
@@ -105,15 +93,46 @@ Result<Saved> moveInto(int folder, const std::string& passing, const std::string
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const Result<Name> place = lookAt(folder, name);
         if (!place) return place.error();
-        if (*place == Name::taken) return Saved::nameIsTaken;
+        if (*place == Name::taken) {
+            (void)::unlinkat(folder, passing.c_str(), 0);
+            return Saved::nameIsTaken;
+        }
         // In a folder with the sticky bit nobody can put something else in our file's place.
         const unsigned flags = *place == Name::free ? RENAME_NOREPLACE : 0;
-        if (::renameat2(folder, passing.c_str(), folder, name.c_str(), flags) == 0) {
+        // Gone from there it is in place: the other run moved it.
+        if (::renameat2(folder, passing.c_str(), folder, name.c_str(), flags) == 0 ||
+            errno == ENOENT) {
             return Saved::whole;
         }
         if (errno != EEXIST) break;
     }
-    return failure("naming", name);
+    Error error = failure("naming", name);
+    (void)::unlinkat(folder, passing.c_str(), 0);
+    return error;
+}
+
+// Gives a whole file without a name its own, by way of one that is the same at each run: what a run
+// that was killed left under it goes the same way first, as does another run's file. Both are
+// whole.
+Result<Saved> giveName(int folder, int file, const std::string& name) {
+    const std::string passing = name + ".new";
+    // The one way to name such a file that needs no privilege (open(2), O_TMPFILE).
+    const std::string self = fmt::format("/proc/self/fd/{}", file);
+    constexpr int kAttempts = 100;  // each that fails is one at which another run got on
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (::linkat(AT_FDCWD, self.c_str(), folder, passing.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+            return moveInto(folder, passing, name);
+        }
+        if (errno != EEXIST) break;
+        const Result<Name> there = lookAt(folder, passing);
+        if (!there) return there.error();
+        if (*there == Name::taken) return Saved::nameIsTaken;
+        if (*there == Name::free) continue;
+        if (auto moved = moveInto(folder, passing, name); !moved || *moved == Saved::nameIsTaken) {
+            return moved;
+        }
+    }
+    return failure("naming", passing);
 }
 
 }  // namespace
@@ -122,14 +141,15 @@ Result<Saved> saveResult(const std::string& folder, const std::string& name,
                          std::string_view bytes) {
     const UniqueFd place{::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     if (!place) return failure("opening", folder);
-    const std::string passing = passingName(name);
     const TerminationHeldBack heldBack;
-    if (const auto made = makePassing(place.get(), passing, bytes); !made) return made.error();
-    const Result<Saved> saved = moveInto(place.get(), passing, name);
-    if (!saved || *saved == Saved::nameIsTaken) {
-        (void)::unlinkat(place.get(), passing.c_str(), 0);
+    const UniqueFd file{::openat(place.get(), ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, kMode)};
+    if (file) {
+        if (!writeAll(file.get(), bytes)) return failure("writing", name);
+        return giveName(place.get(), file.get(), name);
     }
-    return saved;
+    const auto passing = makePassing(place.get(), name, bytes);
+    if (!passing) return passing.error();
+    return moveInto(place.get(), *passing, name);
 }
 
 Result<std::string> readOwnFile(const std::string& path, std::size_t most) {

@@ -47,6 +47,25 @@ TEST_F(ResultFileTest, ReplacesOneThatWasLeftOver) {
     EXPECT_EQ(text(".1.dat"), "new");
 }
 
+// A run that was killed between naming its file and moving it into place.
+TEST_F(ResultFileTest, ClearsWhatARunThatWasKilledLeft) {
+    folder.write(".1.dat.new", "whole, but from before");
+    ASSERT_TRUE(save("new"));
+    EXPECT_EQ(text(".1.dat"), "new");
+    EXPECT_EQ(std::distance(fs::directory_iterator{folder.path()}, {}), 1);
+}
+
+TEST_F(ResultFileTest, PassesThroughNothingOfSomebodyElses) {
+    folder.write("elsewhere", "kept");
+    fs::create_symlink(folder / "elsewhere", folder / ".1.dat.new");
+    EXPECT_FALSE(save("new"));
+    fs::remove(folder / ".1.dat.new");
+    fs::create_hard_link(folder / "elsewhere", folder / ".1.dat.new");
+    EXPECT_FALSE(save("new"));
+    EXPECT_EQ(text("elsewhere"), "kept");
+    EXPECT_FALSE(fs::exists(folder / ".1.dat"));
+}
+
 // Scans follow each other faster than the program ends.
 TEST_F(ResultFileTest, IsThereAtEveryMomentWhileSeveralRunsReplaceIt) {
     constexpr int kRounds = 300;
