@@ -32,7 +32,7 @@ PropertyList jsonTime(Time time) {
 }
 
 std::string stateToken(const HistoryItem& item) {
-    if (item.lastSeen) return "gone";
+    if (item.lastSeen && item.state != TrashState::inTrash) return "notInHistory";
     switch (item.state) {
         case TrashState::inTrash:
             return "inTrash";
@@ -56,7 +56,7 @@ Dictionary itemJson(const HistoryItem& item) {
 }
 
 Outcome<ExitStatus> runList(Program& program) {
-    const auto history = readTrashHistory(program.supportFolder);
+    const auto history = trashHistoryOf(program);
     if (!history) return history.failure();
     if (program.json) {
         PropertyListArray items;

@@ -34,8 +34,9 @@ struct HistoryItem {
     std::string origin;        // the path that it came from; empty when it is not recorded
 
     // Of an item that the history has no longer: the next item with its node number took its place
-    // there, or its time was over. Its records are kept for as long as others, and it is as
-    // recoverable. When it was recorded last, and what tells it from others of its node and name.
+    // there, its time was over, or the history was begun anew. Whether it was emptied or put back
+    // is not known. Its records are kept for as long as others, and it is as recoverable. When it
+    // was recorded last, and what tells it from others of its node and name.
     std::optional<Time> lastSeen;
     std::int64_t born = 0;  // also of others, as far as it was recorded
     VolumeUuid volumeUuid{};

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "korvanectl/Words.h"
+#include "platform/VolumeOfPath.h"
 
 namespace korvane::ctl {
 
@@ -17,7 +18,9 @@ std::string timeOrNothing(const std::optional<Time>& time, Time now) {
 }
 
 std::string stateWords(const HistoryItem& item, Time now) {
-    if (item.lastSeen) return fmt::format("gone, last seen {}", timeOrNothing(item.lastSeen, now));
+    if (item.lastSeen && item.state != TrashState::inTrash) {
+        return fmt::format("not in the history, last seen {}", timeOrNothing(item.lastSeen, now));
+    }
     switch (item.state) {
         case TrashState::inTrash:
             return "in the trash";
@@ -46,8 +49,20 @@ Table historyTable(const std::vector<HistoryItem>& items, Time now, bool withKey
     return table;
 }
 
+Outcome<std::vector<HistoryItem>> trashHistoryOf(Program& program) {
+    auto history = readTrashHistory(program.supportFolder);
+    if (!history) return history;
+    for (HistoryItem& item : *history) {
+        // A trash below a dead server's mount is not asked.
+        if (item.lastSeen && volumeOfPath(program.volumes(), item.folder) && findInTrash(item)) {
+            item.state = TrashState::inTrash;
+        }
+    }
+    return history;
+}
+
 Outcome<HistoryItem> itemCalled(Program& program, const std::string& wanted) {
-    const auto history = readTrashHistory(program.supportFolder);
+    const auto history = trashHistoryOf(program);
     if (!history) return history.failure();
     std::vector<HistoryItem> found = findHistoryItems(*history, wanted);
     if (found.size() == 1) return std::move(found.front());

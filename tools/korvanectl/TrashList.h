@@ -23,6 +23,10 @@ inline constexpr char kItemHelp[] = "Name, path, node number or key of an item";
 
 [[nodiscard]] Table historyTable(const std::vector<HistoryItem>& items, Time now, bool withKeys);
 
+// The history with what the records add to it; of what they alone have, what still lies in its
+// trash is in the trash.
+[[nodiscard]] Outcome<std::vector<HistoryItem>> trashHistoryOf(Program& program);
+
 // The item that is called so. Of several all are shown on standard error, to choose one by its key.
 [[nodiscard]] Outcome<HistoryItem> itemCalled(Program& program, const std::string& wanted);
 

@@ -285,6 +285,11 @@ void tellDoubts(Program& program, const HistoryItem& wanted, const Volume& volum
             "the item was put back, or moved out of the trash: what was read is its contents as "
             "they were recorded, if nothing was written to it since");
     }
+    if (wanted.lastSeen) {
+        program.note(
+            "the history has the item no longer: if it was put back, look for it there; what was "
+            "read is its contents as they were recorded, if nothing was written to them since");
+    }
     const bool isProven = std::none_of(files.begin(), files.end(), [](const auto& file) {
         return file.proof == ContentProof::sizeAlone;
     });

@@ -574,8 +574,10 @@ class DataRecovery(unittest.TestCase):
             plistlib.dump(usage, file)
         listed = json.loads(run(KORVANECTL, "trash", "--json"))["items"]
         self.assertEqual({item["name"]: item["state"] for item in listed},
-                         {"thesis": "gone", "list": "inTrash"})
-        self.assertIn("SHA-256", self.recover("thesis", "/tmp/thesis"))
+                         {"thesis": "notInHistory", "list": "inTrash"})
+        said = self.recover("thesis", "/tmp/thesis")
+        self.assertIn("SHA-256", said)
+        self.assertIn("if it was put back", said)
         with open("/tmp/thesis", "rb") as file:
             self.assertEqual(file.read(), contents)
 

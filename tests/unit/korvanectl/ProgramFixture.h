@@ -99,8 +99,8 @@ class FakeVolumes : public Volumes {
     [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoByReferenceNumber(std::int16_t) override {
         return {nsvErr, {}};
     }
-    [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoOfRoot(const FSRef&) override {
-        return {nsvErr, {}};
+    [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoOfRoot(const FSRef& root) override {
+        return {sizes.contains(root.rootPath) ? OSErr{0} : nsvErr, {}};
     }
     [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoByDevice(std::string_view) override {
         return {nsvErr, {}};

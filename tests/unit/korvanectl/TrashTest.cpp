@@ -218,7 +218,8 @@ TEST_F(Trash, HasItemsThatTheRecordsAloneHave) {
     keepRecords({thesis, draft, list});
     keepNode("list", 12, now);
     EXPECT_EQ(run({"trash"}), 0);
-    EXPECT_THAT(lineOf("thesis"), AllOf(HasSubstr("/home/ann/thesis"), HasSubstr("gone, last")));
+    EXPECT_THAT(lineOf("thesis"),
+                AllOf(HasSubstr("/home/ann/thesis"), HasSubstr("not in the history, last")));
     EXPECT_THAT(lineOf("list"), HasSubstr("in the trash"));
     EXPECT_THAT(out, AllOf(Not(HasSubstr("draft")), Not(HasSubstr("KEY"))));
     for (const char* const name : {"thesis", "System_12@100", "/home/ann/thesis",
@@ -228,7 +229,7 @@ TEST_F(Trash, HasItemsThatTheRecordsAloneHave) {
         EXPECT_THAT(lineOf("trash folder"), HasSubstr("Trash/files"));
     }
     EXPECT_EQ(run({"trash", "show", "thesis", "--json"}), 0);
-    EXPECT_THAT(out, AllOf(HasSubstr(R"("state": "gone")"), HasSubstr(R"("lastSeen": ")")));
+    EXPECT_THAT(out, AllOf(HasSubstr(R"("state": "notInHistory")"), HasSubstr(R"("lastSeen": ")")));
     EXPECT_EQ(run({"trash", "show", "list"}), 0);
     EXPECT_THAT(lineOf("size"), HasSubstr("4.0 kB"));
     // The number alone leads to neither.
@@ -247,7 +248,7 @@ TEST_F(Trash, TellsItemsOfOneNumberAndNameApart) {
     keepNode("list", 12, now);
     EXPECT_EQ(run({"trash"}), 0);
     EXPECT_THAT(lineOf("KEY"), HasSubstr("CAME FROM"));
-    EXPECT_THAT(lineOf("System_12@100"), HasSubstr("gone"));
+    EXPECT_THAT(lineOf("System_12@100"), HasSubstr("not in the history"));
     EXPECT_EQ(run({"trash", "show", "System_12@100"}), 0);
     EXPECT_THAT(lineOf("size"), HasSubstr("1.0 kB"));
     EXPECT_EQ(run({"trash", "show", "System_12"}), 0);
@@ -389,6 +390,10 @@ TEST_F(Trash, GivesACopyOfWhatTheRecordsAloneHaveByItsBirth) {
     letter.path = trash() + "/letter";
     letter.born = status.stx_btime.tv_sec;
     keepRecords({letter});
+    EXPECT_EQ(run({"trash"}), 0);
+    EXPECT_THAT(lineOf("letter"), HasSubstr("in the trash"));
+    EXPECT_EQ(run({"trash", "show", "letter", "--json"}), 0);
+    EXPECT_THAT(out, HasSubstr(R"("state": "inTrash")"));
     const std::string target = folder / "copy";
     EXPECT_EQ(run({"trash", "recover", "letter", target.c_str()}), 0);
     EXPECT_EQ(read(target), "contents");
