@@ -78,6 +78,15 @@ std::uint64_t forEachItemIn(const std::string& path, std::uint64_t most,
     const std::span<std::uint8_t> bytes{records.front().data(), records.size() * kResultRecordSize};
     ItemAssembly assembly;
     while (next < count) {
+        // Anybody may have made the file terabytes long without writing them.
+        const off_t data =
+            ::lseek(file.get(), static_cast<off_t>(next * kResultRecordSize), SEEK_DATA);
+        if (data < 0 && errno == ENXIO) break;
+        if (data >= 0) {
+            const std::uint64_t first = static_cast<std::uint64_t>(data) / kResultRecordSize;
+            if (first > next) assembly.interrupt();
+            next = first;
+        }
         const std::size_t got =
             readFully(file.get(), bytes, static_cast<off_t>(next * kResultRecordSize)) /
             kResultRecordSize;

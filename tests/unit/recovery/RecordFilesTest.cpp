@@ -82,6 +82,20 @@ TEST_F(RecordFiles, AreReadFromTheirEndAsFarAsAsked) {
     EXPECT_THAT(seen, SizeIs(1000));
 }
 
+TEST_F(RecordFiles, AreNotReadWhereNothingWasWritten) {
+    keep("08", {item(1, "x")});
+    constexpr std::uintmax_t kLong = 10'000'000ULL * kResultRecordSize;
+    fs::resize_file(pathOf("08"), kLong);
+    keep("08", {item(2, "x")});
+    fs::resize_file(pathOf("08"), 2 * kLong);
+    std::vector<std::uint64_t> seen;
+    const auto start = std::chrono::steady_clock::now();
+    (void)forEachItemIn(pathOf("08"), UINT64_MAX,
+                        [&](ItemAssembly::Collected&& each) { seen.push_back(each.item.node); });
+    EXPECT_THAT(seen, ElementsAre(1, 2));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+}
+
 TEST_F(RecordFiles, AreNeitherLinksNorPipesNorRubbish) {
     folder.write("secret", encodeItem(item(1, "x")));
     fs::create_symlink(folder / "secret", pathOf("08"));
