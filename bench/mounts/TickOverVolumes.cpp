@@ -55,6 +55,9 @@ class NoDialogs final : public AlertDialogs {
 class NoProcesses final : public Processes {
   public:
     void forEachName(const std::function<bool(std::string_view)>& /*visit*/) override {}
+    bool isRunning(const std::string& /*name*/, const std::string& /*argument*/) override {
+        return false;
+    }
     void setDidTerminateApplication(std::function<void(const std::string&)> /*told*/) override {}
     void watchApplication(std::string_view /*beginning*/, const std::string& /*told*/) override {}
     std::unique_ptr<Task> launch(const std::string& /*path*/,

@@ -29,6 +29,8 @@ class Processes {
     // Calls `visit` with the name of each running process until it answers false. A process whose
     // name cannot be read is passed over.
     virtual void forEachName(const std::function<bool(std::string_view name)>& visit) = 0;
+    // Whether a process of the daemon's own user runs under this name with this argument.
+    [[nodiscard]] virtual bool isRunning(const std::string& name, const std::string& argument) = 0;
 
     // Told on the loop's thread when an application ended, by its bundle identifier.
     virtual void setDidTerminateApplication(

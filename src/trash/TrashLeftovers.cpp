@@ -19,25 +19,21 @@ namespace {
 // No more than what a machine runs without a restart.
 constexpr std::int64_t kMostDaysOfAResult = 3650;
 
-// Which of the running programs is an earlier daemon's is not known: it has ended once none runs.
+// Runs until no process has the input file as its argument.
 class EarlierTask final : public Task {
   public:
-    explicit EarlierTask(Processes& processes) : processes_(processes) {}
+    EarlierTask(Processes& processes, std::string inFilePath)
+        : processes_(processes), inFilePath_(std::move(inFilePath)) {}
 
     bool isRunning() override {
-        bool runs = false;
-        if (isGivenUp_) return runs;
-        processes_.forEachName([&](std::string_view name) {
-            runs = name == kRecoveryProgram;
-            return !runs;
-        });
-        return runs;
+        return !isGivenUp_ && processes_.isRunning(std::string(kRecoveryProgram), inFilePath_);
     }
     void interrupt() override { isGivenUp_ = true; }
     void terminate() override { isGivenUp_ = true; }
 
   private:
     Processes& processes_;
+    std::string inFilePath_;
     bool isGivenUp_ = false;  // no longer waited for
 };
 
@@ -115,11 +111,12 @@ void KorvaneProDaemon::takeUpSearches() {
         if (jobs.empty()) {
             removeIfOld(machine_, path, kLongestSearch);
         } else {
-            searchTasks.push_back({.searchTask = std::make_unique<EarlierTask>(machine_.processes),
-                                   .inFilePath = path,
-                                   .contentArray = std::move(jobs),
-                                   .seenAt = machine_.clock.microsecondsSinceBoot(),
-                                   .isOfEarlier = true});
+            searchTasks.push_back(
+                {.searchTask = std::make_unique<EarlierTask>(machine_.processes, path),
+                 .inFilePath = path,
+                 .contentArray = std::move(jobs),
+                 .seenAt = machine_.clock.microsecondsSinceBoot(),
+                 .isOfEarlier = true});
         }
     }
     for (const std::uint64_t node : results) {

@@ -181,7 +181,6 @@ void KorvaneProDaemon::endSearchThatHangs(SearchTask& task) {
     if (task.isGivenUp || task.ran < kLongestSearch) return;
     task.isGivenUp = true;
     task.searchTask->terminate();
-    if (task.isOfEarlier) return;  // other programs of that name may have run all the while
     machine_.systemLog.write(
         LogLevel::warning,
         formatText("A search for what is in the trash of \"%@\" has not ended for an hour and is "

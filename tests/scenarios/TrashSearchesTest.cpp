@@ -247,10 +247,20 @@ TEST_F(TrashSearches, OfAnEarlierDaemonAreWaitedForWhileItsProgramRuns) {
     s.run(seconds(1));
     trash(std::string(kDataTrash) + "/a");
     s.run(milliseconds(1500));
-    s.startProcess(kRecoveryProgram).restart().run(minutes(1));
+    s.machine().processes.start({.name = kRecoveryProgram, .arguments = {"inFile", kInput}});
+    s.restart().run(minutes(1));
     EXPECT_EQ(collected(), "");
     EXPECT_TRUE(files().exists(kInput));
     s.quitProcess(kRecoveryProgram).run(seconds(5));
+    EXPECT_THAT(collected(), HasSubstr("result"));
+    EXPECT_FALSE(files().exists(kInput));
+}
+
+TEST_F(TrashSearches, OfAnEarlierDaemonDoNotWaitForSomebodyElsesProgram) {
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(milliseconds(1500));
+    s.startProcess(kRecoveryProgram).restart().run(seconds(10));
     EXPECT_THAT(collected(), HasSubstr("result"));
     EXPECT_FALSE(files().exists(kInput));
 }

@@ -1,6 +1,7 @@
 #include "platform/linux/LinuxProcesses.h"
 
 #include <sys/epoll.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -112,6 +113,21 @@ void LinuxProcesses::forEachProcess(
 
 void LinuxProcesses::forEachName(const std::function<bool(std::string_view name)>& visit) {
     forEachProcess([&visit](pid_t, const std::string& name) { return visit(name); });
+}
+
+bool LinuxProcesses::isRunning(const std::string& name, const std::string& argument) {
+    bool isRunning = false;
+    forEachProcess([&](pid_t id, const std::string& running) {
+        if (running != name) return true;
+        const std::string process = processFolder_ + "/" + std::to_string(id);
+        struct stat status {};
+        if (::stat(process.c_str(), &status) != 0 || status.st_uid != ::geteuid()) return true;
+        // Each word of a command line ends with a zero byte (proc(5)).
+        const std::string line = '\0' + readSmallFile(process + "/cmdline").value_or("") + '\0';
+        isRunning = line.find('\0' + argument + '\0') != std::string::npos;
+        return !isRunning;
+    });
+    return isRunning;
 }
 
 void LinuxProcesses::setDidTerminateApplication(

@@ -35,6 +35,7 @@ class LinuxProcesses final : public Processes, private BusUser {
     // The kernel keeps 15 bytes of a name; a longer one is taken from the command line when that
     // goes on where the kernel's cut.
     void forEachName(const std::function<bool(std::string_view name)>& visit) override;
+    [[nodiscard]] bool isRunning(const std::string& name, const std::string& argument) override;
     // The end of a session bus counts as the end of the desktop's file manager: the user has
     // logged out.
     void setDidTerminateApplication(

@@ -55,6 +55,13 @@ void SimulatedProcesses::forEachName(const std::function<bool(std::string_view n
     }
 }
 
+bool SimulatedProcesses::isRunning(const std::string& name, const std::string& argument) {
+    return std::ranges::any_of(processes_, [&](const Process& process) {
+        return process.name == name &&
+               std::ranges::find(process.arguments, argument) != process.arguments.end();
+    });
+}
+
 void SimulatedProcesses::setDidTerminateApplication(
     std::function<void(const std::string& bundleIdentifier)> callback) {
     didTerminateApplication_ = std::move(callback);

@@ -20,8 +20,9 @@ namespace korvane {
 class SimulatedProcesses final : public Processes {
   public:
     struct Process {
-        std::string name;              // empty: the name cannot be read
-        std::string bundleIdentifier;  // empty: no application
+        std::string name;                // empty: the name cannot be read
+        std::string bundleIdentifier{};  // empty: no application
+        std::vector<std::string> arguments{};
     };
 
     struct Program {
@@ -46,6 +47,7 @@ class SimulatedProcesses final : public Processes {
     SimulatedProcesses& operator=(const SimulatedProcesses&) = delete;
 
     void forEachName(const std::function<bool(std::string_view name)>& visit) override;
+    [[nodiscard]] bool isRunning(const std::string& name, const std::string& argument) override;
     void setDidTerminateApplication(
         std::function<void(const std::string& bundleIdentifier)> callback) override;
     void watchApplication(std::string_view nameBeginning,

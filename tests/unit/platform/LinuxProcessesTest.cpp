@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <memory>
@@ -63,6 +64,21 @@ TEST_F(LinuxProcessesTest, NamesEachProcessAndPassesOverWhatCannotBeRead) {
     folder.write("self/stat", "1 (not a number) S 0");
     folder.write("uptime", "1 1");
     EXPECT_THAT(namesIn(folder.path()), UnorderedElementsAre("init"));
+}
+
+TEST_F(LinuxProcessesTest, KnowsAProcessOfItsOwnUserByNameAndArgument) {
+    folder.write("1/stat", "1 (helper) S 0");
+    folder.write("1/cmdline", "/opt/helper\0inFile\0/tmp/a\0"sv);
+    folder.write("2/stat", "2 (helper) S 0");
+    folder.write("2/cmdline", "/opt/helper\0inFile\0/tmp/b\0"sv);
+    const bool isOthers = ::chown((folder / "2").c_str(), 65534, 65534) == 0;  // takes root
+    folder.write("3/stat", "3 (other) S 0");
+    folder.write("3/cmdline", "/opt/other\0/tmp/c\0"sv);
+    LinuxProcesses processes(loop, bus, folder.path());
+    EXPECT_TRUE(processes.isRunning("helper", "/tmp/a"));
+    EXPECT_FALSE(processes.isRunning("helper", "/tmp"));
+    EXPECT_EQ(processes.isRunning("helper", "/tmp/b"), !isOthers);
+    EXPECT_FALSE(processes.isRunning("helper", "/tmp/c"));
 }
 
 TEST_F(LinuxProcessesTest, CompletesANameThatTheKernelCut) {

@@ -294,7 +294,7 @@ TEST_F(ItemsElsewhere, TakesNoNewFileForAnItemThatWasPutBack) {
     fs::create_directories(folder_ / ".Trash-0/info");
     fs::create_directories(folder_ / "Folder");
     folder_.write(".Trash-0/info/a.trashinfo", kNote);
-    for (int attempt = 0; attempt < 100; ++attempt) {
+    for (int attempt = 0; attempt < 2000; ++attempt) {
         write(trash_ + "/a");
         const CatalogItem item = seen("a");
         watch_.remember(volume_, trash_, std::vector{item});
