@@ -45,9 +45,9 @@ class TrashProcess(TrashBed):
         collected, = struct.unpack_from("=I", content, RECORD_BYTES + STAMP_OFFSET)
         # Less the local zone's offset from Greenwich, which is less than a day.
         self.assertAlmostEqual(collected, int(time.time()) + FROM_1904_TO_1970, delta=86400)
-        self.assertEqual(os.stat(deletes).st_mode & 0o7777, 0o666)
         wait_for(lambda: not os.path.exists(f"/tmp/.{node}.dat"))
-        wait_for(lambda: not os.path.exists("/tmp/.KVDataRec_System.dat"))
+        wait_for(lambda: not os.path.exists("/tmp/.KVDataRec_System.dat"))  # the last step
+        self.assertEqual(os.stat(deletes).st_mode & 0o7777, 0o666)
 
     def test_records_what_every_user_throws_away(self):
         os.makedirs("/home/bob/.local")
