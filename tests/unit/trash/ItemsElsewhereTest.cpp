@@ -51,7 +51,28 @@ namespace {
 
 using testing::IsEmpty;
 
-using ItemsElsewhere = DirectoryWatchBed;
+class ItemsElsewhere : public DirectoryWatchBed {
+  protected:
+    // Empties the trash of an item and makes a file at the path, until that has the item's number:
+    // something else on the machine may get it first.
+    void decidesThatItIsGoneWhenItsNumberGoesTo(const std::string& path) {
+        for (int attempt = 0; attempt < 2000; ++attempt) {
+            write(trash_ + "/a");
+            const CatalogItem item = seen("a");
+            watch_.remember(volume_, trash_, std::vector{item});
+            fs::remove(trash_ + "/a");
+            write(path);
+            struct stat status {};
+            ASSERT_EQ(::stat(path.c_str(), &status), 0);
+            if (status.st_ino != item.nodeId) continue;
+            const ResolvedNode node = resolve(item);
+            if (node.state == NodeState::unknown) GTEST_SKIP() << "no file handles here";
+            EXPECT_EQ(node.state, NodeState::gone) << node.path;
+            return;
+        }
+        GTEST_SKIP() << "this file system does not use numbers again";
+    }
+};
 
 constexpr char kNote[] = "[Trash Info]\nPath=Folder/a%20letter\nDeletionDate=2026-03-02T08:00:00\n";
 
@@ -186,21 +207,7 @@ TEST_F(ItemsElsewhere, KnowsAnItemByItsNameWhereNumbersChange) {
 // A number is used again at once; the handle has another generation then.
 TEST_F(ItemsElsewhere, TakesNoOtherItemWithTheSameNumberForIt) {
     fs::create_directories(folder_ / "elsewhere");
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        write(trash_ + "/a");
-        const CatalogItem item = seen("a");
-        watch_.remember(volume_, trash_, std::vector{item});
-        fs::remove(trash_ + "/a");
-        write(folder_ / "elsewhere/a");
-        struct stat status {};
-        ASSERT_EQ(::stat((folder_ / "elsewhere/a").c_str(), &status), 0);
-        if (status.st_ino != item.nodeId) continue;
-        const ResolvedNode node = resolve(item);
-        if (node.state == NodeState::unknown) GTEST_SKIP() << "no file handles here";
-        EXPECT_EQ(node.state, NodeState::gone) << node.path;
-        return;
-    }
-    GTEST_SKIP() << "this file system does not use numbers again";
+    decidesThatItIsGoneWhenItsNumberGoesTo(folder_ / "elsewhere/a");
 }
 
 // The note is the user's: what it names may hold up whoever looks, or lie on another volume.
@@ -294,21 +301,7 @@ TEST_F(ItemsElsewhere, TakesNoNewFileForAnItemThatWasPutBack) {
     fs::create_directories(folder_ / ".Trash-0/info");
     fs::create_directories(folder_ / "Folder");
     folder_.write(".Trash-0/info/a.trashinfo", kNote);
-    for (int attempt = 0; attempt < 2000; ++attempt) {
-        write(trash_ + "/a");
-        const CatalogItem item = seen("a");
-        watch_.remember(volume_, trash_, std::vector{item});
-        fs::remove(trash_ + "/a");
-        write(folder_ / "Folder/a letter");
-        struct stat status {};
-        ASSERT_EQ(::stat((folder_ / "Folder/a letter").c_str(), &status), 0);
-        if (status.st_ino != item.nodeId) continue;
-        const ResolvedNode node = resolve(item);
-        if (node.state == NodeState::unknown) GTEST_SKIP() << "no file handles here";
-        EXPECT_EQ(node.state, NodeState::gone) << node.path;
-        return;
-    }
-    GTEST_SKIP() << "this file system does not use numbers again";
+    decidesThatItIsGoneWhenItsNumberGoesTo(folder_ / "Folder/a letter");
 }
 
 TEST_F(ItemsElsewhere, FindsAnItemInItsTrashOnAVolumeThatIsMountedElsewhereNow) {
