@@ -137,9 +137,11 @@ std::vector<Recorded> newestFirst(const std::string& supportFolder, const std::s
         found[identity] = {++count, {std::move(item), timeOfStamp(each.stamp)}};
     });
     std::vector<std::pair<std::size_t, Recorded>> order;
+    order.reserve(found.size());
     for (auto& [identity, recorded] : found) order.push_back(std::move(recorded));
     std::ranges::sort(order, std::greater{}, [](const auto& each) { return each.first; });
     std::vector<Recorded> items;
+    items.reserve(order.size());
     for (auto& [number, recorded] : order) items.push_back(std::move(recorded));
     return items;
 }
