@@ -5,11 +5,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdlib>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -234,17 +236,25 @@ TEST_F(LinuxRunLoopTest, TellsTheServiceManagerThatItIsReadyAndThatItStops) {
     EXPECT_THAT(messages, ElementsAre("READY=1", "STOPPING=1"));
 }
 
-TEST_F(LinuxRunLoopTest, DoesNotWakeWhileNothingIsDue) {
-    const auto hourly = loop.startTimer(std::chrono::hours{1}, Repeat::every, [] {});
-    const auto stop =
-        loop.startTimer(milliseconds{200}, Repeat::once, [this] { loop.terminate(); });
-    rusage before{};
-    ::getrusage(RUSAGE_SELF, &before);
-    loop.run();
-    rusage after{};
-    ::getrusage(RUSAGE_SELF, &after);
+TEST(LinuxRunLoopIdle, DoesNotWakeWhileNothingIsDue) {
+    RecordingLog log;
+    // A busy machine makes a process sleep for reasons of its own now and then; a loop that polls
+    // wakes in every run.
+    long fewest = std::numeric_limits<long>::max();
+    for (int run = 0; run < 5 && fewest > 1; ++run) {
+        LinuxRunLoop idle{log};
+        const auto hourly = idle.startTimer(std::chrono::hours{1}, Repeat::every, [] {});
+        const auto stop =
+            idle.startTimer(milliseconds{200}, Repeat::once, [&idle] { idle.terminate(); });
+        rusage before{};
+        ::getrusage(RUSAGE_SELF, &before);
+        idle.run();
+        rusage after{};
+        ::getrusage(RUSAGE_SELF, &after);
+        fewest = std::min(fewest, after.ru_nvcsw - before.ru_nvcsw);
+    }
     // One sleep, until the stop.
-    EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 1);
+    EXPECT_LE(fewest, 1);
 }
 
 }  // namespace
