@@ -84,9 +84,14 @@ class TrashFaults(TrashBed):
         # Whatever came while no daemon watched is seen with the next change.
         self.wait_for_record("last")
         wait_for(lambda: nodes <= set(nodes_kept() or ()), 60)
-        wait_for(lambda: not glob.glob("/tmp/.KVDataRec_System*.dat"))
-        for node in nodes:
-            self.assertFalse(os.path.exists(f"/tmp/.{node}.dat"))
+        # Jobs that were written just before a kill may name nothing that was recorded by then: such
+        # a file goes at a start once it is old.
+        self.end_daemon(daemon)
+        for path in glob.glob("/tmp/.KVDataRec_System*.dat"):
+            os.utime(path, (0, 0))
+        self.start()
+        wait_for(lambda: not glob.glob("/tmp/.KVDataRec_System*.dat"), 60)
+        wait_for(lambda: not any(os.path.exists(f"/tmp/.{node}.dat") for node in nodes), 60)
 
     def test_tells_once_of_what_others_put_in_the_place_of_results(self):
         precious = put(f"{self.place}/precious", "precious")
