@@ -119,8 +119,13 @@ class TrashProcess(TrashBed):
         os.rename(f"{files}/back", "/home/ada/back")
         os.makedirs("/home/ada/below/deep")
         os.rename(f"{files}/elsewhere", "/home/ada/below/deep/elsewhere")
+        number = os.stat(f"{files}/gone").st_ino
         os.unlink(f"{files}/gone")
-        put("/home/ada/gone")  # with the number of the one that was emptied, on most file systems
+        # Its number is used again at once on most file systems: here, and not for what comes later
+        # into the trash, whose record would take the place of this one.
+        for attempt in range(100):
+            if os.stat(put(f"/home/ada/gone{attempt or ''}")).st_ino == number:
+                break
         self.start()
         self.wait_for_record("later")
         found = wait_for(lambda: all("Removed" in record or "Deleted" in record
