@@ -77,7 +77,6 @@ void KorvaneProDaemon::MyFNSubscriptionProc(std::size_t slot, const std::string&
 
     const auto volume = trashVolumeOf(machine_.volumes, folder);
     if (volume) {
-        machine_.directoryWatch.remember(volume->number, folder, *items);
         std::vector<SearchContent> jobs;
         for (const CatalogItem& item : *items) {
             jobs.push_back({.nodeId = item.nodeId,
@@ -99,6 +98,8 @@ void KorvaneProDaemon::MyFNSubscriptionProc(std::size_t slot, const std::string&
         (void)machine_.directoryWatch.setBackupDate(folder, item, machine_.clock.now());
     }
     recordTrashItems(records);
+    // After the records: without a trace an item is searched for, without a record it is lost.
+    if (volume) machine_.directoryWatch.remember(volume->number, folder, *items);
     trashSub();
 }
 
