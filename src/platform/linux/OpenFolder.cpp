@@ -1,9 +1,13 @@
 #include "platform/linux/OpenFolder.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <string_view>
 
 namespace korvane {
@@ -13,7 +17,7 @@ namespace {
 constexpr int kNoLink = O_NOFOLLOW | O_CLOEXEC;
 
 // Opens a path's components one after the other, since O_NOFOLLOW is about the last one alone.
-UniqueFd openWithoutLinks(int base, std::string_view path, int flags) {
+UniqueFd openComponents(int base, std::string_view path, int flags) {
     UniqueFd folder;
     const auto current = [&] { return folder ? folder.get() : base; };
     if (path.starts_with('/')) {
@@ -31,6 +35,18 @@ UniqueFd openWithoutLinks(int base, std::string_view path, int flags) {
         folder = UniqueFd{::openat(current(), name.c_str(), O_PATH | O_DIRECTORY | kNoLink)};
         if (!folder) return folder;
     }
+}
+
+UniqueFd openWithoutLinks(int base, const std::string& path, int flags) {
+    open_how how{};
+    how.flags = static_cast<__u64>(flags | kNoLink);
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    UniqueFd opened{static_cast<int>(
+        ::syscall(SYS_openat2, base, path.empty() ? "." : path.c_str(), &how, sizeof how))};
+    // Kernels before 5.6 and the filters of some containers do not know the call, and a path may be
+    // longer than PATH_MAX.
+    const bool isRefused = !opened && (errno == ENOSYS || errno == EPERM || errno == ENAMETOOLONG);
+    return isRefused ? openComponents(base, path, flags) : std::move(opened);
 }
 
 }  // namespace
