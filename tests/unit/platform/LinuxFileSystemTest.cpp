@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -252,6 +253,20 @@ TEST_F(LinuxFileSystemTest, SetsPermissionsOfTheItemAndNotOfALinksTarget) {
     EXPECT_TRUE(files.setPermissions("/file", 0666));
     EXPECT_EQ(modeOf("file"), 0666U);
     EXPECT_FALSE(files.setPermissions("/missing", 0666));
+}
+
+TEST_F(LinuxFileSystemTest, DoesNotTouchAFileThatHasThePermissions) {
+    root.write("file", "");
+    ::chmod((root / "file").c_str(), 0666);
+    const auto changed = [&] {
+        struct stat status {};
+        EXPECT_EQ(::stat((root / "file").c_str(), &status), 0);
+        return std::pair(status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
+    };
+    const auto before = changed();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // several ticks of that clock
+    EXPECT_TRUE(files.setPermissions("/file", 0666));
+    EXPECT_EQ(changed(), before);
 }
 
 TEST_F(LinuxFileSystemTest, WritesAPropertyListBelowItsRootAndReadsItBack) {
