@@ -235,11 +235,17 @@ Result<Written> rewriteFile(int folder, const Place& place, const std::string& p
 
 // Open on nothing when there is no such file.
 Result<UniqueFd> openForWriting(int folder, const Place& place, const std::string& path) {
-    (void)leaveSecondNames(folder, place.name);  // one that still has some is refused below
-    UniqueFd file(openat(folder, place.name.c_str(), O_RDWR | kCarefully));
+    const auto open = [&] {
+        return UniqueFd(openat(folder, place.name.c_str(), O_RDWR | kCarefully));
+    };
+    UniqueFd file = open();
+    struct stat status {};
+    if (file && fstat(file.get(), &status) == 0 && status.st_nlink > 1) {
+        (void)leaveSecondNames(folder, place.name);  // one that still has some is refused below
+        file = open();
+    }
     if (!file && errno == ENOENT) return file;
     if (!file) return errorFor("opening", path, errno);
-    struct stat status {};
     if (fstat(file.get(), &status) != 0) return errorFor("looking at the file", path, errno);
     const char* objection = objectionTo(status);
     if (objection != nullptr) return Error{path + ": " + objection};
