@@ -67,9 +67,10 @@ class DirectoryWatch {
     [[nodiscard]] virtual std::optional<std::vector<CatalogItem>> catalog(
         const std::string& folder, std::size_t mostItems) = 0;
 
-    // Notes on the item that it was taken care of then. False where that is not possible; it then
-    // stays as it is. Tells no subscriber.
-    virtual bool setBackupDate(const std::string& folder, const CatalogItem& item, Time date) = 0;
+    // Notes on the folder's items that they were taken care of then. An item of which that is not
+    // possible stays as it is. How many have it. Tells no subscriber.
+    virtual std::size_t setBackupDates(const std::string& folder,
+                                       std::span<const CatalogItem> items, Time date) = 0;
 
     // Keeps what helps to find these items again once they have left the folder.
     virtual void remember(std::int16_t volume, const std::string& folder,

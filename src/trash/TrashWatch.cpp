@@ -94,9 +94,9 @@ void KorvaneProDaemon::MyFNSubscriptionProc(std::size_t slot, const std::string&
                            .volRefNum = volume ? volume->number : std::int16_t{0},
                            .dirPath = folder,
                            .volumeName = volume ? std::optional(volume->name) : std::nullopt});
-        // A volume that keeps no such date goes without.
-        (void)machine_.directoryWatch.setBackupDate(folder, item, machine_.clock.now());
     }
+    // A volume that keeps no such date goes without.
+    (void)machine_.directoryWatch.setBackupDates(folder, *items, machine_.clock.now());
     recordTrashItems(records);
     // After the records: without a trace an item is searched for, without a record it is lost.
     if (volume) machine_.directoryWatch.remember(volume->number, folder, *items);

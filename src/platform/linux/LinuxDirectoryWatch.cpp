@@ -424,19 +424,21 @@ std::optional<std::vector<CatalogItem>> LinuxDirectoryWatch::catalog(const std::
     return items;
 }
 
-bool LinuxDirectoryWatch::setBackupDate(const std::string& folder, const CatalogItem& item,
-                                        Time date) {
+std::size_t LinuxDirectoryWatch::setBackupDates(const std::string& folder,
+                                                std::span<const CatalogItem> items, Time date) {
     const UniqueFd opened = openPlaceAt(AT_FDCWD, bytesOfText(folder));
-    // Opened for nothing but this: no device or pipe that was put here is touched.
-    const UniqueFd file{opened ? ::openat(opened.get(), bytesOfText(item.name).c_str(),
-                                          O_PATH | O_NOFOLLOW | O_CLOEXEC)
-                               : -1};
-    struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || status.st_ino != item.nodeId) return false;
+    if (!opened) return 0;
     const std::string text =
         std::to_string(std::chrono::floor<std::chrono::seconds>(date.time_since_epoch()).count());
-    return ::setxattr(throughDescriptor(file).c_str(), kBackupDateAttribute, text.data(),
-                      text.size(), 0) == 0;
+    return static_cast<std::size_t>(std::ranges::count_if(items, [&](const CatalogItem& item) {
+        // Opened for nothing but this: no device or pipe that was put here is touched.
+        const UniqueFd file{::openat(opened.get(), bytesOfText(item.name).c_str(),
+                                     O_PATH | O_NOFOLLOW | O_CLOEXEC)};
+        struct stat status {};
+        return file && ::fstat(file.get(), &status) == 0 && status.st_ino == item.nodeId &&
+               ::setxattr(throughDescriptor(file).c_str(), kBackupDateAttribute, text.data(),
+                          text.size(), 0) == 0;
+    }));
 }
 
 }  // namespace korvane

@@ -56,7 +56,8 @@ class LinuxDirectoryWatch final : public DirectoryWatch {
     [[nodiscard]] std::optional<std::vector<CatalogItem>> catalog(const std::string& folder,
                                                                   std::size_t mostItems) override;
     // In the extended attribute "user.korvane.backup-date", seconds since 1970 as text.
-    bool setBackupDate(const std::string& folder, const CatalogItem& item, Time date) override;
+    std::size_t setBackupDates(const std::string& folder, std::span<const CatalogItem> items,
+                               Time date) override;
     void remember(std::int16_t volume, const std::string& folder,
                   std::span<const CatalogItem> items) override;
     [[nodiscard]] std::vector<ResolvedNode> resolve(std::span<const SeenItem> items) override;

@@ -82,9 +82,11 @@ std::optional<std::vector<CatalogItem>> SimulatedDirectoryWatch::catalog(const s
     return items;
 }
 
-bool SimulatedDirectoryWatch::setBackupDate(const std::string& folder, const CatalogItem& item,
-                                            Time date) {
-    return fileSystem_.setBackupDate(folder + '/' + item.name, date);
+std::size_t SimulatedDirectoryWatch::setBackupDates(const std::string& folder,
+                                                    std::span<const CatalogItem> items, Time date) {
+    return static_cast<std::size_t>(std::ranges::count_if(items, [&](const CatalogItem& item) {
+        return fileSystem_.setBackupDate(folder + '/' + item.name, date);
+    }));
 }
 
 // The whole volume is looked through in no time here.

@@ -24,7 +24,8 @@ class SimulatedDirectoryWatch final : public DirectoryWatch {
         const std::string& folder, std::function<void()> didChange) override;
     [[nodiscard]] std::optional<std::vector<CatalogItem>> catalog(const std::string& folder,
                                                                   std::size_t mostItems) override;
-    bool setBackupDate(const std::string& folder, const CatalogItem& item, Time date) override;
+    std::size_t setBackupDates(const std::string& folder, std::span<const CatalogItem> items,
+                               Time date) override;
     void remember(std::int16_t volume, const std::string& folder,
                   std::span<const CatalogItem> items) override;
     [[nodiscard]] std::vector<ResolvedNode> resolve(std::span<const SeenItem> items) override;

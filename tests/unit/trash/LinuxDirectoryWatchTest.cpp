@@ -282,10 +282,10 @@ TEST_F(LinuxDirectoryWatchTest, CataloguesNoMountPoint) {
 
 TEST_F(LinuxDirectoryWatchTest, IsNotToldOfItsOwnStamps) {
     write(trash_ + "/a");
-    EXPECT_EQ(
-        changesWithin(trash_, seconds(1),
-                      [&] { (void)watch_.setBackupDate(trash_, seen("a"), Time(seconds(7))); }),
-        0);
+    const std::vector<CatalogItem> items{seen("a")};
+    EXPECT_EQ(changesWithin(trash_, seconds(1),
+                            [&] { (void)watch_.setBackupDates(trash_, items, Time(seconds(7))); }),
+              0);
 }
 
 TEST_F(LinuxDirectoryWatchTest, CataloguesNoMoreThanWasAskedForAndFollowsNoLink) {
@@ -300,17 +300,16 @@ TEST_F(LinuxDirectoryWatchTest, CataloguesNoMoreThanWasAskedForAndFollowsNoLink)
 TEST_F(LinuxDirectoryWatchTest, StampsTheItemAndNoOther) {
     write(trash_ + "/a");
     const CatalogItem item = seen("a");
+    write(trash_ + "/b");
+    fs::create_symlink("b", trash_ + "/link");
+    // What keeps no such attribute, as a link, goes without, and so does what it leads to.
+    const std::vector<CatalogItem> items{{"b", item.nodeId, 0}, seen("link"), item};
+    const std::size_t stamped = watch_.setBackupDates(trash_, items, Time(seconds(1234)));
+    if (stamped == 0) GTEST_SKIP() << "the file system keeps no attributes";
+    EXPECT_EQ(stamped, 1u);
     char value[32] = {};
-    if (!watch_.setBackupDate(trash_, item, Time(seconds(1234)))) {
-        GTEST_SKIP() << "the file system keeps no attributes";
-    }
     EXPECT_EQ(::getxattr((trash_ + "/a").c_str(), "user.korvane.backup-date", value, 32), 4);
     EXPECT_STREQ(value, "1234");
-    write(trash_ + "/b");
-    EXPECT_FALSE(watch_.setBackupDate(trash_, {"b", item.nodeId, 0}, Time(seconds(1))));
-    // What keeps no such attribute, as a link, goes without, and so does what it leads to.
-    fs::create_symlink("b", trash_ + "/link");
-    EXPECT_FALSE(watch_.setBackupDate(trash_, seen("link"), Time(seconds(1))));
     EXPECT_EQ(::getxattr((trash_ + "/b").c_str(), "user.korvane.backup-date", value, 32), -1);
 }
 
@@ -329,7 +328,8 @@ TEST_F(LinuxDirectoryWatchTest, FollowsNoLinkToATrashFolder) {
     write(folder_ / "secrets/files/secret");
     fs::create_directory_symlink(folder_ / "secrets", folder_ / "planted");
     EXPECT_FALSE(watch_.catalog(folder_ / "planted/files", 100));
-    EXPECT_FALSE(watch_.setBackupDate(folder_ / "planted/files", {"secret", 1, 1}, Time{}));
+    const std::vector<CatalogItem> secrets{{"secret", 1, 1}};
+    EXPECT_EQ(watch_.setBackupDates(folder_ / "planted/files", secrets, Time{}), 0u);
     int changes = 0;
     const auto subscription = watch_.subscribe(folder_ / "planted/files", [&] { ++changes; });
     write(folder_ / "secrets/files/another");
