@@ -10,7 +10,7 @@
 
 #include "KorvaneProDataRecovery/Recovery.h"
 #include "KorvaneProDataRecovery/ResultFile.h"
-#include "platform/linux/BackgroundPriority.h"
+#include "platform/linux/ThreadPriority.h"
 #include "storage/SupportFolder.h"
 #include "trash/TrashFormats.h"
 

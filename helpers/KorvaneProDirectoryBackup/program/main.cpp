@@ -10,7 +10,7 @@
 
 #include "KorvaneProDirectoryBackup/DirectoryRecord.h"
 #include "KorvaneProDirectoryBackup/RecordFile.h"
-#include "platform/linux/BackgroundPriority.h"
+#include "platform/linux/ThreadPriority.h"
 
 namespace {
 

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include "platform/linux/ThreadPriority.h"
+
 namespace korvane {
 
 LinuxMachine::LinuxMachine(SystemLog& systemLog, const LinuxVolumesPlaces& volumesPlaces,
@@ -17,7 +19,9 @@ LinuxMachine::LinuxMachine(SystemLog& systemLog, const LinuxVolumesPlaces& volum
       controlConnection_(runLoop_, controlBus_, systemLog),
       alertDialogs_(runLoop_, bundle_, systemLog),
       socketStreams_(runLoop_, bundle_),
-      directoryWatch_(runLoop_, volumes_, trashPlaces) {}
+      directoryWatch_(runLoop_, volumes_, trashPlaces) {
+    runInShortTurns();
+}
 
 LinuxBus& LinuxMachine::connectedControlBus() {
     systemBus_.connect();

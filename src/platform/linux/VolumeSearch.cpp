@@ -16,9 +16,9 @@
 #include <unordered_set>
 #include <utility>
 
-#include "platform/linux/BackgroundPriority.h"
 #include "platform/linux/FolderDescent.h"
 #include "platform/linux/OpenFolder.h"
+#include "platform/linux/ThreadPriority.h"
 #include "platform/linux/UniqueFd.h"
 
 namespace korvane {
