@@ -60,6 +60,8 @@ class TrashFaults(TrashBed):
         for number, name in ((signal.SIGKILL, "killed"), (signal.SIGTERM, "ended")):
             path = self.throw_away(name, "contents")
             node, result = os.stat(path).st_ino, result_of(path)
+            # What was not recorded by then is nobody's to search for.
+            wait_for(lambda: name in records())
             wait_for(lambda: os.path.exists(result) or node in (nodes_kept() or ()))
             self.end_daemon(daemon, number)
             os.unlink(path)
