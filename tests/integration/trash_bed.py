@@ -31,6 +31,10 @@ def records():
     return {value["itemName"]: value for value in document.values() if isinstance(value, dict)}
 
 
+def files_of_searches():
+    return set(glob.glob("/tmp/.KVDataRec_*.dat") + glob.glob("/tmp/.[0-9]*.dat"))
+
+
 def put(path, text="x"):
     os.makedirs(os.path.dirname(path), exist_ok=True)
     with open(path, "w", encoding="utf-8") as file:
@@ -42,6 +46,7 @@ class TrashBed(DaemonBed):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
+        cls.not_ours = files_of_searches()
         # Homes and a /tmp of their own, on the start-up volume still.
         for folder in ("/home", "/root", "/tmp"):
             os.makedirs(cls.place + folder)
@@ -52,10 +57,9 @@ class TrashBed(DaemonBed):
     def tearDownClass(cls):
         for folder in ("/home", "/root"):
             subprocess.run(["umount", "--lazy", folder], check=True)
-        # What a daemon that was killed had handed to the recovery program.
-        for volume in ("System", "Data"):
-            for path in glob.glob(f"/tmp/.KVDataRec_{volume}*.dat"):
-                os.unlink(path)
+        # What a daemon that was killed had handed to the recovery program, and what that has found.
+        for path in files_of_searches() - cls.not_ours:
+            os.unlink(path)
         super().tearDownClass()
 
     def setUp(self):

@@ -17,6 +17,7 @@ import logging
 import os
 import pwd
 import shutil
+import signal
 import socket
 import ssl
 import subprocess
@@ -159,7 +160,7 @@ login:
         self.process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "exim4", "-C", f"{self.folder}/exim.conf", "-bdf"],
             user=entry.pw_uid, group=entry.pw_gid, extra_groups=[], stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL)
+            stderr=subprocess.DEVNULL, start_new_session=True)
         wait_for(lambda: accepts(port))
 
     def messages(self):
@@ -174,7 +175,8 @@ login:
         return found
 
     def end(self):
-        self.process.kill()
+        # With those that serve a connection: they would make their folders anew.
+        os.killpg(self.process.pid, signal.SIGKILL)
         self.process.wait()
 
 
