@@ -13,7 +13,7 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import daemon_process_test as process  # takes the daemon's path off the arguments
+import daemon_bed as process  # takes the daemon's path off the arguments
 
 KORVANECTL = os.path.abspath(sys.argv.pop(1))
 POLICY = os.path.abspath(sys.argv.pop(1))
@@ -31,32 +31,7 @@ SYSTEM_BUS = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Config
 <include>""" + POLICY + "</include></busconfig>"
 
 
-class Control(unittest.TestCase):
-    tearDownClass = classmethod(process.DaemonProcess.tearDownClass.__func__)
-    setUp = process.DaemonProcess.setUp
-    start = process.DaemonProcess.start
-    start_bus = process.DaemonProcess.start_bus
-
-    @classmethod
-    def setUpClass(cls):
-        process.DaemonProcess.setUpClass.__func__(cls)
-        cls.image = f"{cls.place}/image"
-        with open(cls.image, "wb") as file:
-            file.truncate(8 << 20)
-        subprocess.run(["mkfs.ext4", "-q", cls.image], check=True)
-
-    def mount_image(self, path):
-        """Mounts a file system of a loop device, for as long as nobody unmounts it."""
-        image = f"{self.place}/image{len(os.listdir(self.place))}"
-        subprocess.run(["cp", "--sparse=always", self.image, image], check=True)
-        os.makedirs(path)
-        result = subprocess.run(["mount", "-o", "loop", image, path], check=False,
-                                capture_output=True, text=True)
-        if result.returncode:
-            self.skipTest(f"no loop device can be mounted here: {result.stderr}")
-        self.addCleanup(lambda: subprocess.run(["umount", "--lazy", path], check=False,
-                                               capture_output=True))
-
+class Control(process.DaemonBed):
     def assert_unmounted(self, path, seconds):
         process.wait_for(lambda: not os.path.ismount(path), seconds)
 

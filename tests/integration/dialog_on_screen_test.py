@@ -15,7 +15,7 @@ import tempfile
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import daemon_process_test as process  # takes the daemon's path off the arguments
+import daemon_bed as process  # takes the daemon's path off the arguments
 
 PICTURE = None
 if "--picture" in sys.argv:
@@ -53,16 +53,10 @@ timeout = 0
 """
 
 
-class DialogOnScreen(unittest.TestCase):
-    tearDownClass = classmethod(process.DaemonProcess.tearDownClass.__func__)
-    setUp = process.DaemonProcess.setUp
-    start = process.DaemonProcess.start
-    write_preferences = process.DaemonProcess.write_preferences
-    needs_root_volume = process.DaemonProcess.needs_root_volume
-
+class DialogOnScreen(process.DaemonBed):
     @classmethod
     def setUpClass(cls):
-        process.DaemonProcess.setUpClass.__func__(cls)
+        super().setUpClass()
         for folder in ("/run/user", "/run/systemd"):
             os.makedirs(folder, exist_ok=True)
             process.mount("-t", "tmpfs", "tmpfs", folder)

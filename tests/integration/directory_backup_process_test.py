@@ -14,8 +14,8 @@ import sys
 import time
 import unittest
 
-from daemon_process_test import (FAR_FUTURE, PROGRAM, SUPPORT, DaemonBed, read_preferences,
-                                 volume_entries, wait_for)
+from daemon_bed import (FAR_FUTURE, PROGRAM, SUPPORT, DaemonBed, read_preferences,
+                        volume_entries, wait_for)
 
 sys.path.append(f"{os.path.dirname(os.path.abspath(__file__))}/../directory_record")
 from record_reader import read_record  # noqa: E402 (its folder is known only now)
@@ -64,24 +64,9 @@ def is_stopped(process):
 
 
 class DirectoryBackupBed(DaemonBed):
-    def mount_image(self, name, megabytes=8, entries=1000):
-        image = f"{self.place}/{name}.image"
-        with open(image, "wb") as file:
-            file.truncate(megabytes << 20)
-        subprocess.run(["mkfs.ext4", "-q", "-b", "4096", "-O", "^has_journal", "-N",
-                        str(entries), image], check=True)
-        folder = f"/Volumes/{name}"
-        os.mkdir(folder)
-        if subprocess.run(["mount", "-o", "loop", image, folder], check=False,
-                          capture_output=True).returncode != 0:
-            self.skipTest("this machine mounts no images")
-        self.addCleanup(os.unlink, image)
-        self.addCleanup(self.unmount, folder)
-        return folder
-
-    def unmount(self, folder):
-        if os.path.ismount(folder):
-            subprocess.run(["umount", "--lazy", folder], check=True)
+    def mount_volume(self, name, megabytes=8, entries=1000):
+        return self.mount_image(f"/Volumes/{name}", megabytes, "-b", "4096", "-O", "^has_journal",
+                                "-N", str(entries))
 
     def mount_over(self, program, text):
         """Has another program, a shell script, stand in the place of this one."""
@@ -118,7 +103,7 @@ class DirectoryBackupBed(DaemonBed):
 
 class DirectoryBackupProcess(DirectoryBackupBed):
     def test_records_a_volume_and_copies_the_record_to_two_locations(self):
-        data, backup, second = (self.mount_image(name) for name in ("Data", "Backup", "Second"))
+        data, backup, second = (self.mount_volume(name) for name in ("Data", "Backup", "Second"))
         os.makedirs(f"{data}/folder/below")
         with open(f"{data}/folder/below/a file", "w", encoding="ascii") as file:
             file.write("contents")
@@ -149,7 +134,7 @@ class DirectoryBackupProcess(DirectoryBackupBed):
                              0o666)
 
     def test_records_a_volume_whose_path_is_no_text(self):
-        data = self.mount_image(os.fsdecode(b"Latin \xe9"))
+        data = self.mount_volume(os.fsdecode(b"Latin \xe9"))
         with open(f"{data}/file", "w", encoding="ascii"):
             pass
         # The daemon's text for such a path.
@@ -163,8 +148,8 @@ class DirectoryBackupProcess(DirectoryBackupBed):
         self.assertEqual(set(entries), {b".", b"./lost+found", b"./file"})
 
     def test_keeps_the_copies_alone_where_the_start_up_volume_is_no_location(self):
-        self.mount_image("Data")
-        backup, second = self.mount_image("Backup"), self.mount_image("Second")
+        self.mount_volume("Data")
+        backup, second = self.mount_volume("Backup"), self.mount_volume("Second")
         self.write_due_backup([backup, second])
         self.start()
         self.wait_for_end()
@@ -174,8 +159,8 @@ class DirectoryBackupProcess(DirectoryBackupBed):
         self.assertIn("DirectoryBackup (OFF)", os.listdir(DATA_FOLDER))
 
     def test_passes_over_a_location_whose_folder_leads_elsewhere(self):
-        self.mount_image("Data")
-        backup = self.mount_image("Backup")
+        self.mount_volume("Data")
+        backup = self.mount_volume("Backup")
         elsewhere = f"{self.place}/elsewhere"
         os.mkdir(elsewhere)
         self.addCleanup(shutil.rmtree, elsewhere)
@@ -188,8 +173,8 @@ class DirectoryBackupProcess(DirectoryBackupBed):
         self.assertEqual(len(backups(DATA_FOLDER)), 1)
 
     def test_passes_over_a_location_whose_folder_is_somebody_elses(self):
-        self.mount_image("Data")
-        backup = self.mount_image("Backup")
+        self.mount_volume("Data")
+        backup = self.mount_volume("Backup")
         os.makedirs(f"{backup}/Korvane Protection/Data")
         os.chown(f"{backup}/Korvane Protection/Data", 1000, 1000)
         self.write_due_backup(["/Volumes/System", backup])
@@ -199,8 +184,8 @@ class DirectoryBackupProcess(DirectoryBackupBed):
         self.assertEqual(os.listdir(f"{backup}/Korvane Protection/Data"), [])
 
     def test_notes_the_run_though_a_location_is_full(self):
-        self.mount_image("Data")
-        backup, second = self.mount_image("Backup"), self.mount_image("Second")
+        self.mount_volume("Data")
+        backup, second = self.mount_volume("Backup"), self.mount_volume("Second")
         os.makedirs(f"{backup}/Korvane Protection/Data")
         with open(f"{backup}/filler", "wb") as file, self.assertRaises(OSError):
             while True:
@@ -214,8 +199,8 @@ class DirectoryBackupProcess(DirectoryBackupBed):
         self.assertEqual(daemon.terminate()[0], 0)
 
     def test_outlives_a_location_that_is_unmounted_while_it_copies(self):
-        self.mount_image("Data")
-        backup = self.mount_image("Backup")
+        self.mount_volume("Data")
+        backup = self.mount_volume("Backup")
         real = f"{self.place}/the real cp"
         shutil.copy(COPY, real)
         self.addCleanup(os.unlink, real)
@@ -234,8 +219,8 @@ class DirectoryBackupProcess(DirectoryBackupBed):
         self.assertEqual(daemon.terminate()[0], 0)
 
     def test_says_so_when_the_helper_leaves_no_file(self):
-        self.mount_image("Data")
-        backup = self.mount_image("Backup")
+        self.mount_volume("Data")
+        backup = self.mount_volume("Backup")
         self.mount_over(HELPER, "exit 1")
         self.write_due_backup([backup])
         daemon = self.start()
@@ -246,7 +231,7 @@ class DirectoryBackupProcess(DirectoryBackupBed):
         self.assertEqual(daemon.terminate()[0], 0)
 
     def test_leaves_the_entry_alone_without_the_helper(self):
-        self.mount_image("Data")
+        self.mount_volume("Data")
         subprocess.run(["mount", "-t", "tmpfs", "none", os.path.dirname(HELPER)], check=True)
         self.addCleanup(subprocess.run, ["umount", "--lazy", os.path.dirname(HELPER)], check=True)
         self.write_due_backup(["/Volumes/System"])
@@ -259,7 +244,7 @@ class DirectoryBackupProcess(DirectoryBackupBed):
         self.assertEqual(backups(DATA_FOLDER), [])
 
     def test_stops_a_helper_that_hangs_and_starts_none_while_disabled(self):
-        self.mount_image("Data")
+        self.mount_volume("Data")
         # Deaf to the first signal, and a loop of short sleeps to the second.
         self.mount_over(HELPER, "trap '' INT\nprintf half >\"$2\"\nwhile :; do sleep 0.1; done")
         self.write_due_backup(["/Volumes/System"])
@@ -289,7 +274,7 @@ class DirectoryBackupProcess(DirectoryBackupBed):
         wait_for(lambda: not os.path.exists(f"/proc/{third}"), LONG)
 
     def test_ends_its_helper_with_itself(self):
-        self.mount_image("Data")
+        self.mount_volume("Data")
         self.mount_over(HELPER, "printf half >\"$2\"\nwhile :; do sleep 0.1; done")
         self.write_due_backup(["/Volumes/System"])
         daemon = self.start()
@@ -303,8 +288,8 @@ class DirectoryBackupProcess(DirectoryBackupBed):
 class DirectoryBackupOfALargeVolume(DirectoryBackupBed):
     def mount_large_volumes(self, entries):
         """A volume of so many entries, and one that takes its record."""
-        self.mount_image("Backup", 64)
-        data = self.mount_image("Data", 32 + entries // 2000, entries + 100)
+        self.mount_volume("Backup", 64)
+        data = self.mount_volume("Data", 32 + entries // 2000, entries + 100)
         made = 2  # its top folder, and what it is made with
         for folder in range(entries):
             os.mkdir(f"{data}/{folder}")

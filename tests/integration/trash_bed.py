@@ -9,7 +9,7 @@ import plistlib
 import subprocess
 import xml.parsers.expat
 
-from daemon_process_test import SUPPORT, DaemonBed, mount, read_bytes, volume_entries, wait_for
+from daemon_bed import SUPPORT, DaemonBed, mount, read_bytes, volume_entries, wait_for
 
 USAGE = f"{SUPPORT}/Trash Usage.plist"
 RECORD_BYTES = 764
@@ -71,20 +71,6 @@ class TrashBed(DaemonBed):
         self.trash = "/home/ada/.local/share/Trash"
         os.makedirs(f"{self.trash}/files")
         os.makedirs(f"{self.trash}/info")
-
-    def mount_image(self, name, megabytes=16):
-        image = f"{self.place}/{name}.image"
-        with open(image, "wb") as file:
-            file.truncate(megabytes << 20)
-        subprocess.run(["mkfs.ext4", "-q", image], check=True)
-        folder = f"/Volumes/{name}"
-        os.mkdir(folder)
-        if subprocess.run(["mount", "-o", "loop", image, folder], check=False,
-                          capture_output=True).returncode != 0:
-            self.skipTest("this machine mounts no images")
-        self.addCleanup(os.unlink, image)
-        self.addCleanup(subprocess.run, ["umount", "--lazy", folder], check=False)
-        return folder
 
     def watch(self, *paths, bus_address=None, **changes):
         entries = [{"volumeMountToName": path, "trashOnOff": True, "volumeOnOff": False,

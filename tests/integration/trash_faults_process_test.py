@@ -15,7 +15,7 @@ import sys
 import time
 import unittest
 
-from daemon_process_test import SUPPORT, mount, read_bytes, volume_entries, wait_for
+from daemon_bed import SUPPORT, mount, read_bytes, volume_entries, wait_for
 from trash_bed import RECORD_BYTES, USAGE, TrashBed, put, records, usage
 
 KORVANECTL = os.path.abspath(sys.argv.pop(1))
@@ -213,7 +213,7 @@ class TrashFaults(TrashBed):
                  "DBUS_SYSTEM_BUS_ADDRESS": bus.address, "DBUS_SESSION_BUS_ADDRESS": bus.address})
 
     def test_korvanectl_switches_the_history_of_a_running_daemon(self):
-        data = self.mount_image("Data")
+        data = self.mount_image("/Volumes/Data")
         bus = self.start_bus()
         self.watch(data, bus_address=bus.address)
         wait_for(lambda: volume_entries().get(data, {}).get("usageStatus") == "0")

@@ -13,7 +13,7 @@ import subprocess
 import time
 import unittest
 
-from daemon_process_test import SUPPORT, mount, read_bytes, volume_entries, wait_for
+from daemon_bed import SUPPORT, mount, read_bytes, volume_entries, wait_for
 from trash_bed import (FROM_1904_TO_1970, RECORD_BYTES, STAMP_OFFSET, USAGE, TrashBed, put, records,
                        usage)
 
@@ -86,7 +86,7 @@ class TrashProcess(TrashBed):
         self.assertNotIn("renamed", found)
 
     def test_watches_the_trash_of_another_volume_that_appears_later(self):
-        data = self.mount_image("Data")
+        data = self.mount_image("/Volumes/Data")
         os.chown("/home/ada", 1000, 1000)
         self.watch(data)
         wait_for(lambda: volume_entries().get(data, {}).get("usageStatus") == "0")
@@ -165,7 +165,7 @@ class TrashProcess(TrashBed):
         self.assertEqual({record["volumeName"] for record in found.values()}, {"Tree"})
 
     def test_decides_nothing_when_a_volume_goes_in_the_middle_of_a_scan(self):
-        data = self.mount_image("Data")
+        data = self.mount_image("/Volumes/Data")
         os.makedirs(f"{data}/.Trash-0/files")
         self.watch(data)
         wait_for(lambda: volume_entries().get(data, {}).get("usageStatus") == "0")
@@ -225,7 +225,7 @@ class TrashProcess(TrashBed):
 
     def test_outlives_a_crowd_of_items_that_come_and_go(self):
         # On a small volume, since what comes and goes within a scan is searched for.
-        data = self.mount_image("Data", 64)
+        data = self.mount_image("/Volumes/Data", 64)
         files = f"{data}/.Trash-0/files"
         os.makedirs(files)
         self.watch(data)

@@ -7,12 +7,11 @@ is stopped, and what the backups hold. Runs as root in a mount namespace of its 
 import json
 import os
 import subprocess
-import sys
 import time
 import unittest
 
 import korvanectl_process_test as commands  # takes both programs' paths off the arguments
-import daemon_process_test as process
+import daemon_bed as process
 
 HELPER = f"{os.path.dirname(process.PROGRAM)}/PlugIns/KorvaneProDirectoryBackup"
 # Begins the file that it was asked for, and never ends it.
@@ -39,18 +38,6 @@ class BackupCommands(process.DaemonBed):
     ctl = commands.Korvanectl.ctl
     start_both = commands.Korvanectl.start_both
 
-    def mount_volume(self, path):
-        image = f"{self.place}/{os.path.basename(path)}.image"
-        with open(image, "wb") as file:
-            file.truncate(8 << 20)
-        subprocess.run(["mkfs.ext4", "-q", "-O", "^has_journal", image], check=True)
-        os.mkdir(path)
-        if subprocess.run(["mount", "-o", "loop", image, path], check=False,
-                          capture_output=True).returncode != 0:
-            self.skipTest("this machine mounts no images")
-        self.addCleanup(os.unlink, image)
-        self.addCleanup(subprocess.run, ["umount", "--lazy", path], check=True)
-
     def replace_helper(self, script):
         path = f"{self.place}/helper"
         with open(path, "w", encoding="ascii") as file:
@@ -67,7 +54,7 @@ class BackupCommands(process.DaemonBed):
         self.write_preferences(volumeArray=[entry])
 
     def test_stops_a_backup_that_hangs_without_a_trace_of_it(self):
-        self.mount_volume(DATA)
+        self.mount_image(DATA)
         self.replace_helper(HANGING_HELPER)
         due = time.time()
         self.write_backup(due)
@@ -94,9 +81,8 @@ class BackupCommands(process.DaemonBed):
             self.assertIn("does not run", self.ctl("backup", word, expect=2).stderr)
 
     def test_stores_a_location_under_its_name_in_the_folder_of_volumes(self):
-        self.mount_volume(DATA)
-        os.mkdir(f"{self.place}/mnt")
-        self.mount_volume(f"{self.place}/mnt/Safe")
+        self.mount_image(DATA)
+        self.mount_image(f"{self.place}/mnt/Safe")
         self.write_backup(process.FAR_FUTURE)
         bus, _ = self.start_both()
         process.wait_for(lambda: os.path.islink("/Volumes/Safe"))
@@ -111,7 +97,7 @@ class BackupCommands(process.DaemonBed):
         self.assertEqual(commands.preferences()["directoryBackupLocations"], ["/Volumes/System"])
 
     def test_lists_compares_and_searches_what_the_daemon_kept(self):
-        self.mount_volume(DATA)
+        self.mount_image(DATA)
         os.mkdir(f"{DATA}/folder")
         with open(f"{DATA}/folder/Letter", "w", encoding="ascii") as file:
             file.write("text")

@@ -19,7 +19,7 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-import daemon_process_test as process  # takes the daemon's path off the arguments
+import daemon_bed as process  # takes the daemon's path off the arguments
 
 KORVANECTL = os.path.abspath(sys.argv.pop(1))
 NO_BUS = "unix:path=/nonexistent/bus"
@@ -35,15 +35,7 @@ def entry_of(path):
     return process.volume_entries().get(path, {})
 
 
-class Korvanectl(unittest.TestCase):
-    setUpClass = classmethod(process.DaemonProcess.setUpClass.__func__)
-    tearDownClass = classmethod(process.DaemonProcess.tearDownClass.__func__)
-    setUp = process.DaemonProcess.setUp
-    start = process.DaemonProcess.start
-    start_bus = process.DaemonProcess.start_bus
-    needs_root_volume = process.DaemonProcess.needs_root_volume
-    write_preferences = process.DaemonProcess.write_preferences
-
+class Korvanectl(process.DaemonBed):
     def ctl(self, *arguments, bus=None, user=None, expect=0):
         address = bus.address if bus else NO_BUS
         result = subprocess.run(

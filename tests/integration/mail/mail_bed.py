@@ -22,7 +22,7 @@ import unittest
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 CONTROL = os.path.abspath(sys.argv.pop(2))
 MODULES = os.path.abspath(sys.argv.pop(2))
-import daemon_process_test as process  # noqa: E402  (takes the daemon's path from the arguments)
+import daemon_bed as process  # noqa: E402  (takes the daemon's path from the arguments)
 import mail_servers as servers  # noqa: E402
 
 wait_for = process.wait_for
@@ -38,8 +38,8 @@ def encoded(text):
 
 
 def set_up_machine():
-    process.DaemonProcess.setUpClass()
-    unittest.addModuleCleanup(process.DaemonProcess.tearDownClass)
+    process.DaemonBed.setUpClass()
+    unittest.addModuleCleanup(process.DaemonBed.tearDownClass)
     folder = tempfile.mkdtemp(prefix="korvane-mail-")
     unittest.addModuleCleanup(shutil.rmtree, folder)
     os.chmod(folder, 0o755)
@@ -65,7 +65,7 @@ class MailBed(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.folder)
         os.chmod(self.folder, 0o755)
         self.certificate = CERTIFICATE[0]
-        process.DaemonProcess.setUp(self)
+        process.DaemonBed.setUp(self)
         self.bus = process.PrivateBus()
         self.addCleanup(self.bus.end)
         self.bus.start()

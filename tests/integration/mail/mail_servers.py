@@ -21,7 +21,6 @@ import signal
 import socket
 import ssl
 import subprocess
-import tempfile
 import threading
 import time
 import warnings

@@ -31,12 +31,24 @@ class DirectoryWatchBed : public testing::Test {
     }
     void mountAs(const std::string& type) {
         machine_.volumes.forceUnmount(folder_.path());
+        mountDisk(folder_.path(), "/dev/sdz1", type);
+        volume_ = machine_.volumes.volumeInfoByDevice("sdz1").value.referenceNumber;
+    }
+    void mountDisk(const std::string& path, const std::string& device,
+                   const std::string& type = "ext4") {
         MountDescription mount;
-        mount.path = folder_.path();
-        mount.device = "/dev/sdz1";
+        mount.path = path;
+        mount.device = device;
         mount.type = type;
         machine_.volumes.mount(mount);
-        volume_ = machine_.volumes.volumeInfoByDevice("sdz1").value.referenceNumber;
+    }
+    void mountFromNetwork(const std::string& path) {
+        MountDescription mount;
+        mount.path = path;
+        mount.device = "server:/far";
+        mount.type = "nfs4";
+        mount.kind = MountKind::network;
+        machine_.volumes.mount(mount);
     }
     static void write(const std::string& path, const std::string& text = "x") {
         std::ofstream(path) << text;

@@ -317,12 +317,7 @@ TEST_F(ItemsElsewhere, FindsAnItemInItsTrashOnAVolumeThatIsMountedElsewhereNow) 
 
 // A home may have moved to a server since, and the server may be dead.
 TEST_F(ItemsElsewhere, EntersNoOtherFileSystemOnTheWayToATrashThatIsMountedElsewhereNow) {
-    MountDescription far;
-    far.path = folder_ / "far";
-    far.device = "server:/far";
-    far.type = "nfs4";
-    far.kind = MountKind::network;
-    machine_.volumes.mount(far);
+    mountFromNetwork(folder_ / "far");
     fs::create_directories(folder_ / "far/.Trash-0/files");
     write(trash_ + "/a");
     const SeenItem item{volume_, seen("a").nodeId, "/far/.Trash-0/files", "a"};
@@ -332,11 +327,7 @@ TEST_F(ItemsElsewhere, EntersNoOtherFileSystemOnTheWayToATrashThatIsMountedElsew
 
 // A trace without a handle, as file systems leave it that have none.
 TEST_F(ItemsElsewhere, LooksForAnOriginOnItsOwnVolumeAlone) {
-    MountDescription other;
-    other.path = folder_ / "other";
-    other.device = "/dev/sdy1";
-    other.type = "ext4";
-    machine_.volumes.mount(other);
+    mountDisk(folder_ / "other", "/dev/sdy1");
     fs::create_directories(folder_ / "other");
     fs::create_directories(folder_ / "same");
     for (const char* const place : {"other", "same"}) {
@@ -358,12 +349,7 @@ TEST_F(ItemsElsewhere, LooksForAnOriginOnItsOwnVolumeAlone) {
 }
 
 TEST_F(ItemsElsewhere, SearchesNoFileSystemThatIsMountedOnTheVolume) {
-    MountDescription far;
-    far.path = folder_ / "far";
-    far.device = "server:/far";
-    far.type = "nfs4";
-    far.kind = MountKind::network;
-    machine_.volumes.mount(far);
+    mountFromNetwork(folder_ / "far");
     fs::create_directories(folder_ / "far");
     write(trash_ + "/a");
     const CatalogItem item = seen("a");
@@ -401,11 +387,7 @@ TEST_F(ItemsElsewhere, ForgetsWhatASearchHasFoundOutOnceTheLoopTurns) {
 // Each volume has the time that it is given, however long one before it took.
 TEST_F(ItemsElsewhere, SearchesSeveralVolumesAtOnce) {
     const TemporaryFolder second;
-    MountDescription mount;
-    mount.path = second.path();
-    mount.device = "/dev/sdy1";
-    mount.type = "ext4";
-    machine_.volumes.mount(mount);
+    mountDisk(second.path(), "/dev/sdy1");
     const auto number = machine_.volumes.volumeInfoByDevice("sdy1").value.referenceNumber;
     fs::create_directories(second / ".Trash-0/files");
     write(trash_ + "/a");
@@ -435,11 +417,7 @@ TEST(VolumeSearch, HasAsLongAsItsLimitToBeLateBeforeItIsGivenUp) {
 
 TEST_F(ItemsElsewhere, LeavesOutADiskThatKeepsAnEarlierSearchUntilItIsBack) {
     const TemporaryFolder second{fs::exists("/dev/shm") ? "/dev/shm" : fs::temp_directory_path()};
-    MountDescription mount;
-    mount.path = second.path();
-    mount.device = "/dev/sdy1";
-    mount.type = "ext4";
-    machine_.volumes.mount(mount);
+    mountDisk(second.path(), "/dev/sdy1");
     const auto number = machine_.volumes.volumeInfoByDevice("sdy1").value.referenceNumber;
     fs::create_directories(second / ".Trash-0/files");
     LinuxDirectoryWatch watch(loop_, machine_.volumes,

@@ -269,12 +269,7 @@ TEST_F(LinuxDirectoryWatchTest, TellsOnceMoreWhenAFolderThatWasMadeInTheTrashIsF
 TEST_F(LinuxDirectoryWatchTest, CataloguesNoMountPoint) {
     fs::create_directories(trash_ + "/far");
     write(trash_ + "/near");
-    MountDescription mount;
-    mount.path = trash_ + "/far";
-    mount.device = "server:/far";
-    mount.type = "nfs4";
-    mount.kind = MountKind::network;
-    machine_.volumes.mount(mount);
+    mountFromNetwork(trash_ + "/far");
     const auto items = watch_.catalog(trash_, 100);
     ASSERT_THAT(*items, SizeIs(1));
     EXPECT_EQ(items->front().name, "near");
@@ -420,12 +415,7 @@ TEST_F(LinuxDirectoryWatchTest, TakesOnAVolumeWithoutOwnersOnlyTheUsersOfThisMac
 TEST_F(LinuxDirectoryWatchTest, TouchesNoHomeOnANetwork) {
     fs::create_directories(folder_ / "home/ada");
     fs::create_directories(folder_ / "home/far");
-    MountDescription mount;
-    mount.path = folder_ / "home/far";
-    mount.device = "server:/far";
-    mount.type = "nfs4";
-    mount.kind = MountKind::network;
-    machine_.volumes.mount(mount);
+    mountFromNetwork(folder_ / "home/far");
     LinuxDirectoryWatch watch(
         loop_, machine_.volumes,
         LinuxTrashPlaces{.homes = folder_ / "home", .rootHome = folder_ / "home/far/root"});
