@@ -320,6 +320,9 @@ class KorvaneProDaemon final : public ControlTarget {
     [[nodiscard]] std::optional<SearchTask> launchSearch(WaitingSearch search);
     // Whether the result of this job has a place; one that somebody else has taken is told once.
     [[nodiscard]] bool hasPlaceForResult(const SearchContent& job);
+    // Whether the result of another item of this number, on another volume or in another folder,
+    // is still to come or to be collected there.
+    [[nodiscard]] bool isPlaceOfAnotherResult(const SearchContent& job) const;
     void tellOfSearchFile(const std::string& path, const std::string& line);
     // The program's input for jobs of this volume: one that no running program still has to read.
     [[nodiscard]] std::string searchInputFor(const std::string& volumeName) const;

@@ -39,7 +39,8 @@ struct SearchTask {
     bool isOfEarlier = false;  // of a daemon before this one
 };
 
-// A search that is put off while enough programs are at work on its volume.
+// A search that is put off while enough programs are at work on its volume, or while the place of
+// one of its results is another item's.
 struct WaitingSearch {
     std::string program;
     std::string volumeName;

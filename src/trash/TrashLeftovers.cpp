@@ -71,15 +71,20 @@ std::optional<SearchContent> leftJob(const Machine& machine, std::string_view by
                          .searchResultPath = job->searchResultPath};
 }
 
+// Items that have a job already, by their number and the path of their volume.
+using JobItems = std::set<std::pair<std::uint64_t, std::string>>;
+
 // The jobs of an input file that none has `taken` yet.
 std::vector<SearchContent> leftJobs(const Machine& machine, const std::string& inFilePath,
-                                    const NodeVolumes& seenOn, std::set<std::uint64_t>& taken) {
+                                    const NodeVolumes& seenOn, JobItems& taken) {
     std::vector<SearchContent> jobs;
     const Result<std::string> input = machine.fileSystem.readFile(inFilePath);
     if (!input) return jobs;  // somebody else's
     for (std::size_t at = 0; at < input->size(); at += kSearchJobBytes) {
         auto job = leftJob(machine, std::string_view(*input).substr(at, kSearchJobBytes), seenOn);
-        if (job && taken.insert(job->nodeId).second) jobs.push_back(std::move(*job));
+        if (job && taken.emplace(job->nodeId, job->volumePath).second) {
+            jobs.push_back(std::move(*job));
+        }
     }
     return jobs;
 }
@@ -102,7 +107,7 @@ void KorvaneProDaemon::takeUpSearches() {
     if (!names) return;
     const NodeVolumes seenOn = volumesOfNodes(machine_.fileSystem);
     std::set<std::uint64_t> results;
-    std::set<std::uint64_t> taken;
+    JobItems taken;
     for (const std::string& name : *names) {
         const std::string path = std::string(kSearchFolder) + '/' + name;
         if (const auto node = nodeOfSearchResult(path)) results.insert(*node);
@@ -120,7 +125,8 @@ void KorvaneProDaemon::takeUpSearches() {
         }
     }
     for (const std::uint64_t node : results) {
-        if (taken.contains(node)) continue;
+        const auto job = taken.lower_bound({node, std::string()});
+        if (job != taken.end() && job->first == node) continue;
         const auto volumes = seenOn.find(node);
         collectLeftResult(node,
                           volumes != seenOn.end() ? volumes->second : std::set<std::int16_t>{});

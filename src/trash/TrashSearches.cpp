@@ -75,6 +75,13 @@ void KorvaneProDaemon::startSearch(const std::string& folder, WaitingSearch sear
         waitingSearches.insert_or_assign(folder, std::move(search));
         return;
     }
+    if (std::ranges::any_of(search.contentArray, [this](const SearchContent& job) {
+            return isPlaceOfAnotherResult(job);
+        })) {
+        waitingSearches.insert_or_assign(folder, std::move(search));
+        if (searchTimers.empty()) armSearchTimer();  // nothing may be running
+        return;
+    }
     waitingSearches.erase(folder);
     if (auto task = launchSearch(std::move(search))) searchTasks.push_back(std::move(*task));
     armSearchTimer();
@@ -122,6 +129,20 @@ bool KorvaneProDaemon::hasPlaceForResult(const SearchContent& job) {
                      formatText("No search for an item in the trash: \"%@\" is somebody else's.",
                                 {std::string_view(job.searchResultPath)}));
     return false;
+}
+
+bool KorvaneProDaemon::isPlaceOfAnotherResult(const SearchContent& job) const {
+    const auto isAnother = [&](const SearchContent& other) {
+        return other.nodeId == job.nodeId &&
+               (other.volumePath != job.volumePath || other.parentId != job.parentId);
+    };
+    const auto uncollected = uncollectedResults.find(job.nodeId);
+    if (uncollected != uncollectedResults.end() && isAnother(uncollected->second)) return true;
+    return std::ranges::any_of(searchTasks, [&](const SearchTask& task) {
+        // What a program that hangs may still write is not waited for.
+        return isPending(task) && !task.isGivenUp &&
+               std::ranges::any_of(task.contentArray, isAnother);
+    });
 }
 
 void KorvaneProDaemon::tellOfSearchFile(const std::string& path, const std::string& line) {

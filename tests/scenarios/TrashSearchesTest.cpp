@@ -9,6 +9,7 @@
 #include <string>
 
 #include "scenarios/TrashBed.h"
+#include "storage/VolumeLookups.h"
 
 namespace korvane {
 namespace {
@@ -158,6 +159,77 @@ TEST_F(TrashSearches, KeepTheirResultsUntilThereIsAPlaceForThem) {
     EXPECT_FALSE(files().exists(left));
     // Of "a" once, and of "b" and "c".
     EXPECT_THAT(collected(), SizeIs((1 + 3) * kTrashRecordBytes));
+}
+
+// File systems number their items alike: the first file on two new sticks has one number.
+class TrashSearchesOfTwins : public TrashSearches {
+  protected:
+    TrashSearchesOfTwins() {
+        s.machine().processes.setProgram(
+            kProgram, {.duration = seconds(5), .work = [this](const auto& arguments) {
+                           const auto job = decodeSearchJob(files().bytes(arguments.at(1)).value());
+                           s.put(job->searchResultPath, "item on " + job->deviceName);
+                       }});
+        s.run(seconds(1));
+    }
+    void throwTwinAway(const std::string& folder) {
+        s.put(folder + "/twin", "");
+        files().setNodeId(folder + "/twin", 4711);
+        s.machine().directoryWatch.changed(folder);
+    }
+    std::string collectedOf(const std::string& volume) {
+        return files().bytes(volumeFolder(volume) + "/" + kDeletes).value_or("");
+    }
+    std::string device(const std::string& path) {
+        return getVolumeMountFromName(s.machine().volumes, path);
+    }
+};
+
+TEST_F(TrashSearchesOfTwins, AreMadeOneAfterTheOther) {
+    throwTwinAway(kTrash);
+    s.run(seconds(1));
+    throwTwinAway(kDataTrash);
+    s.run(seconds(2));
+    EXPECT_EQ(launches(), 1u);
+    s.run(seconds(20));
+    EXPECT_EQ(launches(), 2u);
+    for (const auto& [volume, path] :
+         {std::pair("System", "/"), std::pair("Data", "/Volumes/Data")}) {
+        EXPECT_THAT(collectedOf(volume), SizeIs(2 * kTrashRecordBytes));
+        EXPECT_THAT(collectedOf(volume), HasSubstr("item on " + device(path)));
+    }
+    EXPECT_THAT(files().list("/tmp").value(), SizeIs(1));  // what was there before
+}
+
+TEST_F(TrashSearchesOfTwins, WaitForAResultThatHasNoPlaceYet) {
+    const std::string place = volumeFolder("System") + "/" + kDeletes;
+    s.put(place + "/a folder in its place", "");
+    throwTwinAway(kTrash);
+    s.run(seconds(20));
+    throwTwinAway(kDataTrash);
+    s.run(seconds(20));
+    EXPECT_EQ(launches(), 1u);
+    ASSERT_TRUE(files().removeItem(place));
+    s.run(seconds(20));
+    EXPECT_THAT(collectedOf("System"), HasSubstr("item on " + device("/")));
+    EXPECT_THAT(collectedOf("Data"), HasSubstr("item on " + device("/Volumes/Data")));
+}
+
+TEST_F(TrashSearchesOfTwins, AreBothMadeAnewByTheNextDaemon) {
+    throwTwinAway(kTrash);
+    throwTwinAway(kDataTrash);
+    s.run(seconds(20));
+    for (const std::string volume : {"System", "Data"}) {
+        ASSERT_TRUE(files().removeItem(volumeFolder(volume) + "/" + kDeletes));
+        const SearchJobBytes job =
+            encodeSearchJob({.nodeId = 4711,
+                             .deviceName = device(volume == "System" ? "/" : "/Volumes/Data"),
+                             .searchResultPath = searchResultPathOf(4711)});
+        s.put(searchInputPathOf(volume), std::string(job.data(), job.size()));
+    }
+    s.restart().run(seconds(30));
+    EXPECT_THAT(collectedOf("System"), HasSubstr("item on " + device("/")));
+    EXPECT_THAT(collectedOf("Data"), HasSubstr("item on " + device("/Volumes/Data")));
 }
 
 TEST_F(TrashSearches, AreCollectedOnceTheirProgramHasEnded) {

@@ -116,6 +116,11 @@ std::uint64_t SimulatedFileSystem::nodeId(const std::string& path) {
     return place && place->node ? place->node->nodeId : 0;
 }
 
+void SimulatedFileSystem::setNodeId(const std::string& path, std::uint64_t nodeId) {
+    const std::optional<Place> place = find(path, LastLink::kept);
+    if (place && place->node) place->node->nodeId = nodeId;
+}
+
 std::optional<std::string> SimulatedFileSystem::pathOfNode(const std::string& volumePath,
                                                            std::uint64_t nodeId) {
     const std::string prefix = volumePath == "/" ? volumePath : volumePath + '/';

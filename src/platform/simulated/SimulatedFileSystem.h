@@ -86,9 +86,10 @@ class SimulatedFileSystem final : public FileSystem {
 
     void setDisplayName(const std::string& path, const std::string& name);
 
-    // The item's number, 0 where there is none; its name and number by its folder; its path by its
-    // number; and when it was stamped.
+    // The item's number, 0 where there is none; another number for it, which an item of another
+    // volume may have as well; its path by its number; and when it was stamped.
     [[nodiscard]] std::uint64_t nodeId(const std::string& path);
+    void setNodeId(const std::string& path, std::uint64_t nodeId);
     [[nodiscard]] std::optional<std::string> pathOfNode(const std::string& volumePath,
                                                         std::uint64_t nodeId);
     bool setBackupDate(const std::string& path, Time date);
