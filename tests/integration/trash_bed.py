@@ -1,5 +1,5 @@
 """A real daemon that keeps the trash history: homes and a trash on the start-up volume, and volumes
-that are mounted for a test. Takes the daemon's path off the arguments.
+that are mounted for a test. Takes the paths of the daemon and of korvanectl off the arguments.
 """
 
 import contextlib
@@ -7,10 +7,12 @@ import glob
 import os
 import plistlib
 import subprocess
+import sys
 import xml.parsers.expat
 
-from daemon_bed import SUPPORT, DaemonBed, mount, read_bytes, volume_entries, wait_for
+from daemon_bed import PROGRAM, SUPPORT, DaemonBed, mount, read_bytes, volume_entries, wait_for
 
+KORVANECTL = os.path.abspath(sys.argv.pop(1))
 USAGE = f"{SUPPORT}/Trash Usage.plist"
 RECORD_BYTES = 764
 STAMP_OFFSET = 544
@@ -42,29 +44,42 @@ def put(path, text="x"):
     return path
 
 
+def cover_tmp(cover, *needed):
+    """Mounts the empty folder over /tmp, and in it the folders of /tmp that what is needed lies
+    below: a build tree may lie there."""
+    mount("--rbind", "/tmp", "/mnt")  # where it stays in reach meanwhile
+    mount("--bind", cover, "/tmp")
+    for name in {path.split("/")[2] for path in map(os.path.realpath, needed)
+                 if path.startswith("/tmp/")}:
+        os.mkdir(f"/tmp/{name}")
+        mount("--rbind", f"/mnt/{name}", f"/tmp/{name}")
+    subprocess.run(["umount", "--lazy", "/mnt"], check=True)
+
+
 class TrashBed(DaemonBed):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.not_ours = files_of_searches()
         # Homes and a /tmp of their own, on the start-up volume still.
         for folder in ("/home", "/root", "/tmp"):
             os.makedirs(cls.place + folder)
         for folder in ("/home", "/root"):
             mount("--bind", cls.place + folder, folder)
+        os.chmod(f"{cls.place}/tmp", 0o1777)
+        cover_tmp(f"{cls.place}/tmp", cls.place, PROGRAM, KORVANECTL, __file__)
 
     @classmethod
     def tearDownClass(cls):
-        for folder in ("/home", "/root"):
+        for folder in ("/tmp", "/home", "/root"):
             subprocess.run(["umount", "--lazy", folder], check=True)
-        # What a daemon that was killed had handed to the recovery program, and what that has found.
-        for path in files_of_searches() - cls.not_ours:
-            os.unlink(path)
         super().tearDownClass()
 
     def setUp(self):
         super().setUp()
         self.needs_root_volume()
+        # What a daemon that was killed had handed to the recovery program, and what that has found.
+        for path in files_of_searches():
+            subprocess.run(["rm", "-rf", path], check=True)
         for folder in ("/home", "/root"):
             for name in os.listdir(folder):
                 subprocess.run(["rm", "-rf", f"{folder}/{name}"], check=True)

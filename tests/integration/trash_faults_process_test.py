@@ -11,14 +11,12 @@ import random
 import signal
 import struct
 import subprocess
-import sys
 import time
 import unittest
 
 from daemon_bed import SUPPORT, mount, read_bytes, volume_entries, wait_for
-from trash_bed import RECORD_BYTES, USAGE, TrashBed, put, records, usage
+from trash_bed import KORVANECTL, RECORD_BYTES, USAGE, TrashBed, put, records, usage
 
-KORVANECTL = os.path.abspath(sys.argv.pop(1))
 ADA = 1000
 NODE_OFFSET = 8  # of a result record
 
@@ -44,10 +42,6 @@ def nodes_kept():
 
 
 class TrashFaults(TrashBed):
-    def tearDown(self):
-        for path in glob.glob("/tmp/.KVDataRec_System*.dat"):
-            os.unlink(path)
-
     def count(self, daemon, text):
         return sum(text in line for line in daemon.lines())
 
@@ -100,9 +94,6 @@ class TrashFaults(TrashBed):
         planted = {}
         for kind in ("file", "link", "folder", "fifo"):
             planted[kind] = result_of(put(f"/home/ada/{kind}"))
-        for path in planted.values():  # of a run that was killed, whose item had the same number
-            subprocess.run(["rm", "-rf", path], check=True)
-            self.addCleanup(subprocess.run, ["rm", "-rf", path], check=True)
         put(planted["file"], "planted")
         os.chown(planted["file"], ADA, ADA)
         os.symlink(precious, planted["link"])

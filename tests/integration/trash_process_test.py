@@ -1,7 +1,7 @@
 """The trash history by the real daemon with the real recovery program: homes on the start-up volume
 and the trash of a volume that is mounted for the test.
 
-    trash_process_test.py DAEMON
+    trash_process_test.py DAEMON KORVANECTL
 """
 
 import glob
@@ -194,10 +194,7 @@ class TrashProcess(TrashBed):
         os.symlink(secrets, "/home/eve/.local/share/Trash")
         precious = put(f"{self.place}/precious", "precious")
         planted = "/tmp/.KVDataRec_System.dat"
-        # The daemon of another test was killed and has left one.
-        subprocess.run(["rm", "-f", planted], check=True)
         os.symlink(precious, planted)
-        self.addCleanup(os.unlink, planted)
         daemon = self.watch()
         os.symlink(precious, f"{self.trash}/files/a link")
         put(f"{secrets}/files/another secret")
