@@ -20,6 +20,7 @@
 #include "korvanectl/Document.h"
 #include "korvanectl/Text.h"
 #include "platform/linux/MountTable.h"
+#include "platform/linux/OpenFolder.h"
 #include "storage/SupportFolder.h"
 #include "trash/TrashFormats.h"
 
@@ -205,17 +206,21 @@ UniqueFd openTrashFolder(const std::string& path) {
     return folder;
 }
 
+bool hasNodeAndBirth(const HistoryItem& item, int folder, const std::string& name) {
+    struct statx status {};
+    return ::statx(folder, name.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
+                   STATX_INO | STATX_BTIME, &status) == 0 &&
+           (status.stx_mask & STATX_BTIME) != 0 && status.stx_ino == item.node &&
+           status.stx_btime.tv_sec == item.born;
+}
+
 // A file system gives the number of an emptied item to the next file, which may well get its name,
 // too: what left the trash is there again only by its birth.
 bool isItemsBirth(const HistoryItem& item, const ItemInTrash& found) {
     const bool hasLeft = item.lastSeen || item.state != TrashState::inTrash;
     if (!hasLeft) return true;
     if (item.born == 0) return !item.lastSeen;
-    struct statx status {};
-    return ::statx(found.folder.get(), found.name.c_str(), AT_SYMLINK_NOFOLLOW,
-                   STATX_INO | STATX_BTIME, &status) == 0 &&
-           (status.stx_mask & STATX_BTIME) != 0 && status.stx_ino == item.node &&
-           status.stx_btime.tv_sec == item.born;
+    return hasNodeAndBirth(item, found.folder.get(), found.name);
 }
 
 }  // namespace
@@ -287,6 +292,19 @@ std::optional<ItemInTrash> findInTrash(const HistoryItem& item) {
         return std::nullopt;
     }
     return found;
+}
+
+bool standsAtOrigin(const HistoryItem& item) {
+    const fs::path origin = bytesOfText(item.origin);
+    // Written in any other way, the path could lead past the mount that its name tells of.
+    if (item.born == 0 || !origin.is_absolute() ||
+        origin.native() != origin.lexically_normal().native() ||
+        !isFileName(origin.filename().native()) ||
+        origin.native().find('\0') != std::string::npos) {
+        return false;
+    }
+    const UniqueFd folder = openPlaceAt(AT_FDCWD, origin.parent_path().native());
+    return folder && hasNodeAndBirth(item, folder.get(), origin.filename().native());
 }
 
 }  // namespace korvane::ctl

@@ -32,6 +32,9 @@ struct HistoryItem {
     TrashState state = TrashState::inTrash;
     std::optional<Time> left;  // when it was seen to have left the trash
     std::string origin;        // the path that it came from; empty when it is not recorded
+    // It left the trash, and stands where it came from. One that had another name in the trash is
+    // emptied all the same by the history, which knows an item by its name.
+    bool isAtOrigin = false;
 
     // Of an item that the history has no longer: the next item with its node number took its place
     // there, its time was over, or the history was begun anew. Whether it was emptied or put back
@@ -67,5 +70,10 @@ struct ItemInTrash {
     struct stat status {};
 };
 [[nodiscard]] std::optional<ItemInTrash> findInTrash(const HistoryItem& item);
+
+// Whether the path that the item came from has the item itself, by its node and its birth, without
+// a link in the way; false when its birth is not recorded. Nothing is opened but the folder's
+// place.
+[[nodiscard]] bool standsAtOrigin(const HistoryItem& item);
 
 }  // namespace korvane::ctl

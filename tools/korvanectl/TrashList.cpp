@@ -18,6 +18,11 @@ std::string timeOrNothing(const std::optional<Time>& time, Time now) {
 }
 
 std::string stateWords(const HistoryItem& item, Time now) {
+    if (item.isAtOrigin) {
+        return item.left
+                   ? fmt::format("put back where it came from, {}", timeWords(*item.left, now))
+                   : "put back where it came from";
+    }
     if (item.lastSeen && item.state != TrashState::inTrash) {
         return fmt::format("not in the history, last seen {}", timeOrNothing(item.lastSeen, now));
     }
@@ -57,8 +62,16 @@ Outcome<std::vector<HistoryItem>> trashHistoryOf(Program& program) {
         if (item.lastSeen && volumeOfPath(program.volumes(), item.folder) && findInTrash(item)) {
             item.state = TrashState::inTrash;
         }
+        item.isAtOrigin = item.state != TrashState::inTrash && isPutBackToOrigin(program, item);
     }
     return history;
+}
+
+bool isPutBackToOrigin(Program& program, const HistoryItem& item) {
+    if (item.origin.empty()) return false;
+    const auto trash = volumeOfPath(program.volumes(), item.folder);
+    const auto origin = volumeOfPath(program.volumes(), item.origin);
+    return trash && origin && trash->mountPoint == origin->mountPoint && standsAtOrigin(item);
 }
 
 Outcome<HistoryItem> itemCalled(Program& program, const std::string& wanted) {

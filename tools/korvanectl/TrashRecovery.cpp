@@ -95,14 +95,18 @@ std::optional<Failure> objectionToTarget(const HistoryItem& item, const fs::path
     const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path{"."};
     if (::stat(folder.c_str(), &status) != 0) return fileFailure(folder.string(), errno);
     if (status.st_dev != volume) return std::nullopt;
-    return Failure{
-        ExitStatus::refused,
-        fmt::format("{}the target lies on the item's own volume, where writing may destroy "
-                    "what is to be recovered; take one on another volume",
-                    item.state == TrashState::removed
-                        ? "the item was put back, or moved out of the trash: look for it "
-                          "there; to read what was recorded all the same: "
-                        : "")};
+    const char* beginning = "";
+    if (item.isAtOrigin) {
+        beginning = "to read what was recorded all the same: ";
+    } else if (item.state == TrashState::removed) {
+        beginning =
+            "the item was put back, or moved out of the trash: look for it there; to read what was "
+            "recorded all the same: ";
+    }
+    return Failure{ExitStatus::refused,
+                   fmt::format("{}the target lies on the item's own volume, where writing may "
+                               "destroy what is to be recovered; take one on another volume",
+                               beginning)};
 }
 
 struct Volume {
@@ -280,12 +284,16 @@ void tellRecovered(Program& program, const std::vector<RecordedItem>& items,
 // What the user must know before trusting anything that was read.
 void tellDoubts(Program& program, const HistoryItem& wanted, const Volume& volume,
                 const std::vector<RecoveredFile>& files) {
-    if (wanted.state == TrashState::removed) {
+    if (wanted.isAtOrigin) {
+        program.note(
+            "what was read is the item's contents as they were recorded, if nothing was written to "
+            "it since");
+    } else if (wanted.state == TrashState::removed) {
         program.note(
             "the item was put back, or moved out of the trash: what was read is its contents as "
             "they were recorded, if nothing was written to it since");
     }
-    if (wanted.lastSeen) {
+    if (wanted.lastSeen && !wanted.isAtOrigin) {
         program.note(
             "the history has the item no longer: if it was put back, look for it there; what was "
             "read is its contents as they were recorded, if nothing was written to them since");
@@ -320,6 +328,10 @@ Outcome<ExitStatus> runLink(Program& program, const std::vector<RecordedItem>& i
 
 Outcome<ExitStatus> runRecovery(Program& program, const HistoryItem& wanted,
                                 const std::string& where) {
+    if (wanted.isAtOrigin) {
+        program.note(fmt::format("the item was put back as {}, where it stands now",
+                                 printable(wanted.origin)));
+    }
     const std::vector<RecordedItem> items = recordsOf(program.supportFolder, wanted);
     if (items.empty()) {
         return Failure{ExitStatus::refused,
@@ -356,11 +368,14 @@ Outcome<ExitStatus> runRecovery(Program& program, const HistoryItem& wanted,
 
 Outcome<ExitStatus> runRecover(Program& program, const std::string& wanted,
                                const std::string& where) {
-    const Outcome<HistoryItem> item = itemCalled(program, wanted);
+    Outcome<HistoryItem> item = itemCalled(program, wanted);
     if (!item) return item.failure();
-    const std::optional<ItemInTrash> inTrash = findInTrash(*item);
-    return inTrash ? runCopy(program, *inTrash, targetOf(where, inTrash->name))
-                   : runRecovery(program, *item, where);
+    if (const std::optional<ItemInTrash> inTrash = findInTrash(*item)) {
+        return runCopy(program, *inTrash, targetOf(where, inTrash->name));
+    }
+    // Also what the daemon has not yet seen to have left the trash.
+    item->isAtOrigin = isPutBackToOrigin(program, *item);
+    return runRecovery(program, *item, where);
 }
 
 }  // namespace
