@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 #include <set>
 #include <utility>
@@ -16,7 +17,10 @@
 #include "korvanectl/TrashHistory.h"
 #include "korvanectl/TrashList.h"
 #include "korvanectl/VolumeCommands.h"
+#include "korvanectl/VolumeReport.h"
 #include "korvanectl/Words.h"
+#include "platform/VolumeOfPath.h"
+#include "platform/linux/LinuxDirectoryWatch.h"
 #include "platform/linux/MountTable.h"
 #include "storage/VolumeEntry.h"
 
@@ -209,6 +213,33 @@ void noteOtherSwitch(Program& program, bool isOfVolume) {
     }
 }
 
+// The folder of homes on it, or one of the homes.
+bool holdsHomes(const std::string& mountPoint) {
+    namespace fs = std::filesystem;
+    const LinuxTrashPlaces places;
+    if (mountPoint == "/") return false;
+    std::error_code none;
+    const fs::path real = fs::weakly_canonical(places.homes, none);
+    const std::string homes = none ? places.homes : textOfBytes(real.native());
+    const std::string above = mountPoint.substr(0, mountPoint.rfind('/'));
+    return isAtOrBelow(homes, mountPoint) || above == homes || mountPoint == places.rootHome;
+}
+
+// The trash of a home is watched by the switch of "/", also where the home is mounted from another
+// volume.
+void noteHomes(Program& program, const std::string& volume, const char* word) {
+    const Outcome<Dictionary> preferences = program.preferences.read();
+    if (!preferences) return;
+    const Outcome<std::size_t> index = findVolume(*preferences, volume);
+    if (!index) return;
+    const ConstVolumeEntry entry{volumeEntryAt(*preferences, *index)};
+    if (!holdsHomes(entry.volumeMountToName())) return;
+    program.note(
+        fmt::format("the trash of a home belongs to the switch of \"/\", wherever the home lies; "
+                    "korvanectl trash {0} / turns that one {0}",
+                    word));
+}
+
 Outcome<ExitStatus> runSwitch(Program& program, const std::string& volume, bool isOn) {
     const char* const word = isOn ? "on" : "off";
     Outcome<ExitStatus> outcome = ExitStatus::done;
@@ -231,6 +262,7 @@ Outcome<ExitStatus> runSwitch(Program& program, const std::string& volume, bool 
         });
     }
     if (outcome && isOn) noteOtherSwitch(program, !volume.empty());
+    if (outcome && !volume.empty()) noteHomes(program, volume, word);
     return outcome;
 }
 

@@ -1,5 +1,5 @@
 // What the commands say of items that left the trash and stand where they came from, and what they
-// make of places that anybody may have written into the records.
+// make of places that anybody may have written into the records. The switch of homes, too.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -146,6 +146,30 @@ TEST_F(TrashOrigin, AsksNoMountButThatOfTheTrash) {
     }
     volumes.table.pop_back();
     EXPECT_THAT(listed(notes), HasSubstr(kBack));
+}
+
+class TrashOfHomes : public TrashFixture {};
+
+TEST_F(TrashOfHomes, BelongsToTheSwitchOfTheSystemsVolume) {
+    EXPECT_EQ(run({"trash", "on"}), 0);
+    const struct {
+        const char* mountPoint;
+        bool holdsHomes;
+    } rows[] = {{"/home", true},      {"/home/ada", true},
+                {"/root", true},      {"/home/ada/films", false},
+                {"/mnt/home", false}, {"/homes", false}};
+    for (const auto& row : rows) {
+        changeEntry(1, [&row](Dictionary& entry) {
+            entry.set("volumeMountToName", std::string(row.mountPoint));
+        });
+        for (const char* const word : {"on", "off"}) {
+            EXPECT_EQ(run({"trash", word, row.mountPoint}), 0) << row.mountPoint;
+            const std::string command = std::string("korvanectl trash ") + word + " / ";
+            EXPECT_EQ(err.find(command) != std::string::npos, row.holdsHomes) << row.mountPoint;
+        }
+    }
+    EXPECT_EQ(run({"trash", "off", "/"}), 0);
+    EXPECT_THAT(err, IsEmpty());
 }
 
 }  // namespace
