@@ -4,8 +4,11 @@ that are mounted for a test. Takes the paths of the daemon and of korvanectl off
 
 import contextlib
 import glob
+import json
 import os
 import plistlib
+import signal
+import struct
 import subprocess
 import sys
 import xml.parsers.expat
@@ -14,14 +17,17 @@ from daemon_bed import PROGRAM, SUPPORT, DaemonBed, mount, read_bytes, volume_en
 
 KORVANECTL = os.path.abspath(sys.argv.pop(1))
 USAGE = f"{SUPPORT}/Trash Usage.plist"
+USAGE_SAVING = f"{SUPPORT}/.Trash Usage.plist.saving"
 RECORD_BYTES = 764
+NODE_OFFSET = 8
+TEXT_OFFSET = 148
 STAMP_OFFSET = 544
 FROM_1904_TO_1970 = (66 * 365 + 17) * 86400
 
 
-def usage():
+def usage(path=USAGE):
     try:
-        return plistlib.loads(read_bytes(USAGE))
+        return plistlib.loads(read_bytes(path))
     except FileNotFoundError:
         return {}
     except (plistlib.InvalidFileException, xml.parsers.expat.ExpatError, ValueError):
@@ -31,6 +37,24 @@ def usage():
 def records():
     document = usage() or {}
     return {value["itemName"]: value for value in document.values() if isinstance(value, dict)}
+
+
+def files_of_results(volume="System"):
+    return glob.glob(f"{SUPPORT}/{volume}/Trash Deletes *")
+
+
+def recorded_items(volume="System"):
+    """The numbers and names of the items in the files of results, each of which must be whole."""
+    items = set()
+    for path in files_of_results(volume):
+        content = read_bytes(path)
+        if len(content) % RECORD_BYTES != 0:
+            return None  # just being added to
+        for at in range(RECORD_BYTES, len(content), RECORD_BYTES):
+            node, = struct.unpack_from("=Q", content, at + NODE_OFFSET)
+            name, _, _ = content[at + TEXT_OFFSET:at + STAMP_OFFSET].partition(b"\0")
+            items.add((node, name.decode()))
+    return items
 
 
 def files_of_searches():
@@ -99,9 +123,10 @@ class TrashBed(DaemonBed):
         wait_for(lambda: volume_entries().get("/", {}).get("usageStatus") == "0")
         return daemon
 
-    def wait_for_record(self, name):
+    def wait_for_record(self, name, volume=None):
         """Waits for an item's record in a daemon that may not have watched yet when it came."""
-        path, other = f"{self.trash}/files/{name}", f"/home/ada/{name}"
+        files = f"{volume}/.Trash-0/files" if volume else f"{self.trash}/files"
+        path, other = f"{files}/{name}", f"{volume or '/home/ada'}/{name}"
         for _ in range(20):
             put(other)
             os.replace(other, path)
@@ -116,3 +141,18 @@ class TrashBed(DaemonBed):
             f"[Trash Info]\nPath={origin or path}\nDeletionDate=2026-03-02T08:00:00\n")
         os.rename(path, f"{self.trash}/files/{name}")
         return f"{self.trash}/files/{name}"
+
+    def control(self, *words, bus_address="unix:path=/nonexistent/bus"):
+        return subprocess.run(
+            [KORVANECTL, *words], capture_output=True, text=True, check=False,
+            env={"PATH": os.environ["PATH"], "ASAN_OPTIONS": "detect_leaks=0",
+                 "DBUS_SYSTEM_BUS_ADDRESS": bus_address, "DBUS_SESSION_BUS_ADDRESS": bus_address})
+
+    def kill(self, daemon):
+        """Kills the daemon, and gives the keys of the records that a user can list then."""
+        daemon.process.send_signal(signal.SIGKILL)
+        daemon.process.wait()
+        self.assertTrue(usage() or usage(USAGE_SAVING))
+        listed = self.control("trash", "--json")
+        self.assertEqual(listed.returncode, 0, listed.stderr)
+        return {item["key"] for item in json.loads(listed.stdout)["items"]}

@@ -8,81 +8,64 @@ import contextlib
 import glob
 import os
 import random
-import signal
-import struct
 import subprocess
 import time
 import unittest
 
-from daemon_bed import SUPPORT, mount, read_bytes, volume_entries, wait_for
-from trash_bed import KORVANECTL, RECORD_BYTES, USAGE, TrashBed, put, records, usage
+from daemon_bed import SUPPORT, Daemon, mount, read_bytes, volume_entries, wait_for
+from trash_bed import (RECORD_BYTES, USAGE, TrashBed, files_of_results, put, recorded_items,
+                       records, usage)
 
 ADA = 1000
-NODE_OFFSET = 8  # of a result record
 
 
 def result_of(path):
     return f"/tmp/.{os.stat(path, follow_symlinks=False).st_ino}.dat"
 
 
-def files_of_results():
-    return glob.glob(f"{SUPPORT}/System/Trash Deletes *")
-
-
 def nodes_kept():
-    """The numbers of the items in the files of results, each of which must be whole."""
-    nodes = []
-    for path in files_of_results():
-        content = read_bytes(path)
-        if len(content) % RECORD_BYTES != 0:
-            return None  # just being added to
-        nodes += [struct.unpack_from("=Q", content, at + NODE_OFFSET)[0]
-                  for at in range(RECORD_BYTES, len(content), RECORD_BYTES)]
-    return nodes
+    return [node for node, _ in recorded_items() or ()]
 
 
 class TrashFaults(TrashBed):
     def count(self, daemon, text):
         return sum(text in line for line in daemon.lines())
 
-    def end_daemon(self, daemon, number=signal.SIGKILL):
-        daemon.process.send_signal(number)
-        daemon.process.wait()
-
     def test_collects_what_a_daemon_before_it_had_searched_for(self):
         daemon = self.watch()
-        for number, name in ((signal.SIGKILL, "killed"), (signal.SIGTERM, "ended")):
+        for end, name in ((self.kill, "killed"), (Daemon.terminate, "ended")):
             path = self.throw_away(name, "contents")
             node, result = os.stat(path).st_ino, result_of(path)
             # What was not recorded by then is nobody's to search for.
             wait_for(lambda: name in records())
-            wait_for(lambda: os.path.exists(result) or node in (nodes_kept() or ()))
-            self.end_daemon(daemon, number)
+            wait_for(lambda: os.path.exists(result) or node in nodes_kept())
+            end(daemon)
             os.unlink(path)
             daemon = self.start()
-            wait_for(lambda: node in (nodes_kept() or ()))
+            wait_for(lambda: node in nodes_kept())
             self.assertFalse(os.path.exists(result))
             wait_for(lambda: not glob.glob("/tmp/.KVDataRec_System*.dat"))
 
     def test_loses_no_search_when_it_is_killed_at_any_moment(self):
         daemon = self.watch()
+        self.wait_for_record("first")
         chance = random.Random(13)
         nodes = set()
         for turn in range(8):
             for item in range(4):
                 nodes.add(os.stat(self.throw_away(f"{turn}.{item}", "contents")).st_ino)
             time.sleep(chance.random() * 2.5)  # the moment is what varies, nothing is waited for
-            self.end_daemon(daemon)
+            self.kill(daemon)
             for path in files_of_results():
                 content = read_bytes(path)
                 self.assertTrue(not content or content.startswith(b"quorlen\0\0"))
             daemon = self.start()
         # Whatever came while no daemon watched is seen with the next change.
         self.wait_for_record("last")
-        wait_for(lambda: nodes <= set(nodes_kept() or ()), 60)
+        wait_for(lambda: nodes <= set(nodes_kept()), 60)
         # Jobs that were written just before a kill may name nothing that was recorded by then: such
         # a file goes at a start once it is old.
-        self.end_daemon(daemon)
+        self.kill(daemon)
         for path in glob.glob("/tmp/.KVDataRec_System*.dat"):
             os.utime(path, (0, 0))
         self.start()
@@ -105,7 +88,7 @@ class TrashFaults(TrashBed):
         wait_for(lambda: set(planted) <= set(records()))
         for name in ("first", "second"):
             node = os.stat(self.throw_away(name)).st_ino
-            wait_for(lambda: node in (nodes_kept() or ()))
+            wait_for(lambda: node in nodes_kept())
         for path in planted.values():
             self.assertEqual(self.count(daemon, path), 1, daemon.lines())
         self.assertEqual(read_bytes(planted["file"]), b"planted")
@@ -114,7 +97,7 @@ class TrashFaults(TrashBed):
     def test_goes_on_when_somebody_links_its_files(self):
         self.watch()
         first = os.stat(self.throw_away("first")).st_ino
-        wait_for(lambda: first in (nodes_kept() or ()))
+        wait_for(lambda: first in nodes_kept())
         wait_for(lambda: "first" in records())
         links = {}
         for index, path in enumerate([USAGE, *files_of_results()]):
@@ -122,7 +105,7 @@ class TrashFaults(TrashBed):
             os.link(path, links[path])
         second = os.stat(self.throw_away("second")).st_ino
         wait_for(lambda: "second" in records())
-        wait_for(lambda: second in (nodes_kept() or ()))
+        wait_for(lambda: second in nodes_kept())
         self.assertEqual(os.stat(USAGE).st_mode & 0o7777, 0o666)
         self.assertEqual(os.stat(USAGE).st_nlink, 1)
         self.assertNotIn(b"second", read_bytes(links[USAGE]))
@@ -141,7 +124,7 @@ class TrashFaults(TrashBed):
         self.addCleanup(subprocess.run, ["umount", "--lazy", "/Library"], check=True)
         daemon = self.watch()
         first = os.stat(self.throw_away("first")).st_ino
-        wait_for(lambda: first in (nodes_kept() or ()))
+        wait_for(lambda: first in nodes_kept())
         before = usage()
         ballast = "/Library/ballast"
         with open(ballast, "wb", buffering=0) as file, contextlib.suppress(OSError):
@@ -163,7 +146,7 @@ class TrashFaults(TrashBed):
         os.unlink(ballast)
         self.throw_away("after")
         wait_for(lambda: len(records()) == 42, 60)
-        wait_for(lambda: set(nodes) <= set(nodes_kept() or ()), 60)
+        wait_for(lambda: set(nodes) <= set(nodes_kept()), 60)
 
     def test_keeps_the_first_date_over_a_restart_and_drops_a_record_in_time(self):
         daemon = self.watch(trashSaveDays=0)
@@ -197,12 +180,6 @@ class TrashFaults(TrashBed):
         self.assertTrue(os.path.exists(young))
         self.assertTrue(os.path.exists(inside))
 
-    def control(self, bus, *words):
-        return subprocess.run(
-            [KORVANECTL, *words], capture_output=True, text=True, check=False,
-            env={"PATH": os.environ["PATH"], "ASAN_OPTIONS": "detect_leaks=0",
-                 "DBUS_SYSTEM_BUS_ADDRESS": bus.address, "DBUS_SESSION_BUS_ADDRESS": bus.address})
-
     def test_korvanectl_switches_the_history_of_a_running_daemon(self):
         data = self.mount_image("/Volumes/Data")
         bus = self.start_bus()
@@ -211,24 +188,24 @@ class TrashFaults(TrashBed):
         os.makedirs(f"{data}/.Trash-0/files")
         self.throw_away("while on")
         wait_for(lambda: "while on" in records())
-        switched = self.control(bus, "trash", "off", "/")
+        switched = self.control("trash", "off", "/", bus_address=bus.address)
         self.assertEqual(switched.returncode, 0, switched.stderr)
         self.throw_away("while off")
         put(f"{data}/.Trash-0/files/elsewhere")
         wait_for(lambda: "elsewhere" in records())
         self.assertNotIn("while off", records())
-        switched = self.control(bus, "trash", "on", "/")
+        switched = self.control("trash", "on", "/", bus_address=bus.address)
         self.assertEqual(switched.returncode, 0, switched.stderr)
         self.wait_for_record("on again")
         self.assertIn("while off", records())  # it was there when the folder changed
-        switched = self.control(bus, "trash", "off")
+        switched = self.control("trash", "off", bus_address=bus.address)
         self.assertEqual(switched.returncode, 0, switched.stderr)
         before = read_bytes(USAGE)
         self.throw_away("all off")
         put(f"{data}/.Trash-0/files/off there too")
         time.sleep(2)  # nothing is to happen; a record takes some milliseconds
         self.assertEqual(read_bytes(USAGE), before)
-        refused = self.control(bus, "trash", "on", "/Volumes/None")
+        refused = self.control("trash", "on", "/Volumes/None", bus_address=bus.address)
         self.assertNotEqual(refused.returncode, 0)
         self.assertIn("/Volumes/None", refused.stderr)
 

@@ -7,7 +7,6 @@ and the trash of a volume that is mounted for the test.
 import glob
 import os
 import random
-import signal
 import struct
 import subprocess
 import time
@@ -253,20 +252,17 @@ class TrashProcess(TrashBed):
 
     def test_loses_nothing_when_it_is_killed_at_any_moment(self):
         daemon = self.watch()
-        seen = set()
+        seen = set(self.wait_for_record("first"))
         chance = random.Random(11)
         for turn in range(12):
             for item in range(8):
                 put(f"{self.trash}/files/{turn}.{item}")
             time.sleep(chance.random() * 0.05)  # the moment is what varies, nothing is waited for
-            daemon.process.send_signal(signal.SIGKILL)
-            daemon.process.wait()
-            before = usage()
+            listed = self.kill(daemon)
+            self.assertLessEqual(seen, listed)
             daemon = self.start()
-            document = self.wait_for_record(f"turn {turn}")
-            if before is not None:
-                seen |= set(before)
-            self.assertLessEqual(seen, set(document))
+            seen = set(self.wait_for_record(f"turn {turn}"))
+            self.assertLessEqual(listed, seen)
 
     def test_sets_an_unreadable_record_aside(self):
         daemon = self.watch()
