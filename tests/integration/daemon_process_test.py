@@ -5,6 +5,7 @@
 
 import os
 import plistlib
+import re
 import shutil
 import signal
 import subprocess
@@ -84,6 +85,19 @@ class DaemonProcess(DaemonBed):
         status, seconds = daemon.terminate()
         self.assertEqual(status, 0)
         self.assertLess(seconds, 1)
+
+    def test_runs_in_short_turns_and_hands_them_to_nothing_that_it_launches(self):
+        if os.sched_getscheduler(0) != os.SCHED_OTHER:
+            self.skipTest("what runs by another policy has turns of its own")
+        process = self.start().process.pid
+        self.assertEqual(os.sched_getscheduler(process), os.SCHED_OTHER | os.SCHED_RESET_ON_FORK)
+        # The first version that has turns to ask for.
+        if tuple(int(part) for part in os.uname().release.split(".")[:2]) < (6, 12):
+            self.skipTest("this machine's kernel has turns of one length")
+        if not os.path.exists(f"/proc/{process}/sched"):
+            self.skipTest("this machine's kernel does not tell of turns")
+        turns = re.search(rb"^se\.slice *: *(\d+)$", read_bytes(f"/proc/{process}/sched"), re.M)
+        self.assertEqual(int(turns[1]), 100_000)
 
     def test_ends_at_once_on_sigterm_and_saves_nothing(self):
         self.write_preferences()

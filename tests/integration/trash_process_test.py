@@ -13,8 +13,8 @@ import time
 import unittest
 
 from daemon_bed import SUPPORT, mount, read_bytes, volume_entries, wait_for
-from trash_bed import (FROM_1904_TO_1970, RECORD_BYTES, STAMP_OFFSET, USAGE, TrashBed, put, records,
-                       usage)
+from trash_bed import (FROM_1904_TO_1970, RECORD_BYTES, STAMP_OFFSET, USAGE, TrashBed,
+                       files_of_searches, put, recorded_items, records, usage)
 
 
 class TrashProcess(TrashBed):
@@ -137,6 +137,88 @@ class TrashProcess(TrashBed):
 
     def test_follows_items_that_left_while_it_did_not_run(self):
         self.take_away_while_none_runs(self.watch())
+
+    def put_two_of_one_number(self, paths):
+        """Makes an item at each of the paths, on volumes of their own where both have one number."""
+        for attempt in range(100):
+            numbers = [os.stat(put(path)).st_ino for path in paths]
+            if len(set(numbers)) == 1:
+                return numbers[0]
+            lower = paths[numbers.index(min(numbers))]
+            os.rename(lower, f"{lower}, aside {attempt}")  # so that its number stays taken
+        raise AssertionError("the volumes number too differently")
+
+    def throw_two_away(self, volumes, name):
+        """Throws an item of one number away on each volume, one right after the other."""
+        items = [(f"{volume}/{name}", f"{volume}/.Trash-0/files/{name}") for volume in volumes]
+        number = self.put_two_of_one_number([path for path, _ in items])
+        for path, _ in items:
+            put(path, f"{name} of {path}")
+        for path, item in items:
+            os.rename(path, item)
+        return number
+
+    def test_keeps_items_of_one_number_on_two_volumes_apart(self):
+        volumes = {self.mount_image(f"/Volumes/{name}"): name for name in ("One", "Two")}
+        for volume in volumes:
+            os.makedirs(f"{volume}/.Trash-0/files")
+        daemon = self.watch(*volumes)
+        for volume in volumes:
+            wait_for(lambda: volume_entries().get(volume, {}).get("usageStatus") == "0")
+        together = self.throw_two_away(volumes, "together")
+        for name in volumes.values():
+            wait_for(lambda: recorded_items(name) == {(together, "together")}, 60)
+        wait_for(lambda: not files_of_searches())
+        killed = self.throw_two_away(volumes, "killed")
+        wait_for(lambda: {f"{name}_{killed}" for name in volumes.values()} <= set(usage() or ()))
+        self.kill(daemon)
+        self.start()
+        for volume, name in volumes.items():
+            self.wait_for_record(f"next of {name}", volume)
+        for name in volumes.values():
+            wait_for(lambda: {(together, "together"), (killed, "killed")} <= (
+                recorded_items(name) or set()), 60)
+            self.assertLessEqual({item for _, item in recorded_items(name)},
+                                 {"together", "killed", f"next of {name}"})
+        wait_for(lambda: not files_of_searches(), 60)
+        for volume, name in volumes.items():
+            for number, item in ((together, "together"), (killed, "killed")):
+                self.check_that_it_comes_back(f"{name}_{number}", item, volume)
+
+    def check_that_it_comes_back(self, key, name, volume):
+        os.unlink(f"{volume}/.Trash-0/files/{name}")
+        wait_for(lambda: "Deleted" in (usage() or {}).get(key, {}), 60)
+        shown = self.control("trash", "show", key)
+        self.assertEqual(shown.returncode, 0, shown.stderr)
+        self.assertIn(name, shown.stdout)
+        copy = f"/home/ada/{key}"
+        recovered = self.control("trash", "recover", key, copy)
+        self.assertEqual(recovered.returncode, 0, recovered.stderr)
+        self.assertEqual(read_bytes(copy).decode(), f"{name} of {volume}/{name}")
+
+    def test_searches_the_volume_for_items_that_it_has_no_trace_of(self):
+        data = self.mount_image("/Volumes/Data")
+        files = f"{data}/.Trash-0/files"
+        os.makedirs(files)
+        daemon = self.watch(data)
+        wait_for(lambda: volume_entries().get(data, {}).get("usageStatus") == "0")
+        for name in ("elsewhere", "gone"):
+            put(f"{files}/{name}")
+        wait_for(lambda: {"elsewhere", "gone"} <= set(records()))
+        daemon.terminate()
+        os.unlink(f"{SUPPORT}/.Trash Items.plist")
+        os.makedirs(f"{data}/below/deep")
+        os.rename(f"{files}/elsewhere", f"{data}/below/deep/elsewhere")
+        # Its number goes to none that comes later while it is open.
+        with open(f"{files}/gone", "rb"):
+            os.unlink(f"{files}/gone")
+            self.start()
+            self.wait_for_record("later", data)
+            wait_for(lambda: all({"Removed", "Deleted"} & set(records().get(name, ()))
+                                 for name in ("elsewhere", "gone")), 60)
+        found = records()
+        self.assertIn("Removed", found["elsewhere"])
+        self.assertIn("Deleted", found["gone"])
 
     def test_follows_a_home_on_a_subvolume(self):
         image = f"{self.place}/Tree.image"
