@@ -120,7 +120,7 @@ class DirectoryBackupProcess(DirectoryBackupBed):
                                         b"./folder/below/a file"})
         self.assertEqual(entries[b"./folder/below/a file"][b"size"], b"8")
         self.assertIn("DirectoryBackup (ON)", os.listdir(DATA_FOLDER))
-        self.assertEqual(os.stat(f"{DATA_FOLDER}/{name}").st_mode & 0o7777, 0o666)
+        wait_for(lambda: os.stat(f"{DATA_FOLDER}/{name}").st_mode & 0o7777 == 0o666, LONG)
         for location in (backup, second):
             copies = f"{location}/Korvane Protection/Data"
             self.assertEqual(os.listdir(copies), [name])
