@@ -168,7 +168,7 @@ class TrashProcess(TrashBed):
         together = self.throw_two_away(volumes, "together")
         for name in volumes.values():
             wait_for(lambda: recorded_items(name) == {(together, "together")}, 60)
-        wait_for(lambda: not files_of_searches())
+        wait_for(lambda: not files_of_searches(), 60)
         killed = self.throw_two_away(volumes, "killed")
         wait_for(lambda: {f"{name}_{killed}" for name in volumes.values()} <= set(usage() or ()))
         self.kill(daemon)
