@@ -24,8 +24,10 @@ Error failure(std::string_view what, const std::string& name) {
     return Error{fmt::format("{} {}: {}", what, name, std::strerror(errno))};
 }
 
+// One that others may write holds what they like, such as a left name of a file that all may write.
 bool isOwnFile(const struct stat& status) {
-    return S_ISREG(status.st_mode) && status.st_uid == ::geteuid();
+    return S_ISREG(status.st_mode) && status.st_uid == ::geteuid() &&
+           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 bool writeAll(int file, std::string_view bytes) {
@@ -57,7 +59,8 @@ class TerminationHeldBack {
 
 enum class Name { free, ours, taken };
 
-// Somebody's link or file, and one of ours that has a second name, is another's.
+// Somebody's link or file, and one of ours that has a second name or that others may write, is
+// another's.
 Result<Name> lookAt(int folder, const std::string& name) {
     struct stat status {};
     if (::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {

@@ -15,11 +15,13 @@ enum class Saved {
 };
 
 // Makes the file `name` in the folder, readable by its owner alone. A regular file of this user
-// without further names, left over from before or made by a run at the same time, is replaced.
+// that no other may write and without further names, left over from before or made by a run at the
+// same time, is replaced.
 [[nodiscard]] Result<Saved> saveResult(const std::string& folder, const std::string& name,
                                        std::string_view bytes);
 
-// The contents of a regular file of this user's, not through a link and not longer than `most`.
+// The contents of a regular file of this user's that no other may write, not through a link and not
+// longer than `most`.
 [[nodiscard]] Result<std::string> readOwnFile(const std::string& path, std::size_t most);
 
 }  // namespace korvane

@@ -30,6 +30,11 @@ struct ItemAttributes {
     mode_t permissions = 0;
 };
 
+// Who may write a file that is read. What others may write is taken for the daemon's own only in a
+// folder that is the daemon's: elsewhere it may be one of its shared files, which somebody has
+// given a name there.
+enum class Writers { owner, anybody };
+
 class FileSystem {
   public:
     virtual ~FileSystem() = default;
@@ -80,10 +85,11 @@ class FileSystem {
         Durability durability) = 0;
 
     // The bytes of a regular file of the daemon's own user. Never through a link.
-    [[nodiscard]] virtual Result<std::string> readFile(const std::string& path) = 0;
+    [[nodiscard]] virtual Result<std::string> readFile(const std::string& path,
+                                                       Writers writers) = 0;
     // Creates a file with these bytes and permissions (less the umask), or empties and rewrites the
-    // one that is there. Never through a link, nor into a file of somebody else or with a second
-    // name: in a folder that all may write, that is another's.
+    // one that is there. Never through a link, nor into a file of somebody else, that others may
+    // write or with a second name: in a folder that all may write, that is another's.
     [[nodiscard]] virtual Result<std::monostate> writeFile(const std::string& path,
                                                            std::string_view bytes,
                                                            mode_t permissions) = 0;

@@ -78,7 +78,7 @@ using JobItems = std::set<std::pair<std::uint64_t, std::string>>;
 std::vector<SearchContent> leftJobs(const Machine& machine, const std::string& inFilePath,
                                     const NodeVolumes& seenOn, JobItems& taken) {
     std::vector<SearchContent> jobs;
-    const Result<std::string> input = machine.fileSystem.readFile(inFilePath);
+    const Result<std::string> input = machine.fileSystem.readFile(inFilePath, Writers::owner);
     if (!input) return jobs;  // somebody else's
     for (std::size_t at = 0; at < input->size(); at += kSearchJobBytes) {
         auto job = leftJob(machine, std::string_view(*input).substr(at, kSearchJobBytes), seenOn);
@@ -138,7 +138,7 @@ void KorvaneProDaemon::collectLeftResult(std::uint64_t nodeId,
                                          const std::set<std::int16_t>& seenOn) {
     FileSystem& files = machine_.fileSystem;
     const std::string path = searchResultPathOf(nodeId);
-    const Result<std::string> result = files.readFile(path);
+    const Result<std::string> result = files.readFile(path, Writers::owner);
     if (!result || !result->starts_with(kResultTag)) return;  // somebody else's
     // Two volumes may each have an item of this number: which one's it is cannot be told.
     if (seenOn.size() != 1) {

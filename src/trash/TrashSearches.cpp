@@ -235,8 +235,9 @@ void KorvaneProDaemon::collectSearchResult(const SearchContent& job) {
         addition.append(header.data(), header.size());
     }
     const bool hasResult = files.attributes(job.searchResultPath).has_value();
-    const Result<std::string> result =
-        hasResult ? files.readFile(job.searchResultPath) : Result<std::string>(std::string());
+    const Result<std::string> result = hasResult
+                                           ? files.readFile(job.searchResultPath, Writers::owner)
+                                           : Result<std::string>(std::string());
     if (result) {
         addition += stampedRecords(*result, secondsSince1904(now));
     } else {

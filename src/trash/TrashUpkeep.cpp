@@ -61,7 +61,7 @@ Result<std::monostate> KorvaneProDaemon::beginTrashUsage(const TrashItem& item) 
         // read is not.
         if (attributes->kind == ItemKind::file && attributes->ownerId == files.userId() &&
             attributes->sizeBytes <= kLargestPropertyListBytes) {
-            const Result<std::string> text = files.readFile(path);
+            const Result<std::string> text = files.readFile(path, Writers::anybody);
             if (!text) return text.error();
             const auto document = parsePropertyList(*text);
             if (document && document->dictionary())

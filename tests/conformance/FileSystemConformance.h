@@ -305,6 +305,25 @@ TEST_P(FileSystemConformance, HasNoPropertyListWhereThereIsNoFile) {
     EXPECT_FALSE(files().exists(at("missing")));
 }
 
+// In a folder that everybody may write, a file of this user's that others may write is one that
+// somebody else gave a name there.
+TEST_P(FileSystemConformance, TakesNoFileThatOthersMayWriteForItsOwn) {
+    ASSERT_TRUE(files().writeFile(at("jobs"), "jobs", 0640));
+    for (const mode_t permissions : {0660U, 0606U, 0666U}) {
+        ASSERT_TRUE(files().setPermissions(at("jobs"), permissions));
+        EXPECT_FALSE(files().readFile(at("jobs"), Writers::owner)) << permissions;
+        EXPECT_FALSE(files().writeFile(at("jobs"), "other jobs", 0640)) << permissions;
+        const auto shared = files().readFile(at("jobs"), Writers::anybody);
+        ASSERT_TRUE(shared) << permissions;
+        EXPECT_EQ(*shared, "jobs");
+    }
+    ASSERT_TRUE(files().setPermissions(at("jobs"), 0640));
+    EXPECT_TRUE(files().writeFile(at("jobs"), "other jobs", 0640));
+    const auto own = files().readFile(at("jobs"), Writers::owner);
+    ASSERT_TRUE(own);
+    EXPECT_EQ(*own, "other jobs");
+}
+
 TEST_P(FileSystemConformance, KnowsItemsByTheLastComponentAndTheRootAsSystem) {
     EXPECT_EQ(files().displayName("/"), "System");
     EXPECT_EQ(files().displayName("/Volumes/Data"), "Data");

@@ -26,8 +26,9 @@ Error errorAt(const std::string& path, int number) {
     return Error{path + ": " + std::generic_category().message(number)};
 }
 
-bool isOwnFile(const struct stat& status) {
-    return S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == ::geteuid();
+bool isOwnFile(const struct stat& status, Writers writers) {
+    return S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == ::geteuid() &&
+           (writers == Writers::anybody || (status.st_mode & (S_IWGRP | S_IWOTH)) == 0);
 }
 
 // The errno of what failed, or 0.
@@ -60,11 +61,11 @@ Result<std::monostate> LinuxFileSystem::changePropertyListInSteps(
     return propertyLists_.changeInSteps(place, steps, edit, permissions, durability);
 }
 
-Result<std::string> LinuxFileSystem::readFile(const std::string& path) {
+Result<std::string> LinuxFileSystem::readFile(const std::string& path, Writers writers) {
     const UniqueFd file{::open(located(path).c_str(), O_RDONLY | kCarefully)};
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) return errorAt(path, errno);
-    if (!isOwnFile(status)) return Error{path + ": not a file of its own"};
+    if (!isOwnFile(status, writers)) return Error{path + ": not a file of its own"};
     if (status.st_size > kLargestFileBytes) return Error{path + ": is too large"};
     std::string bytes(static_cast<std::size_t>(status.st_size), '\0');
     std::size_t length = 0;
@@ -85,7 +86,7 @@ Result<std::monostate> LinuxFileSystem::writeFile(const std::string& path, std::
         ::open(located(path).c_str(), O_WRONLY | O_CREAT | kCarefully, permissions)};
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) return errorAt(path, errno);
-    if (!isOwnFile(status)) return Error{path + ": not a file of its own"};
+    if (!isOwnFile(status, Writers::owner)) return Error{path + ": not a file of its own"};
     if (status.st_size != 0 && ::ftruncate(file.get(), 0) != 0) return errorAt(path, errno);
     const int failure = writeWhole(file.get(), bytes);
     if (failure != 0) return errorAt(path, failure);

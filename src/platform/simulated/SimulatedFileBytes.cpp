@@ -7,6 +7,16 @@
 
 namespace korvane {
 
+namespace {
+
+bool isFileOf(std::uint32_t userId, const SimulatedNode& node, Writers writers) {
+    constexpr mode_t kOthersMayWrite = 022;
+    return node.kind == ItemKind::file && node.ownerId == userId &&
+           (writers == Writers::anybody || (node.permissions & kOthersMayWrite) == 0);
+}
+
+}  // namespace
+
 Result<std::monostate> SimulatedFileSystem::changePropertyList(
     const std::string& path, const std::function<bool(PropertyList&)>& edit, mode_t permissions,
     Durability durability) {
@@ -40,12 +50,12 @@ Result<std::monostate> SimulatedFileSystem::changePropertyListInSteps(
     return std::monostate{};
 }
 
-Result<std::string> SimulatedFileSystem::readFile(const std::string& path) {
+Result<std::string> SimulatedFileSystem::readFile(const std::string& path, Writers writers) {
     const std::optional<Place> place = find(path, LastLink::kept);
     if (!place || !place->node) {
         return Error{path + ": no such file or folder"};
     }
-    if (place->node->kind != ItemKind::file || place->node->ownerId != userId()) {
+    if (!isFileOf(userId(), *place->node, writers)) {
         return Error{path + ": not a file of its own"};
     }
     if (path == unreadableFile_) {
@@ -60,7 +70,7 @@ Result<std::monostate> SimulatedFileSystem::writeFile(const std::string& path,
     if (!place || place->name.empty()) {
         return Error{path + ": no such file or folder"};
     }
-    if (place->node && (place->node->kind != ItemKind::file || place->node->ownerId != userId())) {
+    if (place->node && !isFileOf(userId(), *place->node, Writers::owner)) {
         return Error{path + ": not a file of its own"};
     }
     if (const std::optional<Error> error = refusal(*place, true)) {

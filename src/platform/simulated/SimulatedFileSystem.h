@@ -59,7 +59,7 @@ class SimulatedFileSystem final : public FileSystem {
         const std::string& path, std::size_t steps,
         const std::function<bool(PropertyList&, std::size_t step)>& edit, mode_t permissions,
         Durability durability) override;
-    [[nodiscard]] Result<std::string> readFile(const std::string& path) override;
+    [[nodiscard]] Result<std::string> readFile(const std::string& path, Writers writers) override;
     [[nodiscard]] Result<std::monostate> writeFile(const std::string& path, std::string_view bytes,
                                                    mode_t permissions) override;
     [[nodiscard]] Result<std::monostate> appendRecords(const std::string& path,

@@ -20,6 +20,7 @@ namespace fs = std::filesystem;
 
 class ResultFileTest : public testing::Test {
   protected:
+    ResultFileTest() { ::umask(022); }  // files that others may write are nobody's
     [[nodiscard]] std::string text(std::string_view name) const {
         std::ifstream in{folder / name, std::ios::binary};
         return {std::istreambuf_iterator<char>{in}, {}};
@@ -107,6 +108,23 @@ TEST_F(ResultFileTest, LeavesSomebodyElsesFileAlone) {
     EXPECT_FALSE(save("new"));
     EXPECT_EQ(text(".1.dat"), "theirs");
     EXPECT_FALSE(readOwnFile(folder / ".1.dat", 100));
+}
+
+// A shared file that somebody gave this name is left with it alone once it is replaced in its
+// place.
+TEST_F(ResultFileTest, LeavesAFileThatOthersMayWriteAlone) {
+    for (const mode_t permissions : {0660U, 0606U}) {
+        folder.write(".1.dat", "anybody's");
+        ASSERT_EQ(::chmod((folder / ".1.dat").c_str(), permissions), 0);
+        EXPECT_FALSE(save("new"));
+        EXPECT_EQ(text(".1.dat"), "anybody's");
+        EXPECT_FALSE(readOwnFile(folder / ".1.dat", 100));
+        fs::rename(folder / ".1.dat", folder / ".2.dat.new");
+        const auto saved = saveResult(folder.path(), ".2.dat", "new");
+        ASSERT_TRUE(saved);
+        EXPECT_EQ(*saved, Saved::nameIsTaken);
+        EXPECT_EQ(text(".2.dat.new"), "anybody's");
+    }
 }
 
 TEST_F(ResultFileTest, LeavesAFolderAndAPipeOfThatNameAlone) {

@@ -58,8 +58,8 @@ class ForwardingFileSystem : public FileSystem {
         Durability durability) override {
         return counted().changePropertyListInSteps(path, steps, edit, permissions, durability);
     }
-    Result<std::string> readFile(const std::string& path) override {
-        return counted().readFile(path);
+    Result<std::string> readFile(const std::string& path, Writers writers) override {
+        return counted().readFile(path, writers);
     }
     Result<std::monostate> writeFile(const std::string& path, std::string_view bytes,
                                      mode_t permissions) override {
