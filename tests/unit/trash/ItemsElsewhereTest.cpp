@@ -1,50 +1,17 @@
 // Items that have left their trash folders, on a real file system.
 
-#include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <span>
-#include <thread>
 
 #include "platform/linux/ItemTraces.h"
 #include "platform/linux/OpenFolder.h"
 #include "platform/linux/TrashInfo.h"
 #include "platform/linux/VolumeSearch.h"
 #include "unit/trash/DirectoryWatchBed.h"
-
-namespace {
-
-// The first thread but this program's first that reads a folder is kept there, as by a disk that
-// hangs, as long as one of these lives.
-class HeldReader {
-  public:
-    HeldReader() { isHeld_ = true; }
-    ~HeldReader() { isHeld_ = false; }
-    HeldReader(const HeldReader&) = delete;
-    HeldReader& operator=(const HeldReader&) = delete;
-
-    static void read() {
-        static std::atomic<bool> isTaken = false;
-        if (::gettid() == ::getpid() || !isHeld_ || isTaken.exchange(true)) return;
-        while (isHeld_) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-
-  private:
-    inline static std::atomic<bool> isHeld_ = false;
-};
-
-}  // namespace
-
-// In the place of the C library's, for the whole of this program.
-extern "C" dirent* readdir(DIR* stream) {
-    HeldReader::read();
-    static const auto next = reinterpret_cast<dirent* (*)(DIR*)>(::dlsym(RTLD_NEXT, "readdir"));
-    return next(stream);
-}
+#include "unit/trash/HeldReader.h"
 
 namespace korvane {
 namespace {
