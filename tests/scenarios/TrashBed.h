@@ -24,7 +24,8 @@ inline const std::string kDeletes = "Trash Deletes 2026-03-02-08";
 
 class TrashBed : public testing::Test {
   protected:
-    TrashBed() : s("two-volumes") {
+    explicit TrashBed(const MachineDescription& machine = Scenario::describe("two-volumes"))
+        : s(machine) {
         s.put(std::string(kTrash) + "/.DS_Store", "");
         s.put(std::string(kDataTrash) + "/.DS_Store", "");
         s.put("/tmp/.x", "");

@@ -422,5 +422,33 @@ TEST_F(TrashSearches, AreNotTakenUpWhileTheHistoryIsOff) {
     EXPECT_EQ(collected(), "");
 }
 
+// Its daemon runs as somebody, as it may where it only has to see what is theirs.
+class TrashSearchesOfAUser : public TrashBed {
+  protected:
+    TrashSearchesOfAUser() : TrashBed(machineOfAda()) {}
+    static MachineDescription machineOfAda() {
+        MachineDescription machine = Scenario::describe("two-volumes");
+        machine.userName = "ada";
+        return machine;
+    }
+};
+
+TEST_F(TrashSearchesOfAUser, MakeTheFolderOfTheirResultsAgainWithThoseAboveIt) {
+    const std::string above = std::string(kSupportFolder) + "/Old";
+    files().setDisplayName("/Volumes/Data", "Old/Data");
+    s.run(seconds(1));
+    (void)files().removeItem(above);  // whether a check has made it by now does not matter
+    trash(std::string(kDataTrash) + "/a");
+    s.run(milliseconds(500));
+    ASSERT_THAT(s.machine().processes.launches(), SizeIs(1));
+    for (const std::string& path : {above, above + "/Data"}) {
+        const auto made = files().attributes(path);
+        ASSERT_TRUE(made) << path;
+        EXPECT_EQ(made->kind, ItemKind::folder) << path;
+        EXPECT_EQ(made->ownerId, files().userId()) << path;
+    }
+    EXPECT_NE(files().userId(), 0U);
+}
+
 }  // namespace
 }  // namespace korvane
