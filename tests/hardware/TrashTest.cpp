@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -81,6 +83,25 @@ std::map<std::string, std::string> tree(const std::string& top) {
     return files;
 }
 
+// For as long as this lives the machine's clock is behind.
+class ClockSteppedBack {
+  public:
+    explicit ClockSteppedBack(std::chrono::seconds by) : by_(by) { step(-by_); }
+    ~ClockSteppedBack() { step(by_); }
+    ClockSteppedBack(const ClockSteppedBack&) = delete;
+    ClockSteppedBack& operator=(const ClockSteppedBack&) = delete;
+
+  private:
+    static void step(std::chrono::seconds by) {
+        timespec now{};
+        EXPECT_EQ(::clock_gettime(CLOCK_REALTIME, &now), 0);
+        now.tv_sec += by.count();
+        EXPECT_EQ(::clock_settime(CLOCK_REALTIME, &now), 0);
+    }
+
+    std::chrono::seconds by_;
+};
+
 class Trash : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -105,14 +126,18 @@ class Trash : public ::testing::Test {
         fs::remove_all("/Library");
         fs::remove_all("/Volumes");
     }
-    void throwAway(const std::string& name) {
+    void putInTrashAndSeeItRecorded(const std::string& name) {
         putInTrash(name);
         ASSERT_TRUE(becomes([&] {
             // A daemon that was still starting looks when the trash next changes.
             write(kTrash + "/files/.change", "");
             fs::remove(kTrash + "/files/.change");
             return recordOf(name).has_value();
-        })) << "not recorded";
+        })) << name
+            << ": not recorded";
+    }
+    void throwAway(const std::string& name) {
+        putInTrashAndSeeItRecorded(name);
         ASSERT_TRUE(becomes([&] { return isCollected(name); })) << "not collected";
         run(kControl + " trash show " + name + " >>" + kSaid);
         fs::remove_all(kTrash + "/files/" + name);
@@ -170,6 +195,26 @@ TEST_F(Trash, IsNotRecoveredOntoItsOwnVolumeNorFromBlocksUsedAgain) {
     run("! dd if=/dev/zero of=" + kData + "/filler bs=1M 2>/dev/null; sync");
     run("! " + kControl + " trash recover letter " + kSafe + " 2>" + kSaid);
     EXPECT_THAT(textOf(kSaid), HasSubstr("used again"));
+}
+
+// Its records are dated later than now from then on, and what is polled for is polled for as
+// before.
+TEST_F(Trash, IsKeptAndRecordedOnWhenTheClockStepsBack) {
+    for (const char* const name : {"/early", "/kept", "/late"}) write(kData + name, name);
+    throwAway("early");
+    putInTrashAndSeeItRecorded("kept");
+    const auto before = recordOf("early");
+    ASSERT_TRUE(before);
+    const ClockSteppedBack steppedBack{std::chrono::days{30}};
+    throwAway("late");
+    const auto after = recordOf("early");
+    ASSERT_TRUE(after);
+    EXPECT_EQ(*after, *before);
+    EXPECT_TRUE(isCollected("early"));
+    const auto kept = recordOf("kept");
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(kept->find("Deleted"), nullptr);
+    EXPECT_EQ(kept->find("Removed"), nullptr);
 }
 
 }  // namespace
