@@ -5,6 +5,7 @@ and the trash of a volume that is mounted for the test.
 """
 
 import glob
+import json
 import os
 import random
 import struct
@@ -13,7 +14,7 @@ import time
 import unittest
 
 from daemon_bed import SUPPORT, mount, read_bytes, volume_entries, wait_for
-from trash_bed import (FROM_1904_TO_1970, RECORD_BYTES, STAMP_OFFSET, USAGE, TrashBed,
+from trash_bed import (FROM_1904_TO_1970, KORVANECTL, RECORD_BYTES, STAMP_OFFSET, USAGE, TrashBed,
                        files_of_searches, put, recorded_items, records, usage)
 
 
@@ -83,6 +84,26 @@ class TrashProcess(TrashBed):
         self.assertIn("Deleted", found["gone"])
         # The same node under another name: its record began afresh.
         self.assertNotIn("renamed", found)
+
+    def test_korvanectl_finds_an_item_put_back_that_had_another_name_in_the_trash(self):
+        self.watch()
+        origin = "/home/ada/docs/notes.txt"
+        path = self.throw_away("notes.2.txt", origin=origin)
+        # The recovery program's recording of it has where it came from.
+        self.assertEqual(wait_for(lambda: self.listed("notes.2.txt", "origin"), 60)["state"],
+                         "inTrash")
+        os.makedirs("/home/ada/docs")
+        os.rename(path, origin)
+        found = wait_for(lambda: self.listed("notes.2.txt", "left"), 60)
+        self.assertEqual((found["state"], found["putBackAs"]), ("emptied", origin))
+        os.unlink(origin)
+        self.assertNotIn("putBackAs", self.listed("notes.2.txt", "left"))
+
+    def listed(self, name, field):
+        """The item in korvanectl's list once that has this field of it."""
+        ran = subprocess.run([KORVANECTL, "trash", "--json"], stdout=subprocess.PIPE, check=True)
+        return next((item for item in json.loads(ran.stdout)["items"]
+                     if item["name"] == name and field in item), None)
 
     def test_watches_the_trash_of_another_volume_that_appears_later(self):
         data = self.mount_image("/Volumes/Data")
