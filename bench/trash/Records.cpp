@@ -23,6 +23,10 @@
 
 #include "base/PropertyListCodec.h"
 #include "base/PropertyListFile.h"
+#include "platform/linux/LinuxDirectoryWatch.h"
+#include "platform/linux/LinuxRunLoop.h"
+#include "platform/linux/LinuxSystemLog.h"
+#include "platform/simulated/SimulatedMachine.h"
 #include "trash/TrashRecords.h"
 
 namespace korvane {
@@ -154,19 +158,58 @@ void compareScans(const std::string& folder, std::size_t records, int rounds) {
     show(what + "beside libplist", ours, libplist, 0.1);
 }
 
+// Items in a trash folder of a volume of their own, and the watch that the daemon asks for them.
+class Trash {
+  public:
+    Trash(const std::string& top, std::size_t count) : folder_(top + "/.Trash-0/files") {
+        MountDescription mount;
+        mount.path = top;
+        mount.device = "/dev/sdz1";
+        mount.type = "ext4";
+        machine_.volumes.mount(mount);
+        const auto volume = machine_.volumes.volumeInfoByDevice("sdz1").value.referenceNumber;
+        fs::create_directories(folder_);
+        std::vector<CatalogItem> seen;
+        for (std::size_t i = 0; i < count; ++i) {
+            TrashItem item = itemNumbered(i, folder_);
+            const std::string path = folder_ + '/' + item.itemName;
+            const int file = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+            struct stat status {};
+            failUnless(file >= 0 && ::fstat(file, &status) == 0 && ::close(file) == 0, "an item");
+            item.nodeId = status.st_ino;
+            item.volRefNum = volume;
+            seen.push_back({.name = item.itemName, .nodeId = item.nodeId});
+            items_.push_back(std::move(item));
+        }
+        watch_.remember(volume, folder_, seen);
+    }
+
+    [[nodiscard]] const std::vector<TrashItem>& items() const { return items_; }
+    std::vector<ResolvedNode> resolve(std::span<const SeenItem> items) {
+        std::vector<ResolvedNode> nodes = watch_.resolve(items);
+        for (const ResolvedNode& node : nodes) {
+            failUnless(node.state == NodeState::found, "finding an item");
+        }
+        return nodes;
+    }
+
+  private:
+    std::string folder_;
+    SimulatedMachine machine_{MachineDescription{}};
+    LinuxSystemLog log_;
+    LinuxRunLoop loop_{log_};
+    LinuxDirectoryWatch watch_{loop_, machine_.volumes,
+                               LinuxTrashPlaces{.tracesFile = folder_ + ".traces"}};
+    std::vector<TrashItem> items_;
+};
+
 // The records of items that are all still there.
 void compareUpkeep(const std::string& folder, std::size_t records, int rounds) {
     const std::string path = folder + "/Trash Usage.plist";
-    const PropertyList image = stored(records, folder);
-    for (std::size_t i = 0; i < records; ++i) {
-        const std::string item = folder + '/' + itemNumbered(i, folder).itemName;
-        const int file = ::open(item.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-        failUnless(file >= 0 && ::close(file) == 0, "making an item");
-    }
-    const auto lookAt = [](const std::string& item) {
-        struct stat status {};
-        return ::lstat(item.c_str(), &status) == 0;
-    };
+    Trash trash(folder, records);
+    Dictionary usage;
+    for (const TrashItem& item : trash.items()) storeTrashRecord(usage, item, kNow);
+    const PropertyList image(std::move(usage));
     double ours = std::numeric_limits<double>::max();
     double bare = ours;
     for (int round = 0; round < rounds; ++round) {
@@ -174,19 +217,12 @@ void compareUpkeep(const std::string& folder, std::size_t records, int rounds) {
         failUnless(bool{files.write(path, image, 0666, Durability::process)}, "writing");
         ours = std::min(ours, measured([&] {
                             const auto resolve = [&](std::span<const SeenItem> items) {
-                                std::vector<ResolvedNode> nodes;
-                                nodes.reserve(items.size());
-                                for (const SeenItem& item : items) {
-                                    std::string place = item.folder + '/' + item.name;
-                                    failUnless(lookAt(place), "looking");
-                                    nodes.push_back({NodeState::found, std::move(place)});
-                                }
-                                return nodes;
+                                return trash.resolve(items);
                             };
                             const auto done = files.change(
                                 path,
-                                [&](PropertyList& usage) {
-                                    (void)updateTrashRecords(*usage.dictionary(), resolve, kNow, 5);
+                                [&](PropertyList& value) {
+                                    (void)updateTrashRecords(*value.dictionary(), resolve, kNow, 5);
                                     return true;
                                 },
                                 0666, Durability::process);
@@ -194,8 +230,10 @@ void compareUpkeep(const std::string& folder, std::size_t records, int rounds) {
                         }));
         const int file = ::open(path.c_str(), O_RDWR | O_TRUNC | O_CLOEXEC);
         bare = std::min(bare, measured([&] {
-                            for (std::size_t i = 0; i < records; ++i) {
-                                (void)lookAt(folder + '/' + itemNumbered(i, folder).itemName);
+                            for (const TrashItem& item : trash.items()) {
+                                struct stat status {};
+                                const std::string place = item.dirPath + '/' + item.itemName;
+                                failUnless(::lstat(place.c_str(), &status) == 0, "looking");
                             }
                             writeBare(file, formatPropertyList(image));
                         }));
