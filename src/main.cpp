@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
 
 #include "core/KorvaneProDaemon.h"
@@ -36,20 +37,19 @@ korvane::LinuxTrashPlaces trashPlaces() {
     return places;
 }
 
-// Why nothing can be kept in the support folder: something else stands there, or this user may not
-// write it or, where it is missing, make it. Empty when there is no such reason.
-std::string objectionToSupportFolder() {
+// Why nothing can be kept in the support folder: something else is in its place, or this user may
+// not write it or, where it is missing, make it.
+std::optional<korvane::LogMessage> objectionToSupportFolder() {
     std::string folder = korvane::kSupportFolder;
-    const std::string quoted = '"' + folder + '"';
     struct stat status {};
     if (::stat(folder.c_str(), &status) == 0 && !S_ISDIR(status.st_mode)) {
-        return quoted + " is not a folder: move it away and start the daemon again";
+        return korvane::LogMessage::supportFolderNotAFolder;
     }
     while (::access(folder.c_str(), F_OK) != 0 && folder.size() > 1) {
         folder.resize(std::max<std::size_t>(folder.rfind('/'), 1));
     }
-    if (::access(folder.c_str(), W_OK | X_OK) == 0 || errno != EACCES) return {};
-    return "no right to write " + quoted + ": start the daemon as root";
+    if (::access(folder.c_str(), W_OK | X_OK) == 0 || errno != EACCES) return std::nullopt;
+    return korvane::LogMessage::supportFolderNotPermitted;
 }
 
 }  // namespace
@@ -61,8 +61,8 @@ int main() {
     (void)std::signal(SIGPIPE, SIG_IGN);
 
     korvane::LinuxSystemLog systemLog;
-    if (const std::string objection = objectionToSupportFolder(); !objection.empty()) {
-        systemLog.write(korvane::LogLevel::error, objection);
+    if (const auto objection = objectionToSupportFolder()) {
+        systemLog.write(*objection, {korvane::kSupportFolder});
         return EXIT_FAILURE;
     }
     try {
@@ -72,7 +72,7 @@ int main() {
         daemon.awakeFromNib();
         machine.runLoop.run();
     } catch (const std::exception& failure) {
-        systemLog.write(korvane::LogLevel::error, std::string("cannot run: ") + failure.what());
+        systemLog.write(korvane::LogMessage::cannotRun, {failure.what()});
         return EXIT_FAILURE;
     }
     return EXIT_SUCCESS;

@@ -20,8 +20,7 @@ namespace {
 
 class NoLog final : public SystemLog {
   public:
-    void write(LogLevel /*level*/, std::string_view /*line*/) override {}
-    void writeConfidential(LogLevel /*level*/, std::string_view /*line*/) override {}
+    void writeLine(const LogMessageForm& /*form*/, std::string_view /*line*/) override {}
 };
 
 class CountedCommands final : public DriveCommands {

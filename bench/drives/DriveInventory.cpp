@@ -30,8 +30,7 @@ namespace {
 
 class NoLog final : public SystemLog {
   public:
-    void write(LogLevel /*level*/, std::string_view /*line*/) override {}
-    void writeConfidential(LogLevel /*level*/, std::string_view /*line*/) override {}
+    void writeLine(const LogMessageForm& /*form*/, std::string_view /*line*/) override {}
 };
 
 // A system call that fails and does nothing, for who counts them.

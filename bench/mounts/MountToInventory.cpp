@@ -32,8 +32,7 @@ using std::chrono::milliseconds;
 
 class NoLog final : public SystemLog {
   public:
-    void write(LogLevel /*level*/, std::string_view /*line*/) override {}
-    void writeConfidential(LogLevel /*level*/, std::string_view /*line*/) override {}
+    void writeLine(const LogMessageForm& /*form*/, std::string_view /*line*/) override {}
 };
 
 double processorMicroseconds() {

@@ -45,8 +45,7 @@ class NoConnection final : public ControlConnection {
 };
 class NoLog final : public SystemLog {
   public:
-    void write(LogLevel /*level*/, std::string_view /*line*/) override {}
-    void writeConfidential(LogLevel /*level*/, std::string_view /*line*/) override {}
+    void writeLine(const LogMessageForm& /*form*/, std::string_view /*line*/) override {}
 };
 class NoDialogs final : public AlertDialogs {
   public:

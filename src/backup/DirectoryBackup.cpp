@@ -12,7 +12,6 @@
 #include "backup/BackupFolders.h"
 #include "backup/BackupPlaces.h"
 #include "backup/BackupRotation.h"
-#include "base/Format.h"
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
 #include "storage/PathText.h"
@@ -126,11 +125,8 @@ void KorvaneProDaemon::copyToLocation(const std::string& location) {
         case FolderState::notMade:
             return;
         case FolderState::notOurs:
-            machine_.systemLog.write(
-                LogLevel::warning,
-                formatText("Backup location \"%@\" is passed over: its folder \"%@\" is a link or "
-                           "belongs to somebody else.",
-                           {std::string_view(location), std::string_view(kLocationFolderName)}));
+            machine_.systemLog.write(LogMessage::locationPassedOver,
+                                     {location, kLocationFolderName});
             return;
     }
     const std::string folder = volumeFolderAt(location, volume);
@@ -139,10 +135,7 @@ void KorvaneProDaemon::copyToLocation(const std::string& location) {
     if (files.exists(dirBackupFilePath)) {
         launchCopy(location, folder);
     } else {
-        machine_.systemLog.write(LogLevel::warning,
-                                 formatText("Directory Backup file \"%@\" is not there. (Probably "
-                                            "was insufficient space to create it.)",
-                                            {std::string_view(dirBackupFilePath)}));
+        machine_.systemLog.write(LogMessage::backupFileMissing, {dirBackupFilePath});
     }
 }
 

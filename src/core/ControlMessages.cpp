@@ -1,7 +1,6 @@
 // The daemon's end of the control connection: what a command word does, and the files that it makes
 // and removes for the main application, which may lack the right to.
 
-#include "base/Format.h"
 #include "core/ControlWords.h"
 #include "core/KorvaneProDaemon.h"
 
@@ -31,8 +30,7 @@ void KorvaneProDaemon::messageDoCreateItems(const std::vector<std::string>& path
     for (auto each = paths.rbegin(); each != paths.rend(); ++each) {
         const std::string& path = *each;
         if (!machine_.fileSystem.createEmptyFile(path, kCreatedFilePermissions)) {
-            machine_.systemLog.write(LogLevel::warning,
-                                     formatText("\"%@\" create error", {std::string_view(path)}));
+            machine_.systemLog.write(LogMessage::createError, {path});
         }
     }
 }
@@ -44,12 +42,12 @@ void KorvaneProDaemon::messageDoDeleteItems(const std::vector<std::string>& path
         const std::string& path = *each;
         const Result<std::monostate> removed = machine_.fileSystem.remove(path);
         if (removed) continue;
-        machine_.systemLog.write(
-            LogLevel::warning,
-            saysWhy
-                ? formatText("\"%@\" delete error: %@",
-                             {std::string_view(path), std::string_view(removed.error().message)})
-                : formatText("\"%@\" delete error", {std::string_view(path)}));
+        if (saysWhy) {
+            machine_.systemLog.write(LogMessage::deleteErrorWithReason,
+                                     {path, removed.error().message});
+        } else {
+            machine_.systemLog.write(LogMessage::deleteError, {path});
+        }
     }
 }
 

@@ -10,7 +10,7 @@ namespace korvane {
 void KorvaneProDaemon::updateDrivePreferences(DriveProbe probe) {
     const DrivePassOutcome outcome =
         refreshDriveEntries(machine_.deviceRegistry, probe, driveArray, machine_.clock.now());
-    for (const std::string& path : outcome.outOfReach) tellLackOfRights(path);
+    for (const std::string& path : outcome.outOfReach) logLackOfRights(path);
     if (outcome.changed) writePreferences();
 }
 

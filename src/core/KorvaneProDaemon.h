@@ -23,6 +23,7 @@
 #include "core/SystemVersion.h"
 #include "core/TrashSearch.h"
 #include "mail/QLSMTPController.h"
+#include "platform/LogOnce.h"
 #include "platform/Machine.h"
 #include "storage/DriveIndex.h"
 
@@ -37,6 +38,9 @@ class KorvaneProDaemon final : public ControlTarget {
 
     // The machine's parts; they outlive the daemon.
     const Machine machine_;
+
+    // What is logged once for as long as it lasts.
+    LogOnce logOnce{machine_.systemLog};
 
     // Settings and inventories. The arrays are kept apart from the dictionary and put into it for
     // the length of a write. No dictionary: nothing has been loaded, or the file does not parse.
@@ -58,9 +62,6 @@ class KorvaneProDaemon final : public ControlTarget {
     // What the drive last asked said of itself; cleared for each disk number that a check goes
     // through.
     bool failing = false;
-    // The device paths of drives of which the log has it that they cannot be asked for want of
-    // rights.
-    std::set<std::string> drivesOutOfReach;
 
     // What the main application has asked for.
     bool ignoreMountedOstrand = false;  // leave a mounted emergency volume alone
@@ -96,12 +97,7 @@ class KorvaneProDaemon final : public ControlTarget {
     std::list<std::unique_ptr<Timer>> searchTimers;  // one for each poll that is to come
     std::map<std::string, WaitingSearch> waitingSearches;       // by trash folder
     std::map<std::uint64_t, SearchContent> uncollectedResults;  // by node: no room to keep them
-    // Told of in the log, each until it is right again: files in /tmp, the usage file, and files of
-    // results that cannot be added to.
-    std::set<std::string> searchFilesToldOf;
-    bool hasToldOfUsageFile = false;
-    bool hasToldOfResults = false;
-    std::int64_t trashSaveDays = 0;  // as of the last load
+    std::int64_t trashSaveDays = 0;                             // as of the last load
     // What the last question for a device's value found of its partition table.
     bool schemeOfPartition = false;
 
@@ -261,7 +257,7 @@ class KorvaneProDaemon final : public ControlTarget {
     // Opens the drive and asks it; sets `failing`. False when it cannot be asked.
     [[nodiscard]] bool readSmartStatus(const CheckedDrive& drive);
     void warnOfFailingDrive(const CheckedDrive& drive);
-    void tellLackOfRights(const std::string& path);
+    void logLackOfRights(const std::string& path);
     // Measures the volume whose entry has this index in volumeArray (VolumeUsageCheck.cpp).
     void volumeUsageCheck(std::size_t index);
     // Whether the volume is mounted, can be filled, and is not the emergency volume.
@@ -306,8 +302,8 @@ class KorvaneProDaemon final : public ControlTarget {
     // Begins a usage file with this record in it where there is none; one that can be read and not
     // used is set aside.
     [[nodiscard]] Result<std::monostate> beginTrashUsage(const TrashItem& item);
-    // One line for each time in which it cannot be written, with the error in the place of "%@".
-    void tellOfUsageFile(const Result<std::monostate>& written, std::string_view line);
+    // One line for each time in which it cannot be written.
+    void logUsageFile(const Result<std::monostate>& written, LogMessage message);
     // A search for items that had left the trash has ended: their records are gone through again.
     void didFindOut();
     // Marks and drops records, and drops files of results that are old enough (TrashUpkeep.cpp).
@@ -318,12 +314,11 @@ class KorvaneProDaemon final : public ControlTarget {
     void startWaitingSearches();
     // Nothing when the jobs cannot be written.
     [[nodiscard]] std::optional<SearchTask> launchSearch(WaitingSearch search);
-    // Whether the result of this job has a place; one that somebody else has taken is told once.
+    // Whether the result of this job has a place; one that somebody else has taken is logged once.
     [[nodiscard]] bool hasPlaceForResult(const SearchContent& job);
     // Whether the result of another item of this number, on another volume or in another folder,
     // is still to come or to be collected there.
     [[nodiscard]] bool isPlaceOfAnotherResult(const SearchContent& job) const;
-    void tellOfSearchFile(const std::string& path, const std::string& line);
     // The program's input for jobs of this volume: one that no running program still has to read.
     [[nodiscard]] std::string searchInputFor(const std::string& volumeName) const;
     void armSearchTimer();

@@ -3,7 +3,6 @@
 
 #include <string_view>
 
-#include "base/Format.h"
 #include "core/KorvaneProDaemon.h"
 #include "core/Schedule.h"
 #include "storage/DriveEntry.h"
@@ -62,10 +61,8 @@ void KorvaneProDaemon::awakeFromNib() {
     const seconds delay = startUpDelay(microseconds(machine_.clock.microsecondsSinceBoot()));
     clockTimer = machine_.runLoop.startTimer(delay, Repeat::once, [this] { doStartup(); });
     if (!smtpController) smtpController = newSmtpController();
-    machine_.systemLog.write(
-        LogLevel::info,
-        formatText("Started on system version %@: protection begins in %ld seconds.",
-                   {getCurrentSystemString(), std::int64_t{delay.count()}}));
+    machine_.systemLog.write(LogMessage::started,
+                             {getCurrentSystemString(), std::int64_t{delay.count()}});
 }
 
 void KorvaneProDaemon::doStartup() {
@@ -144,8 +141,7 @@ void KorvaneProDaemon::quit() {
 
 // The folder is the daemon's life line: its removal means that the suite has been removed.
 void KorvaneProDaemon::quitWithoutSupportFolder() {
-    machine_.systemLog.write(LogLevel::info, formatText("\"%@\" is no longer a folder: quitting.",
-                                                        {std::string_view(kSupportFolder)}));
+    machine_.systemLog.write(LogMessage::supportFolderGone, {kSupportFolder});
     quit();
 }
 

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 
-#include "base/Format.h"
 #include "core/KorvaneProDaemon.h"
 
 namespace korvane {
@@ -50,14 +49,12 @@ void KorvaneProDaemon::sendAlertMail(const std::string& message, const std::stri
         smtpController->sendSMTPAlertMessage(
             message, sender, preferenceDictionary ? &*preferenceDictionary : nullptr);
     } catch (const QLSMTPAquireLockTimeoutException& failure) {
-        machine_.systemLog.write(LogLevel::error, formatText("QLSMTPAquireLockTimeoutException: %@",
-                                                             {std::string_view(failure.what())}));
+        machine_.systemLog.write(LogMessage::mailLockTimeout, {failure.what()});
         tellMailSessionEnd(
             {.sender = sender, .outcome = MailOutcome::busy, .step = 0, .text = failure.what()});
     } catch (const std::exception& failure) {
         // Whoever sends has more to do than to mail.
-        machine_.systemLog.write(LogLevel::error,
-                                 formatText("no mail: %@", {std::string_view(failure.what())}));
+        machine_.systemLog.write(LogMessage::mailFailed, {failure.what()});
         tellMailSessionEnd(
             {.sender = sender, .outcome = MailOutcome::failed, .step = 0, .text = failure.what()});
     }

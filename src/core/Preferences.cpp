@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "base/Format.h"
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
 #include "storage/DriveInventory.h"
@@ -45,10 +44,7 @@ void KorvaneProDaemon::loadPreferences() {
             const std::string reason = document
                                            ? std::string(kPreferencesFile) + ": holds no dictionary"
                                            : document.error().message;
-            machine_.systemLog.write(LogLevel::error,
-                                     formatText("The settings cannot be used and are left as they "
-                                                "are: %@.",
-                                                {reason}));
+            machine_.systemLog.write(LogMessage::settingsUnusable, {reason});
         }
     } else {
         preferenceDictionary.emplace();

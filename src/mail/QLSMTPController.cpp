@@ -164,9 +164,8 @@ void QLSMTPController::streamOpened() {
 
 void QLSMTPController::streamFailed(StreamSide side) {
     const std::string reason = stream_ ? stream_->error(side) : std::string{};
-    machine_.systemLog.write(LogLevel::warning, "NSStreamEventErrorOccurred");
-    machine_.systemLog.write(LogLevel::warning,
-                             formatText("streamError: %@", {std::string_view(reason)}));
+    machine_.systemLog.write(LogMessage::mailStreamEvent);
+    machine_.systemLog.write(LogMessage::mailStreamError, {reason});
     if (side == StreamSide::output && !reason.empty()) {
         cancelConnectionWithError(MailError{.domain = kControllerDomain,
                                             .code = kSmtpErrorGeneric,
@@ -191,9 +190,7 @@ void QLSMTPController::readChunks(const std::shared_ptr<SocketStream>& stream) {
         std::array<char, kChunkSize> buffer{};
         const std::ptrdiff_t count = stream->read(buffer);
         if (count < 0) {
-            machine_.systemLog.write(LogLevel::warning,
-                                     formatText("An error occured reading the stream, result: %d",
-                                                {std::int64_t{count}}));
+            machine_.systemLog.write(LogMessage::mailReadError, {std::int64_t{count}});
             return;
         }
         if (count == 0) {
@@ -295,8 +292,7 @@ void QLSMTPController::cancelConnectionWithError(const MailError& error) {
     const std::string suggestion = error.recoverySuggestion.value_or("Unknown Error");
     notificationCenter_.post(kQLSMTPError, this,
                              Dictionary{{kRecoverySuggestionKey, std::string_view(suggestion)}});
-    machine_.systemLog.write(LogLevel::warning, formatText("cancelConnectionWithError: %@",
-                                                           {std::string_view(suggestion)}));
+    machine_.systemLog.write(LogMessage::mailCancelled, {suggestion});
     smtpError_ = error;
     closeStreams();
 }

@@ -198,37 +198,30 @@ void QLSMTPController::sendQuit() {
 void QLSMTPController::internalStateConsistencyValidation(int expectedStep) {
     if (expectedStep == smtpStepCounter_) return;
     machine_.systemLog.write(
-        LogLevel::warning,
-        formatText(
-            "Internal Consistency Check Failed! %@ expecting to be in state: %d, but we are "
-            "currently in: %d",
-            {"QLSMTPController", std::int64_t{expectedStep}, std::int64_t{smtpStepCounter_}}));
+        LogMessage::mailInconsistent,
+        {"QLSMTPController", std::int64_t{expectedStep}, std::int64_t{smtpStepCounter_}});
 }
 
 // One bounded write on this thread, which would only wait for another one that did it.
 bool QLSMTPController::sendString(std::string_view text, Confidentiality confidentiality) {
     const std::string line = std::string{text} + "\r\n";
     if (const std::size_t characters = characterCount(line); characters != line.size()) {
-        machine_.systemLog.write(LogLevel::info,
-                                 formatText("strlen(rawText): %zd && [streamedText length]: %zd",
-                                            {static_cast<std::int64_t>(line.size()),
-                                             static_cast<std::int64_t>(characters)}));
+        machine_.systemLog.write(
+            LogMessage::mailLengthsDiffer,
+            {static_cast<std::int64_t>(line.size()), static_cast<std::int64_t>(characters)});
     }
     // Closed meanwhile: given up silently.
     if (!stream_) return false;
     const StreamWrite outcome = stream_->write(line, kWriteLimit);
     if (outcome == StreamWrite::written || outcome == StreamWrite::notOpen) return true;
     if (outcome != StreamWrite::timedOut) {
-        const std::string failure = formatText("Error writing to outStream while sending: \"%@\"",
-                                               {std::string_view(text)});
-        if (confidentiality == Confidentiality::credential) {
-            machine_.systemLog.writeConfidential(LogLevel::warning, failure);
-        } else {
-            machine_.systemLog.write(LogLevel::warning, failure);
-        }
+        machine_.systemLog.write(confidentiality == Confidentiality::credential
+                                     ? LogMessage::mailCredentialWriteFailed
+                                     : LogMessage::mailWriteFailed,
+                                 {text});
     }
     if (outcome == StreamWrite::full) {
-        machine_.systemLog.write(LogLevel::warning, "The stream has been filled to capacity!");
+        machine_.systemLog.write(LogMessage::mailStreamFull);
     }
     throwGenericConnectionError();
     return false;
@@ -241,9 +234,7 @@ std::optional<std::string> QLSMTPController::qualifiedSenderEmailAddress() {
             QLBase64StringTransformer::base64DecodedString(emailUserName_.value_or(""))
                 .value_or("");
         if (isEmailAddress(userName)) return userName;
-        machine_.systemLog.write(LogLevel::info,
-                                 formatText("username: %@ is not detected as an email address.",
-                                            {std::string_view(userName)}));
+        machine_.systemLog.write(LogMessage::mailUserNameNoAddress, {userName});
     }
     return emailAddressArray_.front();
 }

@@ -51,7 +51,7 @@ void KorvaneProDaemon::smartCheck(std::size_t index) {
 bool KorvaneProDaemon::readSmartStatus(const CheckedDrive& drive) {
     const SmartStatusAnswer answer = askSmartStatus(machine_.deviceRegistry, drive.service);
     failing = answer.isThresholdExceeded;
-    if (answer.status == kDriveNotPermitted) tellLackOfRights(drive.path);
+    if (answer.status == kDriveNotPermitted) logLackOfRights(drive.path);
     return answer.status == kDriveSuccess;
 }
 
@@ -60,20 +60,15 @@ void KorvaneProDaemon::warnOfFailingDrive(const CheckedDrive& drive) {
         formatText(localized("smartReportingFailure"),
                    {std::string_view(*drive.identity.model),
                     std::string_view(*drive.identity.serial), std::string_view(drive.path)});
-    machine_.systemLog.write(LogLevel::warning, formatText("SMART is reporting failing for %s.",
-                                                           {std::string_view(drive.path)}));
+    machine_.systemLog.write(LogMessage::driveFailing, {drive.path});
     showWarningDialog(message);
     // At once, unlike the usage check's: the drive may not be there for long.
     mailWarning(message, kSenderSmartCheck);
 }
 
-// Once: what an administrator has not granted now is not granted in an hour.
-void KorvaneProDaemon::tellLackOfRights(const std::string& path) {
-    if (!drivesOutOfReach.insert(path).second) return;
-    machine_.systemLog.write(LogLevel::warning,
-                             formatText("No right to ask %@ for its SMART status: it is not "
-                                        "checked. Start the daemon as root.",
-                                        {std::string_view(path)}));
+// Never ended: what an administrator has not granted now is not granted in an hour.
+void KorvaneProDaemon::logLackOfRights(const std::string& path) {
+    logOnce.write(path, LogMessage::driveNotPermitted, {path});
 }
 
 }  // namespace korvane

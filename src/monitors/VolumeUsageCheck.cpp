@@ -59,10 +59,8 @@ void KorvaneProDaemon::measureVolumeUsage(const std::string& path, VolumeEntry& 
     if (outcome == UsageOutcome::passed) {
         entry.setUsageStatus(kStatusPassed);
     } else {
-        machine_.systemLog.write(
-            LogLevel::warning,
-            formatText("WARNING! \"%@\" has %.0f%% free space remaining.",
-                       {std::string_view(displayName), double{measured.percentFree}}));
+        machine_.systemLog.write(LogMessage::freeSpaceLow,
+                                 {displayName, double{measured.percentFree}});
         if (entry.usageStatus() != kStatusFailing) {
             showWarningDialog(
                 formatText(localized("percentFreeSpaceRemaining"),

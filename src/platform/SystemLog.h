@@ -1,22 +1,25 @@
 // The system log.
 #pragma once
 
+#include <initializer_list>
 #include <string_view>
 
-namespace korvane {
+#include "base/Format.h"
+#include "formats/LogMessages.h"
 
-enum class LogLevel { info, warning, error };
+namespace korvane {
 
 class SystemLog {
   public:
     virtual ~SystemLog() = default;
 
-    // One line, without its line feed; control characters in it are shown escaped.
-    virtual void write(LogLevel level, std::string_view line) = 0;
+    // One line: the text of the message with the arguments in the place of its directives. Control
+    // characters in it are shown escaped. A line for administrators is seen by the readers of the
+    // authorization messages alone, and by no terminal ever.
+    void write(LogMessage message, std::initializer_list<FormatArgument> arguments = {});
 
-    // The same for a line that may hold a credential: only the readers of the authorization
-    // messages get to see it, and no terminal ever.
-    virtual void writeConfidential(LogLevel level, std::string_view line) = 0;
+  private:
+    virtual void writeLine(const LogMessageForm& form, std::string_view line) = 0;
 };
 
 }  // namespace korvane

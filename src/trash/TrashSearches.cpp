@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "base/Format.h"
 #include "core/KorvaneProDaemon.h"
 #include "storage/RegistryProbes.h"
 #include "storage/SupportFolder.h"
@@ -23,11 +22,11 @@ constexpr seconds kSearchPoll{2};
 // Enough for what somebody throws away one by one while the first still reads: what is not looked
 // at soon may be emptied by then. A disk that hangs keeps no more of them.
 constexpr std::ptrdiff_t kMostSearchesOfAVolume = 4;
-// Everybody may plant files there: with more of them some are told of again.
-constexpr std::size_t kMostFilesToldOf = 1000;
 // Those of ten full scans; the others wait for the next start.
 constexpr std::size_t kMostUncollected = 1000;
 constexpr mode_t kTrashDeletesPermissions = 0640;
+// Logged once while files of results cannot be added to, whichever they are.
+constexpr char kKeepingResults[] = "keeping results";
 
 bool isPending(const SearchTask& task) { return task.inFilePath != kSearchTaskDone; }
 
@@ -104,12 +103,11 @@ std::optional<SearchTask> KorvaneProDaemon::launchSearch(WaitingSearch search) {
     const std::string inFilePath = searchInputFor(search.volumeName);
     const auto written = files.writeFile(inFilePath, input, kSearchInputPermissions);
     if (!written) {
-        tellOfSearchFile(
-            inFilePath, formatText("No search for what is in the trash of \"%@\": %@.",
-                                   {std::string_view(search.volumeName), written.error().message}));
+        logOnce.write(inFilePath, LogMessage::searchNotLaunched,
+                      {search.volumeName, written.error().message});
         return std::nullopt;
     }
-    searchFilesToldOf.erase(inFilePath);
+    logOnce.ended(inFilePath);
     auto launched = machine_.processes.launch(search.program, {kInFileArgument, inFilePath});
     if (!launched) return std::nullopt;
     return SearchTask{.searchTask = std::move(launched),
@@ -122,12 +120,10 @@ bool KorvaneProDaemon::hasPlaceForResult(const SearchContent& job) {
     const auto taken = machine_.fileSystem.attributes(job.searchResultPath);
     if (!taken ||
         (taken->kind == ItemKind::file && taken->ownerId == machine_.fileSystem.userId())) {
-        searchFilesToldOf.erase(job.searchResultPath);
+        logOnce.ended(job.searchResultPath);
         return true;
     }
-    tellOfSearchFile(job.searchResultPath,
-                     formatText("No search for an item in the trash: \"%@\" is somebody else's.",
-                                {std::string_view(job.searchResultPath)}));
+    logOnce.write(job.searchResultPath, LogMessage::resultPlaceTaken, {job.searchResultPath});
     return false;
 }
 
@@ -143,11 +139,6 @@ bool KorvaneProDaemon::isPlaceOfAnotherResult(const SearchContent& job) const {
         return isPending(task) && !task.isGivenUp &&
                std::ranges::any_of(task.contentArray, isAnother);
     });
-}
-
-void KorvaneProDaemon::tellOfSearchFile(const std::string& path, const std::string& line) {
-    if (searchFilesToldOf.size() >= kMostFilesToldOf) searchFilesToldOf.clear();
-    if (searchFilesToldOf.insert(path).second) machine_.systemLog.write(LogLevel::warning, line);
 }
 
 void KorvaneProDaemon::startWaitingSearches() {
@@ -184,7 +175,7 @@ void KorvaneProDaemon::searchTaskCompleteCheck() {
         }
     }
     // A full disk takes a record now and then.
-    if (uncollectedResults.empty()) hasToldOfResults = false;
+    if (uncollectedResults.empty()) logOnce.ended(kKeepingResults);
     if (!anyPending) {
         searchTasks.clear();
     } else if (anyAwaited && searchTimers.empty()) {
@@ -202,11 +193,7 @@ void KorvaneProDaemon::endSearchThatHangs(SearchTask& task) {
     if (task.isGivenUp || task.ran < kLongestSearch) return;
     task.isGivenUp = true;
     task.searchTask->terminate();
-    machine_.systemLog.write(
-        LogLevel::warning,
-        formatText("A search for what is in the trash of \"%@\" has not ended for an hour and is "
-                   "given up: the disk may be failing.",
-                   {std::string_view(task.contentArray.front().volumePath)}));
+    machine_.systemLog.write(LogMessage::searchGivenUp, {task.contentArray.front().volumePath});
 }
 
 void KorvaneProDaemon::collectSearchTask(SearchTask& task) {
@@ -241,9 +228,7 @@ void KorvaneProDaemon::collectSearchResult(const SearchContent& job) {
     if (result) {
         addition += stampedRecords(*result, secondsSince1904(now));
     } else {
-        tellOfSearchFile(job.searchResultPath,
-                         formatText("A result of the trash search is left where it is: %@.",
-                                    {std::string_view(result.error().message)}));
+        logOnce.write(job.searchResultPath, LogMessage::resultUnreadable, {result.error().message});
     }
     const auto kept =
         files.appendRecords(path, addition, kTrashRecordBytes, kTrashDeletesPermissions);
@@ -254,12 +239,7 @@ void KorvaneProDaemon::collectSearchResult(const SearchContent& job) {
         if (uncollectedResults.size() < kMostUncollected) {
             uncollectedResults.insert_or_assign(job.nodeId, job);
         }
-        if (!std::exchange(hasToldOfResults, true)) {
-            machine_.systemLog.write(
-                LogLevel::warning,
-                formatText("What was found out of items in the trash cannot be kept now: %@.",
-                           {std::string_view(kept.error().message)}));
-        }
+        logOnce.write(kKeepingResults, LogMessage::resultsNotKept, {kept.error().message});
     }
     (void)files.setPermissions(path, kSharedFilePermissions);  // there may be no file
 }

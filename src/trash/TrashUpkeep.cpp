@@ -3,7 +3,6 @@
 
 #include <utility>
 
-#include "base/Format.h"
 #include "base/PropertyListCodec.h"
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
@@ -40,16 +39,15 @@ void KorvaneProDaemon::recordTrashItems(const std::vector<TrashItem>& items) {
         if (recorded && items.size() > 1) recorded = recordFrom(1);
     }
     // These records are lost until the folder changes again, and nothing else is.
-    tellOfUsageFile(recorded, "What is in the trash cannot be recorded now: %@.");
+    logUsageFile(recorded, LogMessage::trashNotRecorded);
 }
 
-void KorvaneProDaemon::tellOfUsageFile(const Result<std::monostate>& written,
-                                       std::string_view line) {
-    if (!written && !hasToldOfUsageFile) {
-        machine_.systemLog.write(LogLevel::warning,
-                                 formatText(line, {std::string_view(written.error().message)}));
+void KorvaneProDaemon::logUsageFile(const Result<std::monostate>& written, LogMessage message) {
+    if (written) {
+        logOnce.ended(usagePath());
+    } else {
+        logOnce.write(usagePath(), message, {written.error().message});
     }
-    hasToldOfUsageFile = !written;
 }
 
 Result<std::monostate> KorvaneProDaemon::beginTrashUsage(const TrashItem& item) {
@@ -71,9 +69,7 @@ Result<std::monostate> KorvaneProDaemon::beginTrashUsage(const TrashItem& item) 
             std::string(kSupportFolder) + '/' +
             formatLocalTime(now, "Trash Usage, unreadable %Y-%m-%d %H-%M-%S") + ".plist";
         if (!files.rename(path, aside)) return Error{path + ": cannot be set aside"};
-        machine_.systemLog.write(LogLevel::error,
-                                 formatText("\"%@\" cannot be used and is kept as \"%@\".",
-                                            {std::string_view(path), std::string_view(aside)}));
+        machine_.systemLog.write(LogMessage::usageFileSetAside, {path, aside});
     }
     Dictionary usage;
     storeTrashRecord(usage, item, now);
@@ -106,7 +102,7 @@ void KorvaneProDaemon::trashSub() {
         },
         kSharedFilePermissions, Durability::process);
     if (isUsable) {
-        tellOfUsageFile(updated, "What became of items in the trash cannot be recorded now: %@.");
+        logUsageFile(updated, LogMessage::trashNotUpdated);
     }
     (void)files.setPermissions(path, kSharedFilePermissions);  // there may be no file
 

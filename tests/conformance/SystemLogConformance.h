@@ -30,16 +30,18 @@ class SystemLogConformance : public testing::TestWithParam<Implementation<System
 };
 
 TEST_P(SystemLogConformance, KeepsLinesAsTheyAreAndInTheirOrder) {
-    subject_->log().write(LogLevel::info, "first");
-    subject_->log().write(LogLevel::warning, "50% of \"D\xC3\xBCsseldorf\" %s %n");
-    subject_->log().write(LogLevel::error, "");
-    EXPECT_THAT(subject_->lines(),
-                testing::ElementsAre("first", "50% of \"D\xC3\xBCsseldorf\" %s %n", ""));
+    subject_->log().write(LogMessage::mailStreamFull);
+    subject_->log().write(LogMessage::createError, {"50% of D\xC3\xBCsseldorf %s %n"});
+    subject_->log().write(LogMessage::cannotRun, {""});
+    EXPECT_THAT(
+        subject_->lines(),
+        testing::ElementsAre("The stream has been filled to capacity!",
+                             "\"50% of D\xC3\xBCsseldorf %s %n\" create error", "cannot run: "));
 }
 
 TEST_P(SystemLogConformance, ShowsControlCharactersEscapedOnOneLine) {
-    subject_->log().write(LogLevel::info, "a\nb\tc\x1b[31m\x7f");
-    EXPECT_THAT(subject_->lines(), testing::ElementsAre("a\\nb\\tc\\x1b[31m\\x7f"));
+    subject_->log().write(LogMessage::cannotRun, {"a\nb\tc\x1b[31m\x7f"});
+    EXPECT_THAT(subject_->lines(), testing::ElementsAre("cannot run: a\\nb\\tc\\x1b[31m\\x7f"));
 }
 
 }  // namespace korvane

@@ -30,9 +30,12 @@ constexpr uid_t kUser = 65534;
 
 class LinesLog final : public SystemLog {
   public:
-    void write(LogLevel, std::string_view line) override { lines.emplace_back(line); }
-    void writeConfidential(LogLevel, std::string_view) override {}
     std::vector<std::string> lines;
+
+  private:
+    void writeLine(const LogMessageForm&, std::string_view line) override {
+        lines.emplace_back(line);
+    }
 };
 
 class AlertDialogsTest : public testing::Test {

@@ -31,8 +31,7 @@ using namespace korvane;
 // What the machine's parts have to say matters to a daemon, not to a person who asked something.
 class NoLog : public SystemLog {
   public:
-    void write(LogLevel, std::string_view) override {}
-    void writeConfidential(LogLevel, std::string_view) override {}
+    void writeLine(const LogMessageForm& /*form*/, std::string_view /*line*/) override {}
 };
 
 // The mounted volumes, read once. Numbers and links are the daemon's to keep.

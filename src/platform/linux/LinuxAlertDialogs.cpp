@@ -87,8 +87,7 @@ LinuxAlertDialogs::~LinuxAlertDialogs() {
 
 std::unique_ptr<AlertDialog> LinuxAlertDialogs::show(const Alert& alert) {
     const auto refuse = [&](const std::string& why) {
-        systemLog_.write(LogLevel::warning,
-                         "The dialog \"" + alert.header + "\" is not shown: " + why + ".");
+        systemLog_.write(LogMessage::dialogNotShown, {alert.header, why});
         return nullptr;
     };
     const std::optional<uid_t> user = audience();
@@ -119,8 +118,7 @@ void LinuxAlertDialogs::ended(const Notice* notice, const siginfo_t& info) {
     const bool wasShown =
         info.si_code == CLD_EXITED && info.si_status == static_cast<int>(NoticeExit::closed);
     if (wasShown || kept->cancelled) return;
-    systemLog_.write(LogLevel::warning, "The dialog \"" + kept->header +
-                                            "\" is not shown: " + describeEnd(info) + ".");
+    systemLog_.write(LogMessage::dialogNotShown, {kept->header, describeEnd(info)});
 }
 
 }  // namespace korvane

@@ -183,8 +183,7 @@ bool Registration::isServed(sd_bus_message* message) {
     if (!served) {
         const std::string who =
             user ? "user " + std::to_string(*user) : "a caller of whom the bus knows no user";
-        systemLog_.write(LogLevel::warning,
-                         std::string("control message refused: it came from ") + who);
+        systemLog_.write(LogMessage::callerRefused, {who});
     }
     // Only what the bus has said holds for the connection's life.
     if (!user) return false;

@@ -349,9 +349,7 @@ void LinuxRunLoop::run() {
 
 void LinuxRunLoop::logFailure(std::string_view where, std::string_view what) noexcept {
     try {
-        std::string line{where};
-        line.append(" failed: ").append(what);
-        systemLog_.write(LogLevel::error, line);
+        systemLog_.write(LogMessage::workFailed, {where, what});
     } catch (...) {
         // Out of memory while saying so: there is nobody left to tell.
     }

@@ -69,17 +69,13 @@ LinuxSystemLog::LinuxSystemLog(const std::string& journalSocket, const std::stri
     if (sink_ == Sink::syslog) ::openlog(kIdentifier, LOG_PID, LOG_DAEMON);
 }
 
-void LinuxSystemLog::write(LogLevel level, std::string_view line) {
+void LinuxSystemLog::writeLine(const LogMessageForm& form, std::string_view line) {
     const std::string shown = escapedForLog(line);
-    if (sink_ == Sink::journal) writeToJournal(LOG_DAEMON, level, shown);
-    if (sink_ == Sink::syslog) ::syslog(priorityOf(level), "%s", shown.c_str());
-    if (toStandardError_) writeToStandardError(shown);
-}
-
-void LinuxSystemLog::writeConfidential(LogLevel level, std::string_view line) {
-    const std::string shown = escapedForLog(line);
-    if (sink_ == Sink::journal) writeToJournal(LOG_AUTHPRIV, level, shown);
-    if (sink_ == Sink::syslog) ::syslog(LOG_AUTHPRIV | priorityOf(level), "%s", shown.c_str());
+    const bool isForEverybody = form.readers == LogReaders::everybody;
+    const int facility = isForEverybody ? LOG_DAEMON : LOG_AUTHPRIV;
+    if (sink_ == Sink::journal) writeToJournal(facility, form.level, shown);
+    if (sink_ == Sink::syslog) ::syslog(facility | priorityOf(form.level), "%s", shown.c_str());
+    if (toStandardError_ && isForEverybody) writeToStandardError(shown);
 }
 
 }  // namespace korvane

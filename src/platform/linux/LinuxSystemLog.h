@@ -15,12 +15,11 @@ class LinuxSystemLog final : public SystemLog {
     explicit LinuxSystemLog(const std::string& journalSocket = "/run/systemd/journal/socket",
                             const std::string& syslogSocket = "/dev/log");
 
-    void write(LogLevel level, std::string_view line) override;
-    // Under the facility authpriv (syslog(3)), which is what its name says. Where there is neither
-    // journal nor syslog the line is lost.
-    void writeConfidential(LogLevel level, std::string_view line) override;
-
   private:
+    // A line for administrators goes under the facility authpriv (syslog(3)), which is what its
+    // name says. Where there is neither journal nor syslog it is lost.
+    void writeLine(const LogMessageForm& form, std::string_view line) override;
+
     enum class Sink { journal, syslog, none };
     Sink sink_;
     bool toStandardError_;

@@ -44,14 +44,10 @@ std::string_view nameOf(LogLevel level) {
 SimulatedSystemLog::SimulatedSystemLog(SimulatedClock& clock, SimulatedJournal& journal)
     : clock_(clock), journal_(journal) {}
 
-void SimulatedSystemLog::write(LogLevel level, std::string_view line) {
-    lines_.push_back({clock_.now(), level, escaped(line)});
-    journal_.note(nameOf(level), lines_.back().text);
-}
-
-void SimulatedSystemLog::writeConfidential(LogLevel level, std::string_view line) {
-    lines_.push_back({clock_.now(), level, escaped(line), true});
-    journal_.note("log confidential", lines_.back().text);
+void SimulatedSystemLog::writeLine(const LogMessageForm& form, std::string_view line) {
+    const bool isConfidential = form.readers == LogReaders::administrators;
+    lines_.push_back({clock_.now(), form.level, escaped(line), isConfidential});
+    journal_.note(isConfidential ? "log confidential" : nameOf(form.level), lines_.back().text);
 }
 
 const std::vector<SimulatedSystemLog::Line>& SimulatedSystemLog::lines() const { return lines_; }

@@ -22,13 +22,12 @@ class SimulatedSystemLog final : public SystemLog {
 
     SimulatedSystemLog(SimulatedClock& clock, SimulatedJournal& journal);
 
-    void write(LogLevel level, std::string_view line) override;
-    void writeConfidential(LogLevel level, std::string_view line) override;
-
     [[nodiscard]] const std::vector<Line>& lines() const;
     void clear();
 
   private:
+    void writeLine(const LogMessageForm& form, std::string_view line) override;
+
     SimulatedClock& clock_;
     SimulatedJournal& journal_;
     std::vector<Line> lines_;

@@ -164,7 +164,7 @@ TEST(SimulatedJournal, DiffersWhenAnythingDiffers) {
     const auto digestOf = [](seconds delay) {
         SimulatedMachine machine(provided("two-volumes"));
         const auto timer = machine.runLoop.startTimer(
-            delay, Repeat::once, [&] { machine.systemLog.write(LogLevel::info, "line"); });
+            delay, Repeat::once, [&] { machine.systemLog.write(LogMessage::mailStreamFull); });
         machine.runLoop.runFor(minutes{1});
         return machine.journal.digest();
     };

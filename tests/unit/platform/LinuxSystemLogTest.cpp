@@ -53,16 +53,16 @@ int confidentialLineProblem(int standardError) {
     const UniqueFd journal = journalSocket();
     if (!journal || ::dup2(standardError, STDERR_FILENO) < 0) return 77;
     LinuxSystemLog log(kJournal, "");
-    log.write(LogLevel::info, "ordinary");
+    log.write(LogMessage::mailCancelled, {"ordinary"});
     const std::string ordinary = nextEntry(journal.get());
-    log.writeConfidential(LogLevel::warning, "secret");
+    log.write(LogMessage::mailCredentialWriteFailed, {"secret"});
     const std::string confidential = nextEntry(journal.get());
     // syslog(3): daemon is 3, authpriv is 10.
     if (ordinary.find("SYSLOG_FACILITY=3\n") == std::string::npos) return 1;
-    if (confidential.find("MESSAGE=secret\n") == std::string::npos) return 2;
+    if (confidential.find("sending: \"secret\"\n") == std::string::npos) return 2;
     if (confidential.find("SYSLOG_FACILITY=10\n") == std::string::npos) return 3;
     // Neither where nobody keeps a journal.
-    LinuxSystemLog("", "").writeConfidential(LogLevel::warning, "secret");
+    LinuxSystemLog("", "").write(LogMessage::mailCredentialWriteFailed, {"secret"});
     return 0;
 }
 

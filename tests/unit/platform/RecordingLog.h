@@ -11,9 +11,12 @@ namespace korvane {
 
 class RecordingLog final : public SystemLog {
   public:
-    void write(LogLevel, std::string_view line) override { lines.emplace_back(line); }
-    void writeConfidential(LogLevel, std::string_view) override {}
     std::vector<std::string> lines;
+
+  private:
+    void writeLine(const LogMessageForm&, std::string_view line) override {
+        lines.emplace_back(line);
+    }
 };
 
 }  // namespace korvane
