@@ -161,9 +161,17 @@ class KorvaneProDaemon final : public ControlTarget {
 
     // ---- core/: preferences (Preferences.cpp) ---------------------------------------------------
 
+    // Replaces what is loaded by what the file holds; where memory runs out over that, nothing of
+    // what is loaded changes.
     void loadPreferences();
-    // Forces every default over what is loaded, and writes.
-    void createPreferences();
+    // The file's dictionary, an empty one where there is no file; nothing, and a log line, when the
+    // file cannot be used.
+    [[nodiscard]] std::optional<Dictionary> readPreferences();
+    // Where the entries of drives and volumes come from when a document is taken.
+    enum class EntryArrays { ofDocument, inMemory };
+    void takePreferences(std::optional<Dictionary> document, EntryArrays arrays);
+    // Forces every default over the document, takes it with the entries in memory, and writes.
+    void createPreferences(Dictionary document);
     // Puts the arrays into the dictionary and rewrites the file; failures are ignored.
     void writePreferences();
     // Writes the loaded dictionary, with the arrays, to a file of its own or to another one.

@@ -1,5 +1,7 @@
 // The settings document: loading it, completing it, writing it back, and what follows a change.
 
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "core/DefaultPreferences.h"
@@ -14,53 +16,86 @@ using std::chrono::seconds;
 namespace {
 
 // Moves the array under the key out of the dictionary; one that is absent, or no array, is empty.
-PropertyListArray takeArray(Dictionary& dictionary, std::string_view key) {
+PropertyListArray takeArray(Dictionary& dictionary, std::string_view key) noexcept {
     PropertyList* value = dictionary.find(key);
     PropertyListArray* array = value ? value->array() : nullptr;
     return array ? std::exchange(*array, {}) : PropertyListArray{};
 }
 
+// The settings with the arrays in their places, for as long as this lives. They can be large, so
+// they are lent to the document rather than copied, and go back even where a write throws.
+class WholeDocument {
+  public:
+    WholeDocument(Dictionary& preferences, PropertyListArray& driveArray,
+                  PropertyListArray& volumeArray)
+        : preferences_(preferences), driveArray_(driveArray), volumeArray_(volumeArray) {
+        // The places first: for them memory may run out, for the moves not.
+        preferences.set(kDriveArray, PropertyListArray{});
+        preferences.set(kVolumeArray, PropertyListArray{});
+        preferences.find(kDriveArray)->array()->swap(driveArray);
+        preferences.find(kVolumeArray)->array()->swap(volumeArray);
+        document_ = PropertyList(std::move(preferences));
+    }
+    ~WholeDocument() {
+        preferences_ = std::move(*document_.dictionary());
+        driveArray_ = takeArray(preferences_, kDriveArray);
+        volumeArray_ = takeArray(preferences_, kVolumeArray);
+    }
+    WholeDocument(const WholeDocument&) = delete;
+    WholeDocument& operator=(const WholeDocument&) = delete;
+    [[nodiscard]] const PropertyList& get() const { return document_; }
+
+  private:
+    Dictionary& preferences_;
+    PropertyListArray& driveArray_;
+    PropertyListArray& volumeArray_;
+    PropertyList document_;
+};
+
 }  // namespace
 
 void KorvaneProDaemon::loadPreferences() {
+    std::optional<Dictionary> document = readPreferences();
+    if (document && document->size() < kFewestPreferences) {
+        createPreferences(std::move(*document));
+    } else {
+        takePreferences(std::move(document), EntryArrays::ofDocument);
+    }
+}
+
+std::optional<Dictionary> KorvaneProDaemon::readPreferences() {
+    FileSystem& files = machine_.fileSystem;
+    if (!files.exists(kSupportFolder) || !files.exists(kPreferencesFile)) return Dictionary{};
+    Result<PropertyList> document = files.readPropertyList(kPreferencesFile);
+    if (document && document->dictionary()) return std::move(*document->dictionary());
+    const std::string reason = document ? std::string(kPreferencesFile) + ": holds no dictionary"
+                                        : document.error().message;
+    machine_.systemLog.write(LogMessage::settingsUnusable, {reason});
+    return std::nullopt;
+}
+
+void KorvaneProDaemon::takePreferences(std::optional<Dictionary> document, EntryArrays arrays) {
+    // All that may run out of memory comes before the first change.
+    const std::string startUpVolume = startUpVolumeLocation();
+    if (document) completeBackupLocations(*document, startUpVolume);
+
     if (preferenceDictionary) {
-        preferenceDictionary.reset();
         driveArray.clear();
         volumeArray.clear();
     }
-    FileSystem& files = machine_.fileSystem;
-    if (files.exists(kSupportFolder) && files.exists(kPreferencesFile)) {
-        Result<PropertyList> document = files.readPropertyList(kPreferencesFile);
-        if (document && document->dictionary()) {
-            preferenceDictionary = std::move(*document->dictionary());
-            if (preferenceDictionary->size() < kFewestPreferences) {
-                // Whatever the file holds, the arrays in memory are what is written and kept.
-                createPreferences();
-            } else {
-                driveArray = takeArray(*preferenceDictionary, kDriveArray);
-                volumeArray = takeArray(*preferenceDictionary, kVolumeArray);
-            }
-        } else {
-            const std::string reason = document
-                                           ? std::string(kPreferencesFile) + ": holds no dictionary"
-                                           : document.error().message;
-            machine_.systemLog.write(LogMessage::settingsUnusable, {reason});
-        }
-    } else {
-        preferenceDictionary.emplace();
-        createPreferences();
-    }
+    preferenceDictionary = std::move(document);
     if (!preferenceDictionary) return;
-
+    if (arrays == EntryArrays::ofDocument) {
+        driveArray = takeArray(*preferenceDictionary, kDriveArray);
+        volumeArray = takeArray(*preferenceDictionary, kVolumeArray);
+    }
     trashSaveDays = integerValue(preference(kTrashSaveDays));
-    const std::string startUpVolume = startUpVolumeLocation();
-    completeBackupLocations(*preferenceDictionary, startUpVolume);
     rootSaveDisabled = backupLocationsLack(*preferenceDictionary, startUpVolume);
 }
 
-void KorvaneProDaemon::createPreferences() {
-    forceDefaultPreferences(*preferenceDictionary);
-    completeBackupLocations(*preferenceDictionary, startUpVolumeLocation());
+void KorvaneProDaemon::createPreferences(Dictionary document) {
+    forceDefaultPreferences(document);
+    takePreferences(std::move(document), EntryArrays::inMemory);
     writePreferences();
 }
 
@@ -78,16 +113,9 @@ void KorvaneProDaemon::writePreferences() {
 
 Result<std::monostate> KorvaneProDaemon::writePreferencesTo(const std::string& path,
                                                             Durability durability) {
-    // Lent to the dictionary rather than copied: the arrays can be large.
-    preferenceDictionary->set(kDriveArray, std::move(driveArray));
-    preferenceDictionary->set(kVolumeArray, std::move(volumeArray));
-    PropertyList document(std::move(*preferenceDictionary));
-    Result<std::monostate> written =
-        machine_.fileSystem.writePropertyList(path, document, kSharedFilePermissions, durability);
-    preferenceDictionary = std::move(*document.dictionary());
-    driveArray = takeArray(*preferenceDictionary, kDriveArray);
-    volumeArray = takeArray(*preferenceDictionary, kVolumeArray);
-    return written;
+    const WholeDocument document(*preferenceDictionary, driveArray, volumeArray);
+    return machine_.fileSystem.writePropertyList(path, document.get(), kSharedFilePermissions,
+                                                 durability);
 }
 
 bool KorvaneProDaemon::savePreferences() {

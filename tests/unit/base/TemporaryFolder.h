@@ -13,8 +13,9 @@ namespace korvane {
 
 class TemporaryFolder {
   public:
-    TemporaryFolder() {
-        std::string form = std::filesystem::temp_directory_path() / "korvane-base-XXXXXX";
+    explicit TemporaryFolder(
+        const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+        std::string form = parent / "korvane-base-XXXXXX";
         path_ = mkdtemp(form.data());
     }
     TemporaryFolder(const TemporaryFolder&) = delete;
