@@ -27,7 +27,7 @@ korvane::LinuxVolumesPlaces volumesPlaces() {
     korvane::LinuxVolumesPlaces places;
     places.memoryFile = std::string(korvane::kSupportFolder) + "/.Volume Numbers.plist";
     // The folder of links belongs to the whole machine, so only the machine's own daemon keeps it.
-    if (::geteuid() == 0) places.linksFolder = "/Volumes";
+    places.keepsLinks = ::geteuid() == 0;
     return places;
 }
 

@@ -23,7 +23,7 @@ int main(int argumentCount, char** arguments) {
 
     LinuxSystemLog log;
     LinuxRunLoop loop{log};
-    LinuxVolumes volumes{loop, {.memoryFile = "", .linksFolder = ""}};
+    LinuxVolumes volumes{loop, {}};
     (void)volumes.mountedLocalVolumePaths();
     const std::size_t before = volumes.readings();
     int done = 0;

@@ -139,7 +139,7 @@ struct Parts {
     explicit Parts(const std::string& root)
         : files(root),
           volumes(loop, {.memoryFile = "",
-                         .linksFolder = "",
+                         .linksFolder = root + "/Volumes",
                          .mountTable = root + "/mountinfo",
                          .sysfs = root + "/sys",
                          .udevData = root + "/udev"}),

@@ -49,7 +49,7 @@ void KorvaneProDaemon::directoryBackup(std::size_t index) {
     const std::optional<FileSystemFlags> flags = machine_.volumes.fileSystemFlags(path);
     if (!flags || !flags->isWritable) return;
 
-    const std::string displayName = files.displayName(path);
+    const std::string displayName = machine_.volumes.displayName(path);
     // What stands there under a name that differs in letter case alone.
     VolumeFolders(files).removeUnlisted(displayName);
     if (displayName == kEmergencyVolumeName) return;
@@ -117,7 +117,9 @@ void KorvaneProDaemon::noteDirectoryBackup() {
 void KorvaneProDaemon::copyToLocation(const std::string& location) {
     FileSystem& files = machine_.fileSystem;
     // The start-up volume holds the backup already.
-    if (lastPathComponent(location) == files.displayName("/") || !files.isFolder(location)) return;
+    if (lastPathComponent(location) == machine_.volumes.displayName("/") ||
+        !files.isFolder(location))
+        return;
     const std::string_view volume = volumeOfBackup(dirBackupFilePath);
     switch (prepareFolderAt(files, location, volume)) {
         case FolderState::ready:

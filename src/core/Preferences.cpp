@@ -148,7 +148,7 @@ const PropertyList* KorvaneProDaemon::preference(std::string_view key) const {
 }
 
 std::string KorvaneProDaemon::startUpVolumeLocation() {
-    return "/Volumes/" + machine_.fileSystem.displayName("/");
+    return "/Volumes/" + machine_.volumes.displayName("/");
 }
 
 }  // namespace korvane

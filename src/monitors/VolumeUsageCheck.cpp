@@ -43,8 +43,7 @@ bool KorvaneProDaemon::canMeasureUsage(const std::string& path) {
     const std::vector<std::string>& mounted = machine_.volumes.mountedLocalVolumePaths();
     if (std::find(mounted.begin(), mounted.end(), path) == mounted.end()) return false;
     const std::optional<FileSystemFlags> flags = machine_.volumes.fileSystemFlags(path);
-    return flags && flags->isWritable &&
-           machine_.fileSystem.displayName(path) != kEmergencyVolumeName;
+    return flags && flags->isWritable && machine_.volumes.displayName(path) != kEmergencyVolumeName;
 }
 
 void KorvaneProDaemon::measureVolumeUsage(const std::string& path, VolumeEntry& entry,
@@ -55,7 +54,7 @@ void KorvaneProDaemon::measureVolumeUsage(const std::string& path, VolumeEntry& 
         measureUsage(machine_.volumes.fileSystemAttributes(path).value_or(FileSystemAttributes{}));
     const UsageOutcome outcome =
         usageOutcome(entry.volumeOnOff(), entry.freeSpaceWarningLevel(), measured.percentFree);
-    const std::string displayName = machine_.fileSystem.displayName(path);
+    const std::string displayName = machine_.volumes.displayName(path);
     if (outcome == UsageOutcome::passed) {
         entry.setUsageStatus(kStatusPassed);
     } else {

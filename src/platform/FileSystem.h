@@ -104,9 +104,6 @@ class FileSystem {
     // changed, when something has that name.
     virtual bool rename(const std::string& path, const std::string& newPath) = 0;
 
-    // The name a person knows the item by: on a machine without such names the last path component
-    // and, for "/", "System".
-    [[nodiscard]] virtual std::string displayName(const std::string& path) = 0;
     // The login name of the account the daemon runs as.
     [[nodiscard]] virtual std::string userName() = 0;
     // The number of that account.

@@ -39,7 +39,7 @@ struct FSRef {
 struct VolumeInfo {
     std::int16_t referenceNumber = 0;  // never 0
     FSRef root;
-    std::string name;                 // no other mounted volume has it at the time
+    std::string name;                 // its display name
     std::uint32_t serverAddress = 0;  // 0 for a local volume
     std::string bsdName;              // empty when the volume has no device
     std::uint16_t fileSystemId = 0;   // 0 for HFS, HFS Plus and HFSX
@@ -90,6 +90,11 @@ class Volumes {
     [[nodiscard]] virtual OSErrOr<VolumeInfo> volumeInfoOfRoot(const FSRef& root) = 0;
     // The local volume on the device with exactly this BSD name: nsvErr when there is none.
     [[nodiscard]] virtual OSErrOr<VolumeInfo> volumeInfoByDevice(std::string_view bsdName) = 0;
+
+    // The name that a person knows the volume mounted there by, and that its folders and records
+    // go by. No other mounted volume has it, and a volume keeps it for as long as it is mounted.
+    // Where nothing is mounted: the last path component and, for "/", "System".
+    [[nodiscard]] virtual std::string displayName(std::string_view path);
 
     // A mount point as other programs take it: the very bytes of its path.
     [[nodiscard]] virtual std::string pathBytes(const std::string& path) const { return path; }

@@ -44,12 +44,13 @@ void VolumeFolders::keepMarker(const std::string& displayName, BackupMarker mark
     if (!isThere) (void)fileSystem_.createEmptyFile(wanted, kSharedFilePermissions);
 }
 
-void removeTrashRecords(FileSystem& fileSystem, const std::string& displayName,
+void removeTrashRecords(FileSystem& fileSystem, Volumes& volumes, const std::string& mountPoint,
                         const PropertyList* directoryBackupLocations) {
     const PropertyListArray* locations =
         directoryBackupLocations ? directoryBackupLocations->array() : nullptr;
     if (!locations) return;
-    const std::string startUpVolume = fileSystem.displayName("/");
+    const std::string displayName = volumes.displayName(mountPoint);
+    const std::string startUpVolume = volumes.displayName("/");
     for (const PropertyList& element : *locations) {
         const std::string* location = element.string();
         if (!location) continue;

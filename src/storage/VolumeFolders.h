@@ -10,6 +10,7 @@
 
 #include "base/PropertyList.h"
 #include "platform/FileSystem.h"
+#include "platform/Volumes.h"
 
 namespace korvane {
 
@@ -42,7 +43,7 @@ class VolumeFolders {
 // For an encrypted volume: walks its folder at each backup location and removes the records of
 // deleted items that it finds there, each from below the support folder, whichever location it was
 // found at.
-void removeTrashRecords(FileSystem& fileSystem, const std::string& displayName,
+void removeTrashRecords(FileSystem& fileSystem, Volumes& volumes, const std::string& mountPoint,
                         const PropertyList* directoryBackupLocations);
 
 }  // namespace korvane

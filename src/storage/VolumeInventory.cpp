@@ -101,8 +101,7 @@ class VolumePass {
         if (!isEncrypted) return;
         entry.setDirectoryOnOff(false);
         entry.setTrashOnOff(false);
-        removeTrashRecords(fileSystem_, fileSystem_.displayName(path),
-                           settings_.directoryBackupLocations);
+        removeTrashRecords(fileSystem_, volumes_, path, settings_.directoryBackupLocations);
     }
 
     void markAbsentVolumes() {
@@ -134,7 +133,7 @@ class VolumePass {
                 changed_ = true;
             }
             if (!isAvailable && !isEncrypted) continue;
-            const std::string displayName = fileSystem_.displayName(path);
+            const std::string displayName = volumes_.displayName(path);
             if (isAvailable) folders.removeUnlisted(displayName);
             folders.keepMarker(
                 displayName,

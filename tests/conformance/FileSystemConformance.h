@@ -324,12 +324,6 @@ TEST_P(FileSystemConformance, TakesNoFileThatOthersMayWriteForItsOwn) {
     EXPECT_EQ(*own, "other jobs");
 }
 
-TEST_P(FileSystemConformance, KnowsItemsByTheLastComponentAndTheRootAsSystem) {
-    EXPECT_EQ(files().displayName("/"), "System");
-    EXPECT_EQ(files().displayName("/Volumes/Data"), "Data");
-    EXPECT_EQ(files().displayName("/Volumes/Not there"), "Not there");
-}
-
 TEST_P(FileSystemConformance, KnowsWhoItRunsAs) {
     EXPECT_FALSE(files().userName().empty());
     ASSERT_TRUE(files().createFolders(at("mine"), files().userName()));

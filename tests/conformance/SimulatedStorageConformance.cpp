@@ -1,4 +1,5 @@
 // Holds the simulated machine's files, volumes and devices to what their interfaces promise.
+#include <algorithm>
 #include <map>
 #include <stdexcept>
 
@@ -46,6 +47,7 @@ struct SimulatedVolumesSubject final : VolumesSubject {
         MountDescription mount;
         mount.path = "/Volumes/" + name;
         mount.device = "/dev/" + name + "1";
+        std::replace(mount.device.begin() + 5, mount.device.end(), '/', '-');
         mount.type = "ext4";
         mount.sizeBytes = 1000000;
         mount.freeBytes = 500000;

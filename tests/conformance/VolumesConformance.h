@@ -22,8 +22,8 @@ class VolumesSubject {
     virtual ~VolumesSubject() = default;
     virtual Volumes& volumes() = 0;
 
-    // Mounts a volume of a local block device under this last path component, and says where. The
-    // same name is the same volume, each time. An empty path: not possible on this machine, and
+    // Mounts a volume of a local block device at a path that ends so, and says where. The same name
+    // is the same volume, each time. An empty path: not possible on this machine, and
     // the test is skipped.
     virtual std::string mount(const std::string& name) = 0;
     virtual void unmount(const std::string& path) = 0;
@@ -172,6 +172,28 @@ TEST_P(VolumesConformance, KeepTheirNumberFromMountToMount) {
     const auto after = infoAt(one_);
     ASSERT_TRUE(after);
     EXPECT_EQ(after->referenceNumber, before->referenceNumber);
+}
+
+TEST_P(VolumesConformance, HaveANameOfTheirOwnForAsLongAsTheyAreMounted) {
+    two_ = subject_->mount("Other/One");
+    ASSERT_FALSE(two_.empty());
+    subject_->settle();
+    EXPECT_EQ(volumes().displayName(one_), "One");
+    EXPECT_EQ(volumes().displayName(two_), "One 1");
+    EXPECT_EQ(infoAt(one_)->name, "One");
+    EXPECT_EQ(infoAt(two_)->name, "One 1");
+    subject_->unmount(one_);
+    subject_->settle();
+    EXPECT_EQ(volumes().displayName(two_), "One 1");
+}
+
+TEST_P(VolumesConformance, AreKnownByTheLastComponentWhereNothingIsMounted) {
+    EXPECT_EQ(volumes().displayName("/nowhere/My Disk"), "My Disk");
+    EXPECT_EQ(volumes().displayName("/nowhere/My Disk/"), "My Disk");
+    EXPECT_EQ(volumes().displayName("name"), "name");
+    EXPECT_EQ(volumes().displayName(""), "");
+    EXPECT_EQ(volumes().displayName("/"), "System");
+    EXPECT_EQ(volumes().displayName("//"), "System");
 }
 
 TEST_P(VolumesConformance, TellTheirSizesAndFlags) {

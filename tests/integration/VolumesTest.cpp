@@ -78,7 +78,8 @@ struct RealVolumes : testing::Test {
         fs::create_directory(folder / "support");
         volumes = std::make_unique<LinuxVolumes>(
             loop, LinuxVolumesPlaces{.memoryFile = folder / "support/.volumes.plist",
-                                     .linksFolder = folder / "Volumes"});
+                                     .linksFolder = folder / "Volumes",
+                                     .keepsLinks = true});
         volumes->setDidMount([this] { ++mounts; });
         volumes->setDidUnmount([this] { ++unmounts; });
     }
@@ -226,7 +227,10 @@ struct RealVolumesSubject final : VolumesSubject {
     std::string mount(const std::string& name) override {
         if (!volumes_) return {};
         auto& disk = disks_[name];
-        if (!disk) disk = std::make_unique<LoopVolume>(folder_.path(), name);
+        if (!disk) {
+            const std::string image = std::to_string(disks_.size());
+            disk = std::make_unique<LoopVolume>(folder_.path(), image);
+        }
         const std::string path = folder_.make(name);
         return disk->mountAt(path) ? path : std::string{};
     }

@@ -201,10 +201,14 @@ TEST(HistoryLog, NeverLiesOutsideTheSupportFolder) {
     }
 }
 
-TEST(HistoryLog, OfTwoVolumesOfOneNameIsShared) {
+TEST(HistoryLog, OfEachOfTwoVolumesOfOneNameIsItsOwn) {
     Scenario s("one-volume");
-    s.mount("/media/Data").run(minutes(1));
-    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed", "passed"));
+    s.mount("/media/Data").fill("/media/Data", 99_percent).run(minutes(1));
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed"));
+    EXPECT_THAT(usageResultsIn(s, "Data 1"), ElementsAre("failed"));
+    EXPECT_THAT(s.dialogs(), ElementsAre(testing::HasSubstr("“Data 1”")));
+    EXPECT_THAT(s.supportFiles(), testing::IsSupersetOf({"Data/DirectoryBackup (ON)",
+                                                         "Data 1/DirectoryBackup (ON)"}));
 }
 
 }  // namespace

@@ -429,13 +429,15 @@ class TrashSearchesOfAUser : public TrashBed {
     static MachineDescription machineOfAda() {
         MachineDescription machine = Scenario::describe("two-volumes");
         machine.userName = "ada";
+        for (MountDescription& mount : machine.mounts) {
+            if (mount.path == "/Volumes/Data") mount.displayName = "Old/Data";
+        }
         return machine;
     }
 };
 
 TEST_F(TrashSearchesOfAUser, MakeTheFolderOfTheirResultsAgainWithThoseAboveIt) {
     const std::string above = std::string(kSupportFolder) + "/Old";
-    files().setDisplayName("/Volumes/Data", "Old/Data");
     s.run(seconds(1));
     (void)files().removeItem(above);  // whether a check has made it by now does not matter
     trash(std::string(kDataTrash) + "/a");

@@ -11,7 +11,6 @@
 
 #include "core/DefaultPreferences.h"
 #include "korvanectl/Text.h"
-#include "korvanectl/VolumeReport.h"
 #include "storage/PathText.h"
 #include "storage/SupportFolder.h"
 
@@ -67,10 +66,10 @@ PropertyListArray backupLocations(const Dictionary& preferences) {
     return stored != nullptr && stored->array() != nullptr ? *stored->array() : PropertyListArray{};
 }
 
-std::vector<BackupFound> findBackups(const Dictionary& preferences,
+std::vector<BackupFound> findBackups(const Dictionary& preferences, Volumes& volumes,
                                      const std::string& supportFolder) {
     std::vector<BackupFound> backups;
-    const std::string startUpVolume = volumeName("/");
+    const std::string startUpVolume = volumes.displayName("/");
     addBackups("/Volumes/" + startUpVolume, supportFolder, backups);
     for (const PropertyList& element : backupLocations(preferences)) {
         const std::string location = stringValue(&element);

@@ -10,6 +10,7 @@
 #include "base/Calendar.h"
 #include "base/PropertyList.h"
 #include "korvanectl/Outcome.h"
+#include "platform/Volumes.h"
 
 namespace korvane::ctl {
 
@@ -30,7 +31,7 @@ struct BackupFound {
 
 // Location by location, those on the start-up volume first; volume by volume, the oldest first as
 // far as their names say.
-[[nodiscard]] std::vector<BackupFound> findBackups(const Dictionary& preferences,
+[[nodiscard]] std::vector<BackupFound> findBackups(const Dictionary& preferences, Volumes& volumes,
                                                    const std::string& supportFolder);
 
 // The backup that a person means: by its path, its name, or the stamp in its name. Of several

@@ -29,7 +29,7 @@ Outcome<Backups> allBackups(const Program& program) {
     if (!preferences) {
         return preferences.failure();
     }
-    return findBackups(*preferences, program.supportFolder);
+    return findBackups(*preferences, program.volumes(), program.supportFolder);
 }
 
 // Those of the volume that goes by this mount point or name; of all volumes without one. A volume
@@ -39,13 +39,13 @@ Outcome<Backups> backupsOf(const Program& program, const std::string& volume) {
     if (!preferences) {
         return preferences.failure();
     }
-    Backups backups = findBackups(*preferences, program.supportFolder);
+    Backups backups = findBackups(*preferences, program.volumes(), program.supportFolder);
     if (volume.empty()) {
         return backups;
     }
-    const Outcome<std::size_t> index = findVolume(*preferences, volume);
+    const Outcome<std::size_t> index = findVolume(*preferences, program.volumes(), volume);
     const std::string name =
-        index ? volumeFolderName(volumeName(
+        index ? volumeFolderName(program.volumes().displayName(
                     ConstVolumeEntry{volumeEntryAt(*preferences, *index)}.volumeMountToName()))
               : volume;
     std::erase_if(backups, [&](const BackupFound& each) { return each.volume != name; });

@@ -36,15 +36,7 @@ Outcome<std::string> locationOf(Volumes& volumes, const std::string& path) {
         lastPathComponent(path) == path.substr(std::string_view(kVolumesFolder).size())) {
         return path;
     }
-    const std::string name = volumeName(real ? real.get() : path.c_str());
-    const auto namesakes = std::count_if(
-        mounted.begin(), mounted.end(), [&](const auto& each) { return volumeName(each) == name; });
-    if (namesakes > 1) {
-        return Failure{ExitStatus::refused,
-                       fmt::format("several volumes are named \"{}\"; give the one in /Volumes",
-                                   printable(name))};
-    }
-    return kVolumesFolder + name;
+    return kVolumesFolder + volumes.displayName(real && isMounted(real.get()) ? real.get() : path);
 }
 
 bool hasLocation(const Dictionary& preferences, const std::string& location) {

@@ -362,7 +362,7 @@ Outcome<ExitStatus> runHistory(Program& program, const std::string& name) {
     if (!preferences) {
         return preferences.failure();
     }
-    const Outcome<std::size_t> index = findVolume(*preferences, name);
+    const Outcome<std::size_t> index = findVolume(*preferences, program.volumes(), name);
     if (!index) {
         const std::vector<DriveReport> drives = reportDrives(*preferences, program.supportFolder,
                                                              DaemonPresence::absent, program.now());
@@ -374,7 +374,8 @@ Outcome<ExitStatus> runHistory(Program& program, const std::string& name) {
     }
     const std::string mountPoint =
         ConstVolumeEntry{volumeEntryAt(*preferences, *index)}.volumeMountToName();
-    const auto checks = readVolumeLog(program.supportFolder, mountPoint);
+    const auto checks =
+        readVolumeLog(program.supportFolder, program.volumes().displayName(mountPoint));
     if (!checks) {
         return checks.failure();
     }

@@ -230,7 +230,7 @@ bool holdsHomes(const std::string& mountPoint) {
 void noteHomes(Program& program, const std::string& volume, const char* word) {
     const Outcome<Dictionary> preferences = program.preferences.read();
     if (!preferences) return;
-    const Outcome<std::size_t> index = findVolume(*preferences, volume);
+    const Outcome<std::size_t> index = findVolume(*preferences, program.volumes(), volume);
     if (!index) return;
     const ConstVolumeEntry entry{volumeEntryAt(*preferences, *index)};
     if (!holdsHomes(entry.volumeMountToName())) return;
@@ -257,9 +257,9 @@ Outcome<ExitStatus> runSwitch(Program& program, const std::string& volume, bool 
                              [word] { return fmt::format("The trash history is {}", word); });
     } else {
         const auto value = std::make_shared<PropertyList>();
-        outcome = finishEdit(program, volumeEdit(volume, kTrashOfVolume, {word}, value), [=] {
-            return fmt::format("The trash history of {} is {}", printable(volume), word);
-        });
+        outcome = finishEdit(
+            program, volumeEdit(program.volumes(), volume, kTrashOfVolume, {word}, value),
+            [=] { return fmt::format("The trash history of {} is {}", printable(volume), word); });
     }
     if (outcome && isOn) noteOtherSwitch(program, !volume.empty());
     if (outcome && !volume.empty()) noteHomes(program, volume, word);

@@ -30,8 +30,9 @@ constexpr VolumeCheck kVolumeChecks[] = {{CheckKind::usage, kUsageKeys},
                                          {CheckKind::directory, kDirectoryKeys}};
 
 // The entry that findVolume() finds, for changing.
-Outcome<Dictionary*> entryToEdit(Dictionary& preferences, const std::string& volume) {
-    const Outcome<std::size_t> index = findVolume(preferences, volume);
+Outcome<Dictionary*> entryToEdit(Dictionary& preferences, Volumes& volumes,
+                                 const std::string& volume) {
+    const Outcome<std::size_t> index = findVolume(preferences, volumes, volume);
     if (!index) {
         return index.failure();
     }
@@ -39,8 +40,9 @@ Outcome<Dictionary*> entryToEdit(Dictionary& preferences, const std::string& vol
 }
 
 // The same for reading; null when it is gone.
-const Dictionary* entryToLookAt(const Dictionary& preferences, const std::string& volume) {
-    const Outcome<std::size_t> index = findVolume(preferences, volume);
+const Dictionary* entryToLookAt(const Dictionary& preferences, Volumes& volumes,
+                                const std::string& volume) {
+    const Outcome<std::size_t> index = findVolume(preferences, volumes, volume);
     return index ? &volumeEntryAt(preferences, *index) : nullptr;
 }
 
@@ -71,7 +73,7 @@ Outcome<ExitStatus> runGet(Program& program, const std::string& volume, const st
     if (!preferences) {
         return preferences.failure();
     }
-    const Outcome<std::size_t> index = findVolume(*preferences, volume);
+    const Outcome<std::size_t> index = findVolume(*preferences, program.volumes(), volume);
     if (!index) {
         return index.failure();
     }
@@ -120,7 +122,7 @@ std::optional<Failure> objectionTo(const Dictionary& edited, const std::string& 
 Outcome<ExitStatus> runSet(Program& program, const std::string& volume, const std::string& key,
                            const Words& words) {
     const auto value = std::make_shared<PropertyList>();
-    return finishEdit(program, volumeEdit(volume, key, words, value), [=] {
+    return finishEdit(program, volumeEdit(program.volumes(), volume, key, words, value), [=] {
         return fmt::format("{} of {} is {}", printable(key), printable(volume),
                            printable(valueWords(*value)));
     });
@@ -143,25 +145,27 @@ Outcome<ExitStatus> runReset(Program& program, const std::string& volume) {
     // The entry as it was when the last try began.
     const auto before = std::make_shared<Dictionary>();
     const auto anyReset = std::make_shared<bool>(false);
-    const Edit edit{.apply = [=](Dictionary& preferences) -> Outcome<std::monostate> {
-                        const Outcome<Dictionary*> entry = entryToEdit(preferences, volume);
-                        if (!entry) {
-                            return entry.failure();
-                        }
-                        *before = **entry;
-                        for (const auto& [kind, keys] : kVolumeChecks) {
-                            if (entryStatus(*before, keys) == kStatusRunning) {
-                                setEntryStatus(**entry, keys, kStatusNotExamined);
-                                *anyReset = true;
-                            }
-                        }
-                        return std::monostate{};
-                    },
-                    .holds =
-                        [=](const Dictionary& preferences) {
-                            const Dictionary* const entry = entryToLookAt(preferences, volume);
-                            return entry == nullptr || !stillStuck(*entry, *before);
-                        }};
+    Volumes& volumes = program.volumes();
+    const Edit edit{
+        .apply = [=, &volumes](Dictionary& preferences) -> Outcome<std::monostate> {
+            const Outcome<Dictionary*> entry = entryToEdit(preferences, volumes, volume);
+            if (!entry) {
+                return entry.failure();
+            }
+            *before = **entry;
+            for (const auto& [kind, keys] : kVolumeChecks) {
+                if (entryStatus(*before, keys) == kStatusRunning) {
+                    setEntryStatus(**entry, keys, kStatusNotExamined);
+                    *anyReset = true;
+                }
+            }
+            return std::monostate{};
+        },
+        .holds =
+            [=, &volumes](const Dictionary& preferences) {
+                const Dictionary* const entry = entryToLookAt(preferences, volumes, volume);
+                return entry == nullptr || !stillStuck(*entry, *before);
+            }};
     return finishEdit(program, edit, [=] {
         return *anyReset
                    ? fmt::format("{} is set back and will be examined anew", printable(volume))
@@ -171,10 +175,10 @@ Outcome<ExitStatus> runReset(Program& program, const std::string& volume) {
 
 }  // namespace
 
-Edit volumeEdit(const std::string& volume, const std::string& key,
+Edit volumeEdit(Volumes& volumes, const std::string& volume, const std::string& key,
                 const std::vector<std::string>& words, const std::shared_ptr<PropertyList>& value) {
-    return Edit{.apply = [=](Dictionary& preferences) -> Outcome<std::monostate> {
-                    const Outcome<Dictionary*> entry = entryToEdit(preferences, volume);
+    return Edit{.apply = [=, &volumes](Dictionary& preferences) -> Outcome<std::monostate> {
+                    const Outcome<Dictionary*> entry = entryToEdit(preferences, volumes, volume);
                     if (!entry) {
                         return entry.failure();
                     }
@@ -194,8 +198,8 @@ Edit volumeEdit(const std::string& volume, const std::string& key,
                     return std::monostate{};
                 },
                 .holds =
-                    [=](const Dictionary& preferences) {
-                        const Dictionary* const entry = entryToLookAt(preferences, volume);
+                    [=, &volumes](const Dictionary& preferences) {
+                        const Dictionary* const entry = entryToLookAt(preferences, volumes, volume);
                         const PropertyList* const stored =
                             entry != nullptr ? entry->find(key) : nullptr;
                         return stored != nullptr && *stored == *value;

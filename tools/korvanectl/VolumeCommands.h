@@ -12,8 +12,8 @@
 namespace korvane::ctl {
 
 // Sets one setting of the volume of this name or mount point, checked as the command "volume NAME
-// set" does. `value` takes what was stored.
-[[nodiscard]] Edit volumeEdit(const std::string& volume, const std::string& key,
+// set" does. `value` takes what was stored. `volumes` must outlive the edit.
+[[nodiscard]] Edit volumeEdit(Volumes& volumes, const std::string& volume, const std::string& key,
                               const std::vector<std::string>& words,
                               const std::shared_ptr<PropertyList>& value);
 

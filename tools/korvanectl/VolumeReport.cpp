@@ -53,7 +53,7 @@ VolumeReport reportVolume(const ReportSources& sources, const Dictionary& fields
     const ConstVolumeEntry entry{fields};
     VolumeReport report;
     report.mountPoint = entry.volumeMountToName();
-    report.name = volumeName(report.mountPoint);
+    report.name = sources.volumes.displayName(report.mountPoint);
     report.watched = entry.volumeOnOff();
     report.warningLevel = entry.freeSpaceWarningLevel();
     report.nextCheck = entry.executionTimeUsage();
@@ -68,7 +68,7 @@ VolumeReport reportVolume(const ReportSources& sources, const Dictionary& fields
         report.device = mount != nullptr ? mount->mountFromName : "";
         report.space = sources.volumes.fileSystemAttributes(report.mountPoint);
     }
-    const auto log = readVolumeLog(sources.supportFolder, report.mountPoint);
+    const auto log = readVolumeLog(sources.supportFolder, report.name);
     if (log && !log->empty()) {
         report.lastCheck = log->back();
     }
@@ -100,22 +100,13 @@ std::vector<VolumeReport> reportVolumes(const ReportSources& sources) {
     return reports;
 }
 
-std::string volumeName(std::string_view mountPoint) {
-    const std::size_t end = mountPoint.find_last_not_of('/');
-    if (end == std::string_view::npos) {
-        return "System";
-    }
-    const std::string_view path = mountPoint.substr(0, end + 1);
-    const std::size_t slash = path.rfind('/');
-    return std::string{slash == std::string_view::npos ? path : path.substr(slash + 1)};
-}
-
-Outcome<std::size_t> findVolume(const Dictionary& preferences, std::string_view name) {
-    const PropertyListArray& volumes = volumeArray(preferences);
+Outcome<std::size_t> findVolume(const Dictionary& preferences, Volumes& volumes,
+                                std::string_view name) {
+    const PropertyListArray& entries = volumeArray(preferences);
     std::vector<std::size_t> named;
     std::string paths;
-    for (std::size_t i = 0; i < volumes.size(); ++i) {
-        const auto entry = ConstVolumeEntry::over(volumes[i]);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        const auto entry = ConstVolumeEntry::over(entries[i]);
         if (!entry) {
             continue;
         }
@@ -123,7 +114,7 @@ Outcome<std::size_t> findVolume(const Dictionary& preferences, std::string_view 
         if (mountPoint == name) {
             return i;
         }
-        if (volumeName(mountPoint) == name) {
+        if (volumes.displayName(mountPoint) == name) {
             named.push_back(i);
             paths += (paths.empty() ? "" : ", ") + printable(mountPoint);
         }
@@ -175,9 +166,9 @@ bool hasStuckUsageCheck(const Dictionary& preferences, const Dictionary& before)
 }
 
 Outcome<std::vector<LoggedCheck>> readVolumeLog(const std::string& supportFolder,
-                                                std::string_view mountPoint) {
-    const std::string path = fmt::format("{}/{}/{}", supportFolder,
-                                         volumeFolderName(volumeName(mountPoint)), kUsageLogName);
+                                                std::string_view volumeName) {
+    const std::string path =
+        fmt::format("{}/{}/{}", supportFolder, volumeFolderName(volumeName), kUsageLogName);
     return readLog<LoggedCheck>(path, loggedCheck);
 }
 

@@ -56,12 +56,10 @@ struct ReportSources {
 // All volumes that have an entry, in the entries' order.
 [[nodiscard]] std::vector<VolumeReport> reportVolumes(const ReportSources& sources);
 
-// The name a volume goes by: the last part of its mount point, "System" for "/".
-[[nodiscard]] std::string volumeName(std::string_view mountPoint);
-
 // The index in "volumeArray" of the entry with this mount point, else with this name. Failures:
 // none, or several of the name.
-[[nodiscard]] Outcome<std::size_t> findVolume(const Dictionary& preferences, std::string_view name);
+[[nodiscard]] Outcome<std::size_t> findVolume(const Dictionary& preferences, Volumes& volumes,
+                                              std::string_view name);
 
 // The entry at the index, which findVolume() gave for the same preferences.
 [[nodiscard]] const Dictionary& volumeEntryAt(const Dictionary& preferences, std::size_t index);
@@ -72,8 +70,9 @@ void setBackRunningUsageChecks(Dictionary& preferences);
 // daemon has begun anew is no longer stuck.
 [[nodiscard]] bool hasStuckUsageCheck(const Dictionary& preferences, const Dictionary& before);
 
-// The volume's log, oldest first; none when it has none yet. A damaged log is a failure.
+// The log of the volume that goes by this name, oldest first; none when it has none yet. A damaged
+// log is a failure.
 [[nodiscard]] Outcome<std::vector<LoggedCheck>> readVolumeLog(const std::string& supportFolder,
-                                                              std::string_view mountPoint);
+                                                              std::string_view volumeName);
 
 }  // namespace korvane::ctl

@@ -41,7 +41,7 @@ class MountedNow {
         sigset_t mask;
         (void)pthread_sigmask(SIG_SETMASK, nullptr, &mask);  // only asks
         loop_.emplace(log_);
-        volumes_.emplace(*loop_, LinuxVolumesPlaces{.memoryFile = "", .linksFolder = ""});
+        volumes_.emplace(*loop_, LinuxVolumesPlaces{});
         // The loop takes the signals for itself, but it never runs here: Ctrl-C must still work
         // while a dying disk is asked for its free space.
         (void)pthread_sigmask(SIG_SETMASK, &mask, nullptr);  // fails for no mask it gave out

@@ -254,11 +254,6 @@ Result<std::monostate> LinuxFileSystem::writePropertyList(const std::string& pat
     return propertyLists_.write(place, value, permissions, durability);
 }
 
-std::string LinuxFileSystem::displayName(const std::string& path) {
-    const std::string place = withoutTrailingSlashes(path);
-    return place == "/" ? "System" : place.substr(place.rfind('/') + 1);
-}
-
 std::string LinuxFileSystem::userName() {
     std::array<char, kAccountBufferSize> buffer;
     passwd account{};

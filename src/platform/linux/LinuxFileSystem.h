@@ -44,7 +44,6 @@ class LinuxFileSystem final : public FileSystem {
                                                        std::size_t recordBytes,
                                                        mode_t permissions) override;
     bool rename(const std::string& path, const std::string& newPath) override;
-    [[nodiscard]] std::string displayName(const std::string& path) override;
     [[nodiscard]] std::string userName() override;
     [[nodiscard]] std::uint32_t userId() override;
 

@@ -51,10 +51,11 @@ LinuxVolumes::LinuxVolumes(LinuxRunLoop& loop, const LinuxVolumesPlaces& places)
     : loop_(loop),
       devices_(Sysfs{places.sysfs}, UdevDatabase{places.udevData}),
       memory_(places.memoryFile),
-      links_(places.linksFolder, memory_),
+      links_(places.keepsLinks ? places.linksFolder : "", memory_),
       watch_(loop, places.mountTable, [this] { didChange(); }),
       table_(std::make_unique<VolumeTable>(std::vector<MountRow>{}, devices_, memory_, nullptr)),
-      namesFolder_(places.linksFolder.empty() ? "/Volumes" : places.linksFolder),
+      linksFolder_(places.linksFolder),
+      nameOfMountPoint_(volumeLinksIn(places.linksFolder)),
       retryDelay_(kFirstRetry) {
     refresh();
     hasAppeared_ = false;  // what is there at the start has not appeared
@@ -108,19 +109,21 @@ void LinuxVolumes::remember() {
     retryDelay_ = std::min(retryDelay_ * 2, kLastRetry);
 }
 
-// What stands in the folder of links beside them takes no name here: it is no volume.
+// A volume keeps the name that it has had so far; a new one goes by the name of its link.
 void LinuxVolumes::giveNames(const std::vector<std::string>& mountPoints) {
-    const auto& standing = memory_.links().empty() ? mountPointOfName_ : memory_.links();
-    mountPointOfName_ = linksForVolumes(namesFolder_, mountPoints, standing,
-                                        [](const std::string&) { return false; });
-    nameOfMountPoint_.clear();
-    for (const auto& [name, mountPoint] : mountPointOfName_) {
+    for (const auto& [name, mountPoint] : memory_.links()) {
         nameOfMountPoint_.emplace(mountPoint, name);
     }
-    // Those mounted in the folder itself have theirs already.
-    for (const std::string& mountPoint : mountPoints) {
-        nameOfMountPoint_.emplace(mountPoint, lastComponent(mountPoint));
-    }
+    nameOfMountPoint_ = namesForVolumes(linksFolder_, mountPoints, nameOfMountPoint_);
+}
+
+std::string LinuxVolumes::nameOf(const LocalVolume& volume) const {
+    return textOfBytes(nameOfMountPoint_.at(volume.mountPointBytes));
+}
+
+std::string LinuxVolumes::displayName(std::string_view path) {
+    const LocalVolume* const volume = table_->volumeAt(path);
+    return volume != nullptr ? nameOf(*volume) : Volumes::displayName(path);
 }
 
 OSErrOr<VolumeInfo> LinuxVolumes::infoOf(const LocalVolume* volume) const {
@@ -134,8 +137,7 @@ OSErrOr<VolumeInfo> LinuxVolumes::infoOf(const LocalVolume* volume) const {
     VolumeInfo info;
     info.referenceNumber = volume->number;
     info.root.rootPath = volume->mountPoint;
-    const auto name = nameOfMountPoint_.find(volume->mountPointBytes);
-    info.name = name == nameOfMountPoint_.end() ? "" : textOfBytes(name->second);
+    info.name = nameOf(*volume);
     info.bsdName = volume->device.name;
     const bool isHfsPlus = volume->typeName == "hfsplus";
     info.fileSystemId = isHfsPlus || volume->typeName == "hfs" ? 0 : kOtherFileSystemId;

@@ -24,8 +24,10 @@ namespace korvane {
 
 // Where things are on the machine; tests look elsewhere.
 struct LinuxVolumesPlaces {
-    std::string memoryFile{};   // for VolumeMemory; empty: numbers do not outlive the process
-    std::string linksFolder{};  // for VolumeLinks, "/Volumes"; empty: no links are kept
+    std::string memoryFile{};  // for VolumeMemory; empty: numbers do not outlive the process
+    std::string linksFolder = "/Volumes";
+    // Makes the links there. Whoever does not goes by the names of those that are there.
+    bool keepsLinks = false;
     std::string mountTable = "/proc/self/mountinfo";
     std::string sysfs = "/sys";
     std::string udevData = "/run/udev/data";
@@ -41,6 +43,7 @@ class LinuxVolumes final : public Volumes {
     [[nodiscard]] const std::vector<MountEntry>& mountTable() override;
     [[nodiscard]] const MountEntry* mountAt(std::string_view path) override;
     [[nodiscard]] const std::vector<std::string>& mountedLocalVolumePaths() override;
+    [[nodiscard]] std::string displayName(std::string_view path) override;
     [[nodiscard]] std::string pathBytes(const std::string& path) const override;
     [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoByIndex(std::size_t index) override;
     [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoByReferenceNumber(std::int16_t number) override;
@@ -61,6 +64,7 @@ class LinuxVolumes final : public Volumes {
     void didChange();
     void remember();
     void giveNames(const std::vector<std::string>& mountPoints);
+    [[nodiscard]] std::string nameOf(const LocalVolume& volume) const;
     [[nodiscard]] OSErrOr<VolumeInfo> infoOf(const LocalVolume* volume) const;
 
     LinuxRunLoop& loop_;
@@ -70,10 +74,8 @@ class LinuxVolumes final : public Volumes {
     MountWatch watch_;
 
     std::unique_ptr<VolumeTable> table_;
-    // Names and mount points, as bytes. Where links are kept they are those of the links.
-    std::string namesFolder_;
-    std::map<std::string, std::string> mountPointOfName_;
-    std::map<std::string, std::string> nameOfMountPoint_;
+    std::string linksFolder_;
+    std::map<std::string, std::string> nameOfMountPoint_;  // as bytes
     // Tables replaced since the loop last turned: references into them still hold.
     std::vector<std::unique_ptr<VolumeTable>> replaced_;
     bool hasAppeared_ = false;

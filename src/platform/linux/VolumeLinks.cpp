@@ -34,7 +34,71 @@ bool isAbsent(int folder, const std::string& name) {
     return ::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
 }
 
+std::string ownNameOf(const std::string& mountPoint) {
+    return mountPoint == "/" ? kNameOfRoot : lastComponent(mountPoint);
+}
+
+// Whether the name is that of the volume, or that with a number behind it.
+bool isNameOf(const std::string& mountPoint, const std::string& name) {
+    const std::string own = ownNameOf(mountPoint);
+    if (!name.starts_with(own)) {
+        return false;
+    }
+    const std::string_view rest = std::string_view{name}.substr(own.size());
+    return rest.empty() || (rest.size() > 1 && rest.front() == ' ' &&
+                            rest.find_first_not_of("0123456789", 1) == std::string_view::npos);
+}
+
+// NAME, else NAME 1, NAME 2 and so on.
+std::string firstFreeName(const std::string& name,
+                          const std::function<bool(const std::string& name)>& isTaken) {
+    std::string free = name;
+    for (int number = 1; isTaken(free); ++number) {
+        free = name + " " + std::to_string(number);
+    }
+    return free;
+}
+
 }  // namespace
+
+std::map<std::string, std::string> namesForVolumes(
+    const std::string& folder, const std::vector<std::string>& mountPoints,
+    const std::map<std::string, std::string>& namesSoFar) {
+    std::map<std::string, std::string> names{{"/", kNameOfRoot}};
+    std::set<std::string> taken{kNameOfRoot};
+    const auto give = [&](const std::string& mountPoint, const std::string& name) {
+        if (!names.contains(mountPoint) && taken.insert(name).second) {
+            names.emplace(mountPoint, name);
+        }
+    };
+    for (const std::string& mountPoint : mountPoints) {
+        if (parentFolder(mountPoint) == folder) {
+            give(mountPoint, lastComponent(mountPoint));
+        }
+    }
+    for (const std::string& mountPoint : mountPoints) {
+        if (const auto name = namesSoFar.find(mountPoint); name != namesSoFar.end()) {
+            give(mountPoint, name->second);
+        }
+    }
+    for (const std::string& mountPoint : mountPoints) {
+        give(mountPoint, firstFreeName(ownNameOf(mountPoint), [&](const std::string& name) {
+                 return taken.contains(name);
+             }));
+    }
+    return names;
+}
+
+std::map<std::string, std::string> volumeLinksIn(const std::string& folder) {
+    std::map<std::string, std::string> names;
+    const Sysfs links{folder};
+    for (const std::string& name : links.list(".")) {
+        if (auto target = links.linkText(name); target && isNameOf(*target, name)) {
+            names.emplace(std::move(*target), name);
+        }
+    }
+    return names;
+}
 
 std::map<std::string, std::string> linksForVolumes(
     const std::string& folder, const std::vector<std::string>& mountPoints,
@@ -60,15 +124,25 @@ std::map<std::string, std::string> linksForVolumes(
         if (wanted.erase(mountPoint) == 0) {
             continue;
         }
-        const std::string name = mountPoint == "/" ? kNameOfRoot : lastComponent(mountPoint);
-        std::string free = name;
-        for (int number = 1; links.contains(free) || taken.contains(free) || isTaken(free);
-             ++number) {
-            free = name + " " + std::to_string(number);
-        }
-        links.emplace(std::move(free), mountPoint);
+        links.emplace(firstFreeName(ownNameOf(mountPoint),
+                                    [&](const std::string& name) {
+                                        return links.contains(name) || taken.contains(name) ||
+                                               isTaken(name);
+                                    }),
+                      mountPoint);
     }
     return links;
+}
+
+// Without the volumes that others have made a link to, or that this object has forgotten it made.
+std::vector<std::string> VolumeLinks::withoutLink(
+    std::vector<std::string> mountPoints, const std::map<std::string, std::string>& own) const {
+    const std::map<std::string, std::string> there = volumeLinksIn(folder_);
+    std::erase_if(mountPoints, [&](const std::string& mountPoint) {
+        const auto name = there.find(mountPoint);
+        return name != there.end() && !own.contains(name->second);
+    });
+    return mountPoints;
 }
 
 bool VolumeLinks::update(const std::vector<std::string>& mountPoints) {
@@ -87,8 +161,8 @@ bool VolumeLinks::update(const std::vector<std::string>& mountPoints) {
             standing.emplace(name, target);
         }
     }
-    const std::map<std::string, std::string> links =
-        linksForVolumes(folder_, mountPoints, standing, [&](const std::string& name) {
+    const std::map<std::string, std::string> links = linksForVolumes(
+        folder_, withoutLink(mountPoints, standing), standing, [&](const std::string& name) {
             return !standing.contains(name) && !isAbsent(folder.get(), name);
         });
     for (const auto& [name, target] : standing) {

@@ -1,6 +1,7 @@
 // The folder of links to the mounted volumes, as people know it from /Volumes: NAME → the mount
 // point, "System" → "/", and "NAME 1", "NAME 2" for others of the same name. Only links that were
-// made here are ever removed; what else stands in the folder keeps its name.
+// made here are ever removed; what else is in the folder keeps its name, and a volume that another
+// has made such a link to needs none.
 #pragma once
 
 #include <functional>
@@ -20,6 +21,17 @@ namespace korvane {
     const std::map<std::string, std::string>& standing,
     const std::function<bool(const std::string& name)>& isTaken);
 
+// The volumes' names by mount point: "System" is that of "/" and of no other; a volume mounted
+// directly in the folder has its own there; one that has a name so far keeps it; any other takes
+// NAME, else NAME 1, NAME 2 and so on. No two have the same.
+[[nodiscard]] std::map<std::string, std::string> namesForVolumes(
+    const std::string& folder, const std::vector<std::string>& mountPoints,
+    const std::map<std::string, std::string>& namesSoFar);
+
+// The names of the links in the folder by their targets, whoever made them; those alone that
+// namesForVolumes() could have given.
+[[nodiscard]] std::map<std::string, std::string> volumeLinksIn(const std::string& folder);
+
 class VolumeLinks {
   public:
     // An empty folder: no links are kept. The memory must outlive this object.
@@ -32,6 +44,9 @@ class VolumeLinks {
     bool update(const std::vector<std::string>& mountPoints);
 
   private:
+    [[nodiscard]] std::vector<std::string> withoutLink(
+        std::vector<std::string> mountPoints, const std::map<std::string, std::string>& own) const;
+
     std::string folder_;
     VolumeMemory& memory_;
     std::vector<std::string> current_;  // for which the folder is in line

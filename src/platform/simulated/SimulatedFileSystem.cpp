@@ -229,15 +229,6 @@ Result<std::monostate> SimulatedFileSystem::writePropertyList(const std::string&
     return std::monostate{};
 }
 
-std::string SimulatedFileSystem::displayName(const std::string& path) {
-    const auto named = displayNames_.find(path);
-    if (named != displayNames_.end()) {
-        return named->second;
-    }
-    const std::deque<std::string_view> components = componentsOf(path);
-    return components.empty() ? "System" : std::string(components.back());
-}
-
 std::string SimulatedFileSystem::userName() { return userName_; }
 
 std::uint32_t SimulatedFileSystem::userId() {
@@ -291,10 +282,6 @@ std::vector<std::string> SimulatedFileSystem::paths() {
     pathsInto(*rootTree_->root, "/", paths);
     std::sort(paths.begin(), paths.end());
     return paths;
-}
-
-void SimulatedFileSystem::setDisplayName(const std::string& path, const std::string& name) {
-    displayNames_[path] = name;
 }
 
 bool SimulatedFileSystem::setModificationDate(const std::string& path, Time date) {

@@ -67,7 +67,6 @@ class SimulatedFileSystem final : public FileSystem {
                                                        std::size_t recordBytes,
                                                        mode_t permissions) override;
     bool rename(const std::string& path, const std::string& newPath) override;
-    [[nodiscard]] std::string displayName(const std::string& path) override;
     [[nodiscard]] std::string userName() override;
     [[nodiscard]] std::uint32_t userId() override;
 
@@ -83,8 +82,6 @@ class SimulatedFileSystem final : public FileSystem {
     [[nodiscard]] std::optional<std::string> bytes(const std::string& path);
     // Every path there is, sorted, folders with a closing "/".
     [[nodiscard]] std::vector<std::string> paths();
-
-    void setDisplayName(const std::string& path, const std::string& name);
 
     // The item's number, 0 where there is none; another number for it, which an item of another
     // volume may have as well; its path by its number; and when it was stamped.
@@ -150,7 +147,6 @@ class SimulatedFileSystem final : public FileSystem {
     std::map<std::string, std::uint32_t> accounts_;
     std::map<std::string, std::unique_ptr<SimulatedTree>> trees_;
     SimulatedTree* rootTree_;
-    std::map<std::string, std::string> displayNames_;
     std::unordered_map<std::string, std::uint64_t> writeCounts_;
     int failingWrites_ = 0;
     std::string unreadableFile_;

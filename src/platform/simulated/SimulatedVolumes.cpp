@@ -85,6 +85,11 @@ OSErrOr<VolumeInfo> SimulatedVolumes::volumeInfoByDevice(std::string_view bsdNam
     return infoOf(found == devices.end() ? nullptr : found->second);
 }
 
+std::string SimulatedVolumes::displayName(std::string_view path) {
+    const Mounted* mounted = mountedAt(path);
+    return mounted ? nameOf(*mounted) : Volumes::displayName(path);
+}
+
 std::optional<FileSystemFlags> SimulatedVolumes::fileSystemFlags(const std::string& path) {
     const Mounted* mounted = mountedAt(path);
     if (!mounted) {
@@ -137,9 +142,6 @@ void SimulatedVolumes::mount(const MountDescription& mount) {
     mounted->number = nextNumber_++;
     fileSystem_.attach(mount.path, mount.device);
     applyToFileSystem(*mounted);
-    if (!mount.displayName.empty()) {
-        fileSystem_.setDisplayName(mount.path, mount.displayName);
-    }
     const auto hasName = [&](const auto& each) { return nameOf(*each) == nameOf(*mounted); };
     while (std::any_of(mounts_.begin(), mounts_.end(), hasName)) {
         ++mounted->countOfName;
@@ -351,12 +353,14 @@ void SimulatedVolumes::applyToFileSystem(const Mounted& mounted) {
     fileSystem_.setReadOnly(mounted.description.device, !mounted.description.isWritable);
 }
 
-std::string SimulatedVolumes::nameOf(const Mounted& mounted) const {
-    const std::string name = fileSystem_.displayName(mounted.description.path);
+std::string SimulatedVolumes::nameOf(const Mounted& mounted) {
+    const MountDescription& mount = mounted.description;
+    const std::string name =
+        mount.displayName.empty() ? Volumes::displayName(mount.path) : mount.displayName;
     return mounted.countOfName == 0 ? name : fmt::format("{} {}", name, mounted.countOfName);
 }
 
-OSErrOr<VolumeInfo> SimulatedVolumes::infoOf(const Mounted* mounted) const {
+OSErrOr<VolumeInfo> SimulatedVolumes::infoOf(const Mounted* mounted) {
     if (!mounted) {
         return {nsvErr, {}};
     }

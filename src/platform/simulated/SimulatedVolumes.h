@@ -34,6 +34,7 @@ class SimulatedVolumes final : public Volumes {
     [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoByReferenceNumber(std::int16_t number) override;
     [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoOfRoot(const FSRef& root) override;
     [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoByDevice(std::string_view bsdName) override;
+    [[nodiscard]] std::string displayName(std::string_view path) override;
     [[nodiscard]] std::optional<FileSystemFlags> fileSystemFlags(const std::string& path) override;
     [[nodiscard]] std::optional<FileSystemAttributes> fileSystemAttributes(
         const std::string& path) override;
@@ -79,8 +80,8 @@ class SimulatedVolumes final : public Volumes {
     [[nodiscard]] std::unordered_set<std::uint64_t> localNumbers();
     [[nodiscard]] std::int16_t referenceNumberFor(const MountDescription& mount);
     void applyToFileSystem(const Mounted& mounted);
-    [[nodiscard]] std::string nameOf(const Mounted& mounted) const;
-    [[nodiscard]] OSErrOr<VolumeInfo> infoOf(const Mounted* mounted) const;
+    [[nodiscard]] std::string nameOf(const Mounted& mounted);
+    [[nodiscard]] OSErrOr<VolumeInfo> infoOf(const Mounted* mounted);
 
     SimulatedRunLoop& runLoop_;
     SimulatedClock& clock_;

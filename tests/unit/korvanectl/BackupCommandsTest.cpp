@@ -53,11 +53,15 @@ TEST_F(BackupCommands, AddALocationOnceInTheFormThatTheDaemonReads) {
     EXPECT_THAT(locations(), ElementsAre("/Volumes/System", "/Volumes/Safe"));
 }
 
-TEST_F(BackupCommands, RefuseALocationThatIsNoMountedVolumeOrNotTheOnlyOneOfItsName) {
+TEST_F(BackupCommands, AddALocationByTheNameThatIsItsOwn) {
+    volumes.names["/mnt/b/Data"] = "Data 1";
+    EXPECT_EQ(run({"locations", "add", "/mnt/b/Data"}), 0);
+    EXPECT_THAT(locations(), ElementsAre("/Volumes/System", "/Volumes/Data 1"));
+}
+
+TEST_F(BackupCommands, RefuseALocationThatIsNoMountedVolume) {
     EXPECT_EQ(run({"locations", "add", "/mnt/nowhere"}), 1);
     EXPECT_THAT(err, HasSubstr("\"/mnt/nowhere\" is not a mounted volume"));
-    EXPECT_EQ(run({"locations", "add", "/mnt/a/Data"}), 1);
-    EXPECT_THAT(err, HasSubstr("several volumes are named \"Data\""));
     EXPECT_THAT(locations(), ElementsAre("/Volumes/System"));
 }
 

@@ -105,6 +105,10 @@ class FakeVolumes : public Volumes {
     [[nodiscard]] OSErrOr<VolumeInfo> volumeInfoByDevice(std::string_view) override {
         return {nsvErr, {}};
     }
+    [[nodiscard]] std::string displayName(std::string_view path) override {
+        const auto name = names.find(std::string(path));
+        return name == names.end() ? Volumes::displayName(path) : name->second;
+    }
     [[nodiscard]] std::optional<FileSystemFlags> fileSystemFlags(const std::string&) override {
         return std::nullopt;
     }
@@ -122,6 +126,7 @@ class FakeVolumes : public Volumes {
     std::vector<std::string> paths;
     std::map<std::string, FileSystemAttributes> sizes{
         {"/", {.sizeBytes = 500'000'000'000, .freeBytes = 216'000'000'000, .number = 1}}};
+    std::map<std::string, std::string> names;  // where they are not the last path components
     std::vector<std::string> asked;
 };
 

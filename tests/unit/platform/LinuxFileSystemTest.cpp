@@ -296,15 +296,6 @@ TEST_F(LinuxFileSystemTest, AddsRecordsBehindWholeOnes) {
     EXPECT_EQ(contentsOf("records"), "ABC");
 }
 
-TEST_F(LinuxFileSystemTest, NamesItemsByTheirLastComponentAndTheRootAsSystem) {
-    EXPECT_EQ(files.displayName("/"), "System");
-    EXPECT_EQ(files.displayName("//"), "System");
-    EXPECT_EQ(files.displayName("/Volumes/My Disk"), "My Disk");
-    EXPECT_EQ(files.displayName("/Volumes/My Disk/"), "My Disk");
-    EXPECT_EQ(files.displayName("name"), "name");
-    EXPECT_EQ(files.displayName(""), "");
-}
-
 TEST_F(LinuxFileSystemTest, KnowsTheAccountItRunsAs) {
     ASSERT_NE(::getpwuid(::geteuid()), nullptr);
     EXPECT_EQ(files.userName(), ::getpwuid(::geteuid())->pw_name);

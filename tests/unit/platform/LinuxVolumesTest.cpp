@@ -17,7 +17,7 @@ struct LinuxVolumesTest : testing::Test {
         folder.write("mountinfo", table);
         volumes = std::make_unique<LinuxVolumes>(
             loop, LinuxVolumesPlaces{.memoryFile = "",
-                                     .linksFolder = "",
+                                     .linksFolder = folder / "Volumes",
                                      .mountTable = folder / "mountinfo",
                                      .sysfs = tree.sysfs(),
                                      .udevData = tree.udevData()});
@@ -78,11 +78,41 @@ TEST_F(LinuxVolumesTest, GivesVolumesOfOneNameNamesOfTheirOwn) {
     const std::string root = "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n";
     const std::string first = "21 20 8:2 / /mnt/a/data rw - ext4 /dev/sda2 rw\n";
     const std::string second = "22 20 8:3 / /mnt/b/data rw - ext4 /dev/sda3 rw\n";
-    read(root + first + second + "23 20 8:17 / /Volumes/data\\0401 rw - ext4 /dev/sdb1 rw\n");
+    const std::string inFolder = folder / "Volumes/data 1";
+    read(root + first + second + "23 20 8:17 / " + folder.path() +
+         "/Volumes/data\\0401 rw - ext4 /dev/sdb1 rw\n");
     EXPECT_EQ(infoAt("/").name, "System");
     EXPECT_EQ(infoAt("/mnt/a/data").name, "data");
     EXPECT_EQ(infoAt("/mnt/b/data").name, "data 2");
-    EXPECT_EQ(infoAt("/Volumes/data 1").name, "data 1");
+    EXPECT_EQ(infoAt(inFolder).name, "data 1");
+    EXPECT_EQ(volumes->displayName("/mnt/b/data"), "data 2");
+}
+
+TEST_F(LinuxVolumesTest, CallsTheStartUpVolumeSystemAndNoOther) {
+    read(
+        "21 20 8:2 / /mnt/System rw - ext4 /dev/sda2 rw\n"
+        "22 20 8:3 / " +
+        folder.path() +
+        "/Volumes/System rw - ext4 /dev/sda3 rw\n"
+        "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n");
+    EXPECT_EQ(volumes->displayName("/"), "System");
+    EXPECT_EQ(volumes->displayName("/mnt/System"), "System 1");
+    EXPECT_EQ(volumes->displayName(folder / "Volumes/System"), "System 2");
+}
+
+TEST_F(LinuxVolumesTest, GoesByTheNamesOfLinksThatAnotherKeeps) {
+    std::filesystem::create_directory(folder / "Volumes");
+    std::filesystem::create_symlink("/mnt/a/data", folder / "Volumes/data 1");
+    std::filesystem::create_symlink("/mnt/b/data", folder / "Volumes/data");
+    std::filesystem::create_symlink("/mnt/c/data", folder / "Volumes/mine");
+    std::filesystem::create_symlink("/mnt/c/data", folder / "Volumes/data x");
+    read(
+        "21 20 8:2 / /mnt/a/data rw - ext4 /dev/sda2 rw\n"
+        "22 20 8:3 / /mnt/b/data rw - ext4 /dev/sda3 rw\n"
+        "23 20 8:17 / /mnt/c/data rw - ext4 /dev/sdb1 rw\n");
+    EXPECT_EQ(volumes->displayName("/mnt/a/data"), "data 1");
+    EXPECT_EQ(volumes->displayName("/mnt/b/data"), "data");
+    EXPECT_EQ(volumes->displayName("/mnt/c/data"), "data 2");
 }
 
 TEST_F(LinuxVolumesTest, NamesAVolumeAsItsLinkDoes) {
@@ -96,6 +126,7 @@ TEST_F(LinuxVolumesTest, NamesAVolumeAsItsLinkDoes) {
         volumes = std::make_unique<LinuxVolumes>(
             loop, LinuxVolumesPlaces{.memoryFile = folder / "memory",
                                      .linksFolder = folder / "Volumes",
+                                     .keepsLinks = true,
                                      .mountTable = folder / "mountinfo",
                                      .sysfs = tree.sysfs(),
                                      .udevData = tree.udevData()});
@@ -189,7 +220,7 @@ TEST_F(LinuxVolumesTest, HasNoVolumesWithoutATable) {
     EXPECT_THAT(volumes->mountTable(), IsEmpty());
     EXPECT_THAT(volumes->mountedLocalVolumePaths(), IsEmpty());
     EXPECT_FALSE(volumes->unmount(1));
-    LinuxVolumes none{loop, {.memoryFile = "", .linksFolder = "", .mountTable = "/nowhere"}};
+    LinuxVolumes none{loop, {.mountTable = "/nowhere"}};
     EXPECT_THAT(none.mountTable(), IsEmpty());
 }
 

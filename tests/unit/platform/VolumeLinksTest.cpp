@@ -74,6 +74,15 @@ TEST_F(VolumeLinksTest, NeverTouchesWhatItHasNotMade) {
     EXPECT_TRUE(fs::is_directory(volumes + "/Data"));
 }
 
+TEST_F(VolumeLinksTest, MakesNoSecondLinkBesideOneThatItHasForgotten) {
+    update({"/", "/mnt/Data", "/media/Data"});
+    fs::remove_all(folder / "support");
+    fs::create_directory(folder / "support");
+    update({"/", "/media/Data", "/mnt/Data"});
+    EXPECT_THAT(links(), ElementsAre(Pair("Data", "/mnt/Data"), Pair("Data 1", "/media/Data"),
+                                     Pair("System", "/")));
+}
+
 TEST_F(VolumeLinksTest, LeavesALinkThatAnotherHasChanged) {
     update({"/mnt/Data"});
     fs::remove(volumes + "/Data");

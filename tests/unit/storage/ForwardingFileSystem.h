@@ -72,7 +72,6 @@ class ForwardingFileSystem : public FileSystem {
     bool rename(const std::string& path, const std::string& newPath) override {
         return counted().rename(path, newPath);
     }
-    std::string displayName(const std::string& path) override { return target_.displayName(path); }
     std::string userName() override { return target_.userName(); }
     std::uint32_t userId() override { return target_.userId(); }
 

@@ -150,25 +150,24 @@ TEST_F(VolumeFoldersTest, MakesAMissingFolderAgain) {
     EXPECT_THAT(contentsOf("Data"), ElementsAre(kBackupOnMarker));
 }
 
-TEST_F(VolumeFoldersTest, LetsTwoVolumesOfOneNameShareAFolder) {
+TEST_F(VolumeFoldersTest, GivesEachOfTwoVolumesOfOneNameItsFolder) {
     mountData("/Volumes/Data");
     mountData("/mnt/Data");
     (void)refresh();
-    EXPECT_THAT(supportContents(), ElementsAre("Data"));
+    EXPECT_THAT(supportContents(), UnorderedElementsAre("Data", "Data 1"));
     put(volumeFolder("Data") + "/Volume Usage.plist");
     EXPECT_FALSE(refresh());
     EXPECT_THAT(contentsOf("Data"), UnorderedElementsAre("Volume Usage.plist", kBackupOnMarker));
+    EXPECT_THAT(contentsOf("Data 1"), ElementsAre(kBackupOnMarker));
 }
 
 TEST_F(VolumeFoldersTest, RemovesNothingOutsideTheSupportFolderWhateverAVolumeIsCalled) {
     put("/Library/Application Support/Of another program");
     put(std::string(kPreferencesFile));
-    const char* const names[] = {"..", ".", "", "/", "../..", "../Korvane Protection", "a/../../b"};
+    const char* const names[] = {"..", ".", "/", "../..", "../Korvane Protection", "a/../../b"};
     int number = 0;
     for (const char* name : names) {
-        const std::string path = "/Volumes/" + std::to_string(number++);
-        mountData(path);
-        bed.machine.fileSystem.setDisplayName(path, name);
+        mountNamed("/Volumes/" + std::to_string(number++), name);
     }
     for (int pass = 0; pass < 2; ++pass) {
         (void)refresh();
@@ -182,8 +181,7 @@ TEST_F(VolumeFoldersTest, RemovesNothingOutsideTheSupportFolderWhateverAVolumeIs
 }
 
 TEST_F(VolumeFoldersTest, NestsTheFolderOfANameWithASlash) {
-    mountData("/Volumes/a:b");
-    bed.machine.fileSystem.setDisplayName("/Volumes/a:b", "a/b");
+    mountNamed("/Volumes/a:b", "a/b");
     (void)refresh();
     EXPECT_THAT(supportContents(), ElementsAre("a"));
     EXPECT_TRUE(isThere(volumeFolder("a/b") + '/' + kBackupOnMarker));

@@ -33,6 +33,12 @@ class VolumeInventory : public ::testing::Test {
         bed.add(externalDisk("disk" + std::to_string(++lastDisk)));
         bed.mount(path, "/dev/disk" + std::to_string(lastDisk), type);
     }
+    // The same, known by another name than the last path component.
+    void mountNamed(const std::string& path, const std::string& displayName) {
+        bed.add(externalDisk("disk" + std::to_string(++lastDisk)));
+        bed.mount(path, "/dev/disk" + std::to_string(lastDisk), "ext4",
+                  [&](MountDescription& mount) { mount.displayName = displayName; });
+    }
     void setEncrypted(const std::string& medium, bool isEncrypted) {
         ASSERT_TRUE(bed.machine.deviceRegistry.setProperty(medium, "CoreStorage Encrypted",
                                                            PropertyList(isEncrypted)));
