@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,19 +17,10 @@
 #include "base/PropertyList.h"
 #include "base/PropertyListFile.h"
 #include "base/Result.h"
-#include "platform/Clock.h"
+#include "platform/Folder.h"
+#include "platform/ItemAttributes.h"
 
 namespace korvane {
-
-enum class ItemKind { file, folder, link, other };
-
-struct ItemAttributes {
-    ItemKind kind = ItemKind::other;
-    std::uint64_t sizeBytes = 0;
-    Time modificationDate{};
-    std::uint32_t ownerId = 0;
-    mode_t permissions = 0;
-};
 
 // Who may write a file that is read. What others may write is taken for the daemon's own only in a
 // folder that is the daemon's: elsewhere it may be one of its shared files, which somebody has
@@ -51,6 +43,10 @@ class FileSystem {
     [[nodiscard]] virtual std::vector<std::string> enumerate(const std::string& path) = 0;
 
     [[nodiscard]] virtual std::optional<ItemAttributes> attributes(const std::string& path) = 0;
+
+    // "/", held open: the way to work in folders in which others may exchange what a path leads to.
+    // Null when it cannot be opened.
+    [[nodiscard]] virtual std::unique_ptr<Folder> openRoot() = 0;
 
     // Creates the folder and the folders above it, those that it makes owned by the named account.
     // True when the folder is there afterwards.

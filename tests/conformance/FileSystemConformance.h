@@ -29,6 +29,8 @@ class FileSystemSubject {
     virtual void put(const std::string& path, const std::string& bytes) = 0;
     virtual void putLink(const std::string& path, const std::string& target) = 0;
     virtual std::optional<std::string> bytes(const std::string& path) = 0;
+    // As root alone may.
+    virtual bool setOwner(const std::string& path, std::uint32_t ownerId) = 0;
 };
 
 class FileSystemConformance : public testing::TestWithParam<Implementation<FileSystemSubject>> {

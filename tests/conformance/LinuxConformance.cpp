@@ -10,6 +10,7 @@
 
 #include "conformance/ClockConformance.h"
 #include "conformance/FileSystemConformance.h"
+#include "conformance/FolderConformance.h"
 #include "conformance/HostConformance.h"
 #include "conformance/PowerSourcesConformance.h"
 #include "conformance/SystemLogConformance.h"
@@ -52,10 +53,18 @@ struct LinuxFilesSubject final : FileSystemSubject {
         if (!file) return std::nullopt;
         return std::string{std::istreambuf_iterator<char>(file), {}};
     }
+    bool setOwner(const std::string& path, std::uint32_t ownerId) override {
+        return ::chown(path.c_str(), ownerId, ownerId) == 0;
+    }
     TemporaryFolder place;
     LinuxFileSystem fileSystem;
 };
 INSTANTIATE_TEST_SUITE_P(Linux, FileSystemConformance,
+                         testing::Values(Implementation<FileSystemSubject>{
+                             "Linux", [] { return std::make_unique<LinuxFilesSubject>(); }}),
+                         testing::PrintToStringParamName());
+
+INSTANTIATE_TEST_SUITE_P(Linux, FolderConformance,
                          testing::Values(Implementation<FileSystemSubject>{
                              "Linux", [] { return std::make_unique<LinuxFilesSubject>(); }}),
                          testing::PrintToStringParamName());

@@ -5,6 +5,7 @@
 
 #include "conformance/DeviceRegistryConformance.h"
 #include "conformance/FileSystemConformance.h"
+#include "conformance/FolderConformance.h"
 #include "conformance/VolumesConformance.h"
 #include "platform/simulated/SimulatedMachine.h"
 
@@ -33,8 +34,16 @@ struct SimulatedFilesSubject final : FileSystemSubject {
     std::optional<std::string> bytes(const std::string& path) override {
         return machine.fileSystem.bytes(path);
     }
+    bool setOwner(const std::string& path, std::uint32_t ownerId) override {
+        return machine.fileSystem.setOwner(path, ownerId);
+    }
     SimulatedMachine machine{MachineDescription{}};
 };
+INSTANTIATE_TEST_SUITE_P(Simulated, FolderConformance,
+                         testing::Values(Implementation<FileSystemSubject>{
+                             "Simulated",
+                             [] { return std::make_unique<SimulatedFilesSubject>(); }}),
+                         testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(Simulated, FileSystemConformance,
                          testing::Values(Implementation<FileSystemSubject>{
                              "Simulated",

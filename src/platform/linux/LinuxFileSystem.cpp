@@ -7,12 +7,13 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <system_error>
 #include <tuple>
 #include <utility>
 
 #include "platform/linux/FolderDescent.h"
+#include "platform/linux/LinuxFolder.h"
+#include "platform/linux/RemoveItem.h"
 #include "platform/linux/UniqueFd.h"
 
 namespace korvane {
@@ -32,13 +33,6 @@ std::string withoutTrailingSlashes(std::string path) {
     return path;
 }
 
-ItemKind kindOf(mode_t mode) {
-    if (S_ISREG(mode)) return ItemKind::file;
-    if (S_ISDIR(mode)) return ItemKind::folder;
-    if (S_ISLNK(mode)) return ItemKind::link;
-    return ItemKind::other;
-}
-
 std::optional<uid_t> userIdOf(const std::string& name) {
     std::array<char, kAccountBufferSize> buffer;
     passwd account{};
@@ -54,49 +48,6 @@ void giveFolder(const std::string& path, std::optional<uid_t> owner) {
     const UniqueFd folder{::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
     // A folder that stays its maker's still serves the daemon.
     if (folder) std::ignore = ::fchown(folder.get(), *owner, static_cast<gid_t>(-1));
-}
-
-// Empties the folder that the descent stands in and comes back to it; the first failure is kept in
-// `failure`. False when the way back was lost.
-bool removeContents(FolderDescent& descent, int& failure) {
-    const auto keepFirst = [&failure](int number) {
-        if (failure == 0) failure = number;
-    };
-    // Names still to be removed, per level; the last of a level is the one that was entered.
-    std::vector<std::vector<FolderDescent::Name>> levels(1);
-    if (!descent.read(levels.back())) keepFirst(errno);
-    while (true) {
-        std::vector<FolderDescent::Name>& names = levels.back();
-        if (names.empty()) {
-            levels.pop_back();
-            if (levels.empty()) return true;
-            if (!descent.leave()) {
-                keepFirst(errno);
-                return false;
-            }
-            const std::string entered = std::move(levels.back().back().text);
-            levels.back().pop_back();
-            if (::unlinkat(descent.folder(), entered.c_str(), AT_REMOVEDIR) != 0) keepFirst(errno);
-            continue;
-        }
-        const FolderDescent::Name& name = names.back();
-        if (::unlinkat(descent.folder(), name.text.c_str(), 0) == 0 || errno == ENOENT) {
-            names.pop_back();
-            continue;
-        }
-        const int refusal = errno;
-        const FolderDescent::Step step =
-            name.mayBeFolder ? descent.enter(name.text) : FolderDescent::Step::notAFolder;
-        if (step == FolderDescent::Step::entered) {
-            levels.emplace_back();
-            if (!descent.read(levels.back())) keepFirst(errno);
-            continue;
-        }
-        keepFirst(step == FolderDescent::Step::anotherFileSystem ? EBUSY
-                  : step == FolderDescent::Step::failed          ? errno
-                                                                 : refusal);
-        names.pop_back();
-    }
 }
 
 }  // namespace
@@ -157,14 +108,13 @@ std::optional<ItemAttributes> LinuxFileSystem::attributes(const std::string& pat
     struct stat status {};
     const std::string place = withoutTrailingSlashes(located(path));
     if (::lstat(place.c_str(), &status) != 0) return std::nullopt;
-    const auto sinceEpoch = std::chrono::seconds{status.st_mtim.tv_sec} +
-                            std::chrono::nanoseconds{status.st_mtim.tv_nsec};
-    return ItemAttributes{
-        .kind = kindOf(status.st_mode),
-        .sizeBytes = static_cast<std::uint64_t>(status.st_size),
-        .modificationDate = Time{std::chrono::floor<std::chrono::microseconds>(sinceEpoch)},
-        .ownerId = status.st_uid,
-        .permissions = status.st_mode & kPermissionBits};
+    return attributesFrom(status);
+}
+
+std::unique_ptr<Folder> LinuxFileSystem::openRoot() {
+    UniqueFd root{
+        ::open((rootFolder_ + "/").c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
+    return root ? std::make_unique<LinuxFolder>(std::move(root), "/", std::nullopt) : nullptr;
 }
 
 bool LinuxFileSystem::createFolders(const std::string& path, const std::string& ownerName) {
@@ -213,17 +163,7 @@ Result<std::monostate> LinuxFileSystem::remove(const std::string& path) {
                                  O_PATH | O_DIRECTORY | O_CLOEXEC)};
     if (!parent) return errorFrom(errno);
 
-    if (::unlinkat(parent.get(), name.c_str(), 0) == 0) return std::monostate{};
-    // unlink(2) refuses a folder with EISDIR, and some file systems with EPERM as POSIX has it.
-    const int refusal = errno;
-    if (refusal != EISDIR && refusal != EPERM) return errorFrom(refusal);
-    FolderDescent descent;
-    if (!descent.begin(parent.get(), name)) {
-        return errorFrom(errno == ENOTDIR || errno == ELOOP ? refusal : errno);
-    }
-    int failure = 0;
-    if (!removeContents(descent, failure)) return errorFrom(failure);
-    if (::unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR) != 0 && failure == 0) failure = errno;
+    const int failure = removeItem(parent.get(), name);
     if (failure != 0) return errorFrom(failure);
     return std::monostate{};
 }

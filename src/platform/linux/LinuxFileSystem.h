@@ -3,6 +3,7 @@
 // system that they began on: what is mounted further down is left alone, its mount point too.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@ class LinuxFileSystem final : public FileSystem {
     [[nodiscard]] std::optional<std::vector<std::string>> list(const std::string& path) override;
     [[nodiscard]] std::vector<std::string> enumerate(const std::string& path) override;
     [[nodiscard]] std::optional<ItemAttributes> attributes(const std::string& path) override;
+    [[nodiscard]] std::unique_ptr<Folder> openRoot() override;
     bool createFolders(const std::string& path, const std::string& ownerName) override;
     bool createEmptyFile(const std::string& path, mode_t permissions) override;
     Result<std::monostate> remove(const std::string& path) override;

@@ -37,16 +37,28 @@ UniqueFd openComponents(int base, std::string_view path, int flags) {
     }
 }
 
-UniqueFd openWithoutLinks(int base, const std::string& path, int flags) {
+UniqueFd openResolved(int base, const char* path, int flags, __u64 resolve) {
     open_how how{};
     how.flags = static_cast<__u64>(flags | kNoLink);
-    how.resolve = RESOLVE_NO_SYMLINKS;
-    UniqueFd opened{static_cast<int>(
-        ::syscall(SYS_openat2, base, path.empty() ? "." : path.c_str(), &how, sizeof how))};
-    // Kernels before 5.6 and the filters of some containers do not know the call, and a path may be
-    // longer than PATH_MAX.
-    const bool isRefused = !opened && (errno == ENOSYS || errno == EPERM || errno == ENAMETOOLONG);
+    how.resolve = resolve | RESOLVE_NO_SYMLINKS;
+    return UniqueFd{static_cast<int>(::syscall(SYS_openat2, base, path, &how, sizeof how))};
+}
+
+// Kernels before 5.6 and the filters of some containers do not know the call.
+bool isCallMissing(int error) { return error == ENOSYS || error == EPERM; }
+
+UniqueFd openWithoutLinks(int base, const std::string& path, int flags) {
+    UniqueFd opened = openResolved(base, path.empty() ? "." : path.c_str(), flags, 0);
+    // A path may be longer than PATH_MAX.
+    const bool isRefused = !opened && (isCallMissing(errno) || errno == ENAMETOOLONG);
     return isRefused ? openComponents(base, path, flags) : std::move(opened);
+}
+
+bool areOnOneFileSystem(int one, int other) {
+    struct stat first {};
+    struct stat second {};
+    return ::fstat(one, &first) == 0 && ::fstat(other, &second) == 0 &&
+           first.st_dev == second.st_dev;
 }
 
 }  // namespace
@@ -57,6 +69,19 @@ UniqueFd openFolderAt(int base, const std::string& path) {
 
 UniqueFd openPlaceAt(int base, const std::string& path) {
     return openWithoutLinks(base, path, O_PATH | O_DIRECTORY);
+}
+
+UniqueFd openPlaceBelow(int folder, const std::string& name, Mounts mounts) {
+    constexpr int kFlags = O_PATH | O_DIRECTORY;
+    const __u64 resolve = mounts == Mounts::refused ? RESOLVE_NO_XDEV : 0;
+    UniqueFd opened = openResolved(folder, name.c_str(), kFlags, RESOLVE_BENEATH | resolve);
+    if (opened || !isCallMissing(errno)) return opened;
+    opened = UniqueFd{::openat(folder, name.c_str(), kFlags | kNoLink)};
+    if (opened && mounts == Mounts::refused && !areOnOneFileSystem(folder, opened.get())) {
+        errno = EXDEV;
+        return UniqueFd{};
+    }
+    return opened;
 }
 
 UniqueFd openRegularFileAt(int base, const std::string& path) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/Folder.h"
 #include "platform/linux/UniqueFd.h"
 
 namespace korvane {
@@ -15,6 +16,9 @@ namespace korvane {
 [[nodiscard]] UniqueFd openFolderAt(int base, const std::string& path);
 // The same only to look names up in; opening it needs no right to read it.
 [[nodiscard]] UniqueFd openPlaceAt(int base, const std::string& path);
+// A folder directly in another one, to look names up in; `name` is a single name. With mounts
+// refused it is on the same file system, and nothing that is mounted there is even asked.
+[[nodiscard]] UniqueFd openPlaceBelow(int folder, const std::string& name, Mounts mounts);
 // A regular file, opened for reading; empty when it is none. A pipe in its place holds nobody up.
 [[nodiscard]] UniqueFd openRegularFileAt(int base, const std::string& path);
 

@@ -95,16 +95,7 @@ std::optional<ItemAttributes> SimulatedFileSystem::attributes(const std::string&
     if (!place || !place->node) {
         return std::nullopt;
     }
-    const SimulatedNode& node = *place->node;
-    ItemAttributes attributes;
-    attributes.kind = node.kind;
-    attributes.sizeBytes = node.kind == ItemKind::file   ? node.contents.bytes().size()
-                           : node.kind == ItemKind::link ? node.linkTarget.size()
-                                                         : node.children.size();
-    attributes.modificationDate = node.modificationDate;
-    attributes.ownerId = node.ownerId;
-    attributes.permissions = node.permissions;
-    return attributes;
+    return attributesFrom(*place->node);
 }
 
 bool SimulatedFileSystem::createFolders(const std::string& path, const std::string& ownerName) {

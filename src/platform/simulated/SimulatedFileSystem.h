@@ -43,6 +43,7 @@ class SimulatedFileSystem final : public FileSystem {
     [[nodiscard]] std::optional<std::vector<std::string>> list(const std::string& path) override;
     [[nodiscard]] std::vector<std::string> enumerate(const std::string& path) override;
     [[nodiscard]] std::optional<ItemAttributes> attributes(const std::string& path) override;
+    [[nodiscard]] std::unique_ptr<Folder> openRoot() override;
     bool createFolders(const std::string& path, const std::string& ownerName) override;
     bool createEmptyFile(const std::string& path, mode_t permissions) override;
     Result<std::monostate> remove(const std::string& path) override;
@@ -110,6 +111,7 @@ class SimulatedFileSystem final : public FileSystem {
     [[nodiscard]] std::uint64_t writeCount(const std::string& path) const;
 
   private:
+    class OpenFolder;
     // Where a path leads: its folder and, when there is one, the item.
     struct Place {
         SimulatedNode* folder = nullptr;
@@ -120,6 +122,7 @@ class SimulatedFileSystem final : public FileSystem {
     };
     enum class LastLink { followed, kept };
 
+    [[nodiscard]] static ItemAttributes attributesFrom(const SimulatedNode& node);
     std::optional<Place> find(std::string_view path, LastLink lastLink);
     std::optional<Place> findStepwise(std::string_view path, LastLink lastLink);
     [[nodiscard]] Place step(const Place& from, std::string_view name) const;

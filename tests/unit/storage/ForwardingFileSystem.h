@@ -2,6 +2,7 @@
 // from it to make single operations fail.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,7 @@ class ForwardingFileSystem : public FileSystem {
     std::optional<ItemAttributes> attributes(const std::string& path) override {
         return counted().attributes(path);
     }
+    std::unique_ptr<Folder> openRoot() override { return counted().openRoot(); }
     bool createFolders(const std::string& path, const std::string& ownerName) override {
         return counted().createFolders(path, ownerName);
     }
