@@ -18,7 +18,7 @@
 
 #include "backup/BackupRotation.h"
 #include "backup/ByteSwap.h"
-#include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/LinuxFolder.h"
 
 namespace {
 
@@ -74,13 +74,14 @@ void compareRotation(const std::string& folder, int names) {
     for (int index = 0; index < names; ++index) {
         makeFile(folder + "/Directory Backup " + std::to_string(index));
     }
-    LinuxFileSystem files;
+    LinuxFolder place(UniqueFd{open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)},
+                      folder, std::nullopt);
     const Time now = std::chrono::floor<Time::duration>(std::chrono::system_clock::now());
     const std::string spare = folder + "/Directory Backup ";
     std::size_t removed = 0;
     const double bare = best(1, [&] { removed += lookAt(folder); });
     const double ours = best(
-        1, [&] { rotateBackups(files, folder, names, now); },
+        1, [&] { rotateBackups(place, names, now); },
         [&] {
             // The one that the turn before has removed.
             for (int index = 0; index < names; ++index) {

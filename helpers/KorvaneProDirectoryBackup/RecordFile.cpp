@@ -139,6 +139,13 @@ void RecordFile::write() {
     text_.clear();
 }
 
+void RecordFile::resemble(const struct stat& other) {
+    write();  // the date is that of the last write otherwise
+    (void)::fchmod(file_.get(), other.st_mode & 0777);
+    const std::array<timespec, 2> times{other.st_atim, other.st_mtim};
+    (void)::futimens(file_.get(), times.data());
+}
+
 Result<std::monostate> RecordFile::commit() {
     write();
     if (failure_ == 0 && ::fsync(file_.get()) != 0) failure_ = errno;

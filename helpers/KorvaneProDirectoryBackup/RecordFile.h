@@ -4,6 +4,8 @@
 // in a process.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <string>
 #include <variant>
@@ -25,6 +27,9 @@ class RecordFile {
     [[nodiscard]] std::string& text() { return text_; }
     // False once a write has failed; commit() says why.
     bool flush();
+    // Gives the file the date and the permissions of another one, as far as the file system knows
+    // them.
+    void resemble(const struct stat& other);
     // Gives the file its name, with everything on the disk. Refuses a name that is taken.
     [[nodiscard]] Result<std::monostate> commit();
 

@@ -4,7 +4,6 @@
 
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "base/Calendar.h"
 
@@ -16,22 +15,12 @@ namespace korvane {
 // The last component of the folder that holds the file: the folder is named after the volume.
 [[nodiscard]] std::string_view volumeOfBackup(std::string_view backupFilePath);
 
-// The daemon's folder at a location, and the volume's own in it.
-[[nodiscard]] std::string locationFolder(std::string_view location);
+// The volume's own folder in the daemon's at a location: by its path from there, and whole.
+[[nodiscard]] std::string folderInLocation(std::string_view volume);
 [[nodiscard]] std::string volumeFolderAt(std::string_view location, std::string_view volume);
 
-// The folders to be made, outermost first, for the daemon's folder at the location: everything
-// below "/Volumes", under which every location lies, that its path names from its third component
-// on.
-[[nodiscard]] std::vector<std::string> locationFoldersToMake(std::string_view location);
-
-// The folders on the way to the volume's own, outermost first, that lie below the top of the volume
-// that the location is on: of "/Volumes/NAME/…" all but the first two.
-[[nodiscard]] std::vector<std::string> foldersOnLocation(std::string_view location,
-                                                         std::string_view volume);
-
-// The settings copy at the top of the volume that the location is on: by the location's third
-// component, "/" being the first. Empty for a location without one.
-[[nodiscard]] std::string settingsCopyPath(std::string_view location);
+// The top of the volume that the location is on, where the settings copy is: "/Volumes/" and the
+// location's third component, "/" being the first. Empty for a location without one.
+[[nodiscard]] std::string volumeTopOf(std::string_view location);
 
 }  // namespace korvane

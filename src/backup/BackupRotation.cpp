@@ -1,7 +1,5 @@
 #include "backup/BackupRotation.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <utility>
 #include <vector>
@@ -14,6 +12,8 @@ namespace {
 
 // A backup older than this shows the volume as it was before the latest day's changes.
 constexpr std::chrono::seconds kYoung{86'400};
+// The owner of a location may have filled the folder, and the loop waits for the look at each.
+constexpr std::size_t kMostNames = 100'000;
 
 }  // namespace
 
@@ -42,16 +42,18 @@ std::optional<std::size_t> rotationVictim(std::span<const BackupFile> oldestFirs
     return first ? first : second;
 }
 
-void rotateBackups(FileSystem& fileSystem, const std::string& folder, std::int64_t filesToSave,
-                   Time now) {
-    std::vector<std::string> names = fileSystem.list(folder).value_or(std::vector<std::string>{});
+void rotateBackups(Folder& folder, std::int64_t filesToSave, Time now) {
+    if (filesToSave <= 0) return;
+    std::vector<std::string> names =
+        folder.list(kMostNames + 1).value_or(std::vector<std::string>{});
+    if (names.size() > kMostNames) return;
     std::erase_if(names, [](const std::string& name) { return !isBackupName(name); });
     // Then no date decides anything.
-    if (filesToSave <= 0 || std::cmp_less(names.size(), filesToSave)) return;
+    if (std::cmp_less(names.size(), filesToSave)) return;
     std::vector<BackupFile> files;
     for (std::string& name : names) {
         // One that has just vanished takes no part.
-        const auto attributes = fileSystem.attributes(fmt::format("{}/{}", folder, name));
+        const auto attributes = folder.attributesOf(name);
         if (attributes) files.push_back({std::move(name), attributes->modificationDate});
     }
     std::sort(files.begin(), files.end(), [](const BackupFile& first, const BackupFile& second) {
@@ -60,7 +62,7 @@ void rotateBackups(FileSystem& fileSystem, const std::string& folder, std::int64
     // The victim is one of the first two, so what is gone is skipped rather than moved out.
     std::span<BackupFile> left(files);
     while (const auto victim = rotationVictim(left, filesToSave, now)) {
-        if (!fileSystem.remove(folder + '/' + left[*victim].name)) return;
+        if (!folder.remove(left[*victim].name)) return;
         std::move_backward(left.begin(), left.begin() + static_cast<std::ptrdiff_t>(*victim),
                            left.begin() + static_cast<std::ptrdiff_t>(*victim) + 1);
         left = left.subspan(1);

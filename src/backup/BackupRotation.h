@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "base/Calendar.h"
-#include "platform/FileSystem.h"
+#include "platform/Folder.h"
 
 namespace korvane {
 
@@ -34,7 +34,7 @@ struct BackupFile {
                                                         std::int64_t filesToSave, Time now);
 
 // Removes victims from the folder until there is none; the first that cannot be removed ends it.
-void rotateBackups(FileSystem& fileSystem, const std::string& folder, std::int64_t filesToSave,
-                   Time now);
+// A folder of more names than a person keeps is left alone.
+void rotateBackups(Folder& folder, std::int64_t filesToSave, Time now);
 
 }  // namespace korvane

@@ -15,6 +15,7 @@
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
 #include "storage/PathText.h"
+#include "storage/Place.h"
 #include "storage/SupportFolder.h"
 #include "storage/VolumeEntry.h"
 #include "storage/VolumeFolders.h"
@@ -27,6 +28,8 @@ constexpr char kBackupHelper[] = "KorvaneProDirectoryBackup";
 // The helper does nothing for a caller who does not know this word.
 constexpr char kHelperWord[] = "quorlen";
 constexpr char kCopyProgram[] = "/bin/cp";
+// Copies into a folder that others may move meanwhile, with the rights of one account.
+constexpr char kPlaceCopyProgram[] = "KorvaneProCopy";
 constexpr std::chrono::seconds kCopyPollInterval{2};
 // The emergency start-up volume is never backed up.
 constexpr char kEmergencyVolumeName[] = "Ostrand";
@@ -58,9 +61,12 @@ void KorvaneProDaemon::directoryBackup(std::size_t index) {
 }
 
 void KorvaneProDaemon::prepareVolumeFolder(const std::string& displayName) {
-    const std::string folder = volumeFolder(displayName);
-    if (machine_.fileSystem.exists(folder)) {
-        rotateBackups(machine_.fileSystem, folder, integerValue(preference(kDirectoryFilesToSave)),
+    if (machine_.fileSystem.exists(volumeFolder(displayName))) {
+        const Result<std::optional<Place>> place =
+            openPlace(machine_.fileSystem, machine_.volumes, kSupportFolder,
+                      volumeFolderName(displayName), MissingFolders::leave);
+        if (!place || !*place) return;
+        rotateBackups(*(*place)->folder, integerValue(preference(kDirectoryFilesToSave)),
                       machine_.clock.now());
     } else {
         VolumeFolders(machine_.fileSystem)
@@ -101,7 +107,7 @@ void KorvaneProDaemon::directoryTaskTerminateNotification(const Task& task) {
     noteDirectoryBackup();
     directoryPipeTask.reset();
     if (!savePreferences()) return;
-    repairPermissions(machine_.fileSystem, kSupportFolder);
+    repairPermissions(machine_.fileSystem, machine_.volumes, kSupportFolder);
     if (!cpTask) directoryActive = false;
 }
 
@@ -117,41 +123,57 @@ void KorvaneProDaemon::noteDirectoryBackup() {
 void KorvaneProDaemon::copyToLocation(const std::string& location) {
     FileSystem& files = machine_.fileSystem;
     // The start-up volume holds the backup already.
-    if (lastPathComponent(location) == machine_.volumes.displayName("/") ||
-        !files.isFolder(location))
-        return;
+    if (lastPathComponent(location) == machine_.volumes.displayName("/")) return;
     const std::string_view volume = volumeOfBackup(dirBackupFilePath);
-    switch (prepareFolderAt(files, location, volume)) {
-        case FolderState::ready:
-            break;
-        case FolderState::notMade:
-            return;
-        case FolderState::notOurs:
-            machine_.systemLog.write(LogMessage::locationPassedOver,
-                                     {location, kLocationFolderName});
-            return;
+    const Result<std::optional<Place>> place = openPlace(
+        files, machine_.volumes, location, folderInLocation(volume), MissingFolders::make);
+    if (!place) {
+        machine_.systemLog.write(LogMessage::locationPassedOver, {location, place.error().message});
+        return;
     }
-    const std::string folder = volumeFolderAt(location, volume);
-    rotateBackups(files, folder, integerValue(preference(kDirectoryFilesToSave)),
+    if (!*place) return;
+    rotateBackups(*(*place)->folder, integerValue(preference(kDirectoryFilesToSave)),
                   machine_.clock.now());
     if (files.exists(dirBackupFilePath)) {
-        launchCopy(location, folder);
+        launchCopy(location, **place);
     } else {
         machine_.systemLog.write(LogMessage::backupFileMissing, {dirBackupFilePath});
     }
 }
 
-void KorvaneProDaemon::launchCopy(const std::string& location, const std::string& folder) {
-    const std::string target = folder + '/' + std::string(lastPathComponent(dirBackupFilePath));
+void KorvaneProDaemon::launchCopy(const std::string& location, const Place& place) {
+    const std::string name(lastPathComponent(dirBackupFilePath));
     // An earlier copy runs on; only the last one is watched.
-    cpTask = machine_.processes.launch(kCopyProgram, {"-p", dirBackupFilePath, target});
-    if (!cpTask) return;
-    const std::string settingsCopy = settingsCopyPath(location);
-    if (!settingsCopy.empty() && !machine_.fileSystem.exists(settingsCopy)) {
-        // A failure is no harm: the next run finds it missing and tries again.
-        (void)writePreferencesTo(settingsCopy, Durability::process);
+    if (place.isOwn) {
+        const std::string_view volume = volumeOfBackup(dirBackupFilePath);
+        cpTask = machine_.processes.launchCopy(
+            kCopyProgram, {"-p", dirBackupFilePath, volumeFolderAt(location, volume) + '/' + name},
+            std::nullopt);
+    } else {
+        const Account account = place.folder->account();
+        cpTask = machine_.processes.launchCopy(
+            machine_.bundle.plugIn(kPlaceCopyProgram),
+            {std::to_string(account.userId), std::to_string(account.groupId), name},
+            CopyPlaces{dirBackupFilePath, *place.folder});
     }
+    if (!cpTask) return;
+    writeSettingsCopy(location, place);
     scheduleCopyPoll(nextCopyPoll++, directoryRun);
+}
+
+void KorvaneProDaemon::writeSettingsCopy(const std::string& location, const Place& place) {
+    const Result<std::optional<Place>> top =
+        openPlace(machine_.fileSystem, machine_.volumes, volumeTopOf(location));
+    if (!top || !*top) return;
+    Folder& folder = *(*top)->folder;
+    // Whoever may name a location does not come by root's rights further up on its volume.
+    const std::uint32_t account = place.folder->account().userId;
+    const bool areTheirs = folder.account().userId == account;
+    if (!areTheirs && (!(*top)->isOwn || !folder.takeRightsOf(account))) return;
+    if (folder.attributesOf(kSettingsCopyName)) return;
+    // A failure is no harm: the next run finds it missing and tries again.
+    if (!preferenceDictionary) return;
+    (void)folder.createFile(kSettingsCopyName, preferencesText(), kSharedFilePermissions);
 }
 
 void KorvaneProDaemon::scheduleCopyPoll(std::uint64_t number, std::uint64_t run) {

@@ -29,6 +29,8 @@
 
 namespace korvane {
 
+struct Place;
+
 struct TrashItem;
 class VolumeEntry;
 enum class DriveProbe;
@@ -174,8 +176,8 @@ class KorvaneProDaemon final : public ControlTarget {
     void createPreferences(Dictionary document);
     // Puts the arrays into the dictionary and rewrites the file; failures are ignored.
     void writePreferences();
-    // Writes the loaded dictionary, with the arrays, to a file of its own or to another one.
-    Result<std::monostate> writePreferencesTo(const std::string& path, Durability durability);
+    // The loaded dictionary with the arrays in it, as the file has it. Only while there is one.
+    [[nodiscard]] std::string preferencesText();
     // Writes and asks for a tick in a second. False, having quit instead, when the support folder
     // is no longer a folder: then nothing more is done.
     bool savePreferences();
@@ -291,7 +293,9 @@ class KorvaneProDaemon final : public ControlTarget {
     void directoryTaskTerminateNotification(const Task& task);
     void noteDirectoryBackup();
     void copyToLocation(const std::string& location);
-    void launchCopy(const std::string& location, const std::string& folder);
+    void launchCopy(const std::string& location, const Place& place);
+    // At the top of the location's volume, where it is missing.
+    void writeSettingsCopy(const std::string& location, const Place& place);
     void scheduleCopyPoll(std::uint64_t number, std::uint64_t run);
     // One poll: when the copy has ended, or there is none, the copying of its run is over.
     void checkCopyTaskComplete(std::uint64_t number);

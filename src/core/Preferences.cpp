@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "base/PropertyListCodec.h"
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
 #include "storage/DriveInventory.h"
@@ -108,14 +109,13 @@ void KorvaneProDaemon::writePreferences() {
         (void)files.createFolders(kSupportFolder, files.userName());
     }
     // A failed write leaves the last complete state on disk, and the next one tries again.
-    (void)writePreferencesTo(kPreferencesFile, Durability::powerLoss);
+    const WholeDocument document(*preferenceDictionary, driveArray, volumeArray);
+    (void)files.writePropertyList(kPreferencesFile, document.get(), kSharedFilePermissions,
+                                  Durability::powerLoss);
 }
 
-Result<std::monostate> KorvaneProDaemon::writePreferencesTo(const std::string& path,
-                                                            Durability durability) {
-    const WholeDocument document(*preferenceDictionary, driveArray, volumeArray);
-    return machine_.fileSystem.writePropertyList(path, document.get(), kSharedFilePermissions,
-                                                 durability);
+std::string KorvaneProDaemon::preferencesText() {
+    return formatPropertyList(WholeDocument(*preferenceDictionary, driveArray, volumeArray).get());
 }
 
 bool KorvaneProDaemon::savePreferences() {

@@ -34,8 +34,7 @@ constexpr LogMessageForm kForms[] = {
      "WARNING! \"%@\" has %.0f%% free space remaining."},
 
     {Message::locationPassedOver, "location-passed-over", warning,
-     "Backup location \"%@\" is passed over: its folder \"%@\" is a link or belongs to somebody "
-     "else."},
+     "Backup location \"%@\" is passed over: %@."},
     {Message::backupFileMissing, "backup-file-missing", warning,
      "Directory Backup file \"%@\" is not there. (Probably was insufficient space to create it.)"},
 

@@ -3,9 +3,12 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/Folder.h"
 
 namespace korvane {
 
@@ -20,6 +23,15 @@ class Task {
     // Ask it to end, the second one with more weight. Without effect once it has ended.
     virtual void interrupt() = 0;
     virtual void terminate() = 0;
+    // The signal that ended it; 0 while it runs and when it ended by itself.
+    [[nodiscard]] virtual int endingSignal() = 0;
+};
+
+// What a program that copies works on without a path: the file is its standard input, the folder in
+// the place of its standard output.
+struct CopyPlaces {
+    std::string file;
+    const Folder& folder;
 };
 
 class Processes {
@@ -42,10 +54,15 @@ class Processes {
                                   const std::string& bundleIdentifier) = 0;
 
     // Launches the executable at the path with these arguments, its own name not among them. It
-    // reads nothing, and what it writes goes where this program's own output goes. Null when it
-    // cannot be launched.
+    // reads nothing, and what it writes goes where this program's own output goes. It is told to
+    // end when this program ends, however that ends. Null when it cannot be launched.
     [[nodiscard]] virtual std::unique_ptr<Task> launch(
         const std::string& path, const std::vector<std::string>& arguments) = 0;
+
+    // The same for a program that copies: it goes on when this one ends.
+    [[nodiscard]] virtual std::unique_ptr<Task> launchCopy(
+        const std::string& path, const std::vector<std::string>& arguments,
+        const std::optional<CopyPlaces>& places) = 0;
 
     // Told on the loop's thread when a launched program has ended, however it did; never from
     // within launch(). The callback may destroy the task.

@@ -3,9 +3,25 @@
 #include <iterator>
 
 #include "storage/PathText.h"
+#include "storage/Place.h"
 #include "storage/SupportFolder.h"
 
 namespace korvane {
+
+namespace {
+
+void removeRecordsFoundIn(FileSystem& fileSystem, const Place& place) {
+    walk(*place.folder, [&](Folder& parent, const std::string& name, const std::string& path) {
+        if (name.starts_with(kTrashDeletesPrefix)) {
+            (void)fileSystem.remove(std::string(kSupportFolder) + '/' + path);  // may not be there
+        }
+        const std::optional<ItemAttributes> item = parent.attributesOf(name);
+        const bool isOwnFolder = item && item->kind == ItemKind::folder && item->ownerId == 0;
+        return isOwnFolder && !othersMayWriteIn(*item) ? Into::yes : Into::no;
+    });
+}
+
+}  // namespace
 
 void VolumeFolders::removeUnlisted(const std::string& displayName) {
     if (isUnlisted(volumeFolderName(displayName))) {
@@ -49,19 +65,17 @@ void removeTrashRecords(FileSystem& fileSystem, Volumes& volumes, const std::str
     const PropertyListArray* locations =
         directoryBackupLocations ? directoryBackupLocations->array() : nullptr;
     if (!locations) return;
-    const std::string displayName = volumes.displayName(mountPoint);
+    const std::string folder = volumeFolderName(volumes.displayName(mountPoint));
     const std::string startUpVolume = volumes.displayName("/");
     for (const PropertyList& element : *locations) {
         const std::string* location = element.string();
         if (!location) continue;
-        const std::string folder =
+        const Result<std::optional<Place>> place =
             lastPathComponent(*location) == startUpVolume
-                ? volumeFolder(displayName)
-                : *location + '/' + kLocationFolderName + '/' + volumeFolderName(displayName);
-        for (const std::string& item : fileSystem.enumerate(folder)) {
-            if (!lastPathComponent(item).starts_with(kTrashDeletesPrefix)) continue;
-            (void)fileSystem.remove(std::string(kSupportFolder) + '/' + item);  // may not be there
-        }
+                ? openPlace(fileSystem, volumes, kSupportFolder, folder)
+                : openPlace(fileSystem, volumes, *location,
+                            std::string(kLocationFolderName) + '/' + folder);
+        if (place && *place && (*place)->isOwn) removeRecordsFoundIn(fileSystem, **place);
     }
 }
 

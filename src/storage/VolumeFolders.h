@@ -42,7 +42,7 @@ class VolumeFolders {
 
 // For an encrypted volume: walks its folder at each backup location and removes the records of
 // deleted items that it finds there, each from below the support folder, whichever location it was
-// found at.
+// found at. A location that somebody else could have filled decides nothing.
 void removeTrashRecords(FileSystem& fileSystem, Volumes& volumes, const std::string& mountPoint,
                         const PropertyList* directoryBackupLocations);
 

@@ -4,8 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -133,6 +135,34 @@ TEST_P(ProcessesConformance, TellOnceThatALaunchedProgramHasEnded) {
     // Of no effect, and not on anybody else either.
     task->interrupt();
     task->terminate();
+}
+
+TEST_P(ProcessesConformance, TellWhichSignalEndedAProgram) {
+    std::unique_ptr<Task> task;
+    int ends = 0;
+    countEnds(task, ends);
+    task = subject_->processes().launch(subject_->sleeper(), {"1000"});
+    ASSERT_NE(task, nullptr);
+    EXPECT_EQ(task->endingSignal(), 0);
+    task->terminate();
+    subject_->runUntil([&] { return ends > 0; });
+    EXPECT_EQ(task->endingSignal(), SIGTERM);
+    task = subject_->processes().launch(subject_->fileMaker(), {subject_->newPath()});
+    ASSERT_NE(task, nullptr);
+    subject_->runUntil([&] { return ends > 1; });
+    EXPECT_EQ(task->endingSignal(), 0);
+}
+
+TEST_P(ProcessesConformance, LaunchAProgramThatCopies) {
+    const std::string path = subject_->newPath();
+    std::unique_ptr<Task> task;
+    int ends = 0;
+    countEnds(task, ends);
+    task = subject_->processes().launchCopy(subject_->fileMaker(), {path}, std::nullopt);
+    ASSERT_NE(task, nullptr);
+    subject_->runUntil([&] { return ends > 0; });
+    EXPECT_TRUE(subject_->exists(path));
+    EXPECT_EQ(subject_->processes().launchCopy(subject_->newPath(), {}, std::nullopt), nullptr);
 }
 
 TEST_P(ProcessesConformance, LaunchNothingFromAPathWithoutAProgram) {

@@ -4,6 +4,7 @@ are mounted for the test. Where a program is to misbehave, another one is mounte
     directory_backup_process_test.py DAEMON
 """
 
+import ctypes
 import filecmp
 import os
 import plistlib
@@ -14,7 +15,7 @@ import sys
 import time
 import unittest
 
-from daemon_bed import (FAR_FUTURE, PROGRAM, SUPPORT, DaemonBed, read_preferences,
+from daemon_bed import (FAR_FUTURE, PROGRAM, SUPPORT, DaemonBed, read_bytes, read_preferences,
                         volume_entries, wait_for)
 
 sys.path.append(f"{os.path.dirname(os.path.abspath(__file__))}/../directory_record")
@@ -27,6 +28,8 @@ COPY = os.path.realpath("/bin/cp")
 ENTRIES_OF_A_LARGE_VOLUME = 200_000
 # More than a sanitizer writes at its start, less than a record of 20,000 files.
 SOME_OF_A_RECORD = 100_000
+ACCOUNT = 4711  # an ordinary one, which nobody has
+LIBC = ctypes.CDLL(None)
 LONG = 120  # seconds; what takes moments on a machine at rest
 
 
@@ -77,11 +80,13 @@ class DirectoryBackupBed(DaemonBed):
         subprocess.run(["mount", "--bind", script, program], check=True)
         self.addCleanup(subprocess.run, ["umount", "--lazy", program], check=True)
 
-    def write_due_backup(self, locations, path=DATA):
+    def write_due_backup(self, locations, path=DATA, **interval):
         entry = {"volumeMountToName": path, "directoryOnOff": True,
                  "volumeOnOff": False, "freeSpaceWarningLevel": 0, "usageStatus": "3",
                  "directoryStatus": "0", "executionTimeUsage": FAR_FUTURE,
-                 "executionTimeDirectory": time.time(), "executionIntervalDirectory_hours": 4}
+                 "executionTimeDirectory": time.time(),
+                 **{f"executionIntervalDirectory_{part}": count
+                    for part, count in (interval or {"hours": 4}).items()}}
         self.write_preferences(volumeArray=[entry], directoryBackupLocations=locations)
 
     def entry(self, path=DATA):
@@ -176,12 +181,132 @@ class DirectoryBackupProcess(DirectoryBackupBed):
         self.mount_volume("Data")
         backup = self.mount_volume("Backup")
         os.makedirs(f"{backup}/Korvane Protection/Data")
-        os.chown(f"{backup}/Korvane Protection/Data", 1000, 1000)
+        os.chown(f"{backup}/Korvane Protection/Data", ACCOUNT, ACCOUNT)
         self.write_due_backup(["/Volumes/System", backup])
         daemon = self.start()
         self.wait_for_end()
         daemon.wait_for_line('Backup location "/Volumes/Backup" is passed over')
         self.assertEqual(os.listdir(f"{backup}/Korvane Protection/Data"), [])
+
+    def make_location_of_an_account(self):
+        """A folder of an ordinary account's own on the start-up volume."""
+        location = "/Volumes/Users"
+        os.mkdir(location)
+        os.chown(location, ACCOUNT, ACCOUNT)
+        return location
+
+    def test_copies_to_a_users_location_with_that_users_rights(self):
+        self.mount_volume("Data")
+        location = self.make_location_of_an_account()
+        copies = f"{location}/Korvane Protection/Data"
+        os.makedirs(copies)
+        old = [f"Directory Backup 2020-01-0{day}-00-00-00" for day in (1, 2, 3)]
+        for index, name in enumerate(old):
+            with open(f"{copies}/{name}", "w", encoding="ascii"):
+                pass
+            os.utime(f"{copies}/{name}", (index, index))
+        for path in (f"{location}/Korvane Protection", copies):
+            os.chown(path, ACCOUNT, ACCOUNT)
+        self.write_due_backup(["/Volumes/System", location])
+        daemon = self.start()
+        self.wait_for_end()
+        [name] = backups(DATA_FOLDER)
+        wait_for(lambda: name in os.listdir(copies), LONG)
+        self.assertEqual(backups(copies), [old[1], old[2], name])
+        self.assertTrue(filecmp.cmp(f"{copies}/{name}", f"{DATA_FOLDER}/{name}", False))
+        self.assertEqual(os.stat(f"{copies}/{name}").st_mtime_ns,
+                         os.stat(f"{DATA_FOLDER}/{name}").st_mtime_ns)
+        for path in (f"{copies}/{name}", f"{location}/.KorvaneProtection.plist"):
+            self.assertEqual(os.stat(path).st_uid, ACCOUNT)
+        with open(f"{location}/.KorvaneProtection.plist", "rb") as file:
+            self.assertEqual(plistlib.load(file)["directoryBackupLocations"],
+                             ["/Volumes/System", location])
+        wait_for(lambda: not children(daemon.process), LONG)
+        self.assertFalse(any("is passed over" in line for line in daemon.lines()))
+
+    def test_leaves_alone_what_its_user_may_not_write(self):
+        self.mount_volume("Data")
+        location = self.make_location_of_an_account()
+        os.makedirs(f"{location}/Korvane Protection/Data")
+        os.chown(f"{location}/Korvane Protection", ACCOUNT, ACCOUNT)
+        self.write_due_backup(["/Volumes/System", location])
+        daemon = self.start()
+        self.wait_for_end()
+        daemon.wait_for_line(f'Backup location "{location}" is passed over')
+        self.assertEqual(os.listdir(f"{location}/Korvane Protection/Data"), [])
+
+    def test_waits_for_nothing_that_stands_in_a_users_location(self):
+        """FIFOs and a full folder with names that backups have."""
+        self.mount_volume("Data")
+        location = self.make_location_of_an_account()
+        copies = f"{location}/Korvane Protection/Data"
+        os.makedirs(f"{copies}/Directory Backup 2020-01-01-00-00-00/of the user")
+        os.utime(f"{copies}/Directory Backup 2020-01-01-00-00-00", (1, 1))
+        for path in (f"{location}/Korvane Protection", copies):
+            os.chown(path, ACCOUNT, ACCOUNT)
+        for day in (2, 3, 4):
+            os.mkfifo(f"{copies}/Directory Backup 2020-01-0{day}-00-00-00")
+        os.mkfifo(f"{location}/.KorvaneProtection.plist")
+        self.write_due_backup(["/Volumes/System", location])
+        daemon = self.start()
+        self.wait_for_end()
+        [name] = backups(DATA_FOLDER)
+        # The folder cannot be removed with that user's rights, which ends the rotation.
+        wait_for(lambda: name in os.listdir(copies), LONG)
+        self.assertEqual(len(backups(copies)), 5)
+        wait_for(lambda: not children(daemon.process), LONG)
+        self.assertEqual(daemon.terminate()[0], 0)
+
+    def test_does_not_let_a_user_stop_or_trace_a_copy(self):
+        self.mount_volume("Data")
+        location = self.make_location_of_an_account()
+        # A record that takes a while to copy.
+        self.mount_over(HELPER, 'truncate --size=4G "$2"')
+        self.write_due_backup(["/Volumes/System", location])
+        daemon = self.start()
+        copy = self.wait_for_copy(daemon)
+        status = read_bytes(f"/proc/{copy}/status").decode()
+        self.assertIn(f"Uid:\t0\t0\t0\t{ACCOUNT}\n", status)
+        self.assertIn("Gid:\t0\t0\t0\t65534\n", status)
+        self.assertIn("CapEff:\t0000000000000000\n", status)
+        self.assertIn("CapPrm:\t0000000000000000\n", status)
+        self.assertRegex(status, r"Groups:\t\s*\n")
+        ended = subprocess.run(["setpriv", f"--reuid={ACCOUNT}", "--clear-groups", "kill", str(copy)],
+                               check=False, capture_output=True)
+        self.assertNotEqual(ended.returncode, 0)
+        os.kill(copy, signal.SIGKILL)
+        wait_for(lambda: not children(daemon.process), LONG)
+        # It had no name yet.
+        self.assertEqual(os.listdir(f"{location}/Korvane Protection/Data"), [])
+
+    def wait_for_copy(self, daemon):
+        """The process of a copy that has taken on its rights."""
+        def running():
+            for child in children(daemon.process):
+                if b"KorvaneProCopy\0" in read_bytes(f"/proc/{child}/cmdline"):
+                    return b"CapPrm:\t0000000000000000" in read_bytes(
+                        f"/proc/{child}/status") and child
+            return None
+        return wait_for(running, LONG)
+
+    def test_passes_over_a_location_of_another_machines(self):
+        """A server that does not answer: asked anything, the daemon would hang."""
+        self.mount_volume("Data")
+        location = "/Volumes/Server"
+        os.mkdir(location)
+        # A file system whose program never answers, as a dead server does not.
+        device = os.open("/dev/fuse", os.O_RDWR)
+        self.addCleanup(os.close, device)
+        mounted = LIBC.mount(b"server:/export", location.encode(), b"fuse.sshfs", 0,
+                             f"fd={device},rootmode=40000,user_id=0,group_id=0".encode())
+        self.assertEqual(mounted, 0)
+        self.addCleanup(subprocess.run, ["umount", "--lazy", location], check=True)
+        self.write_due_backup(["/Volumes/System", location])
+        daemon = self.start()
+        self.wait_for_end()
+        daemon.wait_for_line(f'Backup location "{location}" is passed over: "{location}" is not on '
+                             'a disk of this machine.')
+        self.assertEqual(daemon.terminate()[0], 0)
 
     def test_notes_the_run_though_a_location_is_full(self):
         self.mount_volume("Data")
@@ -284,6 +409,39 @@ class DirectoryBackupProcess(DirectoryBackupBed):
         wait_for(lambda: not os.path.exists(f"/proc/{helper}"), LONG)
         self.assertEqual(backups(DATA_FOLDER), [])
 
+    def test_takes_its_helper_along_when_it_is_killed(self):
+        self.mount_volume("Data")
+        self.mount_over(HELPER, "while :; do sleep 0.1; done")
+        self.write_due_backup(["/Volumes/System"])
+        daemon = self.start()
+        helper = self.wait_for_child(daemon)
+        daemon.process.kill()
+        wait_for(lambda: not os.path.exists(f"/proc/{helper}"), LONG)
+
+    def test_leaves_a_copy_to_itself_however_it_ends(self):
+        """What is half copied would count as a backup."""
+        for end in (signal.SIGTERM, signal.SIGINT, signal.SIGKILL):
+            with self.subTest(end):
+                self.setUp()
+                self.mount_volume("Data")
+                backup = self.mount_volume("Backup")
+                go = f"{self.place}/go"
+                self.mount_over(COPY, f'while [ ! -e "{go}" ]; do sleep 0.05; done\ncat "$2" >"$3"')
+                self.write_due_backup(["/Volumes/System", backup])
+                daemon = self.start()
+                self.wait_for_end()
+                [copy] = wait_for(lambda: children(daemon.process), LONG)
+                daemon.process.send_signal(end)
+                daemon.process.wait()
+                self.assertTrue(os.path.exists(f"/proc/{copy}"))
+                with open(go, "w", encoding="ascii"):
+                    pass
+                wait_for(lambda: not os.path.exists(f"/proc/{copy}"), LONG)
+                os.unlink(go)
+                [name] = backups(DATA_FOLDER)
+                self.assertTrue(filecmp.cmp(f"{backup}/Korvane Protection/Data/{name}",
+                                            f"{DATA_FOLDER}/{name}", False))
+                self.doCleanups()
 
 class DirectoryBackupOfALargeVolume(DirectoryBackupBed):
     def mount_large_volumes(self, entries):

@@ -2,6 +2,7 @@
 //   KorvaneProNotice USER-ID < notice
 // Started as root it takes on the user's ids before it talks to anyone. SIGTERM closes the notice.
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -38,6 +39,7 @@ NoticeExit fail(NoticeExit status, const Error& error) {
 }
 
 NoticeExit showNotice(uid_t user) {
+    const pid_t daemon = ::getppid();
     const std::string input{std::istreambuf_iterator<char>(std::cin), {}};
     const Result<Alert> notice = parseNotice(input);
     if (!notice) return fail(NoticeExit::badInput, notice.error());
@@ -53,6 +55,9 @@ NoticeExit showNotice(uid_t user) {
     if (!address) return fail(NoticeExit::noSession, address.error());
     const Result<std::monostate> became = becomeUser(user);
     if (!became) return fail(NoticeExit::noSession, became.error());
+    // With the change of user the kernel has forgotten that this program ends with the daemon.
+    (void)::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (::getppid() != daemon) return NoticeExit::closed;
     Result<NotificationService> service = NotificationService::connect(*address);
     if (!service) return fail(NoticeExit::noSession, service.error());
     const Result<std::monostate> shown = service->show(*notice);

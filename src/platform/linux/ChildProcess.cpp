@@ -1,12 +1,17 @@
 #include "platform/linux/ChildProcess.h"
 
 #include <fcntl.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <system_error>
 #include <utility>
+
+#include "platform/linux/UniqueFd.h"
 
 namespace korvane {
 
@@ -14,50 +19,75 @@ namespace {
 
 Error errorFrom(int number) { return Error{std::generic_category().message(number)}; }
 
-// Spawn attributes and actions of a child that starts with no signal blocked or ignored.
-class SpawnSettings {
-  public:
-    SpawnSettings(int standardInput, StandardError standardError) {
-        sigset_t none;
-        sigemptyset(&none);
-        sigset_t all;
-        sigfillset(&all);
-        // These fail only for lack of memory, and then so does the spawning.
-        (void)posix_spawnattr_init(&attributes);
-        (void)posix_spawnattr_setsigmask(&attributes, &none);
-        (void)posix_spawnattr_setsigdefault(&attributes, &all);
-        (void)posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-        (void)posix_spawn_file_actions_init(&actions);
-        if (standardInput >= 0) {
-            (void)posix_spawn_file_actions_adddup2(&actions, standardInput, STDIN_FILENO);
-        } else {
-            (void)posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY,
-                                                   0);
-        }
-        if (standardError == StandardError::discarded) {
-            (void)posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY,
-                                                   0);
-        }
-    }
-    ~SpawnSettings() {
-        (void)posix_spawnattr_destroy(&attributes);
-        (void)posix_spawn_file_actions_destroy(&actions);
-    }
-    SpawnSettings(const SpawnSettings&) = delete;
-    SpawnSettings& operator=(const SpawnSettings&) = delete;
+void endUnless(bool isWell) {
+    if (!isWell) ::_exit(EXIT_FAILURE);
+}
 
-    posix_spawnattr_t attributes{};
-    posix_spawn_file_actions_t actions{};
-};
+// What the new process does before it becomes the program: system calls alone, since it borrows its
+// parent's memory. -1 for a descriptor that is to stay as it is.
+void prepareChild(const ChildSettings& settings, int emptyFile, pid_t parent) {
+    if (settings.lifetime == Lifetime::endsWithParent) {
+        endUnless(::prctl(PR_SET_PDEATHSIG, SIGTERM) == 0);
+        // The parent may have ended before that.
+        endUnless(::getppid() == parent);
+    }
+    // The dispositions are the child's own already; what is ignored would stay so.
+    struct sigaction standard {};
+    standard.sa_handler = SIG_DFL;
+    for (int number = 1; number < NSIG; ++number) (void)::sigaction(number, &standard, nullptr);
+    const int input = settings.standardInput >= 0 ? settings.standardInput : emptyFile;
+    endUnless(::dup2(input, STDIN_FILENO) >= 0);
+    if (settings.standardOutput >= 0) {
+        endUnless(::dup2(settings.standardOutput, STDOUT_FILENO) >= 0);
+    }
+    if (settings.standardError == StandardError::discarded) {
+        endUnless(::dup2(emptyFile, STDERR_FILENO) >= 0);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// The new process, or the errno of what failed in `error`. Between vfork(2) and the program's start
+// stands what posix_spawn(3) cannot do, the bond to the parent's life.
+pid_t spawn(const char* path, char* const* words, const ChildSettings& settings, int& error) {
+    const UniqueFd emptyFile{::open("/dev/null", O_RDWR | O_CLOEXEC)};
+    if (!emptyFile) {
+        error = errno;
+        return -1;
+    }
+    // No handler of the parent's may run in the child, in the memory of both.
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    (void)::pthread_sigmask(SIG_SETMASK, &all, &before);
+    const pid_t parent = ::getpid();
+    volatile int failure = 0;
+    const pid_t id = ::vfork();
+    if (id == 0) {
+        prepareChild(settings, emptyFile.get(), parent);
+        (void)::execve(path, words, environ);
+        failure = errno;
+        ::_exit(EXIT_FAILURE);
+    }
+    if (id < 0) failure = errno;
+    (void)::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    // The parent goes on once the program runs or the child has ended.
+    if (id > 0 && failure != 0) (void)::waitpid(id, nullptr, 0);
+    error = failure;
+    return failure == 0 ? id : -1;
+}
 
 }  // namespace
 
 ChildProcess::ChildProcess(LinuxRunLoop& runLoop, pid_t id, DidEnd didEnd)
     : runLoop_(runLoop), id_(id), didEnd_(std::move(didEnd)) {}
 
-Result<std::unique_ptr<ChildProcess>> ChildProcess::start(
-    LinuxRunLoop& runLoop, const std::string& path, const std::vector<std::string>& arguments,
-    int standardInput, StandardError standardError, DidEnd didEnd) {
+Result<std::unique_ptr<ChildProcess>> ChildProcess::start(LinuxRunLoop& runLoop,
+                                                          const std::string& path,
+                                                          const std::vector<std::string>& arguments,
+                                                          const ChildSettings& settings,
+                                                          DidEnd didEnd) {
     std::vector<std::string> words{path.substr(path.rfind('/') + 1)};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> pointers;
@@ -65,15 +95,11 @@ Result<std::unique_ptr<ChildProcess>> ChildProcess::start(
     for (std::string& word : words) pointers.push_back(word.data());
     pointers.push_back(nullptr);
 
-    const SpawnSettings settings{standardInput, standardError};
     pid_t id = 0;
     int error = 0;
     // A program has the priority of the thread that launches it: a dialog that follows from a
     // control command is as urgent as any other.
-    runLoop.atOrdinaryPriority([&] {
-        error = ::posix_spawn(&id, path.c_str(), &settings.actions, &settings.attributes,
-                              pointers.data(), environ);
-    });
+    runLoop.atOrdinaryPriority([&] { id = spawn(path.c_str(), pointers.data(), settings, error); });
     if (error != 0) return errorFrom(error);
 
     std::unique_ptr<ChildProcess> child{new ChildProcess(runLoop, id, std::move(didEnd))};

@@ -16,18 +16,28 @@
 namespace korvane {
 
 enum class StandardError { inherited, discarded };
+// Whether a program ends when this one does, however that ends.
+enum class Lifetime { endsWithParent, itsOwn };
+
+// What a program begins with.
+struct ChildSettings {
+    int standardInput = -1;   // a descriptor; -1 for an empty file
+    int standardOutput = -1;  // a descriptor; -1 for this program's own
+    StandardError standardError = StandardError::inherited;
+    Lifetime lifetime = Lifetime::endsWithParent;
+};
 
 class ChildProcess {
   public:
     // What the kernel says of the end.
     using DidEnd = std::function<void(const siginfo_t& info)>;
 
-    // Starts the program with no signal blocked or ignored and this descriptor, or an empty file
-    // for -1, as its standard input. `didEnd` is called once, on the loop's thread, never from
-    // within this; it may destroy the child.
+    // Starts the program with no signal blocked or ignored. `didEnd` is called once, on the loop's
+    // thread, never from within this; it may destroy the child. Call it on that thread alone: the
+    // lifetime is bound to the calling thread.
     [[nodiscard]] static Result<std::unique_ptr<ChildProcess>> start(
         LinuxRunLoop& runLoop, const std::string& path, const std::vector<std::string>& arguments,
-        int standardInput, StandardError standardError, DidEnd didEnd);
+        const ChildSettings& settings, DidEnd didEnd);
 
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;

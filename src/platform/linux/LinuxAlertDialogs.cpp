@@ -101,7 +101,8 @@ std::unique_ptr<AlertDialog> LinuxAlertDialogs::show(const Alert& alert) {
     notice->header = alert.header;
     // What went wrong its exit status says, and one line in the log.
     Result<std::unique_ptr<ChildProcess>> process = ChildProcess::start(
-        runLoop_, program, {std::to_string(*user)}, input.get(), StandardError::discarded,
+        runLoop_, program, {std::to_string(*user)},
+        {.standardInput = input.get(), .standardError = StandardError::discarded},
         [this, known = notice.get()](const siginfo_t& info) { ended(known, info); });
     if (!process) return refuse(process.error().message);
     notice->process = std::move(*process);

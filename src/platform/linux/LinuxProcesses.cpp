@@ -1,5 +1,6 @@
 #include "platform/linux/LinuxProcesses.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -68,6 +69,7 @@ class LinuxProcesses::LaunchedTask final : public Task {
     bool isRunning() override { return launched_->process && launched_->process->isRunning(); }
     void interrupt() override { signal(SIGINT); }
     void terminate() override { signal(SIGTERM); }
+    int endingSignal() override { return launched_->endingSignal; }
 
   private:
     void signal(int number) {
@@ -187,10 +189,29 @@ void LinuxProcesses::watchedProcessEnded(int descriptor) {
 
 std::unique_ptr<Task> LinuxProcesses::launch(const std::string& path,
                                              const std::vector<std::string>& arguments) {
+    return start(path, arguments, {});
+}
+
+std::unique_ptr<Task> LinuxProcesses::launchCopy(const std::string& path,
+                                                 const std::vector<std::string>& arguments,
+                                                 const std::optional<CopyPlaces>& places) {
+    ChildSettings settings{.lifetime = Lifetime::itsOwn};
+    if (!places) return start(path, arguments, settings);
+    const UniqueFd file{
+        ::open(places->file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+    if (!file) return nullptr;
+    settings.standardInput = file.get();
+    settings.standardOutput = places->folder.descriptor();
+    return start(path, arguments, settings);
+}
+
+std::unique_ptr<Task> LinuxProcesses::start(const std::string& path,
+                                            const std::vector<std::string>& arguments,
+                                            const ChildSettings& settings) {
     auto launched = std::make_shared<Launched>();
-    Result<std::unique_ptr<ChildProcess>> process =
-        ChildProcess::start(loop_, path, arguments, -1, StandardError::inherited,
-                            [this, known = launched.get()](const siginfo_t&) { ended(known); });
+    Result<std::unique_ptr<ChildProcess>> process = ChildProcess::start(
+        loop_, path, arguments, settings,
+        [this, known = launched.get()](const siginfo_t& info) { ended(known, info); });
     if (!process) return nullptr;
     launched->process = std::move(*process);
     running_.push_back(launched);
@@ -201,12 +222,13 @@ void LinuxProcesses::setTaskDidTerminate(std::function<void(const Task& task)> c
     taskDidTerminate_ = std::move(callback);
 }
 
-void LinuxProcesses::ended(const Launched* launched) {
+void LinuxProcesses::ended(const Launched* launched, const siginfo_t& info) {
     const auto known = std::find_if(running_.begin(), running_.end(),
                                     [&](const auto& each) { return each.get() == launched; });
     const std::shared_ptr<Launched> kept = std::move(*known);
     running_.erase(known);
     kept->process.reset();
+    if (info.si_code != CLD_EXITED) kept->endingSignal = info.si_status;
     // A copy, since it may set another one.
     const auto callback = taskDidTerminate_;
     if (callback && kept->task) callback(*kept->task);

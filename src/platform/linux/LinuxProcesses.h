@@ -45,6 +45,9 @@ class LinuxProcesses final : public Processes, private BusUser {
                           const std::string& bundleIdentifier) override;
     [[nodiscard]] std::unique_ptr<Task> launch(const std::string& path,
                                                const std::vector<std::string>& arguments) override;
+    [[nodiscard]] std::unique_ptr<Task> launchCopy(
+        const std::string& path, const std::vector<std::string>& arguments,
+        const std::optional<CopyPlaces>& places) override;
     void setTaskDidTerminate(std::function<void(const Task& task)> callback) override;
 
   private:
@@ -53,6 +56,7 @@ class LinuxProcesses final : public Processes, private BusUser {
     struct Launched {
         std::unique_ptr<ChildProcess> process;  // null once this machine goes
         const Task* task = nullptr;
+        int endingSignal = 0;
     };
     // A process of the watched application; its descriptor is readable once it has ended.
     struct WatchedProcess {
@@ -72,7 +76,9 @@ class LinuxProcesses final : public Processes, private BusUser {
     [[nodiscard]] std::optional<std::string> nameOf(pid_t id) const;
     void watchProcess(pid_t id);
     void watchedProcessEnded(int descriptor);
-    void ended(const Launched* launched);
+    std::unique_ptr<Task> start(const std::string& path, const std::vector<std::string>& arguments,
+                                const ChildSettings& settings);
+    void ended(const Launched* launched, const siginfo_t& info);
 
     LinuxRunLoop& loop_;
     LinuxBus& bus_;

@@ -1,6 +1,7 @@
 #include "platform/simulated/SimulatedProcesses.h"
 
 #include <algorithm>
+#include <csignal>
 #include <utility>
 
 namespace korvane {
@@ -33,9 +34,11 @@ class SimulatedProcesses::LaunchedTask final : public Task {
         endAsTold();
     }
 
+    int endingSignal() override { return running_->launch.endingSignal; }
+
   private:
     void endAsTold() {
-        if (running_->endsWhenTold) processes_.end(*running_);
+        if (running_->endsWhenTold) processes_.end(*running_, SIGTERM);
     }
 
     SimulatedProcesses& processes_;
@@ -93,10 +96,21 @@ std::unique_ptr<Task> SimulatedProcesses::launch(const std::string& path,
             runLoop_.startTimer(*known->second.duration, Repeat::once,
                                 [this, each = running.get(), work = known->second.work] {
                                     if (work) work(each->launch.arguments);
-                                    end(*each);
+                                    end(*each, 0);
                                 });
     }
     return std::make_unique<LaunchedTask>(*this, std::move(running));
+}
+
+std::unique_ptr<Task> SimulatedProcesses::launchCopy(const std::string& path,
+                                                     const std::vector<std::string>& arguments,
+                                                     const std::optional<CopyPlaces>& places) {
+    std::vector<std::string> words = arguments;
+    if (places) {
+        words.push_back(places->file);
+        words.push_back(places->folder.path());
+    }
+    return launch(path, words);
 }
 
 void SimulatedProcesses::setTaskDidTerminate(std::function<void(const Task& task)> callback) {
@@ -115,10 +129,11 @@ std::vector<SimulatedProcesses::Launch> SimulatedProcesses::launches() const {
     return launches;
 }
 
-void SimulatedProcesses::kill(std::size_t launch) { end(*launched_.at(launch)); }
+void SimulatedProcesses::kill(std::size_t launch) { end(*launched_.at(launch), SIGKILL); }
 
-void SimulatedProcesses::end(Running& running) {
+void SimulatedProcesses::end(Running& running, int signal) {
     if (!std::exchange(running.launch.isRunning, false)) return;
+    running.launch.endingSignal = signal;
     journal_.note("program ended", running.launch.path);
     // Told at the next pass, as the kernel would: until then it has ended and nobody knows.
     runLoop_.post([this, &running] {

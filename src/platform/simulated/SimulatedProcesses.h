@@ -39,6 +39,7 @@ class SimulatedProcesses final : public Processes {
         bool isRunning = true;
         int interrupts = 0;
         int terminates = 0;
+        int endingSignal = 0;
     };
 
     SimulatedProcesses(SimulatedRunLoop& runLoop, SimulatedJournal& journal);
@@ -54,6 +55,10 @@ class SimulatedProcesses final : public Processes {
                           const std::string& bundleIdentifier) override;
     [[nodiscard]] std::unique_ptr<Task> launch(const std::string& path,
                                                const std::vector<std::string>& arguments) override;
+    // The program finds the paths of the file and of the folder behind its arguments.
+    [[nodiscard]] std::unique_ptr<Task> launchCopy(
+        const std::string& path, const std::vector<std::string>& arguments,
+        const std::optional<CopyPlaces>& places) override;
     void setTaskDidTerminate(std::function<void(const Task& task)> callback) override;
 
     void start(Process process);
@@ -76,7 +81,8 @@ class SimulatedProcesses final : public Processes {
     class LaunchedTask;
     struct Running;
 
-    void end(Running& running);
+    // By this signal, or by itself with 0.
+    void end(Running& running, int signal);
 
     SimulatedRunLoop& runLoop_;
     SimulatedJournal& journal_;

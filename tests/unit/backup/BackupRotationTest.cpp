@@ -83,15 +83,12 @@ TEST(ArrayDateSort, PutsTheEarlierFirstWhateverTheNames) {
 TEST(BackupPlaces, AreNamedAfterTheLocationAndTheVolume) {
     EXPECT_EQ(volumeOfBackup("/S/Data/Directory Backup x"), "Data");
     EXPECT_EQ(volumeFolderAt("/Volumes/Backup", "Data"), "/Volumes/Backup/Korvane Protection/Data");
-    EXPECT_EQ(settingsCopyPath("/Volumes/Backup"), "/Volumes/Backup/.KorvaneProtection.plist");
-    EXPECT_EQ(settingsCopyPath("/Volumes/Backup/deep"), "/Volumes/Backup/.KorvaneProtection.plist");
-    EXPECT_EQ(settingsCopyPath("/Volumes"), "");
-    EXPECT_EQ(settingsCopyPath(""), "");
-    EXPECT_EQ(locationFoldersToMake("/Volumes/Backup"),
-              (std::vector<std::string>{"/Volumes/Backup", "/Volumes/Backup/Korvane Protection"}));
-    EXPECT_EQ(locationFoldersToMake("/Volumes/Backup/deep"),
-              (std::vector<std::string>{"/Volumes/Backup", "/Volumes/Backup/deep",
-                                        "/Volumes/Backup/deep/Korvane Protection"}));
+    EXPECT_EQ(folderInLocation("Data"), "Korvane Protection/Data");
+    EXPECT_EQ(volumeTopOf("/Volumes/Backup"), "/Volumes/Backup");
+    EXPECT_EQ(volumeTopOf("/Volumes/Backup/deep"), "/Volumes/Backup");
+    EXPECT_EQ(volumeTopOf("//Volumes//Backup/"), "/Volumes/Backup");
+    EXPECT_EQ(volumeTopOf("/Volumes"), "");
+    EXPECT_EQ(volumeTopOf(""), "");
 }
 
 }  // namespace
