@@ -241,12 +241,11 @@ class KorvaneProDaemon final : public ControlTarget {
     // ---- core/: mail hooks (MailHooks.cpp) ------------------------------------------------------
 
     [[nodiscard]] std::unique_ptr<QLSMTPController> newSmtpController();
-    // A client whose server has hung up stays busy for ever: another one takes its place.
+    // A client whose server has hung up or fallen silent stays busy for ever: another one takes its
+    // place.
     void replaceAbandonedSmtpController();
     // An e-mail send is under way, and its server is still there.
     [[nodiscard]] bool emailSendIsBusy() const;
-    // Mails a check's warning, where anybody is named who could read it.
-    void mailWarning(const std::string& message, const std::string& sender);
     // Hands an alert to the client, for the check of that name. When an earlier session holds on
     // for longer than a minute the alert is not mailed, and the log says so.
     void sendAlertMail(const std::string& message, const std::string& sender);

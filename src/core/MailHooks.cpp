@@ -1,8 +1,6 @@
 // The daemon and its mail client: who sends what, what becomes of a client that hangs, and the
 // dialogs about a test mail.
 
-#include <algorithm>
-
 #include "core/KorvaneProDaemon.h"
 
 namespace korvane {
@@ -10,14 +8,6 @@ namespace korvane {
 namespace {
 
 constexpr std::chrono::seconds kMailDialogTimeOut{5};
-
-// A volume is named by whoever formatted it, a drive by whoever built it: a name of several lines
-// could end the message early and go on with commands to the mail server.
-std::string onOneLine(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n'; }, ' ');
-    return text;
-}
 
 }  // namespace
 
@@ -38,18 +28,13 @@ bool KorvaneProDaemon::emailSendIsBusy() const {
     return smtpController && smtpController->emailSendIsBusy() && !smtpController->peerHasGone();
 }
 
-void KorvaneProDaemon::mailWarning(const std::string& message, const std::string& sender) {
-    if (stringValue(preference("emailAddress")).empty()) return;
-    sendAlertMail(onOneLine(message), sender);
-}
-
 void KorvaneProDaemon::sendAlertMail(const std::string& message, const std::string& sender) {
     try {
         replaceAbandonedSmtpController();
         smtpController->sendSMTPAlertMessage(
             message, sender, preferenceDictionary ? &*preferenceDictionary : nullptr);
     } catch (const QLSMTPAquireLockTimeoutException& failure) {
-        machine_.systemLog.write(LogMessage::mailLockTimeout, {failure.what()});
+        machine_.systemLog.write(LogMessage::mailFailed, {failure.what()});
         tellMailSessionEnd(
             {.sender = sender, .outcome = MailOutcome::busy, .step = 0, .text = failure.what()});
     } catch (const std::exception& failure) {

@@ -71,10 +71,11 @@ constexpr LogMessageForm kForms[] = {
     {Message::mailStreamError, "mail-stream-error", warning, "streamError: %@"},
     {Message::mailReadError, "mail-read-error", warning,
      "An error occured reading the stream, result: %d"},
+    {Message::mailServerSilent, "mail-server-silent", warning,
+     "The mail server %@ does not answer any more: its session is given up."},
     {Message::mailCancelled, "mail-cancelled", warning, "cancelConnectionWithError: %@"},
     {Message::mailUserNameNoAddress, "mail-user-name-no-address", info,
      "username: %@ is not detected as an email address."},
-    {Message::mailLockTimeout, "mail-lock-timeout", error, "QLSMTPAquireLockTimeoutException: %@"},
     {Message::mailFailed, "mail-failed", error, "no mail: %@"},
 
     {Message::dialogNotShown, "dialog-not-shown", warning, "The dialog \"%@\" is not shown: %@."},

@@ -54,9 +54,9 @@ enum class LogMessage : std::size_t {
     mailStreamEvent,
     mailStreamError,
     mailReadError,
+    mailServerSilent,
     mailCancelled,
     mailUserNameNoAddress,
-    mailLockTimeout,
     mailFailed,
     // Dialogs.
     dialogNotShown,

@@ -1,5 +1,6 @@
 #include "mail/AlertMessage.h"
 
+#include <algorithm>
 #include <string_view>
 
 #include "base/Format.h"
@@ -27,15 +28,24 @@ std::optional<std::string_view> interfaceOf(std::string_view address) {
     return address.substr(at + 1);
 }
 
+// A volume is named by whoever formatted it, a drive by whoever built it: a name of several lines
+// could end the message early and go on with commands to the mail server.
+std::string onOneLine(std::string text) {
+    std::ranges::replace_if(
+        text, [](char character) { return character == '\r' || character == '\n'; }, ' ');
+    return text;
+}
+
 std::string bodyOf(const AlertMessage& message) {
     const auto& items = message.items;
     const std::string date = shortDateAndTime(message.now);
+    const std::string alert = onOneLine(message.alert);
     const std::string_view computer =
         message.computer ? std::string_view(*message.computer) : kNothing;
     return formatText(kBodyFormat,
                       {message.subject, items[0], items[1], date, items[2], message.consoleUser,
                        items[3], computer, items[4], message.networkAddresses, items[5],
-                       message.systemVersion, items[6], message.alert});
+                       message.systemVersion, items[6], alert});
 }
 
 }  // namespace

@@ -25,8 +25,9 @@ struct AlertMessage {
     std::string alert;
 };
 
-// The whole text as it goes to the server, up to and with the line that ends it. Nothing in it is
-// escaped: a line of the body that begins with a point stays as it is.
+// The whole text as it goes to the server, up to and with the line that ends it. Line breaks in the
+// alert become blanks. Nothing is escaped: a line of the body that begins with a point stays as it
+// is.
 [[nodiscard]] std::string composeAlertMessage(const AlertMessage& message);
 
 // From the host's addresses, taken in pairs: those that follow a scoped address of an Ethernet or

@@ -13,7 +13,7 @@
 
 namespace korvane {
 
-using std::chrono::milliseconds;
+using std::chrono::microseconds;
 using std::chrono::seconds;
 
 namespace {
@@ -123,7 +123,7 @@ void QLSMTPController::openConnectionToHost(const Dictionary& configuration) {
             .recoverySuggestion = {}});
         return;
     }
-    if (usesImplicitTls()) stream_->useTls(emailServer_);
+    if (usesImplicitTls()) stream_->useTls(emailServer_, kReplyLimit);
     notificationCenter_.addObserver(
         this, kQLRecievedSMTPResponse, this,
         [this](const Notification& notification) { recievedSMTPResponse(notification); });
@@ -178,6 +178,7 @@ void QLSMTPController::streamFailed(StreamSide side) {
 
 void QLSMTPController::readReplies() {
     timeoutTimer_.reset();
+    expectReply();
     // Held for the time of the loop, since the session may let go of it in the middle.
     const std::shared_ptr<SocketStream> stream = stream_;
     while (stream && stream_ == stream && stream->hasBytesAvailable()) readChunks(stream);
@@ -188,18 +189,38 @@ void QLSMTPController::readReplies() {
 void QLSMTPController::readChunks(const std::shared_ptr<SocketStream>& stream) {
     while (stream_ == stream) {
         std::array<char, kChunkSize> buffer{};
-        const std::ptrdiff_t count = stream->read(buffer);
+        const std::ptrdiff_t count = readWithinLimit(*stream, buffer);
         if (count < 0) {
             machine_.systemLog.write(LogMessage::mailReadError, {std::int64_t{count}});
             return;
         }
         if (count == 0) {
             peerHasGone_ = true;
+            stream_.reset();
             tellEnd(MailOutcome::dropped, smtpResponse_);
             return;
         }
         takeChunk(*stream, std::string_view(buffer.data(), static_cast<std::size_t>(count)));
     }
+}
+
+std::ptrdiff_t QLSMTPController::readWithinLimit(SocketStream& stream, std::span<char> buffer) {
+    const auto remaining = [this] {
+        const microseconds now(machine_.clock.microsecondsSinceBoot());
+        return std::max(replyDueAt_ - now, microseconds{0});
+    };
+    // Whatever comes instead of a reply that leads on does not lengthen the wait.
+    const std::ptrdiff_t count =
+        remaining() == microseconds{0} ? 0 : stream.read(buffer, remaining());
+    if (count == 0 && remaining() == microseconds{0}) {
+        machine_.systemLog.write(LogMessage::mailServerSilent, {emailServer_});
+    }
+    return count;
+}
+
+void QLSMTPController::expectReply() {
+    const microseconds now(machine_.clock.microsecondsSinceBoot());
+    replyDueAt_ = now + (smtpStepCounter_ == kStepData ? kAcceptanceLimit : kReplyLimit);
 }
 
 // Of the lines of a reply that came together only the first counts: its code is that of the others.

@@ -5,6 +5,7 @@
 // thread, or on a background thread that the loop's thread waits for.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -76,8 +77,8 @@ class QLSMTPController {
     // What ended the last session, if it was an error.
     [[nodiscard]] const std::optional<MailError>& smtpError() const { return smtpError_; }
     [[nodiscard]] int smtpStepCounter() const { return smtpStepCounter_; }
-    // The server has closed the connection in the middle of the session, which therefore never
-    // ends.
+    // The server has closed the connection in the middle of the session, or has fallen silent; the
+    // session therefore never ends.
     [[nodiscard]] bool peerHasGone() const { return peerHasGone_; }
 
   private:
@@ -94,6 +95,10 @@ class QLSMTPController {
     // Reads and answers until the session is over or the connection gives nothing more.
     void readReplies();
     void readChunks(const std::shared_ptr<SocketStream>& stream);
+    // Nothing, as at the end of the stream, once the reply to the last command is overdue.
+    [[nodiscard]] std::ptrdiff_t readWithinLimit(SocketStream& stream, std::span<char> buffer);
+    // Something is sent at this step, and from now on the server may take its time to answer.
+    void expectReply();
     void takeChunk(const SocketStream& stream, std::string_view chunk);
     void closeStreams();
     void tellEnd(MailOutcome outcome, std::string text);
@@ -155,6 +160,7 @@ class QLSMTPController {
     bool isEndTold_ = true;
     std::string sessionSender_;  // a send that never gets the lock has a word of its own
     int endStep_ = 0;            // where a refusal came
+    std::chrono::microseconds replyDueAt_{};  // since boot
     std::string smtpResponse_;
     std::optional<MailError> smtpError_;
     std::unique_ptr<HandoverLock> smtpLock_;

@@ -119,7 +119,7 @@ void QLSMTPController::sendStartTLS() {
 }
 
 void QLSMTPController::upgradeSocketToTLS() {
-    if (stream_) stream_->useTls(emailServer_);
+    if (stream_) stream_->useTls(emailServer_, kReplyLimit);
 }
 
 void QLSMTPController::sendAuthenticationLogin() {
@@ -213,6 +213,7 @@ bool QLSMTPController::sendString(std::string_view text, Confidentiality confide
     // Closed meanwhile: given up silently.
     if (!stream_) return false;
     const StreamWrite outcome = stream_->write(line, kWriteLimit);
+    expectReply();
     if (outcome == StreamWrite::written || outcome == StreamWrite::notOpen) return true;
     if (outcome != StreamWrite::timedOut) {
         machine_.systemLog.write(confidentiality == Confidentiality::credential

@@ -2,6 +2,8 @@
 // been sent last, and waits for the reply to that.
 #pragma once
 
+#include <chrono>
+
 namespace korvane {
 
 enum SmtpStep {
@@ -18,6 +20,12 @@ enum SmtpStep {
     kStepMessage = 10,
     kStepQuit = 11  // or after a refusal: any reply ends the session
 };
+
+// From a command to a reply that leads on, and from the end of the message to the server's taking
+// it: the least that a client has to wait for most commands and for that one (RFC 5321, section
+// 4.5.3.2).
+inline constexpr std::chrono::minutes kReplyLimit{5};
+inline constexpr std::chrono::minutes kAcceptanceLimit{10};
 
 // The lowest code by which a server refuses for good (RFC 5321, section 4.2.1).
 inline constexpr int kLowestRefusal = 500;

@@ -63,7 +63,7 @@ void KorvaneProDaemon::warnOfFailingDrive(const CheckedDrive& drive) {
     machine_.systemLog.write(LogMessage::driveFailing, {drive.path});
     showWarningDialog(message);
     // At once, unlike the usage check's: the drive may not be there for long.
-    mailWarning(message, kSenderSmartCheck);
+    sendAlertMail(message, kSenderSmartCheck);
 }
 
 // Never ended: what an administrator has not granted now is not granted in an hour.

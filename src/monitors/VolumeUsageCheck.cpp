@@ -77,9 +77,9 @@ void KorvaneProDaemon::measureVolumeUsage(const std::string& path, VolumeEntry& 
 }
 
 void KorvaneProDaemon::mailUsageWarning(const std::string& displayName, float percentFree) {
-    mailWarning(formatText(localized("percentFreeSpaceRemaining"),
-                           {std::string_view(displayName), double{percentFree}}),
-                kSenderVolumeUsage);
+    sendAlertMail(formatText(localized("percentFreeSpaceRemaining"),
+                             {std::string_view(displayName), double{percentFree}}),
+                  kSenderVolumeUsage);
 }
 
 }  // namespace korvane

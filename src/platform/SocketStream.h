@@ -41,20 +41,22 @@ class SocketStream {
     virtual ~SocketStream() = default;
 
     // TLS from the first byte on when asked for before open(); afterwards the open connection is
-    // upgraded, by the next read or write, which waits for the handshake without a limit. The
-    // server may show any certificate: expired, self-signed, for another name. `peerName` only says
-    // which server is meant, for those that serve several. Asked for again, nothing changes.
-    virtual void useTls(const std::string& peerName) = 0;
+    // upgraded, by the next read or write, which waits for the handshake for `limit` at most: then
+    // the stream is at its end. The server may show any certificate: expired, self-signed, for
+    // another name. `peerName` only says which server is meant, for those that serve several. Asked
+    // for again, nothing changes.
+    virtual void useTls(const std::string& peerName, std::chrono::microseconds limit) = 0;
 
     // Begins to connect. Once. An error while it connects is told of the input side.
     virtual void open(Handler handler) = 0;
 
     // Whether a read would give something at once.
     [[nodiscard]] virtual bool hasBytesAvailable() = 0;
-    // Waits until there is something: the number of bytes read; 0 at the end of the stream, and
-    // when the application is to end; negative for an error, which is told as an event, too, at the
-    // next pass of the loop.
-    [[nodiscard]] virtual std::ptrdiff_t read(std::span<char> buffer) = 0;
+    // Waits until there is something: the number of bytes read; 0 at the end of the stream, which
+    // is also where nothing has come within the limit, and when the application is to end; negative
+    // for an error, which is told as an event, too, at the next pass of the loop.
+    [[nodiscard]] virtual std::ptrdiff_t read(std::span<char> buffer,
+                                              std::chrono::microseconds limit) = 0;
     // Hands the bytes over in one call as soon as the connection takes any.
     [[nodiscard]] virtual StreamWrite write(std::string_view bytes,
                                             std::chrono::milliseconds limit) = 0;

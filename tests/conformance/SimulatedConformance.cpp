@@ -154,10 +154,11 @@ struct SimulatedSocketStreamsSubject final : SocketStreamsSubject {
     int serve(const std::string& greeting, const std::string& reply) override {
         const MailReply hangUp{.chunks = {}, .thenCloses = true};
         machine.mailServer.setGreeting(greeting.empty() ? hangUp : MailReply{.chunks = {greeting}});
-        machine.mailServer.setReplies("EHLO",
-                                      {reply.empty() ? hangUp : MailReply{.chunks = {reply}}});
+        const MailReply answer = reply.empty() ? hangUp : MailReply{.chunks = {reply}};
+        machine.mailServer.setReplies("EHLO", {isSilent ? MailReply{} : answer});
         return 25;
     }
+    void fallSilent() override { isSilent = true; }
     int refusingPort() override {
         machine.mailServer.setReachability(SimulatedMailServer::Reachability::inputError);
         return 25;
@@ -168,6 +169,7 @@ struct SimulatedSocketStreamsSubject final : SocketStreamsSubject {
     }
     void runOut() override { machine.runLoop.runFor(std::chrono::seconds{1}); }
     SimulatedMachine machine{MachineDescription{}};
+    bool isSilent = false;
 };
 INSTANTIATE_TEST_SUITE_P(Simulated, SocketStreamsConformance,
                          testing::Values(Implementation<SocketStreamsSubject>{

@@ -22,8 +22,10 @@ class SocketStreamsSubject {
   public:
     virtual ~SocketStreamsSubject() = default;
     virtual SocketStreams& streams() = 0;
-    // Starts the server; its port. An empty greeting: it closes instead.
+    // Starts the server; its port. An empty greeting, or reply: it closes instead.
     virtual int serve(const std::string& greeting, const std::string& reply) = 0;
+    // What it replies from now on is nothing, without closing.
+    virtual void fallSilent() = 0;
     // A port where nobody listens.
     virtual int refusingPort() = 0;
     virtual void runUntil(const std::function<bool()>& isDone) = 0;
@@ -55,9 +57,9 @@ class SocketStreamsConformance
     void runUntilHeard(StreamEvent event) {
         subject_->runUntil([this, event] { return heard(event); });
     }
-    std::string read() {
+    std::string read(std::chrono::microseconds limit = std::chrono::seconds{20}) {
         std::array<char, 1024> buffer{};
-        const std::ptrdiff_t count = stream_->read(buffer);
+        const std::ptrdiff_t count = stream_->read(buffer, limit);
         return count > 0 ? std::string(buffer.data(), static_cast<std::size_t>(count))
                          : std::to_string(count);
     }
@@ -98,6 +100,19 @@ TEST_P(SocketStreamsConformance, AReadAtTheEndGivesNothing) {
     EXPECT_EQ(read(), "0");
     EXPECT_EQ(read(), "0");
     EXPECT_FALSE(stream_->hasBytesAvailable());
+}
+
+TEST_P(SocketStreamsConformance, ASilentServerIsTheEndOfTheStreamOnceTheLimitHasPassed) {
+    subject_->fallSilent();
+    connect(subject_->serve("220 hello\r\n", "250 too late\r\n"));
+    runUntilHeard(StreamEvent::hasBytesAvailable);
+    EXPECT_EQ(read(), "220 hello\r\n");
+    EXPECT_EQ(stream_->write("EHLO me\r\n", std::chrono::seconds{20}), StreamWrite::written);
+    EXPECT_EQ(read(std::chrono::milliseconds{50}), "0");
+    EXPECT_EQ(read(), "0");  // and stays so
+    EXPECT_FALSE(stream_->hasBytesAvailable());
+    subject_->runOut();
+    EXPECT_FALSE(heard(StreamEvent::errorOccurred));
 }
 
 TEST_P(SocketStreamsConformance, AServerThatClosesWithoutAWordIsToldOnce) {

@@ -157,13 +157,18 @@ TEST(AlertMail, NoInventoryIsTakenWhileAMailIsOnItsWay) {
     EXPECT_THAT(s.supportFiles(), Contains("New/"));
 }
 
-TEST(AlertMail, NobodyToMailToMeansNoMail) {
-    Scenario s("one-volume");
-    putMailSettings(s, {{"emailAddress", ""}});
-    runningLow(s).run(minutes(1));
-    EXPECT_EQ(server(s).connections(), 0U);
-    EXPECT_THAT(s.log(), testing::Each(testing::Not(HasSubstr("cancelConnection"))));
-    EXPECT_EQ(usageStatusIn(s, kData), "4");
+// Whether a mail can be sent is decided by the send alone.
+TEST(AlertMail, AMailThatNobodyIsNamedForEndsInOneLine) {
+    for (const auto& settings : {Dictionary{{"emailAddress", ""}},
+                                 Dictionary{{"emailAddress", ""}, {"emailServer", ""}}}) {
+        Scenario s("one-volume");
+        putMailSettings(s, settings);
+        runningLow(s).run(minutes(1));
+        EXPECT_THAT(server(s).messages(), IsEmpty());
+        EXPECT_THAT(s.log(), Contains(HasSubstr("cancelConnectionWithError: ")).Times(1));
+        EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::failed));
+        EXPECT_EQ(usageStatusIn(s, kData), "4");
+    }
 }
 
 TEST(AlertMail, ADroppedConnectionSilencesNeitherTheChecksNorTheNextMail) {
@@ -197,6 +202,21 @@ TEST(AlertMail, AServerThatFallsSilentIsOvercomeWhenItHangsUp) {
     EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(testing::Ge(3U)));
 }
 
+TEST(AlertMail, AServerThatNeverSpeaksAgainIsGivenUpAndTheChecksGoOn) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    script(s).setReplies("message", {MailReply{}});
+    const double before = s.secondsNow();
+    runningLow(s).run(seconds(1));
+    EXPECT_NEAR(s.secondsNow() - before, 600, 2);  // nothing else was served meanwhile
+    EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::dropped));
+    s.run(minutes(20));
+    EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(testing::Ge(4U)));
+    EXPECT_THAT(s.log(), Contains(HasSubstr("does not answer any more")).Times(1));
+    s.send(kTestMail).run(seconds(1));  // a client of its own
+    EXPECT_THAT(server(s).messages(), SizeIs(2));
+}
+
 TEST(TestMail, TheWordIsAnsweredYesThoughAnotherMailHoldsOn) {
     Scenario s("one-volume");
     putMailSettings(s);
@@ -205,8 +225,7 @@ TEST(TestMail, TheWordIsAnsweredYesThoughAnotherMailHoldsOn) {
     s.send(kTestMail).run(seconds(1));
     s.send(kTestMail);  // waits for a minute in vain
     EXPECT_EQ(s.answer(), Scenario::Answer::yes);
-    EXPECT_THAT(s.log(), Contains("QLSMTPAquireLockTimeoutException: SMTP controller failed to "
-                                  "aquire lock!"));
+    EXPECT_THAT(s.log(), Contains("no mail: SMTP controller failed to aquire lock!"));
     EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::busy));
 }
 
@@ -228,8 +247,7 @@ TEST(AlertMail, ACheckWhoseMailFindsAnotherOnItsWayGoesOnWithItsWork) {
     script(s).setReachability(SimulatedMailServer::Reachability::noAnswer);
     // Both are due at the same tick: the mail of one holds on, and the other's waits in vain.
     runningLow(s).run(minutes(3));
-    EXPECT_THAT(s.log(), Contains("QLSMTPAquireLockTimeoutException: SMTP controller failed to "
-                                  "aquire lock!"));
+    EXPECT_THAT(s.log(), Contains("no mail: SMTP controller failed to aquire lock!"));
     EXPECT_THAT(outcomes(s), Contains(MailOutcome::busy));
     EXPECT_THAT(s.smartLog("Castor", "C1"), SizeIs(1));
     EXPECT_EQ(stringValue(s.driveEntry("C1").find("smartStatus")), "3");
@@ -293,6 +311,36 @@ TEST(TestMail, ItsDialogsHaveTheseParts) {
     EXPECT_EQ(shown[1].alert.timeOut, seconds(5));
 }
 
+TEST(TestMail, SaysSentOnceTheMessageIsHandedOver) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    script(s).setReplies("message", {hangUp()});  // the server never says that it has taken it
+    s.run(seconds(30)).send(kTestMail).run(seconds(1));
+    EXPECT_THAT(s.dialogs(), ElementsAre(kConnecting, kSent));
+    EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::dropped));
+}
+
+TEST(TestMail, IsSentWhateverMailsTheChecksMaySend) {
+    Scenario s("one-volume");
+    putMailSettings(s, {{"SMARTCheckEmail", false}, {"volumeUsageEmail", false}});
+    s.run(seconds(30)).send(kTestMail).run(seconds(1));
+    EXPECT_THAT(server(s).messages(), SizeIs(1));
+    const auto& ends = s.machine().controlConnection.mailSessionEnds();
+    ASSERT_THAT(ends, SizeIs(1));
+    EXPECT_EQ(ends[0].sender, "");
+}
+
+TEST(TestMail, IsSentBeforeProtectionBegins) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    s.start();
+    const std::size_t timers = s.pendingDelays().size();
+    s.send(kTestMail).run(std::chrono::milliseconds(500));
+    EXPECT_THAT(s.dialogs(), ElementsAre(kConnecting, kSent));
+    EXPECT_THAT(server(s).messages(), SizeIs(1));
+    EXPECT_GE(s.pendingDelays().size(), timers);  // the start still waits
+}
+
 TEST(TestMail, ShowsWhyItFailed) {
     Scenario s("one-volume");
     putMailSettings(s);
@@ -324,6 +372,18 @@ TEST(TestMail, ARefusalShowsNothingAndKeepsTheDialogsForTheNextMail) {
     EXPECT_THAT(s.dialogs(), ElementsAre(kConnecting));
     EXPECT_THAT(outcomes(s), ElementsAre(MailOutcome::refused));
     script(s).setReplies("RCPT", {{.chunks = {"250 OK\r\n"}}});
+    runningLow(s).run(minutes(6));
+    EXPECT_THAT(s.dialogs(), ElementsAre(kConnecting, HasSubstr("free space"), kConnecting, kSent));
+}
+
+// A test mail's dialogs last until a mail is sent or fails; one that was dropped did neither.
+TEST(TestMail, TheDialogsOfOneThatWasDroppedAreForTheNextMailOfACheck) {
+    Scenario s("one-volume");
+    putMailSettings(s);
+    s.run(seconds(30));
+    script(s).setReplies("MAIL", {hangUp()});
+    s.send(kTestMail).run(seconds(1));
+    script(s).setReplies("MAIL", {{.chunks = {"250 OK\r\n"}}});
     runningLow(s).run(minutes(6));
     EXPECT_THAT(s.dialogs(), ElementsAre(kConnecting, HasSubstr("free space"), kConnecting, kSent));
 }

@@ -89,7 +89,7 @@ TEST(SmartCheck, GoesOnWithItsWorkWhereAnotherMailHoldsItsOwnUp) {
     EXPECT_EQ(castorResults(s).back(), "failed");
     EXPECT_EQ(statusOf(s), "3");
     EXPECT_GT(dueOf(s), due);
-    EXPECT_THAT(s.log(), Contains(HasSubstr("QLSMTPAquireLockTimeoutException")));
+    EXPECT_THAT(s.log(), Contains("no mail: SMTP controller failed to aquire lock!"));
 }
 
 TEST(SmartCheck, MailsAboutAFailingDriveOnEveryRun) {

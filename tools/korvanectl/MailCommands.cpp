@@ -223,10 +223,11 @@ Failure failureOf(const MailSessionEnd& end) {
             return {ExitStatus::notSent,
                     fmt::format("not sent: the server refused {}: {}", subject, text)};
         case MailOutcome::dropped:
-            return {ExitStatus::notSent,
-                    fmt::format("not sent: the server hung up instead of answering {}; its last "
-                                "line: {}",
-                                subject, text.empty() ? "(none)" : text)};
+            return {
+                ExitStatus::notSent,
+                fmt::format("not sent: the server hung up, or fell silent, instead of answering "
+                            "{}; its last line: {}",
+                            subject, text.empty() ? "(none)" : text)};
         case MailOutcome::busy:
             return {ExitStatus::notSent,
                     "not sent: an earlier mail has been under way for more than a minute"};

@@ -276,10 +276,10 @@ std::unique_ptr<HandoverLock> LinuxRunLoop::makeLock() {
     return std::make_unique<DescriptorLock>(*this);
 }
 
-LinuxRunLoop::Wait LinuxRunLoop::waitServingNothing(
-    int fd, short events, std::optional<std::chrono::microseconds> limit) {
+LinuxRunLoop::Wait LinuxRunLoop::waitServingNothing(int fd, short events,
+                                                    std::chrono::microseconds limit) {
     using std::chrono::steady_clock;
-    const auto deadline = steady_clock::now() + limit.value_or(kLongestDelay);
+    const auto deadline = steady_clock::now() + limit;
     for (;;) {
         if (terminating_) return Wait::interrupted;
         if (watchdogInterval_) (void)sd_notify(0, "WATCHDOG=1");

@@ -68,9 +68,8 @@ class LinuxRunLoop final : public RunLoop {
     enum class Wait { ready, timedOut, interrupted };
     // Waits until the descriptor has one of the events of poll(2), serving nothing: for the few
     // calls that have to stay on this thread. SIGTERM and SIGINT interrupt it and are left for the
-    // loop to see; the service watchdog is fed. Without a limit it may take for ever.
-    [[nodiscard]] Wait waitServingNothing(int fd, short events,
-                                          std::optional<std::chrono::microseconds> limit);
+    // loop to see; the service watchdog is fed.
+    [[nodiscard]] Wait waitServingNothing(int fd, short events, std::chrono::microseconds limit);
     // Every callback from a C library into the daemon goes through here: an exception ends as one
     // line of the system log that begins with `where`, and once termination was asked for nothing
     // is called.

@@ -113,9 +113,10 @@ void LinuxSocketStream::connected(UniqueFd socket, const std::string& error) {
     handshakeOnLoop();
 }
 
-void LinuxSocketStream::useTls(const std::string& peerName) {
+void LinuxSocketStream::useTls(const std::string& peerName, microseconds limit) {
     if (tls_) return;
     tlsPeerName_ = peerName;
+    handshakeLimit_ = limit;
     if (state_ == State::open && !beginTls()) failLater(kNoTls);
 }
 
@@ -144,8 +145,7 @@ void LinuxSocketStream::ready() {
             tell(StreamSide::input, StreamEvent::hasBytesAvailable);
             return;
         case TransferState::ended:
-            state_ = State::ended;
-            stopWatching();
+            end();
             tell(StreamSide::input, StreamEvent::endEncountered);
             return;
         case TransferState::failed:
@@ -203,39 +203,49 @@ Transfer LinuxSocketStream::tryWrite(std::string_view bytes) {
 }
 
 LinuxRunLoop::Wait LinuxSocketStream::waitFor(const Transfer& transfer,
-                                              std::optional<microseconds> limit) const {
+                                              steady_clock::time_point deadline) const {
     const short events = transfer.state == TransferState::wantsToWrite ? POLLOUT : POLLIN;
-    return loop_.waitServingNothing(socket_.get(), events, limit);
+    const auto remaining = std::max(deadline - steady_clock::now(), steady_clock::duration{0});
+    return loop_.waitServingNothing(socket_.get(), events,
+                                    std::chrono::duration_cast<microseconds>(remaining));
 }
 
 bool LinuxSocketStream::hasBytesAvailable() {
     return state_ == State::open && tryPeek().state == TransferState::done;
 }
 
-std::ptrdiff_t LinuxSocketStream::read(std::span<char> buffer) {
+std::ptrdiff_t LinuxSocketStream::read(std::span<char> buffer, microseconds limit) {
+    const auto deadline = steady_clock::now() + limit;
     while (state_ == State::open) {
         const Transfer result = tryRead(buffer);
         switch (result.state) {
             case TransferState::done:
                 return static_cast<std::ptrdiff_t>(result.count);
             case TransferState::ended:
-                state_ = State::ended;
-                stopWatching();
+                end();
                 return 0;
             case TransferState::failed:
                 failLater(tls_ ? tls_->error() : systemReason());
                 return -1;
             case TransferState::wantsToRead:
             case TransferState::wantsToWrite:
-                if (waitFor(result, std::nullopt) == LinuxRunLoop::Wait::interrupted) return 0;
+                switch (waitFor(result, deadline)) {
+                    case LinuxRunLoop::Wait::ready:
+                        break;
+                    case LinuxRunLoop::Wait::timedOut:
+                        end();
+                        return 0;
+                    case LinuxRunLoop::Wait::interrupted:
+                        return 0;
+                }
                 break;
         }
     }
     return state_ == State::failed ? -1 : 0;
 }
 
-StreamWrite LinuxSocketStream::write(std::string_view bytes, std::chrono::milliseconds limit) {
-    // The upgrade comes first, and has no limit: until then the connection takes no bytes.
+StreamWrite LinuxSocketStream::finishUpgrade() {
+    const auto deadline = steady_clock::now() + handshakeLimit_;
     while (state_ == State::open && tls_ && !isTlsFinished_) {
         const Transfer step = tls_->handshake();
         isTlsFinished_ = step.state == TransferState::done;
@@ -244,11 +254,24 @@ StreamWrite LinuxSocketStream::write(std::string_view bytes, std::chrono::millis
             failLater(handshakeError());
             return StreamWrite::notOpen;
         }
-        if (waitFor(step, std::nullopt) == LinuxRunLoop::Wait::interrupted) {
-            return StreamWrite::failed;
+        switch (waitFor(step, deadline)) {
+            case LinuxRunLoop::Wait::ready:
+                break;
+            case LinuxRunLoop::Wait::timedOut:
+                end();
+                return StreamWrite::notOpen;
+            case LinuxRunLoop::Wait::interrupted:
+                return StreamWrite::failed;
         }
     }
-    if (state_ != State::open) return StreamWrite::notOpen;
+    return state_ == State::open ? StreamWrite::written : StreamWrite::notOpen;
+}
+
+StreamWrite LinuxSocketStream::write(std::string_view bytes, std::chrono::milliseconds limit) {
+    // The upgrade comes first, and has a limit of its own: until then the connection takes no
+    // bytes.
+    const StreamWrite upgrade = finishUpgrade();
+    if (upgrade != StreamWrite::written) return upgrade;
     const auto deadline = steady_clock::now() + limit;
     for (;;) {
         const Transfer result = tryWrite(bytes);
@@ -256,9 +279,7 @@ StreamWrite LinuxSocketStream::write(std::string_view bytes, std::chrono::millis
             return result.count == 0 && !bytes.empty() ? StreamWrite::full : StreamWrite::written;
         }
         if (result.state == TransferState::failed || result.state == TransferState::ended) break;
-        const auto remaining = std::chrono::duration_cast<microseconds>(
-            std::max(deadline - steady_clock::now(), steady_clock::duration{0}));
-        switch (waitFor(result, remaining)) {
+        switch (waitFor(result, deadline)) {
             case LinuxRunLoop::Wait::ready:
                 break;
             case LinuxRunLoop::Wait::timedOut:
@@ -281,6 +302,11 @@ std::string LinuxSocketStream::error(StreamSide side) const {
 void LinuxSocketStream::watch(std::uint32_t events) {
     // Cannot fail on a live source of a descriptor that was added before.
     if (source_) (void)sd_event_source_set_io_events(source_.get(), events);
+}
+
+void LinuxSocketStream::end() {
+    state_ = State::ended;
+    stopWatching();
 }
 
 void LinuxSocketStream::stopWatching() { source_.reset(); }

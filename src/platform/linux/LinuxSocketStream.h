@@ -1,6 +1,7 @@
 // One connection: looks up, connects, and then carries bytes, plain or through TLS.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -23,10 +24,11 @@ class LinuxSocketStream final : public SocketStream,
     // Loop and streams outlive the stream.
     LinuxSocketStream(LinuxRunLoop& loop, LinuxSocketStreams& streams, std::string host, int port);
 
-    void useTls(const std::string& peerName) override;
+    void useTls(const std::string& peerName, std::chrono::microseconds limit) override;
     void open(Handler handler) override;
     [[nodiscard]] bool hasBytesAvailable() override;
-    [[nodiscard]] std::ptrdiff_t read(std::span<char> buffer) override;
+    [[nodiscard]] std::ptrdiff_t read(std::span<char> buffer,
+                                      std::chrono::microseconds limit) override;
     [[nodiscard]] StreamWrite write(std::string_view bytes,
                                     std::chrono::milliseconds limit) override;
     [[nodiscard]] std::string error(StreamSide side) const override;
@@ -56,7 +58,11 @@ class LinuxSocketStream final : public SocketStream,
     [[nodiscard]] Transfer tryWrite(std::string_view bytes);
     // Waits for what the transfer wants.
     [[nodiscard]] LinuxRunLoop::Wait waitFor(const Transfer& transfer,
-                                             std::optional<std::chrono::microseconds> limit) const;
+                                             std::chrono::steady_clock::time_point deadline) const;
+    // Brings the upgrade to its end; whether the connection takes bytes now.
+    [[nodiscard]] StreamWrite finishUpgrade();
+    // The stream is at its end: nothing more is read or written.
+    void end();
     void watch(std::uint32_t events);
     // No events any more: the end, or an error, has been told or is about to be.
     void stopWatching();
@@ -78,6 +84,7 @@ class LinuxSocketStream final : public SocketStream,
     std::unique_ptr<ConnectionRace> race_;
     UniqueFd socket_;
     std::optional<std::string> tlsPeerName_;  // TLS is wanted
+    std::chrono::microseconds handshakeLimit_{};
     std::unique_ptr<TlsSession> tls_;
     bool isTlsFinished_ = false;
     EventSource source_;

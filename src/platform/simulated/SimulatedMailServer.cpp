@@ -9,8 +9,9 @@ namespace korvane {
 
 namespace {
 
-// How long a server waits for the next command before it closes (RFC 5321, section 4.5.3.2.7).
-constexpr std::chrono::minutes kServersPatience{5};
+// How long a server waits for the next command before it closes: less than it should (RFC 5321,
+// section 4.5.3.2.7), like many.
+constexpr std::chrono::minutes kServersPatience{4};
 
 MailReply line(const std::string& text) { return {.chunks = {text + "\r\n"}}; }
 
@@ -22,8 +23,9 @@ class SimulatedMailServer::Stream final : public SocketStream,
                                           public std::enable_shared_from_this<Stream> {
   public:
     explicit Stream(SimulatedMailServer& server) : server_(server) {}
+    ~Stream() override { server_.journal_.note("mail connection closed"); }
 
-    void useTls(const std::string& peerName) override {
+    void useTls(const std::string& peerName, std::chrono::microseconds /*limit*/) override {
         server_.journal_.note("mail TLS", peerName);
         isUnderTls_ = true;
     }
@@ -35,19 +37,30 @@ class SimulatedMailServer::Stream final : public SocketStream,
 
     bool hasBytesAvailable() override { return !arrived_.empty(); }
 
-    std::ptrdiff_t read(std::span<char> buffer) override {
+    std::ptrdiff_t read(std::span<char> buffer, std::chrono::microseconds limit) override {
         if (arrived_.empty() && isReset_) {
             fail(StreamSide::input, "Connection reset by peer");
             return -1;
         }
         if (arrived_.empty()) {
-            // Nothing comes by itself any more: a server that waits for a command gives up, and one
-            // that has closed has nothing to say.
-            if (!isClosedByServer_) server_.clock_.advance(kServersPatience);
+            // Nothing comes by itself any more: a server that waits for a command gives up, one
+            // that owes an answer does not, and one that has closed has nothing to say.
+            if (!isClosedByServer_) {
+                server_.clock_.advance(
+                    owesAnswer_ ? limit
+                                : std::min<std::chrono::microseconds>(limit, kServersPatience));
+            }
             isClosedByServer_ = true;
             return 0;
         }
-        std::string& chunk = arrived_.front();
+        auto& [chunk, pause] = arrived_.front();
+        if (pause > limit) {
+            server_.clock_.advance(limit);
+            isClosedByServer_ = true;
+            arrived_.clear();
+            return 0;
+        }
+        server_.clock_.advance(std::exchange(pause, {}));
         const std::size_t count = std::min(chunk.size(), buffer.size());
         std::copy_n(chunk.begin(), count, buffer.begin());
         chunk.erase(0, count);
@@ -69,7 +82,9 @@ class SimulatedMailServer::Stream final : public SocketStream,
         if (command == "message") server_.messages_.push_back(text);
         isMessageNext_ = command == "DATA";
         loginLinesLeft_ = command == "AUTH" ? 2 : std::max(loginLinesLeft_ - 1, 0);
-        take(server_.replyTo(command));
+        const MailReply reply = server_.replyTo(command);
+        owesAnswer_ = reply.chunks.empty();
+        take(reply);
         return StreamWrite::written;
     }
 
@@ -94,7 +109,7 @@ class SimulatedMailServer::Stream final : public SocketStream,
     }
 
     void take(const MailReply& reply) {
-        arrived_.insert(arrived_.end(), reply.chunks.begin(), reply.chunks.end());
+        for (const std::string& chunk : reply.chunks) arrived_.emplace_back(chunk, reply.pause);
         isClosedByServer_ = isClosedByServer_ || reply.thenCloses;
         isReset_ = isReset_ || reply.thenResets;
     }
@@ -133,10 +148,11 @@ class SimulatedMailServer::Stream final : public SocketStream,
 
     SimulatedMailServer& server_;
     Handler handler_;
-    std::deque<std::string> arrived_;
+    std::deque<std::pair<std::string, std::chrono::microseconds>> arrived_;
     bool isUnderTls_ = false;
     bool isClosedByServer_ = false;
     bool isReset_ = false;
+    bool owesAnswer_ = false;
     bool isMessageNext_ = false;
     int loginLinesLeft_ = 0;
     std::string inputError_;

@@ -20,9 +20,11 @@ namespace korvane {
 
 // What the server does once it has read a command.
 struct MailReply {
-    std::vector<std::string> chunks;  // each is what one read of the client gives
+    // Each is what one read of the client gives; none: the server stays silent for ever.
+    std::vector<std::string> chunks;
     bool thenCloses = false;
-    bool thenResets = false;  // the client's next read fails
+    bool thenResets = false;            // the client's next read fails
+    std::chrono::microseconds pause{};  // before each chunk
 };
 
 class SimulatedMailServer final : public SocketStreams {

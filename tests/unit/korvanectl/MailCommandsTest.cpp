@@ -136,7 +136,8 @@ TEST_F(MailCommands, SaysAtWhichStepATestMailFailed) {
         {MailOutcome::refused, 8, "550 unknown", "refused the last recipient: 550 unknown"},
         {MailOutcome::failed, 0, "Failed to connect", "at the connection: Failed to connect"},
         {MailOutcome::failed, 1, "Timeout", "at its greeting: Timeout"},
-        {MailOutcome::dropped, 9, "250 OK", "hung up instead of answering the DATA command"},
+        {MailOutcome::dropped, 9, "250 OK",
+         "hung up, or fell silent, instead of answering the DATA command"},
         {MailOutcome::busy, 0, "", "an earlier mail has been under way"},
         {MailOutcome::failed, 99, "\x1b[2J", "at an unknown step: \\x1b[2J"},
     };

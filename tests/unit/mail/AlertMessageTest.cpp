@@ -55,11 +55,21 @@ TEST(AlertMessage, ShowsAComputerWithoutAName) {
 
 TEST(AlertMessage, LeavesLinesThatBeginWithAPointAsTheyAre) {
     AlertMessage message = example();
-    message.alert = "first\r\n.second";
     message.subject = ".subject";
+    message.items[0] = "first\r\n.second";
     const std::string text = composeAlertMessage(message);
-    EXPECT_THAT(text, testing::HasSubstr("\tfirst\r\n.second\r\n\r\n.\r\n"));
-    EXPECT_THAT(text, testing::HasSubstr("\r\n\r\n.subject\r\n\r\n"));
+    EXPECT_THAT(text, testing::HasSubstr("\r\n\r\n.subject\r\n\r\nfirst\r\n.second\r\n\r\n"));
+}
+
+TEST(AlertMessage, LineBreaksInTheAlertAreBlanks) {
+    for (const auto& [alert, line] : std::vector<std::pair<std::string, std::string>>{
+             {"a\r\n.\r\nMAIL FROM: <mallory>", "a  .  MAIL FROM: <mallory>"},
+             {"a\n.\nb", "a . b"},
+             {"a\r.\rb\r\n", "a . b  "}}) {
+        AlertMessage message = example();
+        message.alert = alert;
+        EXPECT_THAT(composeAlertMessage(message), testing::EndsWith("\t" + line + "\r\n\r\n.\r\n"));
+    }
 }
 
 TEST(AlertMessage, TextsThatLookLikeFormatsStayAsTheyAre) {

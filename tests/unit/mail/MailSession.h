@@ -25,6 +25,9 @@ class MailSession : public testing::Test {
              {kQLSMTPBeginConnection, kQLSMTPSentEmail, kQLSMTPError, kQLRecievedSMTPResponse}) {
             center_.addObserver(this, name, controller_.get(), [this](const Notification& heard) {
                 notifications_.emplace_back(heard.name);
+                if (heard.name == kQLRecievedSMTPResponse) {
+                    replies_.push_back(stringValue(heard.userInfo.find(kReplyKey)));
+                }
                 if (heard.name == kQLSMTPError) {
                     suggestions_.push_back(
                         stringValue(heard.userInfo.find(kRecoverySuggestionKey)));
@@ -92,6 +95,7 @@ class MailSession : public testing::Test {
     NotificationCenter center_;
     std::unique_ptr<QLSMTPController> controller_;
     std::vector<std::string> notifications_;
+    std::vector<std::string> replies_;
     std::vector<std::string> suggestions_;
     std::vector<MailSessionEnd> ends_;
 };

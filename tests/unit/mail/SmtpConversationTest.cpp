@@ -1,7 +1,9 @@
 // The steps of a session: what is sent on which reply, and what is passed over.
 
+#include <algorithm>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "mail/SmtpCommands.h"
 #include "mail/SmtpSteps.h"
@@ -11,6 +13,7 @@
 namespace korvane {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -213,6 +216,53 @@ TEST_F(SmtpConversation, PassesOverWhatDoesNotFitTheStep) {
         send(withLogin());
         EXPECT_THAT(machine_.mailServer.messages(), SizeIs(++sent)) << row.command;
     }
+}
+
+// It means that the server will forward the mail: a client could go on, this one does not.
+TEST_F(SmtpConversation, ARecipientWhoseMailIsForwardedLeadsNowhere) {
+    machine_.mailServer.setReplies("RCPT", {reply("251 will forward")});
+    send(settings());
+    EXPECT_THAT(commands().back(), "RCPT TO: <ada@example.org>");
+    EXPECT_EQ(ends_.back().outcome, MailOutcome::dropped);
+    EXPECT_EQ(ends_.back().text, "251 will forward");
+}
+
+TEST_F(SmtpConversation, AReplyThatIsLongerThanAReadIsSeveral) {
+    // The second part comes as the reply to NOOP, and fits nothing.
+    const std::string longLine = "250-" + std::string(1500, 'x');
+    machine_.mailServer.setReplies("EHLO", {reply(longLine + "\r\n250 OK")});
+    send(settings());
+    EXPECT_THAT(machine_.mailServer.messages(), SizeIs(1));
+    ASSERT_GE(replies_.size(), 4U);
+    EXPECT_EQ(replies_[1], longLine.substr(0, 1024));
+    EXPECT_EQ(replies_[2], longLine.substr(1024));
+    EXPECT_EQ(replies_[3], "250 OK");
+}
+
+TEST_F(SmtpConversation, ACommandOutOfItsTurnIsLoggedAndSentAllTheSame) {
+    bool isFirst = true;
+    center_.addObserver(&isFirst, kQLRecievedSMTPResponse, controller_.get(),
+                        [&](const Notification&) {
+                            if (controller_->smtpStepCounter() != kStepMailFrom) return;
+                            if (std::exchange(isFirst, false)) controller_->sendEmail();
+                        });
+    send(settings());
+    EXPECT_THAT(log(), Contains("Internal Consistency Check Failed! QLSMTPController expecting to "
+                                "be in state: 1, but we are currently in: 7"));
+    const std::vector<std::string> sent = commands();
+    EXPECT_EQ(std::ranges::count(sent, "EHLO studio.example.org"), 2);
+    center_.removeObserver(&isFirst);
+}
+
+TEST_F(SmtpConversation, AnAlertOfSeveralLinesCannotEndTheMessageAndSpeakToTheServer) {
+    const std::string name = "Data\r\n.\r\nMAIL FROM: <mallory@example.org>\r\nx";
+    send(settings(), "The volume " + name + " is full.");
+    EXPECT_THAT(machine_.mailServer.messages(),
+                ElementsAre(testing::EndsWith("\r\n\tThe volume Data  .  MAIL FROM: "
+                                              "<mallory@example.org>  x is full.\r\n\r\n.\r\n")));
+    EXPECT_THAT(commands(),
+                ElementsAre("EHLO studio.example.org", "NOOP", "MAIL FROM: <ada@example.org>",
+                            "RCPT TO: <ada@example.org>", "DATA", "message", "QUIT"));
 }
 
 TEST_F(SmtpConversation, AnEhloThatIsRefusedIsPassedOver) {

@@ -226,6 +226,95 @@ TEST_F(SmtpSession, AConnectionDroppedAtAnyStepEndsTheReadingAndNothingElse) {
     }
 }
 
+TEST_F(SmtpSession, AServerThatFallsSilentIsGivenUpAfterTheTimeThatItIsDue) {
+    const std::pair<const char*, minutes> rows[] = {
+        {"EHLO", minutes{5}},  {"NOOP", minutes{5}},     {"AUTH", minutes{5}},
+        {"login", minutes{5}}, {"MAIL", minutes{5}},     {"RCPT", minutes{5}},
+        {"DATA", minutes{5}},  {"message", minutes{10}}, {"QUIT", minutes{5}}};
+    for (const auto& [command, limit] : rows) {
+        SimulatedMachine machine(MachineDescription{});
+        NotificationCenter center;
+        std::vector<MailSessionEnd> ends;
+        QLSMTPController controller(machine.machine(), center,
+                                    [&](const MailSessionEnd& end) { ends.push_back(end); });
+        machine.mailServer.setReplies(command, {MailReply{}});
+        const auto before = machine.clock.now();
+        const Dictionary configuration = withLogin();
+        controller.sendSMTPAlertMessage("message", "", &configuration);
+        while (ends.empty() && machine.runLoop.runOnce()) {
+        }
+        EXPECT_EQ(machine.clock.now() - before, limit) << command;
+        EXPECT_TRUE(controller.peerHasGone()) << command;
+        EXPECT_EQ(machine.mailServer.openStreams(), 0U) << command;
+        ASSERT_THAT(ends, SizeIs(1)) << command;
+        EXPECT_EQ(ends[0].outcome,
+                  std::string_view{command} == "QUIT" ? MailOutcome::sent : MailOutcome::dropped);
+        ASSERT_THAT(machine.systemLog.lines(), SizeIs(1)) << command;
+        EXPECT_EQ(machine.systemLog.lines()[0].text,
+                  "The mail server mail.example.org does not answer any more: its session is given "
+                  "up.");
+    }
+}
+
+TEST_F(SmtpSession, WhatTheServerSaysBesideThePointGivesItNoMoreTime) {
+    machine_.mailServer.setReplies(
+        "MAIL",
+        {MailReply{.chunks = std::vector<std::string>(100, "450 wait\r\n"), .pause = seconds{50}}});
+    const auto before = machine_.clock.now();
+    const Dictionary configuration = settings();
+    controller_->sendSMTPAlertMessage("message", "", &configuration);
+    while (ends_.empty() && machine_.runLoop.runOnce()) {
+    }
+    EXPECT_EQ(machine_.clock.now() - before, minutes{5});
+    EXPECT_EQ(ends_.back().outcome, MailOutcome::dropped);
+    EXPECT_TRUE(controller_->peerHasGone());
+}
+
+TEST_F(SmtpSession, EachCommandGivesTheServerItsWholeTime) {
+    for (const char* const command : {"EHLO", "NOOP", "MAIL", "RCPT"}) {
+        machine_.mailServer.setReplies(
+            command, {MailReply{.chunks = {"250 OK\r\n"}, .pause = seconds{299}}});
+    }
+    machine_.mailServer.setReplies("message",
+                                   {MailReply{.chunks = {"250 OK\r\n"}, .pause = seconds{599}}});
+    send(settings());
+    EXPECT_EQ(ends_.back().outcome, MailOutcome::sent);
+}
+
+TEST_F(SmtpSession, NothingElseIsServedWhileItLasts) {
+    machine_.mailServer.setReplies("RCPT",
+                                   {MailReply{.chunks = {"250 OK\r\n"}, .pause = minutes{3}}});
+    std::vector<std::size_t> endsAtTimer;
+    const auto timer = machine_.runLoop.startTimer(minutes{1}, Repeat::once,
+                                                   [&] { endsAtTimer.push_back(ends_.size()); });
+    send(settings());
+    EXPECT_THAT(endsAtTimer, ElementsAre(1U));
+}
+
+TEST_F(SmtpSession, AnErrorIsPostedThenLoggedAndThenTheSessionIsClosed) {
+    machine_.mailServer.setGreeting(std::nullopt);  // so that nobody is reading
+    std::vector<std::string> linesWhenPosted;
+    std::size_t openWhenPosted = 0;
+    bool busyWhenPosted = false;
+    center_.addObserver(&linesWhenPosted, kQLSMTPError, controller_.get(),
+                        [&](const Notification&) {
+                            linesWhenPosted = log();
+                            openWhenPosted = machine_.mailServer.openStreams();
+                            busyWhenPosted = controller_->emailSendIsBusy();
+                        });
+    send(settings());
+    EXPECT_THAT(linesWhenPosted, IsEmpty());
+    EXPECT_EQ(openWhenPosted, 1U);
+    EXPECT_TRUE(busyWhenPosted);
+    const std::string journal = machine_.journal.text();
+    const std::size_t logged = journal.find("cancelConnectionWithError");
+    const std::size_t closed = journal.find("mail connection closed");
+    ASSERT_NE(logged, std::string::npos);
+    ASSERT_NE(closed, std::string::npos);
+    EXPECT_LT(logged, closed);
+    center_.removeObserver(&linesWhenPosted);
+}
+
 TEST_F(SmtpSession, AServerThatHangsUpAfterTheMessageHasTakenIt) {
     machine_.mailServer.setReplies("QUIT", {MailReply{.chunks = {}, .thenCloses = true}});
     send(settings());
