@@ -20,6 +20,7 @@ constexpr char kButtonAction[] = "okay";
 constexpr std::uint8_t kUrgencyNormal = 1;
 constexpr std::uint8_t kUrgencyCritical = 2;
 constexpr std::uint64_t kCallLimitMicroseconds = 5'000'000;
+constexpr std::uint64_t kNoLimit = UINT64_MAX;
 
 struct MessageCloser {
     void operator()(sd_bus_message* message) const { (void)sd_bus_message_unref(message); }
@@ -72,7 +73,7 @@ Result<NotificationService> NotificationService::connect(const std::string& busA
     return service;
 }
 
-Result<std::vector<std::string>> NotificationService::capabilities() {
+Result<std::monostate> NotificationService::prepare() {
     BusError error;
     sd_bus_message* raw = nullptr;
     int result = sd_bus_call_method(bus_.get(), kService, kPath, kService, "GetCapabilities",
@@ -86,21 +87,20 @@ Result<std::vector<std::string>> NotificationService::capabilities() {
         names.emplace_back(name);
     }
     if (result < 0) return error.describe("the notification service answers oddly", result);
-    return names;
+    capabilities_ = std::move(names);
+    return std::monostate{};
 }
 
 Result<std::monostate> NotificationService::show(const Alert& alert) {
-    Result<std::vector<std::string>> able = capabilities();
-    if (!able) return able.error();
-
     const bool isCaution = alert.level == AlertLevel::caution;
     std::string summary = alert.header;
-    std::string body = contains(*able, "body-markup") ? escapeMarkup(alert.message) : alert.message;
-    if (!contains(*able, "body")) {
+    std::string body =
+        contains(capabilities_, "body-markup") ? escapeMarkup(alert.message) : alert.message;
+    if (!contains(capabilities_, "body")) {
         summary += summary.empty() ? alert.message : ": " + alert.message;
         body.clear();
     }
-    const bool withButton = alert.defaultButton && contains(*able, "actions");
+    const bool withButton = alert.defaultButton && contains(capabilities_, "actions");
     const auto urgency = isCaution ? kUrgencyCritical : kUrgencyNormal;
 
     sd_bus_message* raw = nullptr;
@@ -123,7 +123,7 @@ Result<std::monostate> NotificationService::show(const Alert& alert) {
     }
     BusError error;
     sd_bus_message* rawReply = nullptr;
-    if (result >= 0) result = sd_bus_call(bus_.get(), raw, 0, error.get(), &rawReply);
+    if (result >= 0) result = sd_bus_call(bus_.get(), raw, kNoLimit, error.get(), &rawReply);
     const Message reply{rawReply};
     if (result >= 0) result = sd_bus_message_read(rawReply, "u", &id_);
     if (result < 0) return error.describe("the notification service refused the notice", result);
@@ -160,7 +160,7 @@ void NotificationService::serviceChanged(sd_bus_message* message, const Alert& a
     if (*before == '\0' && id_ != 0) return;
     id_ = 0;
     // One that refuses may be followed by another that does not.
-    if (*after != '\0') (void)show(alert);
+    if (*after != '\0' && prepare()) (void)show(alert);
 }
 
 bool NotificationService::processMessages(const Alert& alert) {

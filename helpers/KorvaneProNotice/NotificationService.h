@@ -18,9 +18,13 @@ namespace korvane {
 
 class NotificationService {
   public:
-    // Connects; the caller bounds the time that this and show() may take.
+    // Connects; the caller bounds the time that this and prepare() may take.
     [[nodiscard]] static Result<NotificationService> connect(const std::string& busAddress);
 
+    // Learns what the service is able to show.
+    [[nodiscard]] Result<std::monostate> prepare();
+    // Hands the notice over and waits for its number, for as long as the service takes: nobody else
+    // could take it off the screen.
     [[nodiscard]] Result<std::monostate> show(const Alert& alert);
     // Waits until the service says that the notice that was shown is closed, its button is pressed,
     // its time is up or SIGTERM arrives (blocked, taken through `terminateFd`, a signalfd); in the
@@ -33,7 +37,6 @@ class NotificationService {
     };
 
     explicit NotificationService(sd_bus* bus) : bus_(bus) {}
-    [[nodiscard]] Result<std::vector<std::string>> capabilities();
     // Whether the message ends the notice.
     [[nodiscard]] bool handle(sd_bus_message* message, const Alert& alert);
     void serviceChanged(sd_bus_message* message, const Alert& alert);
@@ -41,6 +44,7 @@ class NotificationService {
     void close();
 
     std::unique_ptr<sd_bus, BusCloser> bus_;
+    std::vector<std::string> capabilities_;
     std::uint32_t id_ = 0;  // 0, which is never a notice's: none is on the screen
     bool closedByService_ = false;
 };

@@ -105,8 +105,7 @@ void KorvaneProDaemon::smtpDidError(const Notification& notification) {
 }
 
 void KorvaneProDaemon::showMailDialog(const Alert& alert) {
-    if (emailNotificationRef) emailNotificationRef->cancel();
-    emailNotificationRef = machine_.alertDialogs.show(alert);
+    emailNotificationRef = machine_.alertDialogs.show(alert, std::move(emailNotificationRef));
 }
 
 }  // namespace korvane

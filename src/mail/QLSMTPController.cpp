@@ -295,7 +295,8 @@ void QLSMTPController::presentSMTPError() {
          .message = smtpError_->recoverySuggestion.value_or(""),
          .defaultButton = machine_.bundle.localizedString(kDefaultStringsTable, "okay", "okay"),
          .level = AlertLevel::caution,
-         .timeOut = {}});
+         .timeOut = {}},
+        nullptr);
 }
 
 void QLSMTPController::timerTimeout() {

@@ -6,7 +6,6 @@
 namespace korvane {
 
 void KorvaneProDaemon::showWarningDialog(const std::string& message) {
-    if (userNotificationRef) userNotificationRef->cancel();
     const std::string product = localized("KorvaneProDaemon");
     const std::string warning = localized("warning");
     userNotificationRef = machine_.alertDialogs.show(
@@ -14,7 +13,8 @@ void KorvaneProDaemon::showWarningDialog(const std::string& message) {
               .message = message,
               .defaultButton = localized("okay"),
               .level = AlertLevel::caution,
-              .timeOut = {}});
+              .timeOut = {}},
+        std::move(userNotificationRef));
 }
 
 }  // namespace korvane

@@ -32,9 +32,13 @@ class AlertDialogs {
   public:
     virtual ~AlertDialogs() = default;
 
-    // Orders a dialog. Null when it cannot even be ordered; that nobody sees one that was ordered
-    // (no session, no notification service) is told in the system log, once a dialog.
-    [[nodiscard]] virtual std::unique_ptr<AlertDialog> show(const Alert& alert) = 0;
+    // Orders a dialog in the place of another one, or of none. The one that is replaced is
+    // cancelled, and the new one appears once it is off the screen: two dialogs of one place never
+    // stand at once. While a desktop hangs, the dialog ordered last waits for it and those between
+    // never appear. Null when it cannot even be ordered; that nobody sees one that was ordered (no
+    // session, no notification service, one that hangs) is logged, once a dialog.
+    [[nodiscard]] virtual std::unique_ptr<AlertDialog> show(
+        const Alert& alert, std::unique_ptr<AlertDialog> replaced) = 0;
 };
 
 }  // namespace korvane

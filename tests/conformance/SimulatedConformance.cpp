@@ -1,5 +1,6 @@
 // Holds the simulated machine's loop, clock, processes and other small parts to what their
 // interfaces promise.
+#include "conformance/AlertDialogsConformance.h"
 #include "conformance/ClockConformance.h"
 #include "conformance/ControlConnectionConformance.h"
 #include "conformance/HostConformance.h"
@@ -147,6 +148,37 @@ struct SimulatedLogSubject final : SystemLogSubject {
 INSTANTIATE_TEST_SUITE_P(Simulated, SystemLogConformance,
                          testing::Values(Implementation<SystemLogSubject>{
                              "Simulated", [] { return std::make_unique<SimulatedLogSubject>(); }}),
+                         testing::PrintToStringParamName());
+
+struct SimulatedDialogsSubject final : AlertDialogsSubject {
+    AlertDialogs& dialogs() override { return machine.alertDialogs; }
+    void setHanging(bool isHanging) override { machine.alertDialogs.setHanging(isHanging); }
+    std::vector<std::string> onScreen() override {
+        std::vector<std::string> messages;
+        for (const auto& shown : machine.alertDialogs.shown()) {
+            if (shown.isOnScreen) messages.push_back(shown.alert.message);
+        }
+        return messages;
+    }
+    std::vector<std::string> everShown() override {
+        std::vector<std::string> messages;
+        for (const auto& shown : machine.alertDialogs.shown()) {
+            messages.push_back(shown.alert.message);
+        }
+        return messages;
+    }
+    std::size_t mostWaiting() override { return 0; }  // no programs here
+    void runUntil(const std::function<bool()>& isDone) override {
+        while (!isDone() && machine.runLoop.runOnce()) {
+        }
+        EXPECT_TRUE(isDone());
+    }
+    SimulatedMachine machine{MachineDescription{}};
+};
+INSTANTIATE_TEST_SUITE_P(Simulated, AlertDialogsConformance,
+                         testing::Values(Implementation<AlertDialogsSubject>{
+                             "Simulated",
+                             [] { return std::make_unique<SimulatedDialogsSubject>(); }}),
                          testing::PrintToStringParamName());
 
 struct SimulatedSocketStreamsSubject final : SocketStreamsSubject {

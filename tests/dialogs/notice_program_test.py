@@ -89,6 +89,18 @@ class Desktop:
             [word for value in values for word in value],
             user=NOBODY, group=NOBODY, extra_groups=[], check=True, capture_output=True)
 
+    def hang_when_told(self):
+        """The service answers no Notify while the file that this answers is there."""
+        held = os.path.join(self.folder.name, "held")
+        code = f"import os, time\nwhile os.path.exists({held!r}): time.sleep(0.01)\nret = 9"
+        subprocess.run(
+            ["busctl", f"--address=unix:path={SOCKET}", "call", "org.freedesktop.Notifications",
+             "/org/freedesktop/Notifications", "org.freedesktop.DBus.Mock", "AddMethod", "sssss",
+             "org.freedesktop.Notifications", "Notify", "susssasa{sv}i", "u", code],
+            user=NOBODY, group=NOBODY, extra_groups=[], check=True, capture_output=True)
+        with open(held, "wb"):
+            return held
+
     def close(self):
         for process in (self.service, self.bus_process):
             if process:
@@ -107,7 +119,8 @@ class NoticeProgram(unittest.TestCase):
 
     def start(self, text, user=NOBODY):
         process = subprocess.Popen([PROGRAM, str(user)], stdin=subprocess.PIPE,
-                                   stderr=subprocess.PIPE)
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(process.stdout.close)
         process.stdin.write(text)
         process.stdin.close()
         self.addCleanup(process.stderr.close)
@@ -156,6 +169,42 @@ class NoticeProgram(unittest.TestCase):
         process.send_signal(signal.SIGTERM)
         self.assertEqual(process.wait(10), CLOSED)
         self.assertIn("CloseNotification 1", desktop.calls())
+
+    def test_it_says_when_the_notice_is_shown(self):
+        desktop = self.desktop()
+        held = desktop.hang_when_told()
+        process = self.start(notice())
+        desktop.notified()
+        os.set_blocking(process.stdout.fileno(), False)
+        self.assertIsNone(process.stdout.read(1))
+        os.unlink(held)
+        os.set_blocking(process.stdout.fileno(), True)
+        self.assertEqual(process.stdout.read(1), b"s")
+
+    def test_a_notice_that_is_cancelled_before_the_desktop_has_it_never_appears(self):
+        desktop = self.desktop()
+        desktop.service.send_signal(signal.SIGSTOP)
+        process = self.start(notice())
+        # Once it is the user's it is about to speak to the service.
+        wait_for(lambda: os.stat(f"/proc/{process.pid}").st_uid == NOBODY)
+        process.send_signal(signal.SIGTERM)
+        desktop.service.send_signal(signal.SIGCONT)
+        self.assertEqual(process.wait(10), -signal.SIGTERM)
+        self.assertTrue(desktop.has_service())
+        self.assertEqual([call for call in desktop.calls() if call.startswith("Notify")], [])
+
+    def test_a_notice_that_is_cancelled_on_its_way_is_closed_as_soon_as_it_is_there(self):
+        desktop = self.desktop()
+        held = desktop.hang_when_told()
+        process = self.start(notice())
+        desktop.notified()
+        process.send_signal(signal.SIGTERM)
+        # Longer than other calls may take: nobody else could take the notice off the screen.
+        with self.assertRaises(subprocess.TimeoutExpired):
+            process.wait(7)
+        os.unlink(held)
+        self.assertEqual(process.wait(10), CLOSED)
+        self.assertIn("CloseNotification 9", desktop.calls())
 
     def test_the_end_of_its_time_closes_the_notice_if_the_service_does_not(self):
         desktop = self.desktop()

@@ -9,6 +9,7 @@ Runs as root in a mount namespace of its own, where the account nobody sits at t
 import contextlib
 import json
 import os
+import signal
 import subprocess
 import sys
 import tempfile
@@ -97,7 +98,7 @@ class DialogOnScreen(process.DaemonBed):
         self.desktop = {"PATH": os.environ["PATH"], "DISPLAY": f":{number}",
                         "DBUS_SESSION_BUS_ADDRESS": BUS, "HOME": "/nonexistent",
                         "XDG_RUNTIME_DIR": RUNTIME}
-        self.run_beside(["dunst", "-config", f"{folder.name}/dunstrc"], env=self.desktop,
+        self.dunst = self.run_beside(["dunst", "-config", f"{folder.name}/dunstrc"], env=self.desktop,
                         stdout=subprocess.DEVNULL, **as_nobody)
         process.wait_for(lambda: self.dunstctl("count", "displayed") == "0")
 
@@ -139,6 +140,45 @@ class DialogOnScreen(process.DaemonBed):
         daemon = self.start_with_a_dialog_shown()
         self.assertEqual(daemon.terminate()[0], 0)
         process.wait_for(lambda: self.dunstctl("count", "displayed") == "0")
+
+    def edit_preferences(self, **changes):
+        process.wait_for(process.is_saved)
+        with open(process.PREFERENCES, "r+b") as file:
+            text = process.plistlib.dumps(process.plistlib.load(file) | changes)
+            file.seek(0)
+            file.write(text)
+            file.truncate()
+
+    def notices(self):
+        """The programs that the daemon has started, and that run."""
+        daemon = self.daemon.process.pid
+        return process.read_bytes(f"/proc/{daemon}/task/{daemon}/children").split()
+
+    def test_any_number_of_dialogs_for_a_desktop_that_hangs_are_one_program(self):
+        self.start_desktop()
+        self.write_preferences(emailServer="", emailPort="1")
+        bus = self.start_bus()
+        self.daemon = self.start(bus_address=bus.address)
+        bus.send("daemonTestSendingEmailNotification")
+        process.wait_for(lambda: self.dunstctl("count", "displayed") == "1")
+        self.dunst.send_signal(signal.SIGSTOP)
+        self.addCleanup(self.dunst.send_signal, signal.SIGCONT)
+        most = 0
+        for _ in range(150):
+            bus.send("daemonTestSendingEmailNotification")
+            most = max(most, len(self.notices()))
+        self.assertEqual(most, 1)
+        self.dunst.send_signal(signal.SIGCONT)
+        # The next one appears, and of all those before it hardly any did.
+        self.edit_preferences(emailPort="2")
+        bus.send("daemonPreferencesUpdatedNotification")
+        bus.send("daemonTestSendingEmailNotification")
+
+        def shown():
+            self.assertLessEqual(int(self.dunstctl("count", "displayed")), 1)
+            return json.loads(self.dunstctl("history"))["data"][0]
+        process.wait_for(lambda: any(one["body"]["data"].endswith("port 2") for one in shown()))
+        self.assertLessEqual(len(shown()), 4)
 
 
 if __name__ == "__main__":

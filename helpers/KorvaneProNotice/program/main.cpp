@@ -1,6 +1,9 @@
 // Shows one notice on a user's desktop and stays until it is off the screen.
 //   KorvaneProNotice USER-ID < notice
-// Started as root it takes on the user's ids before it talks to anyone. SIGTERM closes the notice.
+// Started as root it takes on the user's ids before it talks to anyone. It writes one byte to its
+// standard output once the notice is on the screen. SIGTERM ends it at once while the desktop has
+// not been given the notice; from then on it is taken off the screen first, even if that is
+// possible only once a desktop that hangs goes on.
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
@@ -23,8 +26,9 @@ namespace {
 
 using namespace korvane;
 
-// SIGALRM ends a program whose bus or notification service hangs; the daemon knows that end.
-constexpr unsigned kShowLimitSeconds = 10;
+// SIGALRM ends a program whose bus or notification service hangs before it was given the notice;
+// the daemon knows that end.
+constexpr unsigned kPrepareLimitSeconds = 10;
 
 std::optional<uid_t> userId(std::string_view text) {
     uid_t value = 0;
@@ -44,13 +48,7 @@ NoticeExit showNotice(uid_t user) {
     const Result<Alert> notice = parseNotice(input);
     if (!notice) return fail(NoticeExit::badInput, notice.error());
 
-    sigset_t terminate;
-    sigemptyset(&terminate);
-    sigaddset(&terminate, SIGTERM);
-    (void)::sigprocmask(SIG_BLOCK, &terminate, nullptr);
-    const int terminateFd = ::signalfd(-1, &terminate, SFD_CLOEXEC);
-
-    (void)::alarm(kShowLimitSeconds);
+    (void)::alarm(kPrepareLimitSeconds);
     const Result<std::string> address = sessionBusAddress(user);
     if (!address) return fail(NoticeExit::noSession, address.error());
     const Result<std::monostate> became = becomeUser(user);
@@ -60,9 +58,19 @@ NoticeExit showNotice(uid_t user) {
     if (::getppid() != daemon) return NoticeExit::closed;
     Result<NotificationService> service = NotificationService::connect(*address);
     if (!service) return fail(NoticeExit::noSession, service.error());
+    const Result<std::monostate> prepared = service->prepare();
+    if (!prepared) return fail(NoticeExit::noService, prepared.error());
+    (void)::alarm(0);
+
+    sigset_t terminate;
+    sigemptyset(&terminate);
+    sigaddset(&terminate, SIGTERM);
+    (void)::sigprocmask(SIG_BLOCK, &terminate, nullptr);
+    const int terminateFd = ::signalfd(-1, &terminate, SFD_CLOEXEC);
     const Result<std::monostate> shown = service->show(*notice);
     if (!shown) return fail(NoticeExit::noService, shown.error());
-    (void)::alarm(0);
+    // Whoever started this may not listen.
+    [[maybe_unused]] const ssize_t ignoredCount = ::write(STDOUT_FILENO, "s", 1);
 
     service->waitUntilClosed(*notice, terminateFd);
     return NoticeExit::closed;

@@ -23,18 +23,21 @@ class LinuxAlertDialogs final : public AlertDialogs {
     LinuxAlertDialogs(const LinuxAlertDialogs&) = delete;
     LinuxAlertDialogs& operator=(const LinuxAlertDialogs&) = delete;
 
-    [[nodiscard]] std::unique_ptr<AlertDialog> show(const Alert& alert) override;
+    [[nodiscard]] std::unique_ptr<AlertDialog> show(const Alert& alert,
+                                                    std::unique_ptr<AlertDialog> replaced) override;
 
   private:
     class Dialog;
-    struct Notice;
+    struct Place;
 
-    void ended(const Notice* notice, const siginfo_t& info);
+    // False when the program could not be started, which is logged.
+    bool start(const std::shared_ptr<Place>& place, const Alert& alert);
+    void ended(const std::shared_ptr<Place>& place, const siginfo_t& info);
 
     LinuxRunLoop& runLoop_;
     Bundle& bundle_;
     SystemLog& systemLog_;
-    std::vector<std::shared_ptr<Notice>> onScreen_;
+    std::vector<std::shared_ptr<Place>> places_;  // those that have a program
 };
 
 }  // namespace korvane

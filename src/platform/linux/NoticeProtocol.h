@@ -1,5 +1,5 @@
 // What the daemon and its notice program say to each other: the alert as a property list on the
-// program's standard input, and the program's exit status.
+// program's standard input, a byte on its standard output once it is shown, and its exit status.
 #pragma once
 
 #include <string>

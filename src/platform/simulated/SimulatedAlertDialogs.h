@@ -23,10 +23,13 @@ class SimulatedAlertDialogs final : public AlertDialogs {
     SimulatedAlertDialogs(SimulatedRunLoop& runLoop, SimulatedClock& clock,
                           SimulatedJournal& journal);
 
-    [[nodiscard]] std::unique_ptr<AlertDialog> show(const Alert& alert) override;
+    [[nodiscard]] std::unique_ptr<AlertDialog> show(const Alert& alert,
+                                                    std::unique_ptr<AlertDialog> replaced) override;
 
     // Nobody is logged in: nothing can be ordered.
     void setUnavailable(bool isUnavailable);
+    // The desktop hangs: what is ordered waits until it goes on, and what is on the screen stays.
+    void setHanging(bool isHanging);
     // Everything that was ever shown, oldest first.
     [[nodiscard]] const std::vector<Shown>& shown() const;
     // The user presses the button of the dialog shown as the index-th.
@@ -34,7 +37,10 @@ class SimulatedAlertDialogs final : public AlertDialogs {
 
   private:
     class Dialog;
+    struct Place;
 
+    void cancelIn(Place& place);
+    void putOn(Place& place, const Alert& alert);
     void takeOff(std::size_t index, const char* event);
 
     SimulatedRunLoop& runLoop_;
@@ -42,7 +48,9 @@ class SimulatedAlertDialogs final : public AlertDialogs {
     SimulatedJournal& journal_;
     std::vector<Shown> shown_;
     std::vector<std::unique_ptr<Timer>> timeOuts_;
+    std::vector<std::shared_ptr<Place>> waiting_;
     bool isUnavailable_ = false;
+    bool isHanging_ = false;
 };
 
 }  // namespace korvane
