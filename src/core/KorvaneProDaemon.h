@@ -30,8 +30,7 @@
 namespace korvane {
 
 struct Place;
-
-struct TrashItem;
+struct TrashScan;
 class VolumeEntry;
 enum class DriveProbe;
 
@@ -309,16 +308,21 @@ class KorvaneProDaemon final : public ControlTarget {
     void watchTrashFolder(std::size_t slot, const std::string& folder, bool scanNow);
     // A watched folder has changed: records what is in it and has the recovery program look at it.
     void MyFNSubscriptionProc(std::size_t slot, const std::string& folder);
-    void recordTrashItems(const std::vector<TrashItem>& items);
-    // Begins a usage file with this record in it where there is none; one that can be read and not
-    // used is set aside.
-    [[nodiscard]] Result<std::monostate> beginTrashUsage(const TrashItem& item);
+    // Begins a usage file with what `edit` makes of an empty one where there is none; one that can
+    // be read and not used is set aside.
+    [[nodiscard]] Result<std::monostate> beginTrashUsage(
+        const std::function<bool(PropertyList&)>& edit);
     // One line for each time in which it cannot be written.
     void logUsageFile(const Result<std::monostate>& written, LogMessage message);
     // A search for items that had left the trash has ended: their records are gone through again.
     void didFindOut();
-    // Marks and drops records, and drops files of results that are old enough (TrashUpkeep.cpp).
-    void trashSub();
+    // Records what a scan has found, marks and drops records, all of that in one write, and drops
+    // files of results that are old enough (TrashUpkeep.cpp).
+    void trashSub(const TrashScan& scan);
+    // The numbers of the items whose records have to do with what is in the trash.
+    [[nodiscard]] std::vector<ItemNumber> updateTrashUsage(Dictionary& usage,
+                                                           const TrashScan& scan);
+    void expireTrashFiles();
     // Launches the recovery program for the items of a trash folder, or has that wait
     // (TrashSearches.cpp).
     void startSearch(const std::string& folder, WaitingSearch search);

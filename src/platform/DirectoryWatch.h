@@ -3,6 +3,7 @@
 // bytes that no text can carry stand as a backslash and three octal digits.
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -46,6 +47,24 @@ struct ResolvedNode {
     std::string path;
 };
 
+// An item's number on its volume. File systems give the number of an item that is gone to a new
+// one.
+struct ItemNumber {
+    std::int16_t volume = 0;
+    std::uint64_t nodeId = 0;
+    friend auto operator<=>(const ItemNumber&, const ItemNumber&) = default;
+};
+
+enum class Identity {
+    same,     // it is the item that was remembered under its number
+    another,  // that item is gone
+    unknown   // nothing was remembered, or the file system cannot tell
+};
+struct Recognized {
+    Identity identity = Identity::unknown;
+    std::string name{};  // that the remembered item had; empty when none is
+};
+
 class DirectoryWatch {
   public:
     virtual ~DirectoryWatch() = default;
@@ -72,11 +91,19 @@ class DirectoryWatch {
     virtual std::size_t setBackupDates(const std::string& folder,
                                        std::span<const CatalogItem> items, Time date) = 0;
 
-    // Keeps what helps to find these items again once they have left the folder.
+    // Whether each of these items is the one that was last remembered under its number, in their
+    // order.
+    [[nodiscard]] virtual std::vector<Recognized> recognize(std::int16_t volume,
+                                                            const std::string& folder,
+                                                            std::span<const CatalogItem> items) = 0;
+    // Keeps what helps to recognize these items, and to find them again once they have left the
+    // folder.
     virtual void remember(std::int16_t volume, const std::string& folder,
                           std::span<const CatalogItem> items) = 0;
-    // Where each of these items is now, in their order. What is kept of any other is forgotten. An
-    // item that is unknown may be searched for from here on; that is bounded in time.
+    // Forgets all items but these. What is kept of them outlives the process from here on.
+    virtual void keepOnly(std::span<const ItemNumber> items) = 0;
+    // Where each of these items is now, in their order. An item that is unknown may be searched for
+    // from here on; that is bounded in time.
     [[nodiscard]] virtual std::vector<ResolvedNode> resolve(std::span<const SeenItem> items) = 0;
     // Told on the loop's thread when a search has found out more: resolve() knows it until the loop
     // turns.

@@ -1,5 +1,7 @@
 #include "storage/TrashEntry.h"
 
+#include <fmt/format.h>
+
 #include <chrono>
 #include <string_view>
 
@@ -40,6 +42,15 @@ std::uint64_t unsignedValue(std::string_view text) {
 
 std::string trashEntryKey(const TrashItem& item) {
     return item.volumeName.value_or(item.itemName) + '_' + std::to_string(item.nodeId);
+}
+
+std::string endedTrashEntryKey(const std::string& key, Time addDate) {
+    const auto day = std::chrono::floor<std::chrono::days>(addDate);
+    const std::chrono::year_month_day date(day);
+    const std::chrono::hh_mm_ss time(dateOf(addDate) - day);
+    return fmt::format("{}_{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", key, int{date.year()},
+                       unsigned{date.month()}, unsigned{date.day()}, time.hours().count(),
+                       time.minutes().count(), time.seconds().count());
 }
 
 Dictionary newTrashEntry(const TrashItem& item, float totalSize, Time now) {

@@ -27,6 +27,9 @@ struct TrashItem {
 };
 // The volume's name, or the item's where that is not known, and the node: "Data_1234".
 [[nodiscard]] std::string trashEntryKey(const TrashItem& item);
+// The key of a record whose item is gone, once another item has its number: "Data_1234" and the
+// moment at which it came, "Data_1234_2026-03-02T08:00:00Z".
+[[nodiscard]] std::string endedTrashEntryKey(const std::string& key, Time addDate);
 // A new record of an item seen now. `totalSize` is that of the file.
 [[nodiscard]] Dictionary newTrashEntry(const TrashItem& item, float totalSize, Time now);
 

@@ -1,6 +1,9 @@
 // The records in the trash usage file: written of what is seen in the trash, marked and dropped of
 // what left it; and the end of old files of results.
 
+#include <set>
+#include <span>
+#include <string_view>
 #include <utility>
 
 #include "base/PropertyListCodec.h"
@@ -19,29 +22,6 @@ std::string_view nameOf(std::string_view path) { return path.substr(path.rfind('
 
 }  // namespace
 
-void KorvaneProDaemon::recordTrashItems(const std::vector<TrashItem>& items) {
-    if (items.empty()) return;
-    const Time now = machine_.clock.now();
-    bool isUsable = false;
-    const auto recordFrom = [&](std::size_t first) {
-        return machine_.fileSystem.changePropertyListInSteps(
-            usagePath(), items.size() - first,
-            [&](PropertyList& usage, std::size_t step) {
-                isUsable = usage.dictionary() != nullptr;
-                if (isUsable) storeTrashRecord(*usage.dictionary(), items[first + step], now);
-                return isUsable;
-            },
-            kSharedFilePermissions, Durability::process);
-    };
-    Result<std::monostate> recorded = recordFrom(0);
-    if (!isUsable) {
-        recorded = beginTrashUsage(items.front());
-        if (recorded && items.size() > 1) recorded = recordFrom(1);
-    }
-    // These records are lost until the folder changes again, and nothing else is.
-    logUsageFile(recorded, LogMessage::trashNotRecorded);
-}
-
 void KorvaneProDaemon::logUsageFile(const Result<std::monostate>& written, LogMessage message) {
     if (written) {
         logOnce.ended(usagePath());
@@ -50,7 +30,8 @@ void KorvaneProDaemon::logUsageFile(const Result<std::monostate>& written, LogMe
     }
 }
 
-Result<std::monostate> KorvaneProDaemon::beginTrashUsage(const TrashItem& item) {
+Result<std::monostate> KorvaneProDaemon::beginTrashUsage(
+    const std::function<bool(PropertyList&)>& edit) {
     FileSystem& files = machine_.fileSystem;
     const std::string path = usagePath();
     const Time now = machine_.clock.now();
@@ -71,41 +52,73 @@ Result<std::monostate> KorvaneProDaemon::beginTrashUsage(const TrashItem& item) 
         if (!files.rename(path, aside)) return Error{path + ": cannot be set aside"};
         machine_.systemLog.write(LogMessage::usageFileSetAside, {path, aside});
     }
-    Dictionary usage;
-    storeTrashRecord(usage, item, now);
-    return files.writePropertyList(path, PropertyList(std::move(usage)), kSharedFilePermissions,
-                                   Durability::process);
+    PropertyList usage{Dictionary()};
+    (void)edit(usage);  // a dictionary is always usable
+    return files.writePropertyList(path, usage, kSharedFilePermissions, Durability::process);
+}
+
+std::vector<ItemNumber> KorvaneProDaemon::updateTrashUsage(Dictionary& usage,
+                                                           const TrashScan& scan) {
+    const Time now = machine_.clock.now();
+    std::set<std::pair<std::uint64_t, std::string_view>> justSeen;
+    for (const CatalogItem& item : scan.catalogue) justSeen.emplace(item.nodeId, item.name);
+    const auto resolve = [&](std::span<const SeenItem> items) {
+        std::vector<ResolvedNode> nodes(items.size());
+        std::vector<SeenItem> others;
+        std::vector<std::size_t> places;
+        for (std::size_t i = 0; i < items.size(); ++i) {
+            if (items[i].folder == scan.folder && items[i].volume == scan.volume &&
+                justSeen.contains({items[i].nodeId, items[i].name})) {
+                nodes[i] = {NodeState::found, items[i].folder + '/' + items[i].name};
+            } else {
+                others.push_back(items[i]);
+                places.push_back(i);
+            }
+        }
+        std::vector<ResolvedNode> answers = machine_.directoryWatch.resolve(others);
+        for (std::size_t i = 0; i < places.size(); ++i) nodes[places[i]] = std::move(answers[i]);
+        return nodes;
+    };
+    storeTrashRecords(usage, scan.items, resolve, now);
+    (void)updateTrashRecords(usage, resolve, now, trashSaveDays);
+    return numbersToRemember(usage);
 }
 
 void KorvaneProDaemon::didFindOut() {
-    if (booleanValue(preference(kTrashHistoryOnOff))) trashSub();
+    if (booleanValue(preference(kTrashHistoryOnOff))) trashSub({});
 }
 
-void KorvaneProDaemon::trashSub() {
-    FileSystem& files = machine_.fileSystem;
+void KorvaneProDaemon::trashSub(const TrashScan& scan) {
     const std::string path = usagePath();
-    const Time now = machine_.clock.now();
     bool isUsable = false;
+    std::vector<ItemNumber> numbers;
+    const auto edit = [&](PropertyList& document) {
+        isUsable = document.dictionary() != nullptr;
+        if (isUsable) numbers = updateTrashUsage(*document.dictionary(), scan);
+        return isUsable;
+    };
+    auto written = machine_.fileSystem.changePropertyList(path, edit, kSharedFilePermissions,
+                                                          Durability::process);
+    if (!isUsable && !scan.items.empty()) written = beginTrashUsage(edit);
     // A file that cannot be read, or written, stays as it is; the next scan tries again.
-    const auto updated = files.changePropertyList(
-        path,
-        [&](PropertyList& document) {
-            isUsable = document.dictionary() != nullptr;
-            if (!isUsable) return false;
-            (void)updateTrashRecords(
-                *document.dictionary(),
-                [this](std::span<const SeenItem> items) {
-                    return machine_.directoryWatch.resolve(items);
-                },
-                now, trashSaveDays);
-            return true;
-        },
-        kSharedFilePermissions, Durability::process);
-    if (isUsable) {
-        logUsageFile(updated, LogMessage::trashNotUpdated);
+    if (!scan.items.empty()) {
+        logUsageFile(written, LogMessage::trashNotRecorded);
+    } else if (isUsable) {
+        logUsageFile(written, LogMessage::trashNotUpdated);
     }
-    (void)files.setPermissions(path, kSharedFilePermissions);  // there may be no file
+    (void)machine_.fileSystem.setPermissions(path, kSharedFilePermissions);  // there may be no file
+    if (written && isUsable) {
+        // After the records: items that are not recorded must not be taken for those that are.
+        if (scan.volume)
+            machine_.directoryWatch.remember(*scan.volume, scan.folder, scan.catalogue);
+        machine_.directoryWatch.keepOnly(numbers);
+    }
+    expireTrashFiles();
+}
 
+void KorvaneProDaemon::expireTrashFiles() {
+    FileSystem& files = machine_.fileSystem;
+    const Time now = machine_.clock.now();
     // With a final full stop: the folder may be a link, which everything else follows.
     for (const std::string& relative : files.enumerate(std::string(kSupportFolder) + "/.")) {
         if (!nameOf(relative).starts_with(kTrashDeletesPrefix)) continue;

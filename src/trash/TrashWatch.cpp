@@ -87,20 +87,25 @@ void KorvaneProDaemon::MyFNSubscriptionProc(std::size_t slot, const std::string&
         }
         if (!jobs.empty()) startSearch(folder, {program, volume->name, std::move(jobs)});
     }
-    std::vector<TrashItem> records;
-    for (const CatalogItem& item : *items) {
-        records.push_back({.itemName = item.name,
-                           .nodeId = item.nodeId,
-                           .volRefNum = volume ? volume->number : std::int16_t{0},
-                           .dirPath = folder,
-                           .volumeName = volume ? std::optional(volume->name) : std::nullopt});
-    }
     // A volume that keeps no such date goes without.
     (void)machine_.directoryWatch.setBackupDates(folder, *items, machine_.clock.now());
-    recordTrashItems(records);
-    // After the records: without a trace an item is searched for, without a record it is lost.
-    if (volume) machine_.directoryWatch.remember(volume->number, folder, *items);
-    trashSub();
+    TrashScan scan{.folder = folder,
+                   .volume = volume ? std::optional(volume->number) : std::nullopt,
+                   .catalogue = std::move(*items),
+                   .items = {}};
+    const auto recognized =
+        machine_.directoryWatch.recognize(scan.volume.value_or(0), folder, scan.catalogue);
+    for (std::size_t i = 0; i < scan.catalogue.size(); ++i) {
+        const CatalogItem& item = scan.catalogue[i];
+        scan.items.push_back(
+            {.item = {.itemName = item.name,
+                      .nodeId = item.nodeId,
+                      .volRefNum = scan.volume.value_or(0),
+                      .dirPath = folder,
+                      .volumeName = volume ? std::optional(volume->name) : std::nullopt},
+             .before = recognized[i]});
+    }
+    trashSub(scan);
 }
 
 }  // namespace korvane

@@ -1,5 +1,7 @@
 #include "conformance/DirectoryWatchConformance.h"
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <fstream>
 
@@ -45,6 +47,11 @@ struct SimulatedWatchSubject final : DirectoryWatchSubject {
         machine.fileSystem.removeItem(path);
         changed(path);
     }
+    bool makeNumbered(const std::string& path, std::uint64_t nodeId) override {
+        make(path);
+        machine.fileSystem.setNodeId(path, nodeId);
+        return true;
+    }
     void changed(const std::string& path) {
         machine.directoryWatch.changed(path.substr(0, path.rfind('/')));
     }
@@ -75,6 +82,16 @@ struct LinuxWatchSubject final : DirectoryWatchSubject {
     void make(const std::string& path) override { std::ofstream(path) << "x"; }
     void move(const std::string& from, const std::string& to) override { fs::rename(from, to); }
     void remove(const std::string& path) override { fs::remove(path); }
+    bool makeNumbered(const std::string& path, std::uint64_t nodeId) override {
+        // Something else on the machine may get it first, and free it again.
+        for (int attempt = 0; attempt < 2000; ++attempt) {
+            make(path);
+            struct stat status {};
+            if (::stat(path.c_str(), &status) == 0 && status.st_ino == nodeId) return true;
+            fs::remove(path);
+        }
+        return false;
+    }
     void runUntil(const std::function<bool()>& isDone) override {
         // Nothing more is to be expected of it after so long, on a busy machine too.
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);

@@ -29,6 +29,8 @@ class DirectoryWatchSubject {
     virtual void make(const std::string& path) = 0;
     virtual void move(const std::string& from, const std::string& to) = 0;
     virtual void remove(const std::string& path) = 0;
+    // Makes an item that has the number of one that is gone. False where none gets it.
+    virtual bool makeNumbered(const std::string& path, std::uint64_t nodeId) = 0;
     // The loop runs until `isDone`, or until nothing more is to be expected of it.
     virtual void runUntil(const std::function<bool()>& isDone) = 0;
 };
@@ -56,6 +58,9 @@ class DirectoryWatchConformance
         return {subject_->volume(), item.nodeId, subject_->trash(), item.name};
     }
     // The answer, after a search where one is needed.
+    Recognized recognize(const CatalogItem& item) {
+        return watch().recognize(subject_->volume(), subject_->trash(), std::vector{item}).at(0);
+    }
     ResolvedNode resolve(const SeenItem& item) {
         bool hasFoundOut = false;
         watch().setDidFindOut([&] { hasFoundOut = true; });
@@ -166,6 +171,34 @@ TEST_P(DirectoryWatchConformance, AnswerForEachItemInItsOrder) {
     EXPECT_EQ(nodes[0].path, inTrash("b"));
     EXPECT_EQ(nodes[1].path, inTrash("a"));
     EXPECT_THAT(watch().resolve({}), testing::IsEmpty());
+}
+
+TEST_P(DirectoryWatchConformance, RecognizeWhatTheyRemember) {
+    const CatalogItem item = see("a");
+    subject_->move(inTrash("a"), inTrash("b"));
+    const CatalogItem renamed{"b", item.nodeId, item.parentId};
+    Recognized recognized = recognize(renamed);
+    EXPECT_EQ(recognized.identity, Identity::same);
+    EXPECT_EQ(recognized.name, "a");
+    const ItemNumber number{subject_->volume(), item.nodeId};
+    watch().keepOnly(std::vector{number});
+    EXPECT_EQ(recognize(renamed).identity, Identity::same);
+    watch().remember(subject_->volume(), subject_->trash(), std::vector{renamed});
+    EXPECT_EQ(recognize(renamed).name, "b");
+    watch().keepOnly({});
+    recognized = recognize(renamed);
+    EXPECT_EQ(recognized.identity, Identity::unknown);
+    EXPECT_EQ(recognized.name, "");
+    EXPECT_EQ(recognize({"none", item.nodeId, item.parentId}).identity, Identity::unknown);
+}
+
+TEST_P(DirectoryWatchConformance, TakeNoItemForTheOneThatHadItsNumber) {
+    const CatalogItem item = see("a");
+    subject_->remove(inTrash("a"));
+    if (!subject_->makeNumbered(inTrash("a"), item.nodeId)) {
+        GTEST_SKIP() << "this file system does not use numbers again";
+    }
+    EXPECT_EQ(recognize(item).identity, Identity::another);
 }
 
 TEST_P(DirectoryWatchConformance, SayNothingOfAVolumeThatIsNotMounted) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -42,16 +43,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!document || !document->dictionary()) return 0;
     Dictionary& usage = *document->dictionary();
     const std::size_t before = usage.size();
-    TrashItem item;
-    item.itemName = "letter";
-    item.nodeId = 7;
-    item.dirPath = "/trash";
-    const bool isKnown = usage.contains(trashEntryKey(item));
-    storeTrashRecord(usage, item, kNow);
-    if (usage.size() != before + (isKnown ? 0 : 1)) std::abort();
+    FoundItem found;
+    found.item.itemName = "letter";
+    found.item.nodeId = 7;
+    found.item.dirPath = "/trash";
+    // Of an item of the same name, and of another one whose number went to this.
+    for (const Identity identity : {Identity::same, Identity::another}) {
+        found.before = {identity, "letter"};
+        const std::size_t last = usage.size();
+        storeTrashRecords(usage, std::span(&found, 1), resolve, kNow);
+        if (usage.size() < last || usage.size() > last + 1) std::abort();
+        const auto record = ConstTrashEntry::over(*usage.find(trashEntryKey(found.item)));
+        if (!record || record->itemName() != "letter") std::abort();
+    }
     for (int turn = 0; turn < 2; ++turn) {
         (void)updateTrashRecords(usage, resolve, kNow, turn);
-        if (usage.size() > before + 1) std::abort();
+        if (usage.size() > before + 2) std::abort();
     }
     const std::string text = formatPropertyList(*document);
     const auto again = parsePropertyList(text);

@@ -22,6 +22,8 @@ namespace {
 
 constexpr char kHandle[] = "handle";
 constexpr char kHandleType[] = "handleType";
+constexpr char kBirth[] = "birth";
+constexpr char kName[] = "name";
 constexpr char kOrigin[] = "origin";
 // A note is three short lines; a path in it is at most PATH_MAX bytes, each written as three.
 constexpr std::size_t kLargestNoteBytes = 3 * PATH_MAX + 1024;
@@ -62,15 +64,25 @@ void takeHandle(int file, ItemTrace& trace) {
     trace.handleType = handle.get()->handle_type;
 }
 
+std::int64_t birthOf(int file) {
+    constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+    struct statx status {};
+    if (::statx(file, "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_BTIME, &status) != 0 ||
+        (status.stx_mask & STATX_BTIME) == 0) {
+        return 0;
+    }
+    return status.stx_btime.tv_sec * kNanosecondsPerSecond + status.stx_btime.tv_nsec;
+}
+
 // "VOLUME_NODE", both in decimal.
-std::optional<ItemTraces::Key> keyOf(std::string_view text) {
-    ItemTraces::Key key;
+std::optional<ItemNumber> numberOf(std::string_view text) {
+    ItemNumber number;
     const char* const end = text.data() + text.size();
-    const auto volume = std::from_chars(text.data(), end, key.first);
+    const auto volume = std::from_chars(text.data(), end, number.volume);
     if (volume.ec != std::errc{} || volume.ptr == end || *volume.ptr != '_') return std::nullopt;
-    const auto node = std::from_chars(volume.ptr + 1, end, key.second);
+    const auto node = std::from_chars(volume.ptr + 1, end, number.nodeId);
     if (node.ec != std::errc{} || node.ptr != end) return std::nullopt;
-    return key;
+    return number;
 }
 
 }  // namespace
@@ -82,6 +94,8 @@ std::optional<ItemTrace> traceItem(int folder, const std::string& name, std::uin
     if (!item || ::fstat(item.get(), &status) != 0 || status.st_ino != nodeId) return std::nullopt;
     ItemTrace trace;
     takeHandle(item.get(), trace);
+    trace.birth = birthOf(item.get());
+    trace.name = name;
     if (const auto origin = originInTrashInfo(noteOf(folder, name))) {
         const std::string base = volumeRoot == "/" ? "" : volumeRoot;
         trace.origin = origin->front() == '/' ? *origin : base + '/' + *origin;
@@ -89,11 +103,16 @@ std::optional<ItemTrace> traceItem(int folder, const std::string& name, std::uin
     return trace;
 }
 
-bool mayBeTraced(int file, const ItemTrace& trace) {
+Identity identityOf(int file, const ItemTrace& trace) {
     ItemTrace found;
     takeHandle(file, found);
-    return trace.handle.empty() || found.handle.empty() ||
-           (found.handle == trace.handle && found.handleType == trace.handleType);
+    if (!trace.handle.empty() && !found.handle.empty()) {
+        const bool isSame = found.handle == trace.handle && found.handleType == trace.handleType;
+        return isSame ? Identity::same : Identity::another;
+    }
+    const std::int64_t birth = trace.birth != 0 ? birthOf(file) : 0;
+    if (birth == 0) return Identity::unknown;
+    return birth == trace.birth ? Identity::same : Identity::another;
 }
 
 HandleAnswer followHandle(int mount, const ItemTrace& trace, std::uint64_t nodeId) {
@@ -127,34 +146,37 @@ void ItemTraces::load() {
     const Result<PropertyList> stored = files.read(file_);
     if (!stored || !stored->dictionary()) return;
     for (const auto& [name, value] : *stored->dictionary()) {
-        const auto key = keyOf(name);
+        const auto number = numberOf(name);
         const Dictionary* const fields = value.dictionary();
-        if (!key || !fields) continue;
+        if (!number || !fields) continue;
         traces_.emplace(
-            *key, ItemTrace{.handle = bytesIn(*fields, kHandle),
-                            .handleType = static_cast<int>(integerValue(fields->find(kHandleType))),
-                            .origin = bytesIn(*fields, kOrigin)});
+            *number,
+            ItemTrace{.handle = bytesIn(*fields, kHandle),
+                      .handleType = static_cast<int>(integerValue(fields->find(kHandleType))),
+                      .birth = integerValue(fields->find(kBirth)),
+                      .name = bytesIn(*fields, kName),
+                      .origin = bytesIn(*fields, kOrigin)});
     }
 }
 
-const ItemTrace* ItemTraces::find(const Key& key) {
+const ItemTrace* ItemTraces::find(const ItemNumber& number) {
     load();
-    const auto known = traces_.find(key);
+    const auto known = traces_.find(number);
     return known == traces_.end() ? nullptr : &known->second;
 }
 
-void ItemTraces::set(const Key& key, ItemTrace trace) {
+void ItemTraces::set(const ItemNumber& number, ItemTrace trace) {
     load();
-    const auto [known, isNew] = traces_.try_emplace(key);
+    const auto [known, isNew] = traces_.try_emplace(number);
     if (!isNew && known->second == trace) return;
     known->second = std::move(trace);
     isChanged_ = true;
 }
 
-void ItemTraces::keepOnly(const std::set<Key>& keys) {
+void ItemTraces::keepOnly(const std::set<ItemNumber>& numbers) {
     load();
     const std::size_t forgotten =
-        std::erase_if(traces_, [&](const auto& each) { return !keys.contains(each.first); });
+        std::erase_if(traces_, [&](const auto& each) { return !numbers.contains(each.first); });
     isChanged_ = isChanged_ || forgotten > 0;
 }
 
@@ -162,11 +184,12 @@ void ItemTraces::save() {
     if (!isChanged_ || file_.empty()) return;
     std::vector<Dictionary::Entry> entries;
     entries.reserve(traces_.size());
-    for (const auto& [key, trace] : traces_) {
-        Dictionary fields{{kHandleType, trace.handleType}};
+    for (const auto& [number, trace] : traces_) {
+        Dictionary fields{
+            {kHandleType, trace.handleType}, {kBirth, trace.birth}, {kName, dataOf(trace.name)}};
         if (!trace.handle.empty()) fields.set(kHandle, dataOf(trace.handle));
         if (!trace.origin.empty()) fields.set(kOrigin, dataOf(trace.origin));
-        entries.push_back({std::to_string(key.first) + '_' + std::to_string(key.second),
+        entries.push_back({std::to_string(number.volume) + '_' + std::to_string(number.nodeId),
                            PropertyList(std::move(fields))});
     }
     const std::string text = formatPropertyList(PropertyList(Dictionary(std::move(entries))));

@@ -9,8 +9,9 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
+
+#include "platform/DirectoryWatch.h"
 
 namespace korvane {
 
@@ -19,6 +20,8 @@ struct ItemTrace {
     // free. Empty where the file system has no handles.
     std::string handle;
     int handleType = 0;
+    std::int64_t birth = 0;  // nanoseconds since 1970; 0 where the file system has none
+    std::string name;
     std::string origin;  // an absolute path; empty when the trash has no note of it
 
     friend bool operator==(const ItemTrace&, const ItemTrace&) = default;
@@ -29,8 +32,8 @@ struct ItemTrace {
 [[nodiscard]] std::optional<ItemTrace> traceItem(int folder, const std::string& name,
                                                  std::uint64_t nodeId,
                                                  const std::string& volumeRoot);
-// Whether what was opened may be the item of the trace: its number alone may be used again.
-[[nodiscard]] bool mayBeTraced(int file, const ItemTrace& trace);
+// Whether what was opened and has the item's number is the item of the trace.
+[[nodiscard]] Identity identityOf(int file, const ItemTrace& trace);
 
 enum class HandleState {
     unknown,  // nothing leads there, or nobody may ask
@@ -46,15 +49,13 @@ struct HandleAnswer {
 
 class ItemTraces {
   public:
-    using Key = std::pair<std::int16_t, std::uint64_t>;  // volume and node
-
     // `file`: empty when nothing is to outlive the process. It is read when first asked for.
     explicit ItemTraces(std::string file);
 
-    [[nodiscard]] const ItemTrace* find(const Key& key);
-    void set(const Key& key, ItemTrace trace);
+    [[nodiscard]] const ItemTrace* find(const ItemNumber& number);
+    void set(const ItemNumber& number, ItemTrace trace);
     // Forgets all but these.
-    void keepOnly(const std::set<Key>& keys);
+    void keepOnly(const std::set<ItemNumber>& numbers);
     // Writes the file when anything has changed. Failing costs only that a restarted daemon finds
     // less again.
     void save();
@@ -65,7 +66,7 @@ class ItemTraces {
     std::string file_;
     bool isLoaded_ = false;
     bool isChanged_ = false;
-    std::map<Key, ItemTrace> traces_;
+    std::map<ItemNumber, ItemTrace> traces_;
 };
 
 }  // namespace korvane

@@ -58,8 +58,11 @@ class LinuxDirectoryWatch final : public DirectoryWatch {
     // In the extended attribute "user.korvane.backup-date", seconds since 1970 as text.
     std::size_t setBackupDates(const std::string& folder, std::span<const CatalogItem> items,
                                Time date) override;
+    [[nodiscard]] std::vector<Recognized> recognize(std::int16_t volume, const std::string& folder,
+                                                    std::span<const CatalogItem> items) override;
     void remember(std::int16_t volume, const std::string& folder,
                   std::span<const CatalogItem> items) override;
+    void keepOnly(std::span<const ItemNumber> items) override;
     [[nodiscard]] std::vector<ResolvedNode> resolve(std::span<const SeenItem> items) override;
     void setDidFindOut(std::function<void()> callback) override;
 
@@ -115,7 +118,7 @@ class LinuxDirectoryWatch final : public DirectoryWatch {
     ItemTraces traces_;
     std::function<void()> didFindOut_;
     // What the search that was told of has found of each of its items, until it is asked for.
-    std::map<ItemTraces::Key, ResolvedNode> foundOut_;
+    std::map<ItemNumber, ResolvedNode> foundOut_;
     std::unique_ptr<Sought> sought_;
     std::unique_ptr<VolumeSearch> search_;
     std::shared_ptr<char> alive_;  // posted callbacks ask whether this object is still there

@@ -48,8 +48,9 @@ bool isWantedAt(int folder, const std::string& name, const Wanted& wanted) {
     const UniqueFd item{::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)};
     struct stat status {};
     if (!item || ::fstat(item.get(), &status) != 0 || status.st_dev != wanted.device) return false;
-    return !wanted.nodeId || (status.st_ino == *wanted.nodeId &&
-                              (!wanted.trace || mayBeTraced(item.get(), *wanted.trace)));
+    return !wanted.nodeId ||
+           (status.st_ino == *wanted.nodeId &&
+            (!wanted.trace || identityOf(item.get(), *wanted.trace) != Identity::another));
 }
 
 // Follows no link, and goes by the mount table before anything is touched.
@@ -148,7 +149,7 @@ struct LinuxDirectoryWatch::Folders {
 struct LinuxDirectoryWatch::Sought {
     std::vector<VolumeSearch::Root> roots;
     struct Item {
-        ItemTraces::Key key;
+        ItemNumber number;
         VolumeSearch::Node node;
         // It exists, by its handle: not finding it says nothing.
         bool exists = false;
@@ -179,24 +180,42 @@ void LinuxDirectoryWatch::remember(std::int16_t volume, const std::string& folde
             traces_.set({volume, item.nodeId}, std::move(*trace));
         }
     }
+}
+
+std::vector<Recognized> LinuxDirectoryWatch::recognize(std::int16_t volume,
+                                                       const std::string& folder,
+                                                       std::span<const CatalogItem> items) {
+    std::vector<Recognized> recognized(items.size());
+    const UniqueFd opened = openPlaceAt(AT_FDCWD, bytesOfText(folder));
+    if (!opened) return recognized;
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        const ItemTrace* const trace = traces_.find({volume, items[i].nodeId});
+        if (!trace) continue;
+        const UniqueFd item{::openat(opened.get(), bytesOfText(items[i].name).c_str(),
+                                     O_PATH | O_NOFOLLOW | O_CLOEXEC)};
+        struct stat status {};
+        if (!item || ::fstat(item.get(), &status) != 0 || status.st_ino != items[i].nodeId) {
+            continue;  // gone since
+        }
+        recognized[i] = {identityOf(item.get(), *trace), textOfBytes(trace->name)};
+    }
+    return recognized;
+}
+
+void LinuxDirectoryWatch::keepOnly(std::span<const ItemNumber> items) {
+    traces_.keepOnly({items.begin(), items.end()});
     traces_.save();
 }
 
 std::vector<ResolvedNode> LinuxDirectoryWatch::resolve(std::span<const SeenItem> items) {
     std::vector<ResolvedNode> answers;
     answers.reserve(items.size());
-    std::set<ItemTraces::Key> needed;
     Folders folders;
     Sought sought;
     for (const SeenItem& item : items) {
         answers.push_back(resolveOne(item, folders, sought));
-        // Of those that are gone, too: their records may not get written. Then they are asked for
-        // again, and once they are written no more.
-        needed.insert({item.volume, item.nodeId});
     }
     foundOut_.clear();
-    traces_.keepOnly(needed);
-    traces_.save();
     startSearch(std::move(sought));
     return answers;
 }
@@ -205,8 +224,10 @@ ResolvedNode LinuxDirectoryWatch::resolveOne(const SeenItem& item, Folders& fold
                                              Sought& sought) {
     const Folders::Opened& place = folders.of(volumes_, item.volume, item.folder);
     if (!place.volume || !place.root) return {};
-    const ItemTraces::Key key{item.volume, item.nodeId};
-    const ItemTrace* const trace = traces_.find(key);
+    const ItemNumber number{item.volume, item.nodeId};
+    const ItemTrace* trace = traces_.find(number);
+    // Of an item that had the number before, or has it now.
+    if (trace && !trace->name.empty() && trace->name != bytesOfText(item.name)) trace = nullptr;
     const Wanted wanted{place.device,
                         place.keepsNumbers ? std::optional(item.nodeId) : std::nullopt, trace};
     if (place.folder && isStillAt(place.folder.get(), bytesOfText(item.name), wanted)) {
@@ -225,7 +246,7 @@ ResolvedNode LinuxDirectoryWatch::resolveOne(const SeenItem& item, Folders& fold
         if (!answer.path.empty()) return {NodeState::found, textOfBytes(answer.path)};
         exists = answer.state == HandleState::exists;
     }
-    if (const auto known = foundOut_.find(key); known != foundOut_.end()) {
+    if (const auto known = foundOut_.find(number); known != foundOut_.end()) {
         const ResolvedNode& node = known->second;
         const bool stillStands = node.state != NodeState::found || isAt(bytesOfText(node.path));
         if (stillStands) return node;
@@ -238,7 +259,7 @@ ResolvedNode LinuxDirectoryWatch::resolveOne(const SeenItem& item, Folders& fold
             sought.roots.push_back({path, place.device});
         }
     }
-    sought.items.push_back({key, {place.device, item.nodeId}, exists});
+    sought.items.push_back({number, {place.device, item.nodeId}, exists});
     return {};
 }
 
@@ -275,7 +296,7 @@ void LinuxDirectoryWatch::didSearch(const VolumeSearch::Finding& finding) {
     };
     bool hasFoundOut = false;
     for (const Sought::Item& item : sought_->items) {
-        ResolvedNode& node = foundOut_[item.key];
+        ResolvedNode& node = foundOut_[item.number];
         const auto found = finding.paths.find(item.node);
         if (found != finding.paths.end()) {
             node = {NodeState::found, textOfBytes(found->second)};

@@ -89,9 +89,34 @@ std::size_t SimulatedDirectoryWatch::setBackupDates(const std::string& folder,
     }));
 }
 
-// The whole volume is looked through in no time here.
-void SimulatedDirectoryWatch::remember(std::int16_t /*volume*/, const std::string& /*folder*/,
-                                       std::span<const CatalogItem> /*items*/) {}
+std::vector<Recognized> SimulatedDirectoryWatch::recognize(std::int16_t volume,
+                                                           const std::string& folder,
+                                                           std::span<const CatalogItem> items) {
+    std::vector<Recognized> recognized;
+    for (const CatalogItem& item : items) {
+        const auto known = remembered_.find({volume, item.nodeId});
+        if (known == remembered_.end()) {
+            recognized.emplace_back();
+            continue;
+        }
+        const bool isSame = fileSystem_.serial(folder + '/' + item.name) == known->second.serial;
+        recognized.push_back({isSame ? Identity::same : Identity::another, known->second.name});
+    }
+    return recognized;
+}
+
+void SimulatedDirectoryWatch::remember(std::int16_t volume, const std::string& folder,
+                                       std::span<const CatalogItem> items) {
+    for (const CatalogItem& item : items) {
+        remembered_[{volume, item.nodeId}] = {item.name,
+                                              fileSystem_.serial(folder + '/' + item.name)};
+    }
+}
+
+void SimulatedDirectoryWatch::keepOnly(std::span<const ItemNumber> items) {
+    const std::set<ItemNumber> kept(items.begin(), items.end());
+    std::erase_if(remembered_, [&](const auto& each) { return !kept.contains(each.first); });
+}
 
 std::vector<ResolvedNode> SimulatedDirectoryWatch::resolve(std::span<const SeenItem> items) {
     std::vector<ResolvedNode> nodes;
@@ -101,9 +126,13 @@ std::vector<ResolvedNode> SimulatedDirectoryWatch::resolve(std::span<const SeenI
             nodes.push_back({NodeState::unknown, ""});
             continue;
         }
+        // The whole volume is looked through in no time here.
         const auto path = fileSystem_.pathOfNode(volume.value.root.rootPath, item.nodeId);
-        nodes.push_back(path ? ResolvedNode{NodeState::found, *path}
-                             : ResolvedNode{NodeState::gone, ""});
+        const auto known = remembered_.find({item.volume, item.nodeId});
+        const bool isThere = path && (known == remembered_.end() ||
+                                      known->second.serial == fileSystem_.serial(*path));
+        nodes.push_back(isThere ? ResolvedNode{NodeState::found, *path}
+                                : ResolvedNode{NodeState::gone, ""});
     }
     return nodes;
 }

@@ -26,8 +26,11 @@ class SimulatedDirectoryWatch final : public DirectoryWatch {
                                                                   std::size_t mostItems) override;
     std::size_t setBackupDates(const std::string& folder, std::span<const CatalogItem> items,
                                Time date) override;
+    [[nodiscard]] std::vector<Recognized> recognize(std::int16_t volume, const std::string& folder,
+                                                    std::span<const CatalogItem> items) override;
     void remember(std::int16_t volume, const std::string& folder,
                   std::span<const CatalogItem> items) override;
+    void keepOnly(std::span<const ItemNumber> items) override;
     [[nodiscard]] std::vector<ResolvedNode> resolve(std::span<const SeenItem> items) override;
     void setDidFindOut(std::function<void()> callback) override;
 
@@ -49,7 +52,13 @@ class SimulatedDirectoryWatch final : public DirectoryWatch {
     SimulatedRunLoop& runLoop_;
     SimulatedFileSystem& fileSystem_;
     SimulatedVolumes& volumes_;
+    struct Remembered {
+        std::string name;
+        std::uint64_t serial = 0;
+    };
+
     std::set<std::string> refused_;
+    std::map<ItemNumber, Remembered> remembered_;
     bool isUndecided_ = false;
     std::function<void()> didFindOut_;
     // Held by subscriptions too: they may outlive this machine's part.

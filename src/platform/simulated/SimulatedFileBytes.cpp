@@ -126,6 +126,11 @@ std::uint64_t SimulatedFileSystem::nodeId(const std::string& path) {
     return place && place->node ? place->node->nodeId : 0;
 }
 
+std::uint64_t SimulatedFileSystem::serial(const std::string& path) {
+    const std::optional<Place> place = find(path, LastLink::kept);
+    return place && place->node ? place->node->serial : 0;
+}
+
 void SimulatedFileSystem::setNodeId(const std::string& path, std::uint64_t nodeId) {
     const std::optional<Place> place = find(path, LastLink::kept);
     if (place && place->node) place->node->nodeId = nodeId;

@@ -459,6 +459,7 @@ SimulatedNode& SimulatedFileSystem::add(SimulatedNode& folder, std::string_view 
     auto node = std::make_unique<SimulatedNode>();
     node->kind = kind;
     node->nodeId = nextNodeId_++;
+    node->serial = node->nodeId;
     node->permissions = permissions;
     node->modificationDate = clock_.now();
     node->ownerId = userId();

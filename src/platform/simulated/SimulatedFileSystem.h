@@ -84,9 +84,11 @@ class SimulatedFileSystem final : public FileSystem {
     // Every path there is, sorted, folders with a closing "/".
     [[nodiscard]] std::vector<std::string> paths();
 
-    // The item's number, 0 where there is none; another number for it, which an item of another
-    // volume may have as well; its path by its number; and when it was stamped.
+    // The item's number, 0 where there is none; what tells it from others that had its number;
+    // another number for it, which an item of another volume may have as well, or one that is gone
+    // may have had; its path by its number; and when it was stamped.
     [[nodiscard]] std::uint64_t nodeId(const std::string& path);
+    [[nodiscard]] std::uint64_t serial(const std::string& path);
     void setNodeId(const std::string& path, std::uint64_t nodeId);
     [[nodiscard]] std::optional<std::string> pathOfNode(const std::string& volumePath,
                                                         std::uint64_t nodeId);

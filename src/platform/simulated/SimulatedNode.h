@@ -41,6 +41,7 @@ struct SimulatedNameOrder {
 struct SimulatedNode {
     ItemKind kind = ItemKind::file;
     std::uint64_t nodeId = 0;
+    std::uint64_t serial = 0;  // never used again, unlike the number
     std::optional<Time> backupDate;
     std::uint32_t ownerId = 0;
     mode_t permissions = 0;

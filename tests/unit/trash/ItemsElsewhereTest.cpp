@@ -119,33 +119,37 @@ TEST_F(ItemsElsewhere, DecidesNothingWhenASearchRunsOutOfTime) {
     EXPECT_EQ(hurried.resolve(std::vector{item}).at(0).state, NodeState::unknown);
 }
 
-TEST_F(ItemsElsewhere, KeepsWhatLeadsToAnItemAsLongAsItIsAskedFor) {
+TEST_F(ItemsElsewhere, KeepsWhatLeadsToAnItemAsLongAsItIsWanted) {
     write(trash_ + "/a");
     write(trash_ + "/b");
     const CatalogItem a = seen("a");
     const CatalogItem b = seen("b");
     watch_.remember(volume_, trash_, std::vector{a, b});
+    watch_.keepOnly(std::vector{ItemNumber{volume_, a.nodeId}, ItemNumber{volume_, b.nodeId}});
     ItemTraces both(folder_ / "traces");
     EXPECT_NE(both.find({volume_, a.nodeId}), nullptr);
     EXPECT_NE(both.find({volume_, b.nodeId}), nullptr);
     EXPECT_EQ(resolve(a).state, NodeState::found);
+    watch_.keepOnly(std::vector{ItemNumber{volume_, a.nodeId}});
     ItemTraces one(folder_ / "traces");
     EXPECT_NE(one.find({volume_, a.nodeId}), nullptr);
     EXPECT_EQ(one.find({volume_, b.nodeId}), nullptr);
 }
 
 // Whoever asked may have been killed before it could write the answer down.
-TEST_F(ItemsElsewhere, GivesTheSameAnswerAboutAnItemThatIsGoneUntilNobodyAsks) {
+TEST_F(ItemsElsewhere, GivesTheSameAnswerAboutAnItemThatIsGoneUntilItIsForgotten) {
     write(trash_ + "/a");
     const CatalogItem item = seen("a");
     watch_.remember(volume_, trash_, std::vector{item});
+    const ItemNumber number{volume_, item.nodeId};
+    watch_.keepOnly(std::vector{number});
     fs::remove(trash_ + "/a");
     if (resolve(item).state == NodeState::unknown) GTEST_SKIP() << "no file handles here";
     LinuxDirectoryWatch restarted(loop_, machine_.volumes,
                                   LinuxTrashPlaces{.tracesFile = folder_ / "traces"});
     const std::vector items{SeenItem{volume_, item.nodeId, trash_, "a"}};
     EXPECT_EQ(restarted.resolve(items).at(0).state, NodeState::gone);
-    EXPECT_THAT(restarted.resolve({}), IsEmpty());
+    restarted.keepOnly({});
     ItemTraces traces(folder_ / "traces");
     EXPECT_EQ(traces.find({volume_, item.nodeId}), nullptr);
 }
@@ -251,11 +255,14 @@ TEST_F(ItemsElsewhere, KeepsTheTraceOfAnItemThatWasReplacedWhileItWasScanned) {
     write(trash_ + "/b");
     const CatalogItem a = seen("a");
     const CatalogItem b = seen("b");
+    const std::vector<ItemNumber> both{{volume_, a.nodeId}, {volume_, b.nodeId}};
     watch_.remember(volume_, trash_, std::vector{a, b});
+    watch_.keepOnly(both);
     const ItemTrace first = *ItemTraces(folder_ / "traces").find({volume_, a.nodeId});
     if (first.handle.empty()) GTEST_SKIP() << "no file handles here";
     fs::rename(trash_ + "/b", trash_ + "/a");
     watch_.remember(volume_, trash_, std::vector{a, b});
+    watch_.keepOnly(both);
     EXPECT_EQ(*ItemTraces(folder_ / "traces").find({volume_, a.nodeId}), first);
     const auto nodes = watch_.resolve(std::vector{SeenItem{volume_, a.nodeId, trash_, "a"},
                                                   SeenItem{volume_, b.nodeId, trash_, "b"}});
@@ -303,7 +310,7 @@ TEST_F(ItemsElsewhere, LooksForAnOriginOnItsOwnVolumeAlone) {
         const std::string origin = folder_ / (std::string(place) + "/a");
         {
             ItemTraces traces(folder_ / "traces");
-            traces.set({volume_, item.nodeId}, {.handle = "", .origin = origin});
+            traces.set({volume_, item.nodeId}, {.handle = "", .name = "a", .origin = origin});
             traces.save();
         }
         fs::rename(trash_ + "/a", origin);

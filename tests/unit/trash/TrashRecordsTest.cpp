@@ -31,11 +31,20 @@ TrashItem item(const std::string& name, std::uint64_t nodeId) {
             .volumeName = "System"};
 }
 
+std::vector<ResolvedNode> nowhere(std::span<const SeenItem> items) {
+    return std::vector<ResolvedNode>(items.size(), {NodeState::gone, ""});
+}
+
 class TrashRecords : public testing::Test {
   protected:
     const Dictionary& put(const std::string& name, std::uint64_t nodeId, Time now = kEarlier) {
-        storeTrashRecord(usage, item(name, nodeId), now);
+        storeTrashRecords(usage, std::vector{FoundItem{item(name, nodeId)}}, nowhere, now);
         return record(nodeId);
+    }
+    // The item is put in again, and what is known of the one that was remembered under its number.
+    void putAgain(const std::string& name, Recognized before) {
+        storeTrashRecords(usage, std::vector{FoundItem{item(name, 1), std::move(before)}}, nowhere,
+                          kNow);
     }
     Dictionary& record(std::uint64_t nodeId) {
         return *usage.find("System_" + std::to_string(nodeId))->dictionary();
@@ -191,7 +200,8 @@ TEST_F(TrashRecords, KeepTheDateOfTheirComingUntilTheyLeft) {
         } else {
             TrashEntry(record(1)).setDeleted(kEarlier);
         }
-        put("a", 1, kNow);
+        putAgain("a", {Identity::same, "a"});
+        EXPECT_EQ(usage.size(), 1u);
         EXPECT_EQ(ConstTrashEntry(record(1)).addDate(), kNow);
         EXPECT_EQ(ConstTrashEntry(record(1)).state(), TrashState::inTrash);
     }
@@ -202,6 +212,120 @@ TEST_F(TrashRecords, KeepTheDateOfTheirComingUntilTheyLeft) {
     usage.set("System_1", "no record");
     put("a", 1, kNow);
     EXPECT_EQ(ConstTrashEntry(record(1)).addDate(), kNow);
+}
+
+// File systems give the number of an item that is gone to the next one.
+TEST_F(TrashRecords, StayWhenAnotherItemHasTheirNumber) {
+    struct Row {
+        const char* what;
+        TrashState state;  // of the record of the item "a"
+        const char* name;  // of the item that has its number now
+        Recognized before;
+        bool isKept;
+    };
+    using enum TrashState;
+    const Recognized same{Identity::same, "a"};
+    const Recognized another{Identity::another, "a"};
+    const Row rows[] = {
+        {"seen again", inTrash, "a", same, false},
+        {"given another name", inTrash, "b", same, false},
+        {"emptied since, and its number used again", inTrash, "b", another, true},
+        {"the same under its own name", inTrash, "a", another, true},
+        {"seen again, by its name", inTrash, "a", {}, false},
+        {"another by its name", inTrash, "b", {}, true},
+        {"put back, and here again", removed, "a", same, false},
+        {"put back, and here by its name", removed, "a", {}, false},
+        {"put back, and here under another name", removed, "b", same, true},
+        {"put back and emptied", removed, "a", another, true},
+        {"emptied", deleted, "a", another, true},
+        {"emptied, and a new one of its name", deleted, "a", {}, true},
+        {"emptied, and one of another name", deleted, "b", {}, true},
+        {"taken for emptied, and here again", deleted, "a", same, false},
+        {"recorded by a daemon that was killed then",
+         inTrash,
+         "a",
+         {Identity::another, "z"},
+         false},
+        {"remembered by it, and recorded never", inTrash, "b", {Identity::same, "b"}, true},
+    };
+    for (const Row& row : rows) {
+        usage = {};
+        put("a", 1);
+        if (row.state == removed) TrashEntry(record(1)).setRemoved(kEarlier);
+        if (row.state == deleted) TrashEntry(record(1)).setDeleted(kEarlier);
+        putAgain(row.name, row.before);
+        EXPECT_EQ(ConstTrashEntry(record(1)).itemName(), row.name) << row.what;
+        EXPECT_EQ(ConstTrashEntry(record(1)).state(), inTrash) << row.what;
+        const PropertyList* const kept = usage.find("System_1_2026-03-02T07:00:00Z");
+        ASSERT_EQ(kept != nullptr, row.isKept) << row.what;
+        EXPECT_EQ(usage.size(), row.isKept ? 2u : 1u) << row.what;
+        const bool keepsDate = row.state == inTrash && !row.isKept;
+        EXPECT_EQ(ConstTrashEntry(record(1)).addDate(), keepsDate ? kEarlier : kNow) << row.what;
+        if (!row.isKept) continue;
+        const ConstTrashEntry entry(*kept->dictionary());
+        EXPECT_EQ(entry.itemName(), "a") << row.what;
+        EXPECT_EQ(entry.addDate(), kEarlier) << row.what;
+        EXPECT_EQ(entry.state(), row.state == removed ? removed : deleted) << row.what;
+        EXPECT_EQ(entry.deletedDate(), row.state == inTrash   ? std::optional(kNow)
+                                       : row.state == deleted ? std::optional(kEarlier)
+                                                              : std::nullopt)
+            << row.what;
+    }
+}
+
+TEST_F(TrashRecords, StayBesideEachOtherWhenSeveralItemsHadOneNumberInOneSecond) {
+    for (const char* name : {"a", "b", "c", "d"}) {
+        storeTrashRecords(usage, std::vector{FoundItem{item(name, 1)}}, nowhere, kEarlier);
+    }
+    std::vector<std::string> names;
+    for (const Dictionary::Entry& entry : usage) {
+        names.push_back(ConstTrashEntry(*entry.value.dictionary()).itemName());
+    }
+    EXPECT_THAT(names, ElementsAre("d", "a", "b", "c"));
+}
+
+TEST_F(TrashRecords, OfAnotherVolumeOfTheSameNameStayAsTheyAre) {
+    put("a", 1);
+    FoundItem found{item("a", 1)};
+    found.item.volRefNum = 4;
+    storeTrashRecords(usage, std::vector{found}, nowhere, kNow);
+    EXPECT_EQ(ConstTrashEntry(record(1)).volRefNum(), 4);
+    const PropertyList* const kept = usage.find("System_1_2026-03-02T07:00:00Z");
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(ConstTrashEntry(*kept->dictionary()).state(), TrashState::inTrash);
+}
+
+// Subvolumes number their items alike.
+TEST_F(TrashRecords, OfAnItemThatStillIsInAnotherTrashMakeRoomForTheLater) {
+    for (const bool isStillThere : {true, false}) {
+        usage = {};
+        put("a", 1);
+        FoundItem found{item("a", 1), {Identity::another, "a"}};
+        found.item.dirPath = "/data/.Trash-1000/files";
+        const ResolvedNode node{isStillThere ? NodeState::found : NodeState::gone,
+                                std::string(kFolder) + "/a"};
+        const auto resolve = [&](std::span<const SeenItem> items) {
+            EXPECT_EQ(items.front().folder, kFolder);
+            return std::vector<ResolvedNode>(items.size(), node);
+        };
+        storeTrashRecords(usage, std::vector{found}, resolve, kNow);
+        EXPECT_EQ(usage.size(), isStillThere ? 1u : 2u);
+        EXPECT_EQ(ConstTrashEntry(record(1)).dirPath(), found.item.dirPath);
+    }
+}
+
+TEST_F(TrashRecords, OfOneItemWithTwoNamesAreOne) {
+    const std::vector<FoundItem> both{{item("a", 1)}, {item("b", 1)}};
+    for (int scan = 0; scan < 3; ++scan) storeTrashRecords(usage, both, nowhere, kEarlier);
+    EXPECT_EQ(usage.size(), 1u);
+}
+
+TEST_F(TrashRecords, AreRememberedByTheirNumbersUntilTheirItemsAreDeleted) {
+    for (std::uint64_t number = 1; number <= 3; ++number) put("a", number);
+    TrashEntry(record(2)).setRemoved(kEarlier);
+    TrashEntry(record(3)).setDeleted(kEarlier);
+    usage.set(std::string(kTrashTotalSize), 5.0);
+    EXPECT_THAT(numbersToRemember(usage), ElementsAre(ItemNumber{3, 1}, ItemNumber{3, 2}));
 }
 
 TEST_F(TrashRecords, CopyATotalThatIsOne) {
