@@ -20,6 +20,7 @@
 
 #include "base/NotificationCenter.h"
 #include "base/PropertyList.h"
+#include "core/ScanPace.h"
 #include "core/SystemVersion.h"
 #include "core/TrashSearch.h"
 #include "mail/QLSMTPController.h"
@@ -94,9 +95,15 @@ class KorvaneProDaemon final : public ControlTarget {
 
     // Trash history. A slot without a subscription is empty; the number of slots is a fixed limit.
     std::array<std::unique_ptr<DirectorySubscription>, 100> trashRetainerFNSubscriptionRefArray;
+    std::map<std::string, std::size_t> trashSlots;  // by folder, also of those without one
+    ScanPace scanPace;
+    std::unique_ptr<Timer> scanTimer;        // the next scan that had to wait
+    std::unique_ptr<Timer> trashWatchTimer;  // the next attempt to watch all folders
+    std::chrono::minutes trashWatchDelay{1};
     std::vector<SearchTask> searchTasks;             // recovery programs, until none is pending
     std::list<std::unique_ptr<Timer>> searchTimers;  // one for each poll that is to come
-    std::map<std::string, WaitingSearch> waitingSearches;       // by trash folder
+    std::chrono::seconds searchRetryDelay = kSearchPoll;   // while the program cannot be launched
+    std::map<std::string, WaitingSearch> waitingSearches;  // by trash folder
     std::map<std::uint64_t, SearchContent> uncollectedResults;  // by node: no room to keep them
     std::int64_t trashSaveDays = 0;                             // as of the last load
     // What the last question for a device's value found of its partition table.
@@ -305,8 +312,13 @@ class KorvaneProDaemon final : public ControlTarget {
 
     // ---- trash/ ---------------------------------------------------------------------------------
 
-    void watchTrashFolder(std::size_t slot, const std::string& folder, bool scanNow);
-    // A watched folder has changed: records what is in it and has the recovery program look at it.
+    [[nodiscard]] bool watchTrashFolder(std::size_t slot, const std::string& folder, bool scanNow);
+    // The machine has no more watches: all of this is tried again, after a pause that grows.
+    void watchTrashAgainLater();
+    // A watched folder has changed: it is scanned once its user may have another scan.
+    void trashDidChange(const std::string& folder);
+    void scanChangedTrashes();
+    // One scan: records what is in the folder and has the recovery program look at it.
     void MyFNSubscriptionProc(std::size_t slot, const std::string& folder);
     // Begins a usage file with what `edit` makes of an empty one where there is none; one that can
     // be read and not used is set aside.
@@ -327,8 +339,8 @@ class KorvaneProDaemon final : public ControlTarget {
     // (TrashSearches.cpp).
     void startSearch(const std::string& folder, WaitingSearch search);
     void startWaitingSearches();
-    // Nothing when the jobs cannot be written.
-    [[nodiscard]] std::optional<SearchTask> launchSearch(WaitingSearch search);
+    // Nothing when the jobs cannot be written, or the program cannot be launched.
+    [[nodiscard]] std::optional<SearchTask> launchSearch(const WaitingSearch& search);
     // Whether the result of this job has a place; one that somebody else has taken is logged once.
     [[nodiscard]] bool hasPlaceForResult(const SearchContent& job);
     // Whether the result of another item of this number, on another volume or in another folder,
@@ -336,7 +348,7 @@ class KorvaneProDaemon final : public ControlTarget {
     [[nodiscard]] bool isPlaceOfAnotherResult(const SearchContent& job) const;
     // The program's input for jobs of this volume: one that no running program still has to read.
     [[nodiscard]] std::string searchInputFor(const std::string& volumeName) const;
-    void armSearchTimer();
+    void armSearchTimer(std::chrono::seconds delay);
     // Collects the results of the programs that have ended; polls on while any is pending.
     void searchTaskCompleteCheck();
     void collectSearchTask(SearchTask& task);

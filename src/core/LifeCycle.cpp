@@ -54,6 +54,9 @@ void KorvaneProDaemon::awakeFromNib() {
     destConnection = machine_.controlConnection.registerName(*this);
 
     loadPreferences();
+    // Before any word can have the trash watched.
+    machine_.directoryWatch.setDidFindOut([this] { didFindOut(); });
+    takeUpSearches();
 
     armOstrandTimer(seconds(2));
 
@@ -69,9 +72,7 @@ void KorvaneProDaemon::doStartup() {
     loadPreferences();
     updateDrivePreferences(DriveProbe::smart);
     updateVolumePreferences();
-    machine_.directoryWatch.setDidFindOut([this] { didFindOut(); });
     setupTrashRetainer(false);
-    takeUpSearches();
     markNotYetExamined(driveArray, volumeArray);
     writePreferences();
 

@@ -20,6 +20,7 @@ struct SearchContent {
     std::string searchResultPath;  // what the program leaves
 };
 
+inline constexpr std::chrono::seconds kSearchPoll{2};
 // Far longer than any program that works: writing a large file back to a slow stick before its
 // place is known takes a quarter of an hour.
 inline constexpr std::chrono::hours kLongestSearch{1};

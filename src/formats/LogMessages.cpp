@@ -38,6 +38,9 @@ constexpr LogMessageForm kForms[] = {
     {Message::backupFileMissing, "backup-file-missing", warning,
      "Directory Backup file \"%@\" is not there. (Probably was insufficient space to create it.)"},
 
+    {Message::trashNotWatched, "trash-not-watched", warning,
+     "Not all trash folders can be watched now: the machine has no more watches for folders. It is "
+     "tried again."},
     {Message::searchNotLaunched, "search-not-launched", warning,
      "No search for what is in the trash of \"%@\": %@."},
     {Message::resultPlaceTaken, "result-place-taken", warning,

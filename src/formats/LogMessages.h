@@ -37,6 +37,7 @@ enum class LogMessage : std::size_t {
     locationPassedOver,
     backupFileMissing,
     // Trash history.
+    trashNotWatched,
     searchNotLaunched,
     resultPlaceTaken,
     searchGivenUp,

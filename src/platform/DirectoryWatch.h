@@ -74,11 +74,18 @@ class DirectoryWatch {
     // "VOLUME/.Trashes/NAME". Names that begin with a full stop are passed over.
     [[nodiscard]] virtual std::vector<std::string> trashFolders(const std::string& volumePath) = 0;
 
+    // The number of the user whose trash folder that is.
+    [[nodiscard]] virtual std::uint32_t userOf(const std::string& folder) = 0;
+
     // Told on the loop's thread when items came into the folder or left it: once for all that has
     // happened since the loop last turned. Null when it cannot be watched. A machine may watch for
     // a folder that does not exist yet.
     [[nodiscard]] virtual std::unique_ptr<DirectorySubscription> subscribe(
         const std::string& folder, std::function<void()> didChange) = 0;
+    // Whether a folder is not watched for want of something that the machine may have again later:
+    // subscribe() failed, or a subscriber was told for the last time. Holds until subscribe() next
+    // succeeds.
+    [[nodiscard]] virtual bool isShortOfWatches() = 0;
 
     // At most so many of the folder's items, the first that the system returns; nothing when it
     // cannot be read or is no folder. A link in the folder's place is not followed. A folder that

@@ -132,7 +132,7 @@ void KorvaneProDaemon::takeUpSearches() {
         collectLeftResult(node,
                           volumes != seenOn.end() ? volumes->second : std::set<std::int16_t>{});
     }
-    if (!searchTasks.empty()) armSearchTimer();
+    if (!searchTasks.empty()) armSearchTimer(kSearchPoll);
 }
 
 void KorvaneProDaemon::collectLeftResult(std::uint64_t nodeId,

@@ -18,7 +18,8 @@ namespace {
 
 // The recovery program's input is the daemon's own affair; its group may look.
 constexpr mode_t kSearchInputPermissions = 0640;
-constexpr seconds kSearchPoll{2};
+// Whatever keeps the program from being launched is not over sooner for being asked about often.
+constexpr seconds kLongestRetryDelay{3600};
 // Enough for what somebody throws away one by one while the first still reads: what is not looked
 // at soon may be emptied by then. A disk that hangs keeps no more of them.
 constexpr std::ptrdiff_t kMostSearchesOfAVolume = 4;
@@ -78,15 +79,23 @@ void KorvaneProDaemon::startSearch(const std::string& folder, WaitingSearch sear
             return isPlaceOfAnotherResult(job);
         })) {
         waitingSearches.insert_or_assign(folder, std::move(search));
-        if (searchTimers.empty()) armSearchTimer();  // nothing may be running
+        if (searchTimers.empty()) armSearchTimer(kSearchPoll);  // nothing may be running
         return;
     }
-    waitingSearches.erase(folder);
-    if (auto task = launchSearch(std::move(search))) searchTasks.push_back(std::move(*task));
-    armSearchTimer();
+    if (auto task = launchSearch(search)) {
+        waitingSearches.erase(folder);
+        searchTasks.push_back(std::move(*task));
+        searchRetryDelay = kSearchPoll;
+        armSearchTimer(kSearchPoll);
+        return;
+    }
+    waitingSearches.insert_or_assign(folder, std::move(search));
+    if (!searchTimers.empty()) return;
+    armSearchTimer(searchRetryDelay);
+    searchRetryDelay = std::min<seconds>(2 * searchRetryDelay, kLongestRetryDelay);
 }
 
-std::optional<SearchTask> KorvaneProDaemon::launchSearch(WaitingSearch search) {
+std::optional<SearchTask> KorvaneProDaemon::launchSearch(const WaitingSearch& search) {
     FileSystem& files = machine_.fileSystem;
     std::string input;
     for (const SearchContent& job : search.contentArray) {
@@ -109,10 +118,15 @@ std::optional<SearchTask> KorvaneProDaemon::launchSearch(WaitingSearch search) {
     }
     logOnce.ended(inFilePath);
     auto launched = machine_.processes.launch(search.program, {kInFileArgument, inFilePath});
-    if (!launched) return std::nullopt;
+    if (!launched) {
+        logOnce.write(search.program, LogMessage::searchNotLaunched,
+                      {search.volumeName, search.program + ": cannot be launched"});
+        return std::nullopt;
+    }
+    logOnce.ended(search.program);
     return SearchTask{.searchTask = std::move(launched),
                       .inFilePath = inFilePath,
-                      .contentArray = std::move(search.contentArray),
+                      .contentArray = search.contentArray,
                       .seenAt = machine_.clock.microsecondsSinceBoot()};
 }
 
@@ -142,15 +156,17 @@ bool KorvaneProDaemon::isPlaceOfAnotherResult(const SearchContent& job) const {
 }
 
 void KorvaneProDaemon::startWaitingSearches() {
+    // The suite may have been removed meanwhile: a search would make its folders again.
+    if (!machine_.fileSystem.exists(kSupportFolder)) waitingSearches.clear();
     for (auto& [folder, search] : std::exchange(waitingSearches, {})) {
         startSearch(folder, std::move(search));
     }
 }
 
-void KorvaneProDaemon::armSearchTimer() {
+void KorvaneProDaemon::armSearchTimer(seconds delay) {
     // Every scan has its own.
     const auto timer = searchTimers.emplace(searchTimers.end());
-    *timer = machine_.runLoop.startTimer(kSearchPoll, Repeat::once, [this, timer] {
+    *timer = machine_.runLoop.startTimer(delay, Repeat::once, [this, timer] {
         const std::unique_ptr<Timer> fired = std::move(*timer);
         searchTimers.erase(timer);
         searchTaskCompleteCheck();
@@ -181,7 +197,7 @@ void KorvaneProDaemon::searchTaskCompleteCheck() {
     } else if (anyAwaited && searchTimers.empty()) {
         // Another poll that is to come goes on for this one: a program that hangs keeps one going,
         // however many scans there were meanwhile.
-        armSearchTimer();
+        armSearchTimer(kSearchPoll);
     }
     startWaitingSearches();
 }

@@ -16,6 +16,12 @@ namespace korvane {
 namespace {
 
 constexpr std::size_t kMostItemsOfAScan = 100;
+// The cause in the log of folders that are not watched.
+constexpr char kWatching[] = "watching trash folders";
+// Other programs take and give back watches; where it is the limit that is too low, only a person
+// helps.
+constexpr std::chrono::minutes kFirstWatchDelay{1};
+constexpr std::chrono::minutes kLastWatchDelay{60};
 
 // The volume that a folder lies on, as far as it is known.
 struct TrashVolume {
@@ -35,7 +41,12 @@ std::optional<TrashVolume> trashVolumeOf(Volumes& volumes, const std::string& fo
 
 void KorvaneProDaemon::setupTrashRetainer(bool scanNow) {
     for (auto& slot : trashRetainerFNSubscriptionRefArray) slot.reset();
-    if (!booleanValue(preference(kTrashHistoryOnOff))) return;
+    trashSlots.clear();
+    trashWatchTimer.reset();
+    if (!booleanValue(preference(kTrashHistoryOnOff))) {
+        waitingSearches.clear();
+        return;
+    }
 
     std::vector<std::string> folders;
     for (const PropertyList& element : volumeArray) {
@@ -49,20 +60,62 @@ void KorvaneProDaemon::setupTrashRetainer(bool scanNow) {
                               std::back_inserter(folders));
         }
     }
-    // The slots are few: those that are there come before those that are waited for.
-    std::stable_partition(folders.begin(), folders.end(), [this](const std::string& folder) {
-        return machine_.directoryWatch.catalog(folder, 0).has_value();
-    });
-    // A folder that cannot be watched takes its slot all the same.
-    const std::size_t count = std::min(folders.size(), trashRetainerFNSubscriptionRefArray.size());
-    for (std::size_t slot = 0; slot < count; ++slot) watchTrashFolder(slot, folders[slot], scanNow);
+    bool isShortOfWatches = false;
+    for (const std::string& folder : folders) {
+        // A folder that cannot be watched takes its slot all the same.
+        if (trashSlots.size() == trashRetainerFNSubscriptionRefArray.size()) break;
+        const std::size_t slot = trashSlots.size();
+        if (!trashSlots.emplace(folder, slot).second) continue;
+        if (!watchTrashFolder(slot, folder, scanNow)) {
+            isShortOfWatches = isShortOfWatches || machine_.directoryWatch.isShortOfWatches();
+        }
+    }
+    if (isShortOfWatches) {
+        watchTrashAgainLater();
+    } else {
+        trashWatchDelay = kFirstWatchDelay;
+        logOnce.ended(kWatching);
+    }
 }
 
-void KorvaneProDaemon::watchTrashFolder(std::size_t slot, const std::string& folder, bool scanNow) {
+bool KorvaneProDaemon::watchTrashFolder(std::size_t slot, const std::string& folder, bool scanNow) {
     auto& reference = trashRetainerFNSubscriptionRefArray[slot];
-    reference = machine_.directoryWatch.subscribe(
-        folder, [this, slot, folder] { MyFNSubscriptionProc(slot, folder); });
-    if (reference && scanNow) MyFNSubscriptionProc(slot, folder);
+    reference =
+        machine_.directoryWatch.subscribe(folder, [this, folder] { trashDidChange(folder); });
+    if (reference && scanNow) trashDidChange(folder);
+    return reference != nullptr;
+}
+
+void KorvaneProDaemon::watchTrashAgainLater() {
+    logOnce.write(kWatching, LogMessage::trashNotWatched);
+    // What has changed until then is seen then.
+    trashWatchTimer = machine_.runLoop.startTimer(trashWatchDelay, Repeat::once,
+                                                  [this] { setupTrashRetainer(true); });
+    trashWatchDelay = std::min<std::chrono::minutes>(2 * trashWatchDelay, kLastWatchDelay);
+}
+
+void KorvaneProDaemon::trashDidChange(const std::string& folder) {
+    scanPace.didChange(folder, machine_.directoryWatch.userOf(folder));
+    scanChangedTrashes();
+    if (!trashWatchTimer && machine_.directoryWatch.isShortOfWatches()) watchTrashAgainLater();
+}
+
+void KorvaneProDaemon::scanChangedTrashes() {
+    const auto sinceBoot = [this] {
+        return ScanPace::Moment(machine_.clock.microsecondsSinceBoot());
+    };
+    while (const auto due = scanPace.takeNext(sinceBoot())) {
+        const auto slot = trashSlots.find(due->folder);
+        if (slot == trashSlots.end()) continue;  // it is watched no longer
+        const ScanPace::Moment began = sinceBoot();
+        MyFNSubscriptionProc(slot->second, due->folder);
+        scanPace.didScan(due->user, began, sinceBoot());
+    }
+    scanTimer.reset();
+    if (const auto next = scanPace.nextMoment()) {
+        scanTimer = machine_.runLoop.startTimer(std::max(*next - sinceBoot(), ScanPace::Moment(0)),
+                                                Repeat::once, [this] { scanChangedTrashes(); });
+    }
 }
 
 void KorvaneProDaemon::MyFNSubscriptionProc(std::size_t slot, const std::string& folder) {

@@ -1,7 +1,5 @@
 #include "conformance/DirectoryWatchConformance.h"
 
-#include <sys/stat.h>
-
 #include <filesystem>
 #include <fstream>
 
@@ -33,6 +31,7 @@ struct SimulatedWatchSubject final : DirectoryWatchSubject {
     DirectoryWatch& watch() override { return machine.directoryWatch; }
     std::int16_t volume() override { return number; }
     std::int16_t missingVolume() override { return static_cast<std::int16_t>(number + 1); }
+    std::uint32_t user() override { return 501; }
     std::string trash() override { return "/Volumes/Data/.Trashes/501"; }
     std::string elsewhere() override { return "/Volumes/Data/elsewhere"; }
     void make(const std::string& path) override {
@@ -47,10 +46,11 @@ struct SimulatedWatchSubject final : DirectoryWatchSubject {
         machine.fileSystem.removeItem(path);
         changed(path);
     }
-    bool makeNumbered(const std::string& path, std::uint64_t nodeId) override {
+    void replace(const std::string& path) override {
+        const std::uint64_t nodeId = machine.fileSystem.nodeId(path);
+        remove(path);
         make(path);
         machine.fileSystem.setNodeId(path, nodeId);
-        return true;
     }
     void changed(const std::string& path) {
         machine.directoryWatch.changed(path.substr(0, path.rfind('/')));
@@ -77,20 +77,15 @@ struct LinuxWatchSubject final : DirectoryWatchSubject {
     DirectoryWatch& watch() override { return directoryWatch; }
     std::int16_t volume() override { return number; }
     std::int16_t missingVolume() override { return static_cast<std::int16_t>(number + 1); }
-    std::string trash() override { return std::string(place.path()) + "/.Trash-0/files"; }
+    std::uint32_t user() override { return 1001; }
+    std::string trash() override { return std::string(place.path()) + "/.Trash-1001/files"; }
     std::string elsewhere() override { return std::string(place.path()) + "/elsewhere"; }
     void make(const std::string& path) override { std::ofstream(path) << "x"; }
     void move(const std::string& from, const std::string& to) override { fs::rename(from, to); }
     void remove(const std::string& path) override { fs::remove(path); }
-    bool makeNumbered(const std::string& path, std::uint64_t nodeId) override {
-        // Something else on the machine may get it first, and free it again.
-        for (int attempt = 0; attempt < 2000; ++attempt) {
-            make(path);
-            struct stat status {};
-            if (::stat(path.c_str(), &status) == 0 && status.st_ino == nodeId) return true;
-            fs::remove(path);
-        }
-        return false;
+    void replace(const std::string& path) override {
+        remove(path);
+        make(path);
     }
     void runUntil(const std::function<bool()>& isDone) override {
         // Nothing more is to be expected of it after so long, on a busy machine too.

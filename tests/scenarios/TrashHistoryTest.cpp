@@ -4,7 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -65,10 +67,87 @@ TEST_F(TrashHistory, AFolderThatCannotBeWatchedTakesItsSlot) {
     EXPECT_THAT(watched(), SizeIs(99));
 }
 
-TEST_F(TrashHistory, FoldersThatAreThereComeBeforeThoseThatAreWaitedFor) {
-    for (int user = 0; user < 120; ++user) s.put("/Users/u" + std::to_string(user) + "/x", "");
+TEST_F(TrashHistory, SlotsGoByTheOrderOfTheVolumesAndTheirFolders) {
+    for (int user = 0; user < 120; ++user) s.put("/Users/b" + std::to_string(user) + "/x", "");
     s.run(seconds(1));
+    // Those that are not there have their slots, and none is left for the other volume.
+    EXPECT_THAT(watched(), ElementsAre(kTrash));
+}
+
+TEST_F(TrashHistory, IsWatchedAgainWhenTheMachineHasWatchesAgain) {
+    s.machine().directoryWatch.setMostWatches(1);
+    s.run(seconds(1));
+    ASSERT_THAT(watched(), ElementsAre(kTrash));
+    trash(std::string(kDataTrash) + "/meanwhile");
+    s.run(hours(3));
+    EXPECT_TRUE(record("meanwhile").empty());
+    const auto isAboutWatches = testing::HasSubstr("no more watches");
+    EXPECT_EQ(
+        std::ranges::count_if(
+            s.log(), [&](const auto& line) { return testing::Matches(isAboutWatches)(line); }),
+        1);
+    s.machine().directoryWatch.setMostWatches(std::nullopt);
+    s.run(hours(1) + seconds(1));
     EXPECT_THAT(watched(), ElementsAre(kTrash, kDataTrash));
+    EXPECT_FALSE(record("meanwhile").empty());
+    // It is well again: the next time is another one.
+    s.machine().directoryWatch.setMostWatches(0);
+    s.unmount("/Volumes/Data").run(minutes(1));
+    EXPECT_EQ(
+        std::ranges::count_if(
+            s.log(), [&](const auto& line) { return testing::Matches(isAboutWatches)(line); }),
+        2);
+}
+
+TEST_F(TrashHistory, IsNotSwampedByAUserWhoKeepsATrashChanging) {
+    s.run(seconds(1));
+    const auto change = [this](seconds duration) {
+        for (int turn = 0; turn < 10 * duration.count(); ++turn) {
+            s.machine().directoryWatch.changed(kTrash);
+            s.run(std::chrono::milliseconds(100));
+        }
+    };
+    s.put(std::string(kTrash) + "/a", "");
+    s.machine().directoryWatch.setCatalogDuration(std::chrono::milliseconds(100));
+    change(seconds(60));
+    const std::uint64_t before = files().writeCount(kUsage);
+    EXPECT_LE(before, 10u + 60 / 5 + 1);
+    change(seconds(60));
+    EXPECT_LE(files().writeCount(kUsage) - before, 60u / 5 + 1);
+    EXPECT_GE(files().writeCount(kUsage) - before, 60u / 5 - 1);
+    // Somebody else is served meanwhile.
+    trash(std::string(kDataTrash) + "/letter");
+    change(seconds(1));
+    EXPECT_FALSE(record("letter").empty());
+    // And what came last is not lost: it had to wait.
+    trash(std::string(kTrash) + "/last");
+    s.run(seconds(10));
+    EXPECT_FALSE(record("last").empty());
+}
+
+// A word may have the trash watched before the start is over.
+TEST(TrashHistoryInTheStartWait, MarksWhatASearchHasFoundOut) {
+    MachineDescription machine = Scenario::describe("two-volumes");
+    machine.uptime = seconds(10);
+    struct Bed : TrashBed {
+        explicit Bed(const MachineDescription& description) : TrashBed(description) {}
+        void TestBody() override {
+            // What a daemon before this one has left.
+            s.put(std::string(kTrash) + "/left", "");
+            s.run(seconds(1)).send("daemonPreferencesUpdatedNotification").run(seconds(1));
+            trash(std::string(kTrash) + "/a");
+            s.run(seconds(1));
+            s.machine().directoryWatch.setUndecided(true);
+            empty(std::string(kTrash) + "/a");
+            s.run(seconds(1));
+            ASSERT_FALSE(record("a").empty());
+            ASSERT_FALSE(record("a").contains("Deleted"));
+            s.machine().directoryWatch.findOut();
+            s.run(seconds(1));
+            EXPECT_TRUE(record("a").contains("Deleted"));
+        }
+    };
+    Bed(machine).TestBody();
 }
 
 TEST_F(TrashHistory, RecordsAnItemAndStampsIt) {
@@ -266,13 +345,28 @@ TEST_F(TrashHistory, ScansOnlyWhereTheProgramIs) {
     EXPECT_FALSE(files().exists(kUsage));
 }
 
-TEST_F(TrashHistory, RecordsWithoutASearchWhenTheProgramCannotBeLaunched) {
+TEST_F(TrashHistory, RecordsWithoutASearchUntilTheProgramCanBeLaunched) {
     s.machine().processes.removeProgram(kProgram);
     s.run(seconds(1));
-    trash(std::string(kDataTrash) + "/a");
-    s.run(seconds(5));
-    EXPECT_THAT(usage(), SizeIs(1));
-    EXPECT_TRUE(files().exists("/tmp/.KVDataRec_Data.dat"));
+    const auto lines = [this] {
+        return std::ranges::count_if(s.log(), [](const std::string& line) {
+            return line.find("cannot be launched") != std::string::npos;
+        });
+    };
+    for (int times = 1; times <= 2; ++times) {
+        const std::string name = "item " + std::to_string(times);
+        trash(std::string(kDataTrash) + '/' + name);
+        s.run(minutes(10));
+        EXPECT_FALSE(record(name).empty());
+        EXPECT_TRUE(files().exists("/tmp/.KVDataRec_Data.dat"));
+        EXPECT_EQ(lines(), times);
+        EXPECT_LE(s.pendingDelays().size(), 5u);  // and no more with each attempt
+        setProgram("result");
+        s.run(minutes(20));
+        EXPECT_EQ(jobs.back().nodeId, files().nodeId(std::string(kDataTrash) + '/' + name));
+        EXPECT_FALSE(files().exists("/tmp/.KVDataRec_Data.dat"));
+        s.machine().processes.removeProgram(kProgram);
+    }
 }
 
 TEST_F(TrashHistory, NeverWritesItsJobsThroughALink) {

@@ -88,6 +88,38 @@ TEST_F(TrashSearches, PollNoProgramThatDoesNotEvenEndWhenTold) {
     EXPECT_EQ(lines("has not ended for an hour"), 4);
 }
 
+TEST_F(TrashSearches, ThatWaitMakeNoFolderAgainWhoseSuiteWasRemoved) {
+    hang(true);
+    s.run(seconds(1));
+    for (const char* name : {"a", "b", "c", "d", "e"}) {
+        trash(kDataTrash + ("/" + std::string(name)));
+        s.run(seconds(1));
+    }
+    ASSERT_EQ(launches(), 4u);
+    s.removeSupportFolder();
+    for (std::size_t launch = 0; launch < 4; ++launch) s.machine().processes.kill(launch);
+    s.run(seconds(10));
+    EXPECT_EQ(launches(), 4u);
+    EXPECT_FALSE(files().exists(std::string(kSupportFolder)));
+    s.run(hours(2));
+    EXPECT_TRUE(s.hasEnded());
+    EXPECT_FALSE(files().exists(std::string(kSupportFolder)));
+}
+
+TEST_F(TrashSearches, ThatWaitAreNotBegunOnceTheHistoryIsOff) {
+    hang(true);
+    s.run(seconds(1));
+    for (const char* name : {"a", "b", "c", "d", "e"}) {
+        trash(kDataTrash + ("/" + std::string(name)));
+        s.run(seconds(1));
+    }
+    s.editPreferences([](Dictionary& settings) { settings.set("trashHistoryOnOff", false); });
+    s.send("daemonPreferencesUpdatedNotification").run(seconds(1));
+    for (std::size_t launch = 0; launch < 4; ++launch) s.machine().processes.kill(launch);
+    s.run(minutes(1));
+    EXPECT_EQ(launches(), 4u);
+}
+
 TEST_F(TrashSearches, LetAProgramGoOnThatTheMachineSleptOver) {
     hang(true);
     s.run(seconds(1));

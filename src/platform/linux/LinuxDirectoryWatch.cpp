@@ -82,6 +82,11 @@ bool leadsTo(const UniqueFd& folder, const std::string& path) {
            opened.st_dev == found.st_dev && opened.st_ino == found.st_ino;
 }
 
+// Of what there is too little of, there may be more later.
+bool isShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOSPC;
+}
+
 std::string throughDescriptor(const UniqueFd& file) {
     return "/proc/self/fd/" + std::to_string(file.get());
 }
@@ -187,6 +192,21 @@ std::vector<std::string> LinuxDirectoryWatch::trashFolders(const std::string& vo
     return folders;
 }
 
+std::uint32_t LinuxDirectoryWatch::userOf(const std::string& folder) {
+    const std::string path = bytesOfText(folder);
+    const std::string_view home = std::string_view(path).substr(
+        0, path.size() - std::min(path.size(), std::string_view(kHomeTrash).size()));
+    struct stat status {};
+    if (path.ends_with(kHomeTrash)) {
+        return ::lstat(std::string(home).c_str(), &status) == 0 ? status.st_uid : 0;
+    }
+    // "VOLUME/.Trash-UID/files" and "VOLUME/.Trash/UID/files".
+    const std::size_t end = path.rfind('/');
+    const std::size_t begin = path.find_last_of("/-", end == 0 ? 0 : end - 1);
+    if (end == std::string::npos || begin == std::string::npos) return 0;
+    return userNumber(std::string_view(path).substr(begin + 1, end - begin - 1)).value_or(0);
+}
+
 // ---- That one has changed
 // ---------------------------------------------------------------------------
 
@@ -234,8 +254,10 @@ void LinuxDirectoryWatch::Queue::read(Take&& take) const {
 std::unique_ptr<DirectorySubscription> LinuxDirectoryWatch::subscribe(
     const std::string& folder, std::function<void()> didChange) {
     if (!items_.open(loop_, onItemEvents, this) || !above_.open(loop_, onMoves, this)) {
+        isShortOfWatches_ = true;
         return nullptr;
     }
+    isShortOfWatches_ = false;
     auto subscription = std::make_unique<Subscription>(*this, nextSubscription_++,
                                                        bytesOfText(folder), std::move(didChange));
     if (!watch(*subscription)) return nullptr;
@@ -262,12 +284,16 @@ bool LinuxDirectoryWatch::watchNearest(Subscription& subscription) {
         const std::string name(rest.substr(0, rest.find('/')));
         rest.remove_prefix(name.size());
         if (name.empty()) {
-            subscription.descriptor = items_.add(folder, kItemsChanged | kFolderWent);
+            subscription.descriptor = addWatch(folder, kItemsChanged | kFolderWent);
             return !leadsTo(folder, subscription.folder);
         }
         UniqueFd next{::openat(folder.get(), name.c_str(), kPlace)};
+        if (!next && isShortage(errno)) {
+            isShortOfWatches_ = true;
+            return false;
+        }
         if (!next) {
-            subscription.descriptor = items_.add(folder, IN_CREATE | IN_MOVED_TO | kFolderWent);
+            subscription.descriptor = addWatch(folder, IN_CREATE | IN_MOVED_TO | kFolderWent);
             subscription.awaited = name;
             const std::string above = subscription.folder.substr(
                 0, subscription.folder.size() - rest.size() - name.size());
@@ -282,6 +308,12 @@ bool LinuxDirectoryWatch::watchNearest(Subscription& subscription) {
         folder = std::move(next);
     }
     return false;
+}
+
+int LinuxDirectoryWatch::addWatch(const UniqueFd& folder, std::uint32_t events) {
+    const int descriptor = items_.add(folder, events);
+    if (descriptor < 0 && isShortage(errno)) isShortOfWatches_ = true;
+    return descriptor;
 }
 
 // Several subscriptions may share one watch: the kernel has one for each folder.
@@ -383,9 +415,12 @@ void LinuxDirectoryWatch::tellOfChanges() {
         if (!std::exchange(subscription->isTouched, false)) continue;
         const bool wasThere = subscription->isThere();
         if (std::exchange(subscription->isStale, false)) {
-            (void)watch(*subscription);  // one that cannot be watched any more tells nothing
+            // One that cannot be watched any more is told of for the last time.
+            if (!watch(*subscription)) told.push_back(number);
         }
-        if (wasThere || subscription->isThere()) told.push_back(number);
+        if (subscription->descriptor >= 0 && (wasThere || subscription->isThere())) {
+            told.push_back(number);
+        }
     }
     for (const std::uint64_t number : told) {
         const auto known = subscriptions_.find(number);

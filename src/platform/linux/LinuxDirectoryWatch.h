@@ -49,10 +49,14 @@ class LinuxDirectoryWatch final : public DirectoryWatch {
     // and that user's, and for the users who have a home. Homes on network file systems are left
     // out.
     [[nodiscard]] std::vector<std::string> trashFolders(const std::string& volumePath) override;
+    // By its name on a volume; of a home, the home's owner.
+    [[nodiscard]] std::uint32_t userOf(const std::string& folder) override;
     // Waits for a folder that is not there, and for one that went to come back. A subscription in
     // the place of one that ended since the loop last turned misses nothing.
     [[nodiscard]] std::unique_ptr<DirectorySubscription> subscribe(
         const std::string& folder, std::function<void()> didChange) override;
+    // Of inotify instances and watches each user of the machine has a limited number.
+    [[nodiscard]] bool isShortOfWatches() override { return isShortOfWatches_; }
     [[nodiscard]] std::optional<std::vector<CatalogItem>> catalog(const std::string& folder,
                                                                   std::size_t mostItems) override;
     // In the extended attribute "user.korvane.backup-date", seconds since 1970 as text.
@@ -97,6 +101,7 @@ class LinuxDirectoryWatch final : public DirectoryWatch {
     void tellOfChanges();
     [[nodiscard]] bool watch(Subscription& subscription);
     [[nodiscard]] bool watchNearest(Subscription& subscription);
+    [[nodiscard]] int addWatch(const UniqueFd& folder, std::uint32_t events);
     void unwatch(Subscription& subscription);
     void removeUnusedWatches();
 
@@ -112,6 +117,7 @@ class LinuxDirectoryWatch final : public DirectoryWatch {
     // In the order of subscribing; a number is never used again.
     std::map<std::uint64_t, Subscription*> subscriptions_;
     std::uint64_t nextSubscription_ = 0;
+    bool isShortOfWatches_ = false;
 
     FillingFolders filling_;
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <utility>
 
 namespace korvane {
@@ -27,10 +28,11 @@ class SimulatedDirectoryWatch::Subscription final : public DirectorySubscription
     std::function<void()> didChange_;
 };
 
-SimulatedDirectoryWatch::SimulatedDirectoryWatch(SimulatedRunLoop& runLoop,
+SimulatedDirectoryWatch::SimulatedDirectoryWatch(SimulatedClock& clock, SimulatedRunLoop& runLoop,
                                                  SimulatedFileSystem& fileSystem,
                                                  SimulatedVolumes& volumes)
-    : runLoop_(runLoop),
+    : clock_(clock),
+      runLoop_(runLoop),
       fileSystem_(fileSystem),
       volumes_(volumes),
       subscriptions_(std::make_shared<std::multimap<std::string, Subscription*>>()) {}
@@ -57,9 +59,23 @@ std::vector<std::string> SimulatedDirectoryWatch::trashFolders(const std::string
     return folders;
 }
 
+// "VOLUME/.Trashes/NUMBER", or the owner of the home.
+std::uint32_t SimulatedDirectoryWatch::userOf(const std::string& folder) {
+    const std::size_t slash = folder.rfind('/');
+    if (folder.substr(0, slash).ends_with("/.Trashes")) {
+        return static_cast<std::uint32_t>(std::strtoul(folder.c_str() + slash + 1, nullptr, 10));
+    }
+    const auto home = fileSystem_.attributes(folder.substr(0, slash));
+    return home ? home->ownerId : 0;
+}
+
 std::unique_ptr<DirectorySubscription> SimulatedDirectoryWatch::subscribe(
     const std::string& folder, std::function<void()> didChange) {
     if (refused_.contains(folder) || !fileSystem_.isFolder(folder)) {
+        return nullptr;
+    }
+    isShortOfWatches_ = mostWatches_ && subscriptions_->size() >= *mostWatches_;
+    if (isShortOfWatches_) {
         return nullptr;
     }
     return std::make_unique<Subscription>(subscriptions_, folder, std::move(didChange));
@@ -67,6 +83,7 @@ std::unique_ptr<DirectorySubscription> SimulatedDirectoryWatch::subscribe(
 
 std::optional<std::vector<CatalogItem>> SimulatedDirectoryWatch::catalog(const std::string& folder,
                                                                          std::size_t mostItems) {
+    clock_.advance(catalogDuration_);
     const auto names = fileSystem_.list(folder);
     if (!names) {
         return std::nullopt;

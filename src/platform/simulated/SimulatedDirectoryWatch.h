@@ -2,11 +2,15 @@
 // told when the test says that one has happened.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
 #include "platform/DirectoryWatch.h"
+#include "platform/simulated/SimulatedClock.h"
 #include "platform/simulated/SimulatedFileSystem.h"
 #include "platform/simulated/SimulatedRunLoop.h"
 #include "platform/simulated/SimulatedVolumes.h"
@@ -15,13 +19,15 @@ namespace korvane {
 
 class SimulatedDirectoryWatch final : public DirectoryWatch {
   public:
-    SimulatedDirectoryWatch(SimulatedRunLoop& runLoop, SimulatedFileSystem& fileSystem,
-                            SimulatedVolumes& volumes);
+    SimulatedDirectoryWatch(SimulatedClock& clock, SimulatedRunLoop& runLoop,
+                            SimulatedFileSystem& fileSystem, SimulatedVolumes& volumes);
     ~SimulatedDirectoryWatch() override;
 
     [[nodiscard]] std::vector<std::string> trashFolders(const std::string& volumePath) override;
+    [[nodiscard]] std::uint32_t userOf(const std::string& folder) override;
     [[nodiscard]] std::unique_ptr<DirectorySubscription> subscribe(
         const std::string& folder, std::function<void()> didChange) override;
+    [[nodiscard]] bool isShortOfWatches() override { return isShortOfWatches_; }
     [[nodiscard]] std::optional<std::vector<CatalogItem>> catalog(const std::string& folder,
                                                                   std::size_t mostItems) override;
     std::size_t setBackupDates(const std::string& folder, std::span<const CatalogItem> items,
@@ -40,6 +46,10 @@ class SimulatedDirectoryWatch final : public DirectoryWatch {
     [[nodiscard]] std::vector<std::string> subscribed() const;
     // Subscribing to this folder fails from now on.
     void refuse(const std::string& folder) { refused_.insert(folder); }
+    // There are no more watches than this, or as many as anybody wants.
+    void setMostWatches(std::optional<std::size_t> count) { mostWatches_ = count; }
+    // Each catalogue takes so long, and nothing else happens meanwhile.
+    void setCatalogDuration(std::chrono::microseconds duration) { catalogDuration_ = duration; }
     // Items are neither found nor known to be gone while this holds.
     void setUndecided(bool isUndecided) { isUndecided_ = isUndecided; }
     // A search ends that has found out about all of them: that is told at the next pass of the
@@ -49,6 +59,7 @@ class SimulatedDirectoryWatch final : public DirectoryWatch {
   private:
     class Subscription;
 
+    SimulatedClock& clock_;
     SimulatedRunLoop& runLoop_;
     SimulatedFileSystem& fileSystem_;
     SimulatedVolumes& volumes_;
@@ -58,6 +69,9 @@ class SimulatedDirectoryWatch final : public DirectoryWatch {
     };
 
     std::set<std::string> refused_;
+    std::optional<std::size_t> mostWatches_;
+    bool isShortOfWatches_ = false;
+    std::chrono::microseconds catalogDuration_{0};
     std::map<ItemNumber, Remembered> remembered_;
     bool isUndecided_ = false;
     std::function<void()> didFindOut_;

@@ -21,7 +21,7 @@ SimulatedMachine::SimulatedMachine(const MachineDescription& description, std::u
       host(description.version),
       alertDialogs(runLoop, clock, journal),
       mailServer(runLoop, clock, journal),
-      directoryWatch(runLoop, fileSystem, volumes) {
+      directoryWatch(clock, runLoop, fileSystem, volumes) {
     for (const ServiceDescription& service : description.services) {
         deviceRegistry.add(service);
     }

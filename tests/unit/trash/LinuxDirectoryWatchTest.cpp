@@ -1,13 +1,16 @@
 // Trash folders on a real file system: where they are, changes, catalogues and stamps.
 
 #include <dlfcn.h>
+#include <sched.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <system_error>
@@ -421,6 +424,46 @@ TEST_F(LinuxDirectoryWatchTest, TouchesNoHomeOnANetwork) {
         LinuxTrashPlaces{.homes = folder_ / "home", .rootHome = folder_ / "home/far/root"});
     EXPECT_THAT(watch.trashFolders("/"),
                 testing::ElementsAre(folder_ / "home/ada/.local/share/Trash/files"));
+}
+
+TEST_F(LinuxDirectoryWatchTest, KnowsWhoseTrashAFolderIs) {
+    const std::string home = folder_ / "home/ada";
+    fs::create_directories(home);
+    struct stat status {};
+    ASSERT_EQ(::stat(home.c_str(), &status), 0);
+    EXPECT_EQ(watch_.userOf(home + "/.local/share/Trash/files"), status.st_uid);
+    EXPECT_EQ(watch_.userOf("/Volumes/Data/.Trash-1000/files"), 1000u);
+    EXPECT_EQ(watch_.userOf("/Volumes/My-Data/.Trash/1002/files"), 1002u);
+    for (const char* none : {"", "/", "files", "/files", "//", "/Volumes/x/.Trash-/files"}) {
+        EXPECT_EQ(watch_.userOf(none), 0u) << none;
+    }
+}
+
+// In a user namespace of its own, where limits are its own, too.
+TEST_F(LinuxDirectoryWatchTest, WatchesAgainWhenTheMachineHasWatchesAgain) {
+    const auto setLimit = [](const char* name, const char* limit) {
+        const std::string path = std::string("/proc/sys/user/") + name;
+        std::ofstream file(path);
+        file << limit << std::flush;
+        return file.good();
+    };
+    for (const char* name : {"max_inotify_instances", "max_inotify_watches"}) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            if (::unshare(CLONE_NEWUSER) != 0 || !setLimit(name, "0")) ::_exit(2);
+            LinuxRunLoop loop(log_);  // one that was made before the fork serves nobody here
+            LinuxDirectoryWatch watch(loop, machine_.volumes, LinuxTrashPlaces{});
+            if (watch.subscribe(trash_, [] {}) || !watch.isShortOfWatches()) ::_exit(1);
+            if (!setLimit(name, "100")) ::_exit(2);
+            const auto subscription = watch.subscribe(trash_, [] {});
+            ::_exit(subscription && !watch.isShortOfWatches() ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status));
+        if (WEXITSTATUS(status) == 2) GTEST_SKIP() << "no user namespaces here";
+        EXPECT_EQ(WEXITSTATUS(status), 0) << name;
+    }
 }
 
 }  // namespace
