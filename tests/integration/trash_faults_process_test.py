@@ -9,6 +9,7 @@ import glob
 import os
 import random
 import subprocess
+import threading
 import time
 import unittest
 
@@ -163,6 +164,42 @@ class TrashFaults(TrashBed):
                  (usage() is not None and "letter" not in records()))
         self.throw_away("one more")
         wait_for(lambda: "one more" in records() and "letter" not in records())
+
+    def test_is_not_swamped_by_a_user_who_keeps_a_trash_changing(self):
+        bus = self.start_bus()
+        os.chown("/home/ada", ADA, ADA)
+        daemon = self.watch(bus_address=bus.address)
+        self.wait_for_record("first")
+        written = lambda: int(next(line.split()[1] for line in open(
+            f"/proc/{daemon.process.pid}/io", encoding="ascii") if line.startswith("wchar")))
+        isOver = threading.Event()
+
+        def cycle():
+            while not isOver.is_set():
+                for number in range(100):
+                    put(f"{self.trash}/files/{number}")
+                for number in range(100):
+                    os.unlink(f"{self.trash}/files/{number}")
+        crowd = threading.Thread(target=cycle)
+        crowd.start()
+        try:
+            before, began = written(), time.monotonic()
+            longest = 0
+            while time.monotonic() - began < 12:
+                sent = time.monotonic()
+                answer = bus.send("isSMARTExecuteComplete")
+                longest = max(longest, time.monotonic() - sent)
+                self.assertEqual(answer.returncode, 0, answer.stderr)
+            cost = (written() - before) / (time.monotonic() - began)
+            # What somebody else throws away meanwhile is recorded soon.
+            put("/root/.local/share/Trash/files/root's")
+            wait_for(lambda: "root's" in (records() or ()), 20)
+        finally:
+            isOver.set()
+            crowd.join()
+        # The client's start is among it, and the machine may be busy.
+        self.assertLess(longest, 2)
+        self.assertLess(cost, 5 << 20)
 
     def test_drops_old_files_of_results_and_no_folders(self):
         self.watch()
