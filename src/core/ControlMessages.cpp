@@ -31,6 +31,7 @@ void KorvaneProDaemon::messageDoCreateItems(const std::vector<std::string>& path
         const std::string& path = *each;
         if (!machine_.fileSystem.createEmptyFile(path, kCreatedFilePermissions)) {
             machine_.systemLog.write(LogMessage::createError, {path});
+            if (destConnection) destConnection->itemFailed({.path = path, .reason = ""});
         }
     }
 }
@@ -42,6 +43,9 @@ void KorvaneProDaemon::messageDoDeleteItems(const std::vector<std::string>& path
         const std::string& path = *each;
         const Result<std::monostate> removed = machine_.fileSystem.remove(path);
         if (removed) continue;
+        if (destConnection) {
+            destConnection->itemFailed({.path = path, .reason = removed.error().message});
+        }
         if (saysWhy) {
             machine_.systemLog.write(LogMessage::deleteErrorWithReason,
                                      {path, removed.error().message});

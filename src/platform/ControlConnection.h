@@ -33,12 +33,21 @@ struct MailSessionEnd {
     std::string text;  // the server's last words, or what went wrong
 };
 
+// An item of a list that could not be created or removed.
+struct ItemFailure {
+    std::string path;    // as it was in the list
+    std::string reason;  // in words, without a final full stop; empty where none is known
+    bool operator==(const ItemFailure&) const = default;
+};
+
 // A registered name. Destroying it gives the name back.
 class RegisteredConnection {
   public:
     virtual ~RegisteredConnection() = default;
     // Tells whoever listens; nobody may.
     virtual void mailSessionEnded(const MailSessionEnd& end) = 0;
+    // Likewise; the caller whose list it is hears it before the answer to its call.
+    virtual void itemFailed(const ItemFailure& failure) = 0;
 };
 
 class ControlConnection {

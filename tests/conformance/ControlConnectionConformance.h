@@ -26,6 +26,8 @@ class ControlConnectionSubject {
     // Have the daemon create, or delete, the items at two paths; false: no answer came.
     virtual bool createItems(const std::string& first, const std::string& second) = 0;
     virtual bool deleteItems(const std::string& first, const std::string& second) = 0;
+    // Every item failure that somebody who listens has heard of by the answer to the last list.
+    virtual std::vector<ItemFailure> heardFailures() = 0;
     // Another process has the name from here on; false: not possible here.
     virtual bool takeName() { return false; }
 };
@@ -44,10 +46,14 @@ class ControlConnectionConformance
         }
         void messageDoDeleteItems(const std::vector<std::string>& paths) override {
             deleted = paths;
+            for (const std::string& path : paths) {
+                if (registered) registered->itemFailed({.path = path, .reason = "because"});
+            }
         }
         std::vector<std::string> words;
         std::vector<std::string> created;
         std::vector<std::string> deleted;
+        RegisteredConnection* registered = nullptr;
     };
 
     ControlConnectionConformance() : subject_(GetParam().make()) {}
@@ -73,6 +79,17 @@ TEST_P(ControlConnectionConformance, DeliversListsOfPathsInTheirOrder) {
     EXPECT_TRUE(subject_->deleteItems("relative", ""));
     EXPECT_THAT(target_.deleted, testing::ElementsAre("relative", ""));
     EXPECT_THAT(target_.created, testing::ElementsAre("/first", "/second one"));
+}
+
+TEST_P(ControlConnectionConformance, TellsWhichItemsFailedBeforeItAnswers) {
+    EXPECT_THAT(subject_->heardFailures(), testing::IsEmpty());
+    const auto registered = subject_->connection().registerName(target_);
+    ASSERT_TRUE(registered);
+    target_.registered = registered.get();
+    EXPECT_TRUE(subject_->deleteItems("/first", "second one"));
+    EXPECT_THAT(subject_->heardFailures(),
+                testing::ElementsAre(ItemFailure{"/first", "because"},
+                                     ItemFailure{"second one", "because"}));
 }
 
 TEST_P(ControlConnectionConformance, RefusesOtherUsersBeforeAnythingIsDone) {

@@ -101,6 +101,9 @@ struct SimulatedControlSubject final : ControlConnectionSubject {
     bool deleteItems(const std::string& first, const std::string& second) override {
         return machine.controlConnection.deleteItems({first, second}) == Answer::yes;
     }
+    std::vector<ItemFailure> heardFailures() override {
+        return machine.controlConnection.itemFailures();
+    }
     bool takeName() override {
         machine.controlConnection.setUnavailable(true);
         return true;

@@ -53,6 +53,24 @@ struct LinuxControlSubject final : ControlConnectionSubject {
         return sendPaths("messageDoDeleteItems", first, second);
     }
 
+    std::vector<ItemFailure> heardFailures() override {
+        if (!isListening) {
+            const auto hear = [](sd_bus_message* message, void* heard, sd_bus_error*) {
+                const char* path = nullptr;
+                const char* reason = nullptr;
+                if (sd_bus_message_read(message, "ss", &path, &reason) >= 0) {
+                    static_cast<std::vector<ItemFailure>*>(heard)->push_back({path, reason});
+                }
+                return 0;
+            };
+            other.connect();
+            isListening = sd_bus_match_signal(
+                              other.connection(), nullptr, nullptr, "/com/quorlen/KorvaneProDaemon",
+                              "com.quorlen.KorvaneProDaemon", "itemFailed", hear, &failures) >= 0;
+        }
+        return failures;
+    }
+
     CommandResult call(const std::string& user, const std::string& methodAndArguments) {
         CommandResult result;
         bool done = false;
@@ -80,6 +98,8 @@ struct LinuxControlSubject final : ControlConnectionSubject {
 
     OnBus machine;
     LinuxBus other{machine.runLoop, LinuxBus::Kind::system};
+    bool isListening = false;
+    std::vector<ItemFailure> failures;
     LinuxControlConnection control{machine.runLoop, machine.bus, machine.log};
 };
 INSTANTIATE_TEST_SUITE_P(Linux, ControlConnectionConformance,

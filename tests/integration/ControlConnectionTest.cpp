@@ -209,7 +209,8 @@ TEST_F(ControlConnectionTest, ShowsTheInterfaceThatIsInstalledWithIt) {
                                               "messageDoCreateItems(in as paths)",
                                               "messageDoDeleteItems(in as paths)",
                                               "mailSessionEnded(s sender, s outcome, i step, "
-                                              "s text)"));
+                                              "s text)",
+                                              "itemFailed(s path, s reason)"));
     EXPECT_EQ(membersIn(installed), membersIn(shown));
     EXPECT_THAT(shown, HasSubstr("<interface name=\"com.quorlen.KorvaneProDaemon\">"));
     EXPECT_THAT(installed, HasSubstr("<interface name=\"com.quorlen.KorvaneProDaemon\">"));

@@ -131,6 +131,12 @@ TEST(CreateItems, LogsWhatFailsFromTheLastToTheFirstAndGoesOn) {
     EXPECT_TRUE(s.machine().fileSystem.exists("/Volumes/Data/made"));
     EXPECT_FALSE(s.machine().fileSystem.exists("/Volumes/Data/missing"));
     EXPECT_TRUE(s.machine().fileSystem.exists("/Volumes/Data/folder/file"));
+    std::vector<std::string> failed;
+    for (const ItemFailure& failure : s.machine().controlConnection.itemFailures()) {
+        failed.push_back(failure.path);
+    }
+    EXPECT_THAT(failed, SizeIs(linesSince(s, before).size()));
+    EXPECT_EQ(failed.back(), "relative");
 }
 
 TEST(DeleteItems, RemovesFilesAndFoldersWithTheirContents) {
@@ -163,6 +169,12 @@ TEST(DeleteItems, LogsWhatFailsWithItsReasonAndGoesOn) {
                 ElementsAre(StartsWith("\"relative\" delete error: "),
                             StartsWith("\"/Volumes/Data/gone\" delete error: ")));
     EXPECT_FALSE(s.machine().fileSystem.exists("/Volumes/Data/file"));
+    // Whoever sent the list is told the same.
+    const auto& failures = s.machine().controlConnection.itemFailures();
+    ASSERT_THAT(failures, SizeIs(2));
+    EXPECT_EQ("\"relative\" delete error: " + failures[0].reason, s.log()[before]);
+    EXPECT_EQ(failures[0].path, "relative");
+    EXPECT_EQ(failures[1].path, "/Volumes/Data/gone");
 }
 
 TEST(DeleteItems, NamesNoReasonOnAnOlderSystem) {

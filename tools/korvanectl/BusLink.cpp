@@ -62,6 +62,15 @@ int onMailSessionEnded(sd_bus_message* message, void* found, sd_bus_error*) noex
     return 0;
 }
 
+int onItemFailed(sd_bus_message* message, void* found, sd_bus_error*) noexcept {
+    const char* path = nullptr;
+    const char* reason = nullptr;
+    if (sd_bus_message_read(message, "ss", &path, &reason) >= 0) {
+        static_cast<std::vector<ItemFailure>*>(found)->push_back({.path = path, .reason = reason});
+    }
+    return 0;
+}
+
 // Opening a bus only begins the conversation, and the library waits for its rest without a limit
 // worth the name; so it is led to its end here.
 bool becomesReady(sd_bus* bus) {
@@ -233,8 +242,8 @@ Outcome<bool> BusLink::send(const std::string& word, std::chrono::seconds limit)
     return answer != 0;
 }
 
-Outcome<std::monostate> BusLink::handOver(const char* method,
-                                          const std::vector<std::string>& paths) {
+Outcome<std::vector<ItemFailure>> BusLink::handOver(const char* method,
+                                                    const std::vector<std::string>& paths) {
     const auto append = [&paths](sd_bus_message* request) {
         int result = sd_bus_message_open_container(request, SD_BUS_TYPE_ARRAY, "s");
         for (auto path = paths.begin(); result >= 0 && path != paths.end(); ++path) {
@@ -242,18 +251,31 @@ Outcome<std::monostate> BusLink::handOver(const char* method,
         }
         return result < 0 ? result : sd_bus_message_close_container(request);
     };
+    std::vector<ItemFailure> failures;
+    std::unique_ptr<sd_bus_slot, UnrefSlot> slot;
+    // Without a bus the call says why.
+    if (sd_bus* const bus = busWithDaemon()) {
+        sd_bus_slot* raw = nullptr;
+        const int matched = sd_bus_match_signal(bus, &raw, kName, kPath, kInterface, "itemFailed",
+                                                onItemFailed, &failures);
+        if (matched < 0) return failureOf(FreeBusError{}.error, matched, kBusLimit);
+        slot.reset(raw);
+    }
     const Outcome<Message> reply = call(method, append, kItemsLimit);
     if (!reply) {
         return reply.failure();
     }
-    return std::monostate{};
+    // They came before the reply.
+    while (sd_bus_process(bus_.get(), nullptr) > 0) {
+    }
+    return failures;
 }
 
-Outcome<std::monostate> BusLink::createItems(const std::vector<std::string>& paths) {
+Outcome<std::vector<ItemFailure>> BusLink::createItems(const std::vector<std::string>& paths) {
     return handOver("messageDoCreateItems", paths);
 }
 
-Outcome<std::monostate> BusLink::deleteItems(const std::vector<std::string>& paths) {
+Outcome<std::vector<ItemFailure>> BusLink::deleteItems(const std::vector<std::string>& paths) {
     return handOver("messageDoDeleteItems", paths);
 }
 

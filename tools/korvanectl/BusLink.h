@@ -19,17 +19,17 @@ inline constexpr std::chrono::seconds kBusLimit{5};
 inline constexpr std::chrono::seconds kItemsLimit{300};
 // The daemon answers the word for a test mail after a minute when an earlier mail is under way.
 inline constexpr std::chrono::seconds kTestMailAnswerLimit{75};
-// The kernel gives a connection up after some two minutes, and a session may follow.
-inline constexpr std::chrono::seconds kTestMailLimit{240};
+// A mail server has ten minutes to take the message, and some for the commands before it.
+inline constexpr std::chrono::seconds kTestMailLimit{900};
 
 class BusLink : public DaemonLink {
   public:
     [[nodiscard]] DaemonPresence presence() override;
     [[nodiscard]] std::string identity() override;
     [[nodiscard]] Outcome<bool> send(const std::string& word) override;
-    [[nodiscard]] Outcome<std::monostate> createItems(
+    [[nodiscard]] Outcome<std::vector<ItemFailure>> createItems(
         const std::vector<std::string>& paths) override;
-    [[nodiscard]] Outcome<std::monostate> deleteItems(
+    [[nodiscard]] Outcome<std::vector<ItemFailure>> deleteItems(
         const std::vector<std::string>& paths) override;
     [[nodiscard]] Outcome<MailSessionEnd> sendTestMail() override;
 
@@ -52,8 +52,8 @@ class BusLink : public DaemonLink {
     [[nodiscard]] Outcome<Message> call(const char* method,
                                         const std::function<int(sd_bus_message*)>& append,
                                         std::chrono::seconds limit);
-    [[nodiscard]] Outcome<std::monostate> handOver(const char* method,
-                                                   const std::vector<std::string>& paths);
+    [[nodiscard]] Outcome<std::vector<ItemFailure>> handOver(const char* method,
+                                                             const std::vector<std::string>& paths);
 
     Bus bus_;
 };

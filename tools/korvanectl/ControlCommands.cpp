@@ -102,6 +102,9 @@ Outcome<ExitStatus> runEmergencyKeep(Program& program) {
                     "The emergency volume may be unmounted again.");
 }
 
+constexpr std::string_view kCreated = "Created";
+constexpr std::string_view kDeleted = "Deleted";
+
 // A path of the person's is one of the current folder; the daemon's is another.
 Paths absolutePaths(const Paths& paths) {
     Paths absolute;
@@ -113,40 +116,34 @@ Paths absolutePaths(const Paths& paths) {
     return absolute;
 }
 
-// The daemon says nothing of what failed but in its log; so it is looked at here.
-Outcome<ExitStatus> report(Program& program, const Paths& paths, bool shouldBeThere) {
+// What became of each, as the daemon knows it: one that was never there was not deleted.
+Outcome<ExitStatus> report(Program& program, const Paths& paths,
+                           const Outcome<std::vector<ItemFailure>>& failures,
+                           std::string_view done) {
+    if (!failures) return failures.failure();
+    std::string problems;
     for (const std::string& path : paths) {
-        std::error_code error;
-        const auto found = std::filesystem::symlink_status(path, error);
-        const bool asWanted = shouldBeThere ? std::filesystem::is_regular_file(found) &&
-                                                  std::filesystem::file_size(path, error) == 0
-                                            : found.type() == std::filesystem::file_type::not_found;
-        if (!asWanted) {
-            return Failure{
-                ExitStatus::fileProblem,
-                fmt::format("{} {}; the daemon's log says why: journalctl -u korvane-pro",
-                            printable(path),
-                            !shouldBeThere                            ? "was not deleted"
-                            : std::filesystem::is_regular_file(found) ? "was not emptied"
-                                                                      : "was not created")};
+        const auto failed = std::ranges::find(*failures, path, &ItemFailure::path);
+        if (failed == failures->end()) {
+            program.print(fmt::format("{} {}.\n", done, printable(path)));
+            continue;
         }
+        problems += fmt::format("{}{} could not be {}", problems.empty() ? "" : "; ",
+                                printable(path), done == kCreated ? "created" : "deleted");
+        if (!failed->reason.empty()) problems += ": " + printable(failed->reason);
     }
-    program.print(fmt::format(
-        "{} {}.\n", shouldBeThere ? "Created" : "Deleted",
-        paths.size() == 1 ? printable(paths.front()) : fmt::format("{} items", paths.size())));
+    if (!problems.empty()) return Failure{ExitStatus::fileProblem, problems};
     return ExitStatus::done;
 }
 
 Outcome<ExitStatus> runCreate(Program& program, const Paths& words) {
     const Paths paths = absolutePaths(words);
-    const auto created = program.daemon.createItems(paths);
-    return created ? report(program, paths, true) : Outcome<ExitStatus>{created.failure()};
+    return report(program, paths, program.daemon.createItems(paths), kCreated);
 }
 
 Outcome<ExitStatus> runDelete(Program& program, const Paths& words) {
     const Paths paths = absolutePaths(words);
-    const auto deleted = program.daemon.deleteItems(paths);
-    return deleted ? report(program, paths, false) : Outcome<ExitStatus>{deleted.failure()};
+    return report(program, paths, program.daemon.deleteItems(paths), kDeleted);
 }
 
 Outcome<ExitStatus> runSend(Program& program, const std::string& word) {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "korvanectl/Outcome.h"
@@ -30,10 +29,10 @@ class DaemonLink {
     // notAllowed, noReply.
     [[nodiscard]] virtual Outcome<bool> send(const std::string& word) = 0;
     // Has the daemon create empty files, or remove items, at absolute paths; waits until it has
-    // tried them all, which takes as long as the folders are large. What failed only its log says.
-    [[nodiscard]] virtual Outcome<std::monostate> createItems(
+    // tried them all, which takes as long as the folders are large. Those that failed.
+    [[nodiscard]] virtual Outcome<std::vector<ItemFailure>> createItems(
         const std::vector<std::string>& paths) = 0;
-    [[nodiscard]] virtual Outcome<std::monostate> deleteItems(
+    [[nodiscard]] virtual Outcome<std::vector<ItemFailure>> deleteItems(
         const std::vector<std::string>& paths) = 0;
 
     // Has the daemon send a test mail and waits for the end of its session, at most some minutes.

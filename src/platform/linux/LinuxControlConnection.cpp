@@ -23,6 +23,7 @@ constexpr char kObjectPath[] = "/com/quorlen/KorvaneProDaemon";
 constexpr std::size_t kMostRememberedSenders = 64;
 
 constexpr char kMailSessionEndedSignal[] = "mailSessionEnded";
+constexpr char kItemFailedSignal[] = "itemFailed";
 
 const char* wordOf(MailOutcome outcome) {
     switch (outcome) {
@@ -85,13 +86,14 @@ class Registration final : public RegisteredConnection, public BusUser {
     void busCame(sd_bus* bus) override;
     void busWent() override;
     void mailSessionEnded(const MailSessionEnd& end) override;
+    void itemFailed(const ItemFailure& failure) override;
 
   private:
     // What a method does once its caller is known to be served; the result of its sd-bus handler.
     using Work = int (*)(ControlTarget& target, sd_bus_message* message);
     template <Work work>
     static int onCall(sd_bus_message* message, void* self, sd_bus_error* error) noexcept;
-    static const std::array<sd_bus_vtable, 6> kVtable;
+    static const std::array<sd_bus_vtable, 7> kVtable;
 
     [[nodiscard]] bool exportObject(sd_bus* bus);
     [[nodiscard]] bool isServed(sd_bus_message* message);
@@ -107,7 +109,7 @@ class Registration final : public RegisteredConnection, public BusUser {
 };
 
 // Open to every caller as far as sd-bus is concerned: who is served is decided here.
-const std::array<sd_bus_vtable, 6> Registration::kVtable{
+const std::array<sd_bus_vtable, 7> Registration::kVtable{
     {SD_BUS_VTABLE_START(0),
      SD_BUS_METHOD_WITH_ARGS("messageXmitRcvr", SD_BUS_ARGS("s", word), SD_BUS_RESULT("b", answer),
                              onCall<transmitWord>, SD_BUS_VTABLE_UNPRIVILEGED),
@@ -119,6 +121,7 @@ const std::array<sd_bus_vtable, 6> Registration::kVtable{
                              SD_BUS_VTABLE_UNPRIVILEGED),
      SD_BUS_SIGNAL_WITH_ARGS(kMailSessionEndedSignal,
                              SD_BUS_ARGS("s", sender, "s", outcome, "i", step, "s", text), 0),
+     SD_BUS_SIGNAL_WITH_ARGS(kItemFailedSignal, SD_BUS_ARGS("s", path, "s", reason), 0),
      SD_BUS_VTABLE_END}};
 
 Registration::~Registration() {
@@ -170,6 +173,14 @@ void Registration::mailSessionEnded(const MailSessionEnd& end) {
     // Without anybody who listens, or without a bus, there is nobody to miss it.
     (void)sd_bus_emit_signal(bus, kObjectPath, kName, kMailSessionEndedSignal, "ssis",
                              end.sender.c_str(), wordOf(end.outcome), end.step, end.text.c_str());
+}
+
+void Registration::itemFailed(const ItemFailure& failure) {
+    sd_bus* const bus = bus_.connection();
+    if (bus == nullptr) return;
+    // As above.
+    (void)sd_bus_emit_signal(bus, kObjectPath, kName, kItemFailedSignal, "ss", failure.path.c_str(),
+                             failure.reason.c_str());
 }
 
 bool Registration::isServed(sd_bus_message* message) {

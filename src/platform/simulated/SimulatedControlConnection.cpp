@@ -15,6 +15,10 @@ class SimulatedControlConnection::Registration final : public RegisteredConnecti
         connection_.mailSessionEnds_.push_back(end);
         connection_.journal_.note("mail session ended", end.text);
     }
+    void itemFailed(const ItemFailure& failure) override {
+        connection_.itemFailures_.push_back(failure);
+        connection_.journal_.note("item failed", failure.path);
+    }
 
   private:
     SimulatedControlConnection& connection_;
@@ -83,6 +87,10 @@ bool SimulatedControlConnection::isRegistered() const { return target_ != nullpt
 
 const std::vector<MailSessionEnd>& SimulatedControlConnection::mailSessionEnds() const {
     return mailSessionEnds_;
+}
+
+const std::vector<ItemFailure>& SimulatedControlConnection::itemFailures() const {
+    return itemFailures_;
 }
 
 }  // namespace korvane

@@ -32,6 +32,8 @@ class SimulatedControlConnection final : public ControlConnection {
     [[nodiscard]] bool isRegistered() const;
     // What the daemon has told of its mail sessions.
     [[nodiscard]] const std::vector<MailSessionEnd>& mailSessionEnds() const;
+    // And of items that it could not create or remove.
+    [[nodiscard]] const std::vector<ItemFailure>& itemFailures() const;
 
   private:
     class Registration;
@@ -43,6 +45,7 @@ class SimulatedControlConnection final : public ControlConnection {
     ControlTarget* target_ = nullptr;
     bool isUnavailable_ = false;
     std::vector<MailSessionEnd> mailSessionEnds_;
+    std::vector<ItemFailure> itemFailures_;
 };
 
 }  // namespace korvane

@@ -187,6 +187,19 @@ class Korvanectl(process.DaemonBed):
         finally:
             subprocess.run(["umount", process.SUPPORT], check=True)
 
+    def test_says_of_each_path_whether_the_daemon_has_deleted_it(self):
+        self.write_preferences()
+        bus, _ = self.start_both()
+        there, gone = f"{self.place}/there", f"{self.place}/gone"
+        self.assertEqual(self.ctl("create", there, bus=bus).stdout, f"Created {there}.\n")
+        result = self.ctl("delete", gone, there, bus=bus, expect=5)
+        self.assertEqual(result.stdout, f"Deleted {there}.\n")
+        self.assertIn(f"{gone} could not be deleted: No such file or directory", result.stderr)
+        self.assertFalse(os.path.exists(there))
+        result = self.ctl("create", f"{gone}/inside", bus=bus, expect=5)
+        self.assertIn(f"{gone}/inside could not be created", result.stderr)
+        self.assertEqual(result.stdout, "")
+
     def test_free_space_is_checked_again_when_it_was_let_go_by(self):
         self.needs_root_volume()
         bus, _ = self.start_both()

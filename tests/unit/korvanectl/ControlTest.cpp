@@ -139,23 +139,12 @@ TEST_F(Control, FreeSpaceCheckTriesAgainWhenTheDaemonWritesItsOwnImageOverIt) {
     EXPECT_EQ(*entry(0).find("usageStatus"), PropertyList{"0"});
 }
 
-TEST_F(Control, CreateSaysWhenAFileWasNotEmptied) {
-    const std::string full = folder / "full";
-    std::ofstream{full} << "contents";
-    EXPECT_EQ(run({"create", full.c_str()}), 5);
-    EXPECT_THAT(err, HasSubstr("full was not emptied"));
-}
-
-TEST_F(Control, CreateAndDeleteSendAbsolutePathsAndLookWhatBecameOfThem) {
+TEST_F(Control, CreateAndDeleteSendAbsolutePathsAndSayWhatBecameOfEach) {
     const auto before = std::filesystem::current_path();
     std::filesystem::current_path(folder.path());
-    daemon.onItem = [](const std::string& what, const std::string& path) {
-        if (what == "create") std::ofstream{path};
-        if (what == "delete") std::filesystem::remove_all(path);
-    };
     const std::string other = folder / "b c";
     EXPECT_EQ(run({"create", "a", other.c_str()}), 0);
-    EXPECT_EQ(out, "Created 2 items.\n");
+    EXPECT_EQ(out, "Created " + (folder / "a") + ".\nCreated " + other + ".\n");
     EXPECT_EQ(run({"delete", "a"}), 0);
     EXPECT_EQ(out, "Deleted " + (folder / "a") + ".\n");
     EXPECT_THAT(daemon.words, ElementsAre("create " + (folder / "a"), "create " + other,
@@ -163,12 +152,14 @@ TEST_F(Control, CreateAndDeleteSendAbsolutePathsAndLookWhatBecameOfThem) {
     std::filesystem::current_path(before);
 }
 
-TEST_F(Control, CreateAndDeleteSayWhatTheDaemonDidNotDo) {
-    const std::string missing = folder / "missing";
-    EXPECT_EQ(run({"create", missing.c_str()}), 5);
-    EXPECT_THAT(err, HasSubstr("missing was not created; the daemon's log says why"));
-    EXPECT_EQ(run({"delete", folder.path().c_str()}), 5);
-    EXPECT_THAT(err, HasSubstr("was not deleted"));
+TEST_F(Control, CreateAndDeleteSayWhatTheDaemonCouldNotDo) {
+    daemon.itemFailures = {{"/gone", "No such file or directory"}, {"/b", ""}, {"/another's", "x"}};
+    EXPECT_EQ(run({"delete", "/gone", "/a"}), 5);
+    EXPECT_EQ(out, "Deleted /a.\n");
+    EXPECT_THAT(err, HasSubstr("/gone could not be deleted: No such file or directory"));
+    EXPECT_EQ(run({"create", "/gone", "/b"}), 5);
+    EXPECT_THAT(err, HasSubstr("/gone could not be created: No such file or directory; /b could "
+                               "not be created"));
     EXPECT_THAT(out, IsEmpty());
 }
 

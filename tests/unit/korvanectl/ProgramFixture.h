@@ -44,11 +44,11 @@ class FakeDaemon : public DaemonLink {
         }
         return answer;
     }
-    [[nodiscard]] Outcome<std::monostate> createItems(
+    [[nodiscard]] Outcome<std::vector<ItemFailure>> createItems(
         const std::vector<std::string>& paths) override {
         return handle("create", paths);
     }
-    [[nodiscard]] Outcome<std::monostate> deleteItems(
+    [[nodiscard]] Outcome<std::vector<ItemFailure>> deleteItems(
         const std::vector<std::string>& paths) override {
         return handle("delete", paths);
     }
@@ -64,17 +64,16 @@ class FakeDaemon : public DaemonLink {
     std::vector<std::string> words;
     std::deque<bool> answers;                        // to the next words, before `answer`
     std::deque<std::string> identities{"", ":1.1"};  // one after the other; the last one stays
-    // Carries out "create" or "delete" of a path.
-    std::function<void(const std::string&, const std::string&)> onItem;
+    std::vector<ItemFailure> itemFailures;           // of any list
 
   private:
-    Outcome<std::monostate> handle(const char* what, const std::vector<std::string>& paths) {
+    Outcome<std::vector<ItemFailure>> handle(const char* what,
+                                             const std::vector<std::string>& paths) {
         if (!answer) return answer.failure();
         for (const std::string& path : paths) {
             words.push_back(std::string(what) + " " + path);
-            if (onItem) onItem(what, path);
         }
-        return std::monostate{};
+        return itemFailures;
     }
 };
 
