@@ -1,5 +1,7 @@
 // Puts the Linux machine and the daemon together and runs the loop until the daemon quits. No
-// options: the settings document says everything.
+// options: the settings document says everything. A call with an argument is refused before
+// anything is done, since the start of a second daemon would reset the statuses that the first one
+// keeps.
 
 #include <malloc.h>
 #include <sys/stat.h>
@@ -9,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <optional>
@@ -20,6 +23,9 @@
 #include "storage/SupportFolder.h"
 
 namespace {
+
+// As for other programs that are called wrongly.
+constexpr int kExitUsage = 2;
 
 // What the machine layer has to know again after a restart: beside the settings, hidden, since it
 // is the daemon's alone.
@@ -54,7 +60,11 @@ std::optional<korvane::LogMessage> objectionToSupportFolder() {
 
 }  // namespace
 
-int main() {
+int main(int argumentCount, char** /*arguments*/) {
+    if (argumentCount > 1) {
+        (void)std::fputs("usage: KorvaneProDaemon (without arguments)\n", stderr);
+        return kExitUsage;
+    }
     // Threads never work at the same time here, so a second arena would only hold memory apart.
     (void)::mallopt(M_ARENA_MAX, 1);
     // A reader that has gone is an error of that write, not the end of the daemon.

@@ -12,7 +12,7 @@ import subprocess
 import time
 import unittest
 
-from daemon_bed import (PREFERENCES, SUPPORT, Daemon, DaemonBed, is_saved, read_bytes,
+from daemon_bed import (PREFERENCES, PROGRAM, SUPPORT, Daemon, DaemonBed, is_saved, read_bytes,
                         read_preferences, usage_status, volume_entries, wait_for)
 
 
@@ -187,6 +187,38 @@ class DaemonProcess(DaemonBed):
         bus.start()
         wait_for(lambda: bus.send("isSMARTExecuteComplete").stdout == "b true\n")
         self.assertEqual(daemon.terminate()[0], 0)
+
+    def test_volumes_keep_their_names_when_the_support_folder_is_made_anew(self):
+        image = self.mount_image(f"{self.place}/Kept")
+
+        def links():
+            return {name: os.readlink(f"/Volumes/{name}") for name in os.listdir("/Volumes")}
+
+        daemon = self.start()
+        wait_for(lambda: image in links().values())
+        before = links()
+        self.assertEqual(before["Kept"], image)
+        daemon.terminate()
+        shutil.rmtree(SUPPORT)
+        self.start()
+        wait_for(lambda: os.path.exists(f"{SUPPORT}/.Volume Numbers.plist"))
+        wait_for(lambda: volume_entries() and is_saved())
+        self.assertEqual(links(), before)
+
+    def test_takes_no_arguments(self):
+        bus = self.start_bus()
+        self.write_preferences()
+        self.start(bus_address=bus.address)
+        wait_for(lambda: usage_status("/") in ("0", "5") and is_saved())
+        time.sleep(1.5)  # past the first tick
+        before = (read_bytes(PREFERENCES), os.stat(PREFERENCES).st_mtime_ns)
+        for arguments in (["--help"], ["--version"], [""], ["start", "now"]):
+            called = subprocess.run([PROGRAM, *arguments], capture_output=True, check=False,
+                                    timeout=10, text=True)
+            self.assertEqual(called.returncode, 2, arguments)
+            self.assertEqual(called.stdout, "")
+            self.assertRegex(called.stderr, r"\Ausage: [^\n]+\n\Z")
+        self.assertEqual((read_bytes(PREFERENCES), os.stat(PREFERENCES).st_mtime_ns), before)
 
     def test_says_that_it_may_not_write_and_ends(self):
         daemon = Daemon(user=65534)
