@@ -93,19 +93,19 @@ void KorvaneProDaemon::applicationWillBecomeActive() {
 
 // Saves nothing: the preferences are written in the course of the work alone.
 void KorvaneProDaemon::applicationWillTerminate() {
-    if (directoryPipeTask && directoryPipeTask->isRunning()) abandonDirectoryBackup();
     for (auto& slot : trashRetainerFNSubscriptionRefArray) slot.reset();
+    if (directoryPipeTask && directoryPipeTask->isRunning()) abandonDirectoryBackup();
     destConnection.reset();
     removeObservers();
 }
 
 void KorvaneProDaemon::removeObservers() {
-    notificationCenter.removeObserver(this);
     machine_.volumes.setDidMount(nullptr);
     machine_.volumes.setDidUnmount(nullptr);
     machine_.processes.setDidTerminateApplication(nullptr);
     machine_.processes.setTaskDidTerminate(nullptr);
     machine_.directoryWatch.setDidFindOut(nullptr);
+    notificationCenter.removeObserver(this);
 }
 
 void KorvaneProDaemon::didTerminateApplicationNotification(const std::string& bundleIdentifier) {

@@ -236,6 +236,45 @@ TEST(Permission, OutlivesOtherApplications) {
     EXPECT_TRUE(isMounted(s, "/Volumes/Ostrand"));
 }
 
+TEST(EmergencyWatch, ThePermissionTouchesNoTimer) {
+    Scenario s("two-volumes");
+    s.startProcess("Korvane Pro 12");
+    s.run(minutes(1));
+    const auto idle = s.pendingDelays();
+    s.send("QLDaemonIgnoreMountedOstrand");
+    EXPECT_EQ(s.pendingDelays(), idle);
+    s.send("QLDaemonUnmountMountedDrive");
+    s.plug("stick").run(seconds(2));
+    ASSERT_TRUE(isPolling(s));
+    const auto polling = s.pendingDelays();
+    s.send("QLDaemonIgnoreMountedOstrand");
+    EXPECT_EQ(s.pendingDelays(), polling);
+    s.send("QLDaemonUnmountMountedDrive");
+    EXPECT_EQ(s.pendingDelays(), polling);
+}
+
+TEST(EmergencyWatch, IsArmedByAMountThoughThePermissionHolds) {
+    Scenario s("two-volumes");
+    s.startProcess("Korvane Pro 12");
+    s.run(minutes(1));
+    s.send("QLDaemonIgnoreMountedOstrand");
+    s.mount("/Volumes/Ostrand").run(milliseconds(4'999));
+    EXPECT_TRUE(isPolling(s));
+    // The permission is withdrawn just before the first poll, which finds the volume then.
+    s.send("QLDaemonUnmountMountedDrive").run(milliseconds(1));
+    EXPECT_FALSE(isMounted(s, "/Volumes/Ostrand"));
+}
+
+TEST(EmergencyWatch, ItsOwnUnmountIsAnUnmountLikeAnyOther) {
+    Scenario s("two-volumes");
+    s.run(minutes(1));
+    s.mount("/Volumes/Ostrand").run(milliseconds(4'999));
+    EXPECT_EQ(usageStatusIn(s, "/Volumes/Ostrand"), "0");
+    s.run(milliseconds(1));
+    EXPECT_FALSE(isMounted(s, "/Volumes/Ostrand"));
+    EXPECT_EQ(usageStatusIn(s, "/Volumes/Ostrand"), "5");
+}
+
 TEST(EmergencyWatch, CountsThePollOfAQuittingApplicationLikeAnyOther) {
     Scenario s("two-volumes");
     s.run(minutes(1));

@@ -4,7 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
 
+#include "scenarios/BackupBed.h"
 #include "scenarios/DaemonFiles.h"
 #include "support/Scenario.h"
 
@@ -18,6 +23,8 @@ using std::chrono::seconds;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
 
 MachineDescription twoVolumesUpFor(std::chrono::microseconds uptime) {
     MachineDescription description = Scenario::describe("two-volumes");
@@ -133,6 +140,36 @@ TEST(StartUp, ServesControlMessagesWhileItWaits) {
     EXPECT_EQ(s.answer(), Scenario::Answer::yes);
 }
 
+TEST(StartUp, ComesInTimeWhateverElseIsAskedForWhileItWaits) {
+    for (const char* word :
+         {"QLDaemonIgnoreMountedOstrand", "QLDaemonUnmountMountedDrive",
+          "daemonTestSendingEmailNotification", "directoryBackupStopNotification",
+          "disableDirectoryBackupNotification", "enableDirectoryBackupNotification",
+          "isDirectoryExecuteComplete", "isSMARTExecuteComplete",
+          "QLDaemonIgnoreFreeSpace_WipeData_Msg", "QLDaemonCheckFreeSpace_WipeData_Msg",
+          "no such word"}) {
+        Scenario s(twoVolumesUpFor(seconds(0)));
+        s.run(seconds(30));
+        EXPECT_EQ(s.send(word).answer(), Scenario::Answer::yes) << word;
+        s.run(milliseconds(89'999));
+        EXPECT_FALSE(hasStarted(s)) << word;
+        s.run(milliseconds(1));
+        EXPECT_TRUE(hasStarted(s)) << word;
+    }
+}
+
+TEST(StartUp, HeedsWhatWasAskedForWhileItWaited) {
+    Scenario s(twoVolumesUpFor(seconds(0)));
+    s.startProcess("Korvane Pro 12").mount("/Volumes/Ostrand");
+    s.run(seconds(1));
+    s.send("QLDaemonIgnoreMountedOstrand").send("QLDaemonIgnoreFreeSpace_WipeData_Msg");
+    s.createItems({"/Volumes/Data/made"}).deleteItems({"/Volumes/Data/no such file"});
+    EXPECT_TRUE(s.machine().fileSystem.exists("/Volumes/Data/made"));
+    s.run(minutes(10));
+    EXPECT_EQ(s.machine().volumes.unmountRequests(), 0);
+    EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
+}
+
 TEST(StartUp, IncludesAVolumeMountedDuringTheWait) {
     Scenario s(twoVolumesUpFor(seconds(0)));
     s.run(seconds(60));
@@ -231,6 +268,43 @@ TEST(Termination, SavesNothing) {
     s.run(minutes(10));
     EXPECT_TRUE(s.hasEnded());
     EXPECT_EQ(s.preferenceWrites(), writes);
+}
+
+// What the journal says of these events, in the order in which they came.
+std::vector<std::string> inTheirOrder(Scenario& s, const std::vector<std::string>& events) {
+    const std::string journal = s.machine().journal.text();
+    std::map<std::size_t, std::string> found;
+    for (const std::string& event : events) found[journal.rfind(event)] = event;
+    std::vector<std::string> ordered;
+    for (const auto& [place, event] : found) ordered.push_back(event);
+    return ordered;
+}
+
+TEST(Termination, LetsGoOfTheTrashThenOfTheBackupThenOfItsName) {
+    BackupBed s;
+    s.putSettings({}, [](Dictionary& entry) { entry.set("trashOnOff", true); });
+    s.put("/Users/ada/.Trash/thrown away", "x");
+    std::vector<std::string> seen;
+    s.machine().processes.setProgram(
+        "/PlugIns/KorvaneProDirectoryBackup",
+        {.duration = std::nullopt,
+         .work = nullptr,
+         .endsWhenTold = false,
+         .whenTold = [&](const SimulatedProcesses::Launch& launch) {
+             seen.push_back(launch.terminates == 0 ? "interrupted" : "terminated");
+             EXPECT_THAT(s.machine().directoryWatch.subscribed(), IsEmpty());
+             EXPECT_TRUE(s.machine().controlConnection.isRegistered());
+             EXPECT_THAT(s.machine().journal.text(), Not(HasSubstr("unobserved")));
+         }});
+    s.run(seconds(30));
+    ASSERT_THAT(s.machine().directoryWatch.subscribed(), Not(IsEmpty()));
+    ASSERT_THAT(s.helpers(), SizeIs(1));
+    s.machine().runLoop.terminate();
+    s.run(seconds(1));
+    EXPECT_THAT(seen, ElementsAre("interrupted", "terminated"));
+    const std::vector<std::string> order{"service name given back", " mounts unobserved",
+                                         "unmounts unobserved", "applications unobserved"};
+    EXPECT_EQ(inTheirOrder(s, order), order) << s.machine().journal.text();
 }
 
 TEST(Termination, GivesTheServiceNameBack) {

@@ -17,6 +17,7 @@ using std::chrono::hours;
 using std::chrono::milliseconds;
 using std::chrono::minutes;
 using std::chrono::seconds;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -255,6 +256,27 @@ TEST(OutTimer, CountsBackupsAndDrivesThatAreSwitchedOn) {
     EXPECT_THAT(s.pendingDelays(), ElementsAre(3600));
 }
 
+TEST(OutTimer, CountsAnOverdueBackupThatTheMainApplicationHasDisabled) {
+    Scenario s("two-volumes");
+    settle(s);
+    s.send("disableDirectoryBackupNotification");
+    Dictionary overdue = quietVolume(s, "/");
+    overdue.set("directoryOnOff", true);
+    overdue.set("executionTimeDirectory", s.secondsNow() - 60);
+    EXPECT_THAT(pendingAfterReload(s, {overdue, quietVolume(s, "/Volumes/Data")}), ElementsAre(3));
+    s.run(seconds(3));
+    EXPECT_THAT(s.pendingDelays(), ElementsAre(3));
+}
+
+TEST(OutTimer, IsNotArmedWhenTheSupportFolderGoesInTheCourseOfATick) {
+    Scenario s("two-volumes");
+    settle(s);
+    s.machine().powerSources.setWhenAsked([&s] { s.removeSupportFolder(); });
+    s.becomeActive().run(seconds(1));
+    EXPECT_EQ(s.terminateSends(), 2);
+    EXPECT_THAT(s.pendingDelays(), IsEmpty());
+}
+
 TEST(OutTimer, IsNotArmedWhileASwitchIsMissing) {
     for (const char* key : {"volumeUsageOnOff", "smartCheckOnOff", "directoryBackupOnOff"}) {
         Scenario s("two-volumes");
@@ -286,6 +308,16 @@ TEST(OnBattery, ATickStillChecksAndArmsNothing) {
     EXPECT_THAT(s.pendingDelays(), IsEmpty());
     s.run(hours(24));
     EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(1));
+}
+
+TEST(OnBattery, AMountStillRebuildsTheInventoryAndBringsATick) {
+    Scenario s("two-volumes");
+    settle(s);
+    s.onBattery().becomeActive().run(seconds(5));
+    ASSERT_THAT(s.pendingDelays(), IsEmpty());
+    s.plug("stick").run(seconds(0));
+    EXPECT_THAT(volumePathsIn(s), Contains("/Volumes/Stick"));
+    EXPECT_THAT(s.pendingDelays(), ElementsAre(1, 5));  // the tick, and the emergency watch
 }
 
 TEST(OnBattery, PowerComingBackArmsNothingByItself) {
@@ -352,6 +384,18 @@ TEST(SwitchedOff, TheDaemonTakesItsInventoryAndThenRests) {
     EXPECT_THAT(s.pendingDelays(), IsEmpty());
 }
 
+TEST(SwitchedOff, TheInventoryFollowsMountsAndUnmountsAllTheSame) {
+    Scenario s("two-volumes");
+    settle(s);
+    s.editPreferences([](Dictionary& preferences) { preferences.set("DAEMON_ON", false); });
+    s.send("daemonStopYourEngines");
+    s.plug("stick").run(seconds(0));
+    EXPECT_THAT(volumePathsIn(s), Contains("/Volumes/Stick"));
+    EXPECT_EQ(usageStatusIn(s, "/Volumes/Stick"), "0");
+    s.unmount("/Volumes/Stick").run(seconds(0));
+    EXPECT_EQ(usageStatusIn(s, "/Volumes/Stick"), "5");
+}
+
 TEST(SwitchedOff, AnAbsentSwitchCountsAsOn) {
     Scenario s("two-volumes");
     Dictionary preferences = completePreferences();
@@ -359,6 +403,47 @@ TEST(SwitchedOff, AnAbsentSwitchCountsAsOn) {
     putPreferences(s, preferences);
     s.run(minutes(1));
     EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed"));
+}
+
+TEST(BusyMail, LeavesTheAnswersAboutWorkUnderWayAsTheyAre) {
+    Scenario s("one-volume");
+    ASSERT_TRUE(s.machine().deviceRegistry.setProperty("drive-a", "SMART Capable", true));
+    Dictionary preferences = completePreferences();
+    preferences.set("emailServer", "mail.example.org");
+    preferences.set("emailPort", "25");
+    putPreferences(s, preferences);
+    s.run(kSettled);
+    const auto setDue = [&s](double due) {
+        s.editPreferences([due](Dictionary& settings) {
+            Dictionary& volume = *settings.find("volumeArray")->array()->front().dictionary();
+            volume.set("directoryOnOff", true);
+            volume.set("directoryStatus", "2");
+            volume.set("executionTimeDirectory", due);
+            Dictionary& drive = *settings.find("driveArray")->array()->front().dictionary();
+            drive.set("smartStatus", "2");
+            drive.set("executionTimeSmart", due);
+        });
+        s.send("daemonPreferencesUpdatedNotification").becomeActive().run(seconds(2));
+    };
+    const auto answers = [&s] {
+        return std::vector{s.send("isDirectoryExecuteComplete").answer(),
+                           s.send("isSMARTExecuteComplete").answer()};
+    };
+    using enum Scenario::Answer;
+    setDue(0);
+    EXPECT_THAT(answers(), ElementsAre(no, no));
+    s.machine().mailServer.setReachability(SimulatedMailServer::Reachability::noAnswer);
+    s.send("daemonTestSendingEmailNotification");
+    setDue(s.secondsNow() + 604'800);
+    EXPECT_THAT(answers(), ElementsAre(no, no));
+    s.machine().mailServer.reportError(StreamSide::input, "Connection timed out");
+    s.becomeActive().run(seconds(2));
+    EXPECT_THAT(answers(), ElementsAre(yes, yes));
+    // Nor does a tick that finds something due while a mail is on its way say so.
+    s.machine().mailServer.setReachability(SimulatedMailServer::Reachability::noAnswer);
+    s.send("daemonTestSendingEmailNotification");
+    setDue(0);
+    EXPECT_THAT(answers(), ElementsAre(yes, yes));
 }
 
 TEST(SettingTheClock, BackOnlyDelaysAndForwardOnlyHastens) {

@@ -355,6 +355,24 @@ TEST(SmartCheck, TellsTheMainApplicationWhileOneIsDue) {
     EXPECT_THAT(castorResults(s), IsEmpty()) << "a check that is marked as running is left alone";
 }
 
+TEST(SmartCheck, CountsAsUnderWayUntilATickFindsNothingDue) {
+    Scenario s(oneDrive());
+    s.run(seconds(10));
+    ASSERT_THAT(castorResults(s), SizeIs(1));
+    // Neither the check's end nor any word ends it: the tick that the check has asked for does.
+    for (const char* word :
+         {"isSMARTExecuteComplete", "daemonPreferencesUpdatedNotification",
+          "directoryBackupStopNotification", "disableDirectoryBackupNotification",
+          "enableDirectoryBackupNotification", "QLDaemonCheckFreeSpace_WipeData_Msg"}) {
+        s.send(word).send("isSMARTExecuteComplete");
+        EXPECT_EQ(s.answer(), Scenario::Answer::no) << word;
+    }
+    s.becomeActive().run(std::chrono::milliseconds(999));
+    EXPECT_EQ(s.send("isSMARTExecuteComplete").answer(), Scenario::Answer::no);
+    s.run(std::chrono::milliseconds(1));
+    EXPECT_EQ(s.send("isSMARTExecuteComplete").answer(), Scenario::Answer::yes);
+}
+
 TEST(SmartCheck, OneTickStartsTheFirstDueDriveOnly) {
     MachineDescription machine = oneDrive();
     addDrive(machine, "disk2", named("Pollux", "PLX2"));

@@ -7,7 +7,10 @@ namespace korvane {
 class SimulatedControlConnection::Registration final : public RegisteredConnection {
   public:
     explicit Registration(SimulatedControlConnection& connection) : connection_(connection) {}
-    ~Registration() override { connection_.target_ = nullptr; }
+    ~Registration() override {
+        connection_.target_ = nullptr;
+        connection_.journal_.note("service name given back");
+    }
     Registration(const Registration&) = delete;
     Registration& operator=(const Registration&) = delete;
 

@@ -10,6 +10,7 @@ namespace korvane {
 struct SimulatedProcesses::Running {
     Launch launch;
     bool endsWhenTold = true;
+    std::function<void(const Launch&)> whenTold;
     const Task* task = nullptr;  // while somebody holds it
     std::unique_ptr<Timer> timer;
 };
@@ -38,6 +39,7 @@ class SimulatedProcesses::LaunchedTask final : public Task {
 
   private:
     void endAsTold() {
+        if (running_->whenTold) running_->whenTold(running_->launch);
         if (running_->endsWhenTold) processes_.end(*running_, SIGTERM);
     }
 
@@ -67,6 +69,7 @@ bool SimulatedProcesses::isRunning(const std::string& name, const std::string& a
 
 void SimulatedProcesses::setDidTerminateApplication(
     std::function<void(const std::string& bundleIdentifier)> callback) {
+    if (didTerminateApplication_ && !callback) journal_.note("applications unobserved");
     didTerminateApplication_ = std::move(callback);
 }
 
@@ -90,6 +93,7 @@ std::unique_ptr<Task> SimulatedProcesses::launch(const std::string& path,
     auto running = std::make_shared<Running>();
     running->launch = Launch{.path = path, .arguments = arguments};
     running->endsWhenTold = known->second.endsWhenTold;
+    running->whenTold = known->second.whenTold;
     launched_.push_back(running);
     if (known->second.duration) {
         running->timer =

@@ -25,14 +25,6 @@ class SimulatedProcesses final : public Processes {
         std::vector<std::string> arguments{};
     };
 
-    struct Program {
-        // How long a run takes; nothing: until it is told to end.
-        std::optional<std::chrono::microseconds> duration;
-        // What it has done when it ends by itself.
-        std::function<void(const std::vector<std::string>& arguments)> work;
-        // No for one that waits for a disk and hears nothing.
-        bool endsWhenTold = true;
-    };
     struct Launch {
         std::string path;
         std::vector<std::string> arguments;
@@ -40,6 +32,16 @@ class SimulatedProcesses final : public Processes {
         int interrupts = 0;
         int terminates = 0;
         int endingSignal = 0;
+    };
+    struct Program {
+        // How long a run takes; nothing: until it is told to end.
+        std::optional<std::chrono::microseconds> duration;
+        // What it has done when it ends by itself.
+        std::function<void(const std::vector<std::string>& arguments)> work;
+        // No for one that waits for a disk and hears nothing.
+        bool endsWhenTold = true;
+        // Called each time that it is told to end, before it does.
+        std::function<void(const Launch&)> whenTold = nullptr;
     };
 
     SimulatedProcesses(SimulatedRunLoop& runLoop, SimulatedJournal& journal);

@@ -128,10 +128,12 @@ bool SimulatedVolumes::unmount(std::int16_t referenceNumber) {
 }
 
 void SimulatedVolumes::setDidMount(std::function<void()> callback) {
+    if (didMount_ && !callback) journal_.note("mounts unobserved");
     didMount_ = std::move(callback);
 }
 
 void SimulatedVolumes::setDidUnmount(std::function<void()> callback) {
+    if (didUnmount_ && !callback) journal_.note("unmounts unobserved");
     didUnmount_ = std::move(callback);
 }
 
