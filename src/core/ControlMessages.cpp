@@ -18,10 +18,16 @@ bool KorvaneProDaemon::messageXmitRcvr(const std::string& word) {
     const auto dispatch = [&] { answer = dispatchControlWord(word); };
     // From this release on a command is carried out at background priority, so that one sent while
     // the user works costs the user nothing; the caller waits for its answer either way.
-    if (compareCurrentSystemVersionWith("10.7") != ComparisonResult::ascending) {
-        machine_.runLoop.runInBackgroundAndWait(dispatch);
-    } else {
-        dispatch();
+    try {
+        if (compareCurrentSystemVersionWith("10.7") != ComparisonResult::ascending) {
+            machine_.runLoop.runInBackgroundAndWait(dispatch);
+        } else {
+            dispatch();
+        }
+    } catch (const std::exception&) {
+        // The caller is answered with it; a reload may have cancelled the ticks before it failed.
+        armTickAfterFailure();
+        throw;
     }
     return answer;
 }

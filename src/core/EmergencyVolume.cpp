@@ -55,18 +55,16 @@ void KorvaneProDaemon::volumeMountHandler() {
     armOstrandTimer(seconds(5));
     outTimer.reset();
     clockTimer.reset();
-    updateDrivePreferences(DriveProbe::smart);
-    updateVolumePreferences();
-    setupTrashRetainer(false);
+    refreshInventories(DriveProbe::smart);
+    carryOut("watching the trash", [this] { setupTrashRetainer(false); });
     armClockTimer(seconds(1));
 }
 
 void KorvaneProDaemon::volumeUnmountHandler() {
     outTimer.reset();
     clockTimer.reset();
-    updateDrivePreferences(DriveProbe::none);
-    updateVolumePreferences();
-    setupTrashRetainer(false);
+    refreshInventories(DriveProbe::none);
+    carryOut("watching the trash", [this] { setupTrashRetainer(false); });
     armClockTimer(seconds(0));
 }
 

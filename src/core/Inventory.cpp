@@ -26,4 +26,9 @@ void KorvaneProDaemon::updateVolumePreferences() {
     }
 }
 
+void KorvaneProDaemon::refreshInventories(DriveProbe probe) {
+    carryOut("the inventory of drives", [this, probe] { updateDrivePreferences(probe); });
+    carryOut("the inventory of volumes", [this] { updateVolumePreferences(); });
+}
+
 }  // namespace korvane

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <list>
 #include <map>
 #include <memory>
@@ -27,6 +28,7 @@
 #include "platform/LogOnce.h"
 #include "platform/Machine.h"
 #include "storage/DriveIndex.h"
+#include "storage/EntryFields.h"
 
 namespace korvane {
 
@@ -116,6 +118,9 @@ class KorvaneProDaemon final : public ControlTarget {
     std::unique_ptr<Timer> stepTimer_backup;  // starts the directory backup of one volume
     std::unique_ptr<Timer> stepTimer_smart;   // starts the SMART check of one drive
     std::unique_ptr<Timer> ostrandTimer;      // polls for the emergency volume
+    // The tick that comes when a part of the work has failed, whatever else was to bring one.
+    std::unique_ptr<StandbyTimer> tickAfterFailure{
+        machine_.runLoop.makeStandbyTimer([this] { updateClock(); })};
 
     // The polls of launched copies that are pending, by number, each with its run.
     struct CopyPoll {
@@ -198,6 +203,8 @@ class KorvaneProDaemon final : public ControlTarget {
 
     void updateDrivePreferences(DriveProbe probe);
     void updateVolumePreferences();
+    // Both, the drives first. One that fails leaves the other alone.
+    void refreshInventories(DriveProbe probe);
 
     // ---- core/: scheduler (Scheduler.cpp) -------------------------------------------------------
 
@@ -205,6 +212,22 @@ class KorvaneProDaemon final : public ControlTarget {
     void updateClock();
     // Arms the tick at which the earliest check falls due.
     void setOutTimer();
+    void tick();
+    // Does one part of the work. What it throws is logged, once until this part succeeds again, and
+    // a tick follows soon. Answers whether nothing was thrown. The part is named for the log.
+    template <typename Work>
+    bool carryOut(std::string_view part, const Work& work) {
+        try {
+            work();
+        } catch (const std::exception& failure) {
+            goOnAfterFailure(part, failure.what());
+            return false;
+        }
+        logOnce.ended(part);
+        return true;
+    }
+    void goOnAfterFailure(std::string_view part, std::string_view reason) noexcept;
+    void armTickAfterFailure() noexcept;
     [[nodiscard]] bool runningOnBattery();
     // Whether protection is on: only a switch that is there and NO turns it off.
     [[nodiscard]] bool daemonIsOn() const;
@@ -215,6 +238,14 @@ class KorvaneProDaemon final : public ControlTarget {
     // Starts it or puts it off; false when the daemon quits over that.
     [[nodiscard]] bool startDueDirectoryBackup();
     void startDueSmartCheck();
+    // Does the check of the entry with this index. One that fails is over like any other: its entry
+    // is due again after its interval, and the entries behind it have their turn.
+    template <typename Check>
+    void carryOutCheck(std::string_view part, PropertyListArray& entries, std::size_t index,
+                       const CheckKeys& keys, const Check& check) {
+        if (!carryOut(part, check)) endFailedCheck(entries, index, keys);
+    }
+    void endFailedCheck(PropertyListArray& entries, std::size_t index, const CheckKeys& keys);
     void armClockTimer(std::chrono::microseconds delay);
 
     // ---- core/: control messages (ControlMessages.cpp) ------------------------------------------

@@ -68,27 +68,31 @@ void KorvaneProDaemon::awakeFromNib() {
                              {getCurrentSystemString(), std::int64_t{delay.count()}});
 }
 
+// A part that fails leaves the parts after it alone: a start that nobody finished would leave the
+// machine without observers and without a tick until the next restart.
 void KorvaneProDaemon::doStartup() {
-    loadPreferences();
-    updateDrivePreferences(DriveProbe::smart);
-    updateVolumePreferences();
-    setupTrashRetainer(false);
-    markNotYetExamined(driveArray, volumeArray);
-    writePreferences();
+    carryOut("loading the settings", [this] { loadPreferences(); });
+    refreshInventories(DriveProbe::smart);
+    carryOut("watching the trash", [this] { setupTrashRetainer(false); });
+    carryOut("marking entries", [this] { markNotYetExamined(driveArray, volumeArray); });
+    carryOut("saving the settings", [this] { writePreferences(); });
 
-    machine_.processes.setDidTerminateApplication(
-        [this](const std::string& identifier) { didTerminateApplicationNotification(identifier); });
-    machine_.volumes.setDidMount([this] { volumeMountHandler(); });
-    machine_.volumes.setDidUnmount([this] { volumeUnmountHandler(); });
+    machine_.processes.setDidTerminateApplication([this](const std::string& identifier) {
+        carryOut("an application's end",
+                 [this, &identifier] { didTerminateApplicationNotification(identifier); });
+    });
+    machine_.volumes.setDidMount([this] { carryOut("a mount", [this] { volumeMountHandler(); }); });
+    machine_.volumes.setDidUnmount(
+        [this] { carryOut("an unmount", [this] { volumeUnmountHandler(); }); });
 
-    armClockTimer(seconds(1));
+    carryOut("arming a tick", [this] { armClockTimer(seconds(1)); });
     startupInProgress = false;
 }
 
 void KorvaneProDaemon::applicationWillBecomeActive() {
     if (startupInProgress) return;
+    carryOut("arming a tick", [this] { armClockTimer(seconds(1)); });
     outTimer.reset();
-    armClockTimer(seconds(1));
 }
 
 // Saves nothing: the preferences are written in the course of the work alone.

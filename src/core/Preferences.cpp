@@ -124,8 +124,8 @@ bool KorvaneProDaemon::savePreferences() {
         return false;
     }
     writePreferences();
-    outTimer.reset();
     armClockTimer(seconds(1));
+    outTimer.reset();
     return true;
 }
 
@@ -135,8 +135,7 @@ void KorvaneProDaemon::preferencesUpdated() {
         return;
     }
     loadPreferences();
-    updateDrivePreferences(DriveProbe::none);
-    updateVolumePreferences();
+    refreshInventories(DriveProbe::none);
     setupTrashRetainer(false);
     outTimer.reset();
     clockTimer.reset();

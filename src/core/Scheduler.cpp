@@ -18,10 +18,18 @@ namespace {
 
 // How long a backup waits before it looks again whether another one still runs.
 constexpr seconds kBackupDeferral{5};
+// When a tick follows one that failed: soon enough to miss nothing, and seldom enough that a cause
+// which lasts costs little.
+constexpr seconds kDelayAfterFailure{10};
 
 }  // namespace
 
 void KorvaneProDaemon::updateClock() {
+    tickAfterFailure->disarm();
+    carryOut("a tick", [this] { tick(); });
+}
+
+void KorvaneProDaemon::tick() {
     if (!machine_.fileSystem.exists(kSupportFolder)) {
         quitWithoutSupportFolder();
         return;
@@ -44,25 +52,64 @@ void KorvaneProDaemon::updateClock() {
     setOutTimer();
 }
 
+// Each kind for itself: what keeps one from being started does not keep the others.
 bool KorvaneProDaemon::startDueChecks() {
-    updateDrivePreferences(DriveProbe::none);
-    updateVolumePreferences();
-    if (booleanValue(preference(kVolumeUsageOnOff))) startDueUsageCheck();
-    const bool backupsMayRun =
-        !backupDisabled && booleanValue(preference(kDirectoryBackupOnOff)) && !runningOnBattery();
-    if (backupsMayRun && !startDueDirectoryBackup()) return false;
-    if (booleanValue(preference(kSmartCheckOnOff))) startDueSmartCheck();
+    refreshInventories(DriveProbe::none);
+    carryOut("starting a usage check", [this] {
+        if (booleanValue(preference(kVolumeUsageOnOff))) startDueUsageCheck();
+    });
+    bool goesOn = true;
+    carryOut("starting a directory backup", [this, &goesOn] {
+        const bool backupsMayRun = !backupDisabled &&
+                                   booleanValue(preference(kDirectoryBackupOnOff)) &&
+                                   !runningOnBattery();
+        if (backupsMayRun) goesOn = startDueDirectoryBackup();
+    });
+    if (!goesOn) return false;
+    carryOut("starting a SMART check", [this] {
+        if (booleanValue(preference(kSmartCheckOnOff))) startDueSmartCheck();
+    });
     return true;
+}
+
+void KorvaneProDaemon::goOnAfterFailure(std::string_view part, std::string_view reason) noexcept {
+    armTickAfterFailure();
+    try {
+        logOnce.write(part, LogMessage::workFailed, {part, reason});
+    } catch (const std::exception&) {
+        // No memory to say so. The part is done again after the next tick and says so then.
+    }
+}
+
+void KorvaneProDaemon::armTickAfterFailure() noexcept { tickAfterFailure->arm(kDelayAfterFailure); }
+
+void KorvaneProDaemon::endFailedCheck(PropertyListArray& entries, std::size_t index,
+                                      const CheckKeys& keys) {
+    carryOut("ending a failed check", [&] {
+        Dictionary* const entry = index < entries.size() ? entries[index].dictionary() : nullptr;
+        if (!entry) return;
+        // A warning that was given stays noted.
+        if (entryStatus(*entry, keys) == kStatusRunning) {
+            setEntryStatus(*entry, keys, kStatusNotExamined);
+        }
+        setExecutionTime(*entry, keys,
+                         addInterval(machine_.clock.now(), executionInterval(*entry, keys)));
+        (void)savePreferences();  // the check ends here either way
+    });
 }
 
 void KorvaneProDaemon::startDueUsageCheck() {
     const auto index = usageCheckToStart(volumeArray, machine_.clock.now());
     if (!index) return;
+    // Before the status: an entry that is marked as running and does not run would wait for ever.
+    stepTimer_usage =
+        machine_.runLoop.startTimer(seconds(0), Repeat::once, [this, started = *index] {
+            carryOutCheck("a usage check", volumeArray, started, kUsageKeys,
+                          [&] { volumeUsageCheck(started); });
+        });
     VolumeEntry entry(*volumeArray[*index].dictionary());
     // A warning that has been given stays noted, or it would be given again.
     if (entry.usageStatus() != kStatusFailing) entry.setUsageStatus(kStatusRunning);
-    stepTimer_usage = machine_.runLoop.startTimer(
-        seconds(0), Repeat::once, [this, started = *index] { volumeUsageCheck(started); });
 }
 
 // Two backups never run together: one that falls due meanwhile is put off a little at a time.
@@ -78,9 +125,12 @@ bool KorvaneProDaemon::startDueDirectoryBackup() {
         entry.setExecutionTimeDirectory(now + kBackupDeferral);
         return savePreferences();
     }
+    stepTimer_backup =
+        machine_.runLoop.startTimer(seconds(0), Repeat::once, [this, started = *index] {
+            carryOutCheck("a directory backup", volumeArray, started, kDirectoryKeys,
+                          [&] { directoryBackup(started); });
+        });
     entry.setDirectoryStatus(kStatusRunning);
-    stepTimer_backup = machine_.runLoop.startTimer(
-        seconds(0), Repeat::once, [this, started = *index] { directoryBackup(started); });
     return true;
 }
 
@@ -88,9 +138,12 @@ void KorvaneProDaemon::startDueSmartCheck() {
     const DueSmartCheck due = dueSmartCheck(driveArray, machine_.clock.now());
     smartActive = due.isAnyDue;
     if (!due.toStart) return;
+    stepTimer_smart =
+        machine_.runLoop.startTimer(seconds(0), Repeat::once, [this, started = *due.toStart] {
+            carryOutCheck("a SMART check", driveArray, started, kSmartKeys,
+                          [&] { smartCheck(started); });
+        });
     DriveEntry(*driveArray[*due.toStart].dictionary()).setSmartStatus(kStatusRunning);
-    stepTimer_smart = machine_.runLoop.startTimer(
-        seconds(0), Repeat::once, [this, started = *due.toStart] { smartCheck(started); });
 }
 
 void KorvaneProDaemon::setOutTimer() {

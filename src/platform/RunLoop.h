@@ -17,6 +17,17 @@ class Timer {
 
 enum class Repeat { once, every };
 
+// A one-shot timer that is made ahead of its use. Arming it needs no memory, so it can be relied on
+// when everything else has failed. Destroying it takes it off the loop.
+class StandbyTimer {
+  public:
+    virtual ~StandbyTimer() = default;
+    // Calls back after the delay, as RunLoop::startTimer() has it; a pending call is moved.
+    virtual void arm(std::chrono::microseconds delay) noexcept = 0;
+    // Without effect when no call is pending.
+    virtual void disarm() noexcept = 0;
+};
+
 // A lock with one holder at a time, which any thread may release.
 class HandoverLock {
   public:
@@ -41,6 +52,9 @@ class RunLoop {
     // runInBackgroundAndWait() thread while that is waited for.
     [[nodiscard]] virtual std::unique_ptr<Timer> startTimer(std::chrono::microseconds delay,
                                                             Repeat repeat, Callback callback) = 0;
+
+    // A timer that is not pending yet. On the loop's thread.
+    [[nodiscard]] virtual std::unique_ptr<StandbyTimer> makeStandbyTimer(Callback callback) = 0;
 
     // Calls back on the loop's thread, in the order of the posts. From any thread.
     virtual void post(Callback callback) = 0;

@@ -136,6 +136,43 @@ TEST_P(RunLoopConformance, LetsATimerDestroyItselfFromItsOwnCallback) {
     }
 }
 
+TEST_P(RunLoopConformance, DoesNotFireAStandbyTimerThatWasNeverArmed) {
+    const auto timer = loop().makeStandbyTimer([this] { called_.push_back(1); });
+    runFor(milliseconds{20});
+    EXPECT_THAT(called_, testing::IsEmpty());
+}
+
+TEST_P(RunLoopConformance, ArmsAStandbyTimerAnewFromItsOwnCallback) {
+    const std::uint64_t start = now();
+    std::uint64_t firedLast = 0;
+    std::unique_ptr<StandbyTimer> timer;
+    timer = loop().makeStandbyTimer([&] {
+        called_.push_back(1);
+        firedLast = now();
+        if (called_.size() < 3) timer->arm(milliseconds{10});
+        if (called_.size() == 3) loop().terminate();
+    });
+    timer->arm(std::chrono::hours{1});
+    timer->arm(milliseconds{10});  // the first call is moved
+    loop().run();
+    EXPECT_THAT(called_, testing::SizeIs(3));
+    EXPECT_GE(firedLast, start + 30000);
+}
+
+TEST_P(RunLoopConformance, DoesNotFireAStandbyTimerThatWasDisarmedOrDestroyed) {
+    const auto disarmed = loop().makeStandbyTimer([this] { called_.push_back(1); });
+    disarmed->disarm();
+    disarmed->arm(milliseconds{1});
+    disarmed->disarm();
+    auto destroyed = loop().makeStandbyTimer([this] { called_.push_back(2); });
+    destroyed->arm(milliseconds{1});
+    destroyed.reset();
+    const auto kept = loop().makeStandbyTimer([this] { called_.push_back(3); });
+    kept->arm(microseconds{0});
+    runFor(milliseconds{20});
+    EXPECT_THAT(called_, testing::ElementsAre(3));
+}
+
 TEST_P(RunLoopConformance, RepeatsFromThePlannedTime) {
     const std::uint64_t start = now();
     std::vector<std::uint64_t> firedAt;

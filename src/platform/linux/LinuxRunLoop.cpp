@@ -35,6 +35,11 @@ std::uint64_t boottimeMicrosecondsNow() {
            static_cast<std::uint64_t>(time.tv_nsec) / 1000;
 }
 
+std::uint64_t periodOf(std::chrono::microseconds delay) {
+    return static_cast<std::uint64_t>(
+        std::clamp(delay, std::chrono::microseconds{0}, kLongestDelay).count());
+}
+
 // sd-event answers with negative error numbers.
 void require(int result, const char* what) {
     if (result < 0) throw std::system_error(-result, std::generic_category(), what);
@@ -42,43 +47,81 @@ void require(int result, const char* what) {
 
 }  // namespace
 
-class LinuxRunLoop::LoopTimer final : public Timer {
+// A callback and its place in the queue of timers. The queue's node is made with it and is kept
+// while it is not queued: queueing again needs no memory.
+class LinuxRunLoop::QueuedTimer {
   public:
-    LoopTimer(LinuxRunLoop& loop, Repeat repeat, std::uint64_t period, Callback callback)
+    // Without a period it fires once.
+    QueuedTimer(LinuxRunLoop& loop, std::optional<std::uint64_t> periodMicroseconds,
+                Callback callback)
         : loop_(loop),
-          repeat_(repeat),
-          period_(period),
-          callback_(std::make_shared<const Callback>(std::move(callback))) {}
-    ~LoopTimer() override {
-        if (pending_) loop_.dequeue(key_);
+          periodMicroseconds_(periodMicroseconds),
+          callback_(std::make_shared<const Callback>(std::move(callback))) {
+        TimerQueue queue;
+        queue.emplace(TimerKey{}, this);
+        node_ = queue.extract(queue.begin());
     }
-    LoopTimer(const LoopTimer&) = delete;
-    LoopTimer& operator=(const LoopTimer&) = delete;
+    ~QueuedTimer() { disarm(); }
+    QueuedTimer(const QueuedTimer&) = delete;
+    QueuedTimer& operator=(const QueuedTimer&) = delete;
 
-    void arm(std::uint64_t boottimeMicroseconds) {
-        key_ = loop_.enqueue(*this, boottimeMicroseconds);
-        pending_ = true;
+    void armAt(std::uint64_t boottimeMicroseconds) noexcept {
+        disarm();
+        key_ = {boottimeMicroseconds, loop_.nextSequence_++};
+        node_.key() = key_;
+        loop_.timers_.insert(std::move(node_));
+        loop_.armForEarliestTimer();
+    }
+    void disarm() noexcept {
+        if (node_) return;
+        node_ = loop_.timers_.extract(key_);
+        loop_.armForEarliestTimer();
     }
 
-    // The timer has been taken off the queue. The callback is handed out, since it may destroy
-    // this object.
-    [[nodiscard]] std::shared_ptr<const Callback> fired(std::uint64_t now) {
-        pending_ = false;
-        if (repeat_ == Repeat::every) {
+    // Its time has come: it is taken off the queue, and queued again when it repeats. The callback
+    // is handed out, since it may destroy this object.
+    [[nodiscard]] std::shared_ptr<const Callback> fired(std::uint64_t now) noexcept {
+        node_ = loop_.timers_.extract(key_);
+        if (periodMicroseconds_) {
+            const std::uint64_t period = *periodMicroseconds_;
             const std::uint64_t planned = key_.boottimeMicroseconds;
-            const std::uint64_t missed = period_ == 0 ? 0 : (now - planned) / period_;
-            arm(period_ == 0 ? now : planned + (missed + 1) * period_);
+            const std::uint64_t missed = period == 0 ? 0 : (now - planned) / period;
+            armAt(period == 0 ? now : planned + (missed + 1) * period);
         }
         return callback_;
     }
 
   private:
     LinuxRunLoop& loop_;
-    Repeat repeat_;
-    std::uint64_t period_;
+    std::optional<std::uint64_t> periodMicroseconds_;
     std::shared_ptr<const Callback> callback_;
     TimerKey key_;
-    bool pending_ = false;
+    TimerQueue::node_type node_;  // while it is not queued
+};
+
+class LinuxRunLoop::LoopTimer final : public Timer {
+  public:
+    LoopTimer(LinuxRunLoop& loop, Repeat repeat, std::uint64_t delay, Callback callback)
+        : queued_(loop, repeat == Repeat::every ? std::optional(delay) : std::nullopt,
+                  std::move(callback)) {
+        queued_.armAt(boottimeMicrosecondsNow() + delay);
+    }
+
+  private:
+    QueuedTimer queued_;
+};
+
+class LinuxRunLoop::LoopStandbyTimer final : public StandbyTimer {
+  public:
+    LoopStandbyTimer(LinuxRunLoop& loop, Callback callback)
+        : queued_(loop, std::nullopt, std::move(callback)) {}
+    void arm(std::chrono::microseconds delay) noexcept override {
+        queued_.armAt(boottimeMicrosecondsNow() + periodOf(delay));
+    }
+    void disarm() noexcept override { queued_.disarm(); }
+
+  private:
+    QueuedTimer queued_;
 };
 
 LinuxRunLoop::SignalMask::SignalMask() {
@@ -146,26 +189,14 @@ void LinuxRunLoop::addSources() {
 
 std::unique_ptr<Timer> LinuxRunLoop::startTimer(std::chrono::microseconds delay, Repeat repeat,
                                                 Callback callback) {
-    delay = std::clamp(delay, std::chrono::microseconds{0}, kLongestDelay);
-    const auto period = static_cast<std::uint64_t>(delay.count());
-    auto timer = std::make_unique<LoopTimer>(*this, repeat, period, std::move(callback));
-    timer->arm(boottimeMicrosecondsNow() + period);
-    armForEarliestTimer();
-    return timer;
+    return std::make_unique<LoopTimer>(*this, repeat, periodOf(delay), std::move(callback));
 }
 
-LinuxRunLoop::TimerKey LinuxRunLoop::enqueue(LoopTimer& timer, std::uint64_t boottimeMicroseconds) {
-    const TimerKey key{boottimeMicroseconds, nextSequence_++};
-    timers_.emplace(key, &timer);
-    return key;
+std::unique_ptr<StandbyTimer> LinuxRunLoop::makeStandbyTimer(Callback callback) {
+    return std::make_unique<LoopStandbyTimer>(*this, std::move(callback));
 }
 
-void LinuxRunLoop::dequeue(const TimerKey& key) {
-    timers_.erase(key);
-    armForEarliestTimer();
-}
-
-void LinuxRunLoop::armForEarliestTimer() {
+void LinuxRunLoop::armForEarliestTimer() noexcept {
     // None of these calls can fail on a live source; the kernel's timer is set once a pass, by
     // sd-event, however often it changes here.
     if (timers_.empty()) {
@@ -192,7 +223,6 @@ void LinuxRunLoop::fireDueTimers() {
     while (!timers_.empty() && !terminating_) {
         const auto [key, timer] = *timers_.begin();
         if (key.boottimeMicroseconds > now || key.sequence >= startedLater) break;
-        timers_.erase(timers_.begin());
         const std::shared_ptr<const Callback> callback = timer->fired(now);
         callBack("a timer", *callback);
     }

@@ -48,6 +48,7 @@ class LinuxRunLoop final : public RunLoop {
 
     [[nodiscard]] std::unique_ptr<Timer> startTimer(std::chrono::microseconds delay, Repeat repeat,
                                                     Callback callback) override;
+    [[nodiscard]] std::unique_ptr<StandbyTimer> makeStandbyTimer(Callback callback) override;
     void post(Callback callback) override;
     void runInBackgroundAndWait(const Callback& work) override;
     [[nodiscard]] std::unique_ptr<HandoverLock> makeLock() override;
@@ -86,7 +87,9 @@ class LinuxRunLoop final : public RunLoop {
     }
 
   private:
+    class QueuedTimer;
     class LoopTimer;
+    class LoopStandbyTimer;
     class DescriptorLock;
     // When a timer fires, and its place among those of the same moment.
     struct TimerKey {
@@ -94,6 +97,7 @@ class LinuxRunLoop final : public RunLoop {
         std::uint64_t sequence = 0;
         friend auto operator<=>(const TimerKey&, const TimerKey&) = default;
     };
+    using TimerQueue = std::map<TimerKey, QueuedTimer*>;
     struct EventCloser {
         void operator()(sd_event* event) const { (void)sd_event_unref(event); }
     };
@@ -111,9 +115,7 @@ class LinuxRunLoop final : public RunLoop {
     static int onTerminate(sd_event_source* source, void* self) noexcept;
 
     void addSources();
-    [[nodiscard]] TimerKey enqueue(LoopTimer& timer, std::uint64_t boottimeMicroseconds);
-    void dequeue(const TimerKey& key);
-    void armForEarliestTimer();
+    void armForEarliestTimer() noexcept;
     void fireDueTimers();
     void runPosts();
     void logFailure(std::string_view where, std::string_view what) noexcept;
@@ -122,7 +124,7 @@ class LinuxRunLoop final : public RunLoop {
     SignalMask signalMask_;
     std::unique_ptr<sd_event, EventCloser> event_;
 
-    std::map<TimerKey, LoopTimer*> timers_;
+    TimerQueue timers_;
     std::uint64_t nextSequence_ = 0;
     EventSource timerSource_;
     EventSource dueNowSource_;  // for a delay of 0: no detour through the kernel's timer

@@ -22,6 +22,8 @@ struct SimulatedRunLoop::Event {
     bool isCancelled = false;
     bool isQueued = false;
     Key key{};
+    // Of a standby timer: where the queue's node is put back when its time has come.
+    Queue::node_type* ownNode = nullptr;
 };
 
 class SimulatedRunLoop::PendingTimerHandle final : public Timer {
@@ -35,6 +37,45 @@ class SimulatedRunLoop::PendingTimerHandle final : public Timer {
   private:
     SimulatedRunLoop& loop_;
     std::shared_ptr<Event> event_;
+};
+
+class SimulatedRunLoop::StandbyTimerHandle final : public StandbyTimer {
+  public:
+    StandbyTimerHandle(SimulatedRunLoop& loop, Callback callback)
+        : loop_(loop), event_(std::make_shared<Event>()) {
+        event_->callback = std::move(callback);
+        event_->isTimer = true;
+        event_->ownNode = &node_;
+        Queue queue;
+        queue.emplace(Key{}, event_);
+        node_ = queue.extract(queue.begin());
+    }
+    ~StandbyTimerHandle() override {
+        disarm();
+        event_->ownNode = nullptr;
+    }
+    StandbyTimerHandle(const StandbyTimerHandle&) = delete;
+    StandbyTimerHandle& operator=(const StandbyTimerHandle&) = delete;
+
+    void arm(std::chrono::microseconds delay) noexcept override {
+        disarm();
+        const auto wait = static_cast<std::uint64_t>(std::max<std::int64_t>(delay.count(), 0));
+        event_->key = {loop_.clock_.microsecondsSinceBoot() + wait, loop_.nextOrder_++};
+        event_->isQueued = true;
+        node_.key() = event_->key;
+        loop_.queue_.insert(std::move(node_));
+    }
+    void disarm() noexcept override {
+        if (!event_->isQueued) return;
+        event_->isQueued = false;
+        // Not in the queue any more when the process has been restarted.
+        if (auto node = loop_.queue_.extract(event_->key)) node_ = std::move(node);
+    }
+
+  private:
+    SimulatedRunLoop& loop_;
+    std::shared_ptr<Event> event_;
+    Queue::node_type node_;
 };
 
 SimulatedRunLoop::SimulatedRunLoop(SimulatedClock& clock, SimulatedJournal& journal)
@@ -54,6 +95,10 @@ std::unique_ptr<Timer> SimulatedRunLoop::startTimer(std::chrono::microseconds de
                                        repeat == Repeat::every ? ", repeating" : ""));
     enqueue(event, clock_.microsecondsSinceBoot() + wait);
     return std::make_unique<PendingTimerHandle>(*this, std::move(event));
+}
+
+std::unique_ptr<StandbyTimer> SimulatedRunLoop::makeStandbyTimer(Callback callback) {
+    return std::make_unique<StandbyTimerHandle>(*this, std::move(callback));
 }
 
 void SimulatedRunLoop::post(Callback callback) {
@@ -211,7 +256,11 @@ bool SimulatedRunLoop::step(std::uint64_t deadline) {
     const auto next = queue_.begin();
     const std::uint64_t plannedTime = next->first.first;
     const std::shared_ptr<Event> event = next->second;
-    queue_.erase(next);
+    if (event->ownNode) {
+        *event->ownNode = queue_.extract(next);
+    } else {
+        queue_.erase(next);
+    }
     event->isQueued = false;
 
     const std::uint64_t now = clock_.microsecondsSinceBoot();

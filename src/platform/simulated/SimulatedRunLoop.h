@@ -32,6 +32,7 @@ class SimulatedRunLoop final : public RunLoop {
 
     [[nodiscard]] std::unique_ptr<Timer> startTimer(std::chrono::microseconds delay, Repeat repeat,
                                                     Callback callback) override;
+    [[nodiscard]] std::unique_ptr<StandbyTimer> makeStandbyTimer(Callback callback) override;
     void post(Callback callback) override;
     void runInBackgroundAndWait(const Callback& work) override;
     // Nobody else runs while somebody waits here: a lock that is held costs the whole limit.
@@ -66,9 +67,11 @@ class SimulatedRunLoop final : public RunLoop {
   private:
     struct Event;
     class PendingTimerHandle;
+    class StandbyTimerHandle;
     class VirtualLock;
     // Time since boot in microseconds, then the order of arming.
     using Key = std::pair<std::uint64_t, std::uint64_t>;
+    using Queue = std::map<Key, std::shared_ptr<Event>>;
 
     void enqueue(const std::shared_ptr<Event>& event, std::uint64_t time);
     void cancel(Event& event);
@@ -79,7 +82,7 @@ class SimulatedRunLoop final : public RunLoop {
 
     SimulatedClock& clock_;
     SimulatedJournal& journal_;
-    std::map<Key, std::shared_ptr<Event>> queue_;
+    Queue queue_;
     std::uint64_t nextOrder_ = 0;
     Callback willBecomeActive_;
     Callback willTerminate_;
