@@ -228,6 +228,8 @@ class KorvaneProDaemon final : public ControlTarget {
     }
     void goOnAfterFailure(std::string_view part, std::string_view reason) noexcept;
     void armTickAfterFailure() noexcept;
+    // The wall clock has been set.
+    void clockDidStep(std::chrono::microseconds step);
     [[nodiscard]] bool runningOnBattery();
     // Whether protection is on: only a switch that is there and NO turns it off.
     [[nodiscard]] bool daemonIsOn() const;

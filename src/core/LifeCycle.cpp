@@ -45,11 +45,16 @@ KorvaneProDaemon::~KorvaneProDaemon() {
     removeObservers();
     machine_.runLoop.setWillTerminate(nullptr);
     machine_.runLoop.setWillBecomeActive(nullptr);
+    machine_.clock.setDidStep(nullptr);
 }
 
 void KorvaneProDaemon::awakeFromNib() {
     machine_.runLoop.setWillBecomeActive([this] { applicationWillBecomeActive(); });
     machine_.runLoop.setWillTerminate([this] { applicationWillTerminate(); });
+    // From the first load of the settings on: due times of before are those of the clock of before.
+    machine_.clock.setDidStep([this](microseconds step) {
+        carryOut("following the clock", [this, step] { clockDidStep(step); });
+    });
     // Without its connection, the name being taken say, the daemon still protects.
     destConnection = machine_.controlConnection.registerName(*this);
 

@@ -19,6 +19,13 @@ constexpr double kLongestIntervalSeconds = 3600;
 // Something overdue is running, or has just been started: no need to look at once.
 constexpr double kOverdueIntervalSeconds = 3;
 
+void moveDueTime(Dictionary& entry, const CheckKeys& keys, Time now,
+                 std::chrono::microseconds step) {
+    // An entry without a due time is due in any case.
+    if (!entry.contains(keys.executionTime) || isDueBeyondInterval(entry, keys, now - step)) return;
+    setExecutionTime(entry, keys, executionTime(entry, keys) + step);
+}
+
 }  // namespace
 
 seconds startUpDelay(std::chrono::microseconds sinceBoot) {
@@ -64,6 +71,21 @@ DueSmartCheck dueSmartCheck(const PropertyListArray& driveArray, Time now) {
         return {.isAnyDue = true, .toStart = index};
     }
     return {};
+}
+
+void moveDueTimes(PropertyListArray& volumeArray, PropertyListArray& driveArray, Time now,
+                  std::chrono::microseconds step) {
+    for (PropertyList& element : volumeArray) {
+        Dictionary* const entry = element.dictionary();
+        if (!entry) continue;
+        moveDueTime(*entry, kUsageKeys, now, step);
+        moveDueTime(*entry, kDirectoryKeys, now, step);
+    }
+    for (PropertyList& element : driveArray) {
+        if (Dictionary* const entry = element.dictionary()) {
+            moveDueTime(*entry, kSmartKeys, now, step);
+        }
+    }
 }
 
 std::chrono::duration<double> outTimerInterval(const PropertyListArray& volumeArray,

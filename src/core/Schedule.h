@@ -53,4 +53,10 @@ struct CheckSwitches {
                                                              const CheckSwitches& switches,
                                                              Time now);
 
+// The wall clock has been set by so much, and shows `now`: the daemon's own due times move with it,
+// so that a check comes when it would have come. A due time that was further ahead than its
+// interval was not the daemon's own: it stays at the date that somebody chose.
+void moveDueTimes(PropertyListArray& volumeArray, PropertyListArray& driveArray, Time now,
+                  std::chrono::microseconds step);
+
 }  // namespace korvane

@@ -169,6 +169,14 @@ void KorvaneProDaemon::setOutTimer() {
                                            Repeat::once, [this] { updateClock(); });
 }
 
+// At once, so that a daemon that ends now leaves nothing that is due years ahead.
+void KorvaneProDaemon::clockDidStep(microseconds step) {
+    moveDueTimes(volumeArray, driveArray, machine_.clock.now(), step);
+    writePreferences();
+    // What was not moved is nearer now, or further away.
+    applicationWillBecomeActive();
+}
+
 bool KorvaneProDaemon::runningOnBattery() { return isOnBattery(machine_.powerSources.states()); }
 
 bool KorvaneProDaemon::daemonIsOn() const {

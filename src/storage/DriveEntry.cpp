@@ -12,8 +12,6 @@ constexpr char kDriveChecked[] = "driveChecked";
 constexpr char kSmartOnOff[] = "smartOnOff";
 
 constexpr CheckInterval kDefaultInterval{.hours = 1};
-// A new drive is looked at soon, but not before it has settled.
-constexpr std::chrono::seconds kFirstCheckDelay{10};
 
 }  // namespace
 

@@ -1,5 +1,7 @@
 #include "storage/EntryFields.h"
 
+#include <algorithm>
+
 namespace korvane {
 
 const std::string& entryText(const Dictionary& entry, std::string_view key) {
@@ -29,6 +31,12 @@ CheckInterval executionInterval(const Dictionary& entry, const CheckKeys& keys) 
     return {.hours = integerValue(entry.find(keys.intervalHours)),
             .minutes = integerValue(entry.find(keys.intervalMinutes)),
             .seconds = integerValue(entry.find(keys.intervalSeconds))};
+}
+
+bool isDueBeyondInterval(const Dictionary& entry, const CheckKeys& keys, Time now) {
+    // With a short interval the first check of a new entry is due later than that.
+    return executionTime(entry, keys) >
+           std::max(addInterval(now, executionInterval(entry, keys)), now + kFirstCheckDelay);
 }
 
 void setExecutionInterval(Dictionary& entry, const CheckKeys& keys, const CheckInterval& interval) {

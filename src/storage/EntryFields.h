@@ -2,6 +2,7 @@
 // status, a due time and an interval. Other programs rewrite entries, so every reading is lenient.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -40,6 +41,9 @@ inline constexpr CheckKeys kSmartKeys{
     "smartStatus", "executionTimeSmart", "executionIntervalSmart_hours",
     "executionIntervalSmart_minutes", "executionIntervalSmart_seconds"};
 
+// When the first check of a new entry is due: soon, and not before the drive or volume has settled.
+inline constexpr std::chrono::seconds kFirstCheckDelay{10};
+
 // The text under the key, empty when there is none. Holds until the entry next changes.
 [[nodiscard]] const std::string& entryText(const Dictionary& entry, std::string_view key);
 
@@ -50,6 +54,10 @@ void setEntryStatus(Dictionary& entry, const CheckKeys& keys, EntryStatus status
 void setExecutionTime(Dictionary& entry, const CheckKeys& keys, Time due);
 
 [[nodiscard]] CheckInterval executionInterval(const Dictionary& entry, const CheckKeys& keys);
+// Whether the due time is further ahead than the check's interval. The daemon itself sets none
+// such: another program did, or the interval has been shortened since, or the clock was ahead and
+// was set right while no daemon ran.
+[[nodiscard]] bool isDueBeyondInterval(const Dictionary& entry, const CheckKeys& keys, Time now);
 void setExecutionInterval(Dictionary& entry, const CheckKeys& keys, const CheckInterval& interval);
 
 }  // namespace korvane

@@ -17,8 +17,6 @@ constexpr char kFreeSpaceWarningLevel[] = "freeSpaceWarningLevel";
 constexpr int kDefaultWarningLevelPercent = 15;
 constexpr CheckInterval kDefaultUsageInterval{.minutes = 5};
 constexpr CheckInterval kDefaultDirectoryInterval{.hours = 4};
-// A volume that has just been mounted is given this long before its first checks.
-constexpr std::chrono::seconds kFirstCheckDelay{10};
 // The start-up volume is mounted here.
 constexpr char kStartUpMountPoint[] = "/";
 

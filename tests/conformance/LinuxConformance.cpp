@@ -20,17 +20,34 @@
 #include "platform/linux/LinuxPowerSources.h"
 #include "platform/linux/LinuxSystemLog.h"
 #include "platform/linux/UniqueFd.h"
+#include "unit/platform/RecordingLog.h"
 #include "unit/platform/TemporaryFolder.h"
 
 namespace korvane {
 namespace {
 
+// No test sets the clock of the machine that it runs on: this one's hands are moved, and it is told
+// so in the kernel's place.
+struct MovedClock final : LinuxClock {
+    using LinuxClock::LinuxClock;
+    Time now() override { return LinuxClock::now() + moved; }
+    void step(std::chrono::microseconds offset) {
+        moved += offset;
+        lookForStep();
+    }
+    std::chrono::microseconds moved{0};
+};
+
 struct LinuxClockSubject final : ClockSubject {
     Clock& clock() override { return linuxClock; }
+    RunLoop& loop() override { return runLoop; }
+    void step(std::chrono::microseconds offset) override { linuxClock.step(offset); }
     void spend(std::chrono::microseconds duration) override {
         ::usleep(static_cast<useconds_t>(duration.count()));
     }
-    LinuxClock linuxClock;
+    RecordingLog log;
+    LinuxRunLoop runLoop{log};
+    MovedClock linuxClock{runLoop};
 };
 INSTANTIATE_TEST_SUITE_P(Linux, ClockConformance,
                          testing::Values(Implementation<ClockSubject>{
@@ -40,7 +57,10 @@ INSTANTIATE_TEST_SUITE_P(Linux, ClockConformance,
 struct LinuxFilesSubject final : FileSystemSubject {
     FileSystem& files() override { return fileSystem; }
     std::string folder() override { return place.path(); }
-    Time now() override { return LinuxClock().now(); }
+    Time now() override {
+        return std::chrono::time_point_cast<std::chrono::microseconds>(
+            std::chrono::system_clock::now());
+    }
     std::uint32_t ownId() override { return ::geteuid(); }
     void put(const std::string& path, const std::string& text) override {
         std::ofstream(path, std::ios::binary) << text;

@@ -21,7 +21,7 @@ struct LinuxLoopSubject final : RunLoopSubject {
 
     RecordingLog log;
     LinuxRunLoop runLoop{log};
-    LinuxClock linuxClock;
+    LinuxClock linuxClock{runLoop};
 };
 INSTANTIATE_TEST_SUITE_P(Linux, RunLoopConformance,
                          testing::Values(Implementation<RunLoopSubject>{

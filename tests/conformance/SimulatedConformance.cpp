@@ -28,6 +28,8 @@ INSTANTIATE_TEST_SUITE_P(Simulated, RunLoopConformance,
 
 struct SimulatedClockSubject final : ClockSubject {
     Clock& clock() override { return machine.clock; }
+    RunLoop& loop() override { return machine.runLoop; }
+    void step(std::chrono::microseconds offset) override { machine.clock.step(offset); }
     void spend(std::chrono::microseconds duration) override { machine.clock.advance(duration); }
     SimulatedMachine machine{MachineDescription{}};
 };

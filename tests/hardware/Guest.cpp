@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -216,6 +217,13 @@ int linesLogged(const std::string& text) {
         count += line.find(text) != std::string::npos ? 1 : 0;
     }
     return count;
+}
+
+void ClockSteppedBack::step(std::chrono::seconds by) {
+    timespec now{};
+    EXPECT_EQ(::clock_gettime(CLOCK_REALTIME, &now), 0);
+    now.tv_sec += by.count();
+    EXPECT_EQ(::clock_settime(CLOCK_REALTIME, &now), 0);
 }
 
 RunningDaemon::RunningDaemon() {

@@ -58,6 +58,20 @@ void keepSupportFolder();
 // How many lines of the daemons' log so far hold the text.
 [[nodiscard]] int linesLogged(const std::string& text);
 
+// For as long as this lives the machine's clock is behind.
+class ClockSteppedBack {
+  public:
+    explicit ClockSteppedBack(std::chrono::seconds by) : by_(by) { step(-by_); }
+    ~ClockSteppedBack() { step(by_); }
+    ClockSteppedBack(const ClockSteppedBack&) = delete;
+    ClockSteppedBack& operator=(const ClockSteppedBack&) = delete;
+
+  private:
+    static void step(std::chrono::seconds by);
+
+    std::chrono::seconds by_;
+};
+
 // The daemon, in a time namespace in which the machine has been up long enough for it to begin. Its
 // log goes to /results, which outlives the machine.
 class RunningDaemon {

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -82,25 +81,6 @@ std::map<std::string, std::string> tree(const std::string& top) {
     }
     return files;
 }
-
-// For as long as this lives the machine's clock is behind.
-class ClockSteppedBack {
-  public:
-    explicit ClockSteppedBack(std::chrono::seconds by) : by_(by) { step(-by_); }
-    ~ClockSteppedBack() { step(by_); }
-    ClockSteppedBack(const ClockSteppedBack&) = delete;
-    ClockSteppedBack& operator=(const ClockSteppedBack&) = delete;
-
-  private:
-    static void step(std::chrono::seconds by) {
-        timespec now{};
-        EXPECT_EQ(::clock_gettime(CLOCK_REALTIME, &now), 0);
-        now.tv_sec += by.count();
-        EXPECT_EQ(::clock_settime(CLOCK_REALTIME, &now), 0);
-    }
-
-    std::chrono::seconds by_;
-};
 
 class Trash : public ::testing::Test {
   protected:

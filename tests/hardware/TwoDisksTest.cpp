@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <string>
 
@@ -118,6 +120,18 @@ TEST_F(TwoDisks, AFilledOneIsLoggedAsFailedAndLatchedUntilTheSpaceIsBack) {
     emptyAgain(kData);
     EXPECT_TRUE(becomes([] { return usageStatus(kData) == "3"; }));
     EXPECT_EQ(lastResult("Data"), "passed");
+    EXPECT_THAT(daemon_->stop(), Optional(Eq(0)));
+}
+
+TEST_F(TwoDisks, AreCheckedOnWhenTheClockStepsBack) {
+    startCheckingOften();
+    const ClockSteppedBack steppedBack{std::chrono::days{30}};
+    const std::size_t checks = usageHistory("Data").size();
+    EXPECT_TRUE(becomes([=] { return usageHistory("Data").size() > checks + 1; }));
+    // The other one's check is as far away as it was: five minutes at most.
+    const auto now = static_cast<double>(std::time(nullptr));
+    EXPECT_LE(doubleValue(volumeEntry("/")->find("executionTimeUsage")), now + 300);
+    EXPECT_GT(doubleValue(volumeEntry("/")->find("executionTimeUsage")), now);
     EXPECT_THAT(daemon_->stop(), Optional(Eq(0)));
 }
 

@@ -446,13 +446,88 @@ TEST(BusyMail, LeavesTheAnswersAboutWorkUnderWayAsTheyAre) {
     EXPECT_THAT(answers(), ElementsAre(yes, yes));
 }
 
-TEST(SettingTheClock, BackOnlyDelaysAndForwardOnlyHastens) {
+// Set back or ahead, by a minute or by years.
+constexpr std::chrono::seconds kSteps[] = {-hours(24 * 365 * 8), -hours(2), -minutes(1),
+                                           minutes(1),           hours(3),  hours(24 * 365 * 8)};
+
+TEST(SettingTheClock, LeavesAChecksTimeAsFarAwayAsItWas) {
+    for (const seconds step : kSteps) {
+        Scenario s("two-volumes");
+        settle(s);
+        (void)pendingAfterReload(s, {quietVolume(s, "/"), quietVolume(s, "/Volumes/Data", 300)});
+        s.run(minutes(1)).stepClock(step).run(seconds(0));
+        EXPECT_DOUBLE_EQ(executionTimeUsageIn(s, "/Volumes/Data"), s.secondsNow() + 240) << step;
+        s.run(milliseconds(239'000));
+        EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty()) << step;
+        s.run(seconds(1));
+        EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(1)) << step;
+    }
+}
+
+TEST(SettingTheClock, LeavesTheDateThatTheMainApplicationHasChosen) {
+    Scenario s("two-volumes");
+    settle(s);
+    // The interval is a week.
+    const double chosen = s.secondsNow() + 30 * 86'400;
+    (void)pendingAfterReload(s,
+                             {quietVolume(s, "/"), quietVolume(s, "/Volumes/Data", 30 * 86'400)});
+    for (const hours step : {-hours(24 * 365), hours(48), hours(24 * 394)}) {
+        s.stepClock(step).run(seconds(0));
+        EXPECT_DOUBLE_EQ(executionTimeUsageIn(s, "/Volumes/Data"), chosen);
+    }
+    s.run(seconds(2));
+    EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(1)) << "its date has come";
+}
+
+TEST(SettingTheClock, MovesWhatIsOverdueAndWhatIsNew) {
+    Scenario s("two-volumes");
+    s.run(seconds(5));  // both entries are new, and due at second 10
+    s.stepClock(-hours(24)).run(seconds(20));
+    EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(1));
+    Dictionary running = quietVolume(s, "/", -60);
+    running.set("usageStatus", "2");
+    (void)pendingAfterReload(s, {running, quietVolume(s, "/Volumes/Data")});
+    s.stepClock(-hours(24)).run(seconds(0));
+    EXPECT_DOUBLE_EQ(executionTimeUsageIn(s, "/"), s.secondsNow() - 60);
+}
+
+TEST(SettingTheClock, MovesTheTimesOfBackupsAndDrivesToo) {
+    Scenario s("two-volumes");
+    ASSERT_TRUE(s.machine().deviceRegistry.setProperty("drive-a", "SMART Capable", true));
+    s.run(kSettled);
+    const auto backupDue = [&s] {
+        return doubleValue(s.volumeEntry("/Volumes/Data").find("executionTimeDirectory"));
+    };
+    const auto driveDue = [&s] {
+        return doubleValue(s.driveEntry("CST00A1").find("executionTimeSmart"));
+    };
+    const double backupIn = backupDue() - s.secondsNow();
+    const double driveIn = driveDue() - s.secondsNow();
+    s.stepClock(-hours(24 * 30)).run(seconds(0));
+    EXPECT_DOUBLE_EQ(backupDue() - s.secondsNow(), backupIn);
+    EXPECT_DOUBLE_EQ(driveDue() - s.secondsNow(), driveIn);
+}
+
+TEST(SettingTheClock, HoldsOverARestart) {
     Scenario s("two-volumes");
     settle(s);
     (void)pendingAfterReload(s, {quietVolume(s, "/"), quietVolume(s, "/Volumes/Data", 300)});
-    s.stepClock(-hours(2)).run(minutes(10));
-    EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
-    s.stepClock(hours(3)).run(hours(1));
+    s.stepClock(-hours(24 * 30)).run(seconds(0));
+    s.restart().run(seconds(301));
+    EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(1));
+}
+
+TEST(SettingTheClock, InTheStartWaitLeavesTheStartAsItIs) {
+    MachineDescription description = Scenario::describe("two-volumes");
+    description.uptime = seconds(0);
+    Scenario s(description);
+    putVolumes(s, {quietVolume(s, "/"), quietVolume(s, "/Volumes/Data", 300)});
+    s.run(seconds(30));
+    s.stepClock(-hours(24)).run(milliseconds(89'999));
+    EXPECT_NEAR(executionTimeUsageIn(s, "/Volumes/Data"), s.secondsNow() + 180.001, 1e-6);
+    s.plug("stick").run(milliseconds(1));
+    EXPECT_THAT(volumePathsIn(s), Contains("/Volumes/Stick"));
+    s.run(seconds(180));
     EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(1));
 }
 

@@ -1,6 +1,6 @@
 // Memory runs out at any moment of a tick, a reload or a save, for once or for good: the settings
-// are never destroyed by it, in memory or in the file. The files are real ones, so that the
-// daemon's own way to write them is what runs out.
+// are never destroyed by it, in memory or in the file. There the files are real ones, so that the
+// daemon's own way to write them is what runs out. Nor does it end the schedule, or a start.
 
 #include <gtest/gtest.h>
 
@@ -118,6 +118,82 @@ class ShortMemory : public testing::TestWithParam<Shortage> {
 TEST_P(ShortMemory, InATickDestroysNoSettings) { failEachAllocationOf(&Bed::tick); }
 
 TEST_P(ShortMemory, InAReloadDestroysNoSettings) { failEachAllocationOf(&Bed::reload); }
+
+// Entries of the machine's volumes and its drive that have been there before.
+Dictionary checkedEveryMinute(double firstDue) {
+    Dictionary preferences = completePreferences();
+    PropertyListArray volumes;
+    for (const char* path : {"/", "/Volumes/Data"}) {
+        volumes.emplace_back(Dictionary{{"volumeMountToName", path},
+                                        {"freeSpaceWarningLevel", 15},
+                                        {"executionIntervalUsage_minutes", 1},
+                                        {"executionTimeUsage", firstDue}});
+    }
+    preferences.set(kVolumeArray, std::move(volumes));
+    preferences.set(kDriveArray, PropertyListArray{Dictionary{{"driveModel", "Castor 500"},
+                                                              {"driveSerial", "CST00A1"},
+                                                              {"smartOnOff", true},
+                                                              {"executionIntervalSmart_minutes", 1},
+                                                              {"executionTimeSmart", firstDue}}});
+    return preferences;
+}
+
+// What is to be seen of a daemon that does its work: every check comes when it is due, a volume
+// that is mounted is noticed at once, and nothing is left as running.
+void expectToBeAtWork(Scenario& s, int allocation) {
+    s.plug("stick").run(seconds(1));
+    ASSERT_FALSE(s.volumeEntry("/Volumes/Stick").empty()) << "after allocation " << allocation;
+    s.run(minutes(4));
+    ASSERT_FALSE(s.hasEnded()) << "after allocation " << allocation;
+    for (const char* path : {"/", "/Volumes/Data", "/Volumes/Stick"}) {
+        const Dictionary entry = s.volumeEntry(path);
+        ASSERT_EQ(stringValue(entry.find("usageStatus")), "3")
+            << path << " after allocation " << allocation;
+        ASSERT_GT(doubleValue(entry.find("executionTimeUsage")), s.secondsNow())
+            << path << " after allocation " << allocation;
+    }
+    const Dictionary drive = s.driveEntry("CST00A1");
+    ASSERT_EQ(stringValue(drive.find("smartStatus")), "3") << "after allocation " << allocation;
+    ASSERT_GT(doubleValue(drive.find("executionTimeSmart")), s.secondsNow())
+        << "after allocation " << allocation;
+}
+
+// The same for a whole simulated machine, from a moment of its life on.
+void failEachAllocationFrom(Shortage shortage, seconds begin, seconds end) {
+    int allocation = 0;
+    for (bool isThrough = false; !isThrough && !testing::Test::HasFailure();) {
+        Scenario s("two-volumes");
+        ASSERT_TRUE(s.machine().deviceRegistry.setProperty("drive-a", "SMART Capable", true));
+        putPreferences(s, checkedEveryMinute(s.secondsNow() + 10));
+        s.start();
+        if (begin > seconds(0)) s.run(begin);
+        {
+            const FailingAllocations failing(++allocation, shortage);
+            // As the loop of a real machine does, go on with the next callback.
+            for (const double until = s.secondsNow() + static_cast<double>((end - begin).count());
+                 s.secondsNow() < until;) {
+                try {
+                    s.machine().runLoop.runFor(seconds(1));
+                } catch (const std::bad_alloc&) {
+                    // What could not be begun is tried again, as a loop does; time goes by.
+                    s.machine().clock.advance(std::chrono::milliseconds(100));
+                }
+            }
+            isThrough = FailingAllocations::count() < allocation;
+        }
+        expectToBeAtWork(s, allocation);
+    }
+    ASSERT_GT(allocation, 100);
+}
+
+TEST_P(ShortMemory, InTheStartLeavesADaemonAtWork) {
+    failEachAllocationFrom(GetParam(), seconds(0), seconds(1));
+}
+
+// Second 10 brings the first checks of the volumes and of the drive.
+TEST_P(ShortMemory, InTicksAndChecksLeavesADaemonAtWork) {
+    failEachAllocationFrom(GetParam(), seconds(9), seconds(14));
+}
 
 INSTANTIATE_TEST_SUITE_P(Allocations, ShortMemory,
                          testing::Values(Shortage::once, Shortage::forGood),

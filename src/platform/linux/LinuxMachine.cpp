@@ -10,6 +10,7 @@ LinuxMachine::LinuxMachine(SystemLog& systemLog, const LinuxVolumesPlaces& volum
                            const LinuxTrashPlaces& trashPlaces)
     : systemLog_(systemLog),
       runLoop_(systemLog),
+      clock_(runLoop_),
       volumes_(runLoop_, volumesPlaces),
       deviceRegistry_(runLoop_, LinuxDevicePlaces{}),
       systemBus_(runLoop_, LinuxBus::Kind::system),

@@ -33,6 +33,7 @@ enum EventPriority : std::int64_t {
     kPriorityTerminate = SD_EVENT_PRIORITY_IMPORTANT,     // nothing is called back once it is asked
     kPrioritySignals = SD_EVENT_PRIORITY_IMPORTANT + 1,   // a stop is not kept waiting by a burst
     kPriorityFailures = SD_EVENT_PRIORITY_IMPORTANT + 2,  // a failed connection lets go first
+    kPriorityClock = SD_EVENT_PRIORITY_IMPORTANT + 3,     // before any time is compared with now
     kPriorityNormal = SD_EVENT_PRIORITY_NORMAL            // the rest, in the order of its coming
 };
 

@@ -1,8 +1,13 @@
 #include "platform/simulated/SimulatedClock.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace korvane {
+
+namespace {
+constexpr std::chrono::seconds kLeastStep{1};
+}  // namespace
 
 SimulatedClock::SimulatedClock(Time now, std::chrono::microseconds uptime)
     : now_(now), uptime_(uptime) {}
@@ -19,8 +24,24 @@ void SimulatedClock::advance(std::chrono::microseconds duration) {
     uptime_ += forward;
 }
 
-void SimulatedClock::step(std::chrono::microseconds offset) { now_ += offset; }
+void SimulatedClock::step(std::chrono::microseconds offset) {
+    now_ += offset;
+    unreportedStep_ += offset;
+}
 
-void SimulatedClock::setWallClock(Time now) { now_ = now; }
+void SimulatedClock::setWallClock(Time now) { step(now - now_); }
+
+void SimulatedClock::setDidStep(std::function<void(std::chrono::microseconds step)> callback) {
+    unreportedStep_ = std::chrono::microseconds{0};
+    didStep_ = std::move(callback);
+}
+
+void SimulatedClock::reportStep() {
+    if (std::chrono::abs(unreportedStep_) < kLeastStep) return;
+    const auto step = std::exchange(unreportedStep_, std::chrono::microseconds{0});
+    // A copy, since it may set another one.
+    const auto callback = didStep_;
+    if (callback) callback(step);
+}
 
 }  // namespace korvane

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 
 #include "platform/Clock.h"
 
@@ -15,6 +16,7 @@ class SimulatedClock final : public Clock {
 
     [[nodiscard]] Time now() override;
     [[nodiscard]] std::uint64_t microsecondsSinceBoot() override;
+    void setDidStep(std::function<void(std::chrono::microseconds step)> callback) override;
 
     // Time passes: both clocks move. Never by less than nothing.
     void advance(std::chrono::microseconds duration);
@@ -22,9 +24,14 @@ class SimulatedClock final : public Clock {
     void step(std::chrono::microseconds offset);
     void setWallClock(Time now);
 
+    // The loop calls this at each of its passes: reports how far the wall clock has been set.
+    void reportStep();
+
   private:
     Time now_;
     std::chrono::microseconds uptime_;
+    std::chrono::microseconds unreportedStep_{0};
+    std::function<void(std::chrono::microseconds)> didStep_;
 };
 
 }  // namespace korvane

@@ -220,21 +220,29 @@ void SimulatedRunLoop::cancel(Event& event) {
     }
 }
 
+// A post is never lost, as on a real loop: all that may run out of memory comes before the taking.
 void SimulatedRunLoop::takePosts() {
     if (!hasPosts_) {
         return;
     }
-    std::vector<Callback> taken;
-    {
-        const std::lock_guard lock(postsMutex_);
-        taken.swap(posts_);
-        hasPosts_ = false;
-    }
-    for (Callback& callback : taken) {
+    const std::lock_guard lock(postsMutex_);
+    Queue events;
+    std::vector<Event*> inOrder;
+    inOrder.reserve(posts_.size());
+    for (std::uint64_t number = 0; number < posts_.size(); ++number) {
         auto event = std::make_shared<Event>();
-        event->callback = std::move(callback);
-        enqueue(event, clock_.microsecondsSinceBoot());
+        event->key = {clock_.microsecondsSinceBoot(), nextOrder_ + number};
+        event->isQueued = true;
+        inOrder.push_back(event.get());
+        events.emplace(event->key, std::move(event));
     }
+    nextOrder_ += posts_.size();
+    for (std::size_t number = 0; number < posts_.size(); ++number) {
+        inOrder[number]->callback = std::move(posts_[number]);
+    }
+    posts_.clear();
+    hasPosts_ = false;
+    queue_.merge(events);
 }
 
 bool SimulatedRunLoop::step(std::uint64_t deadline) {
@@ -250,6 +258,7 @@ bool SimulatedRunLoop::step(std::uint64_t deadline) {
         }
         return false;
     }
+    clock_.reportStep();
     if (queue_.empty() || queue_.begin()->first.first > deadline) {
         return false;
     }
