@@ -2,7 +2,13 @@
 
 #include <fmt/format.h>
 
+#include <memory>
 #include <utility>
+#include <variant>
+
+#include "core/DefaultPreferences.h"
+#include "korvanectl/CheckReset.h"
+#include "storage/DriveEntry.h"
 
 namespace korvane::ctl {
 
@@ -29,8 +35,7 @@ std::string nextCheckWords(const DriveReport& drive, DaemonPresence daemon, Time
     if (daemon == DaemonPresence::absent) {
         return "when it runs";
     }
-    const std::string until = untilWords(drive.nextCheck, now);
-    return until == "now" ? until : fmt::format("{}, {}", timeWords(drive.nextCheck, now), until);
+    return dueWords(drive.nextCheck, drive.isNextCheckBeyondInterval, now);
 }
 
 Cell lastCheckCell(const DriveReport& drive, Time now) {
@@ -69,6 +74,55 @@ Outcome<ExitStatus> runDrives(Program& program) {
     return ExitStatus::done;
 }
 
+// The entry of this drive; null when it is gone.
+template <typename Preferences>
+auto entryOf(Preferences& preferences, const DriveReport& drive)
+    -> decltype(preferences.find(kDriveArray)->dictionary()) {
+    auto* const stored = preferences.find(kDriveArray);
+    if (stored == nullptr || stored->array() == nullptr) {
+        return nullptr;
+    }
+    for (auto& element : *stored->array()) {
+        const auto entry = ConstDriveEntry::over(element);
+        if (entry && entry->driveModel() == drive.model && entry->driveSerial() == drive.serial) {
+            return element.dictionary();
+        }
+    }
+    return nullptr;
+}
+
+Outcome<ExitStatus> runReset(Program& program, const std::string& name) {
+    static constexpr CheckKeys kKinds[] = {kSmartKeys};
+    // The drive and its entry as they were when the last try began.
+    const auto drive = std::make_shared<DriveReport>();
+    const auto before = std::make_shared<Dictionary>();
+    const auto anyReset = std::make_shared<bool>(false);
+    const Edit edit{.apply = [=, &program](Dictionary& preferences) -> Outcome<std::monostate> {
+                        const Outcome<DriveReport> found =
+                            findDrive(reportDrives(preferences, program.supportFolder,
+                                                   program.daemon.presence(), program.now()),
+                                      name);
+                        if (!found) {
+                            return found.failure();
+                        }
+                        *drive = *found;
+                        Dictionary& entry = *entryOf(preferences, *drive);
+                        *before = entry;
+                        *anyReset = setBackChecks(entry, kKinds, program.now()) || *anyReset;
+                        return std::monostate{};
+                    },
+                    .holds =
+                        [=, &program](const Dictionary& preferences) {
+                            const Dictionary* const entry = entryOf(preferences, *drive);
+                            return entry == nullptr ||
+                                   !isToBeSetBack(*entry, *before, kKinds, program.now());
+                        }};
+    return finishEdit(program, edit, [=] {
+        return *anyReset ? fmt::format("{} is set back and will be examined anew", printable(name))
+                         : fmt::format("no check of {} is stuck", printable(name));
+    });
+}
+
 }  // namespace
 
 Table drivesTable(const std::vector<DriveReport>& drives, DaemonPresence daemon, Time now) {
@@ -101,6 +155,9 @@ PropertyListArray drivesJson(const std::vector<DriveReport>& drives) {
                         {"result", stateToken(drive.state)}};
         if (drive.schedule == Schedule::at) {
             each.set("nextCheck", jsonTime(drive.nextCheck));
+            if (drive.isNextCheckBeyondInterval) {
+                each.set("nextCheckBeyondInterval", true);
+            }
         }
         if (drive.lastCheck) {
             each.set("lastCheck", loggedCheckJson(*drive.lastCheck));
@@ -144,6 +201,13 @@ Outcome<ExitStatus> printDriveHistory(Program& program, const DriveReport& drive
 void addDriveCommands(CLI::App& app, Program& program) {
     addPrintingCommand(app, program, "drives", "The drives that are checked, as a table",
                        [&program] { return runDrives(program); });
+
+    const auto drive = std::make_shared<std::string>();
+    CLI::App* const group = app.add_subcommand("drive", "Set a check of a drive back");
+    group->add_option("DRIVE", *drive, "Serial number or model of a drive")->required();
+    group->require_subcommand(1);
+    addCommand(*group, program, "reset", "Set back a check that is stuck or due too far ahead",
+               [&program, drive] { return runReset(program, *drive); });
 }
 
 }  // namespace korvane::ctl

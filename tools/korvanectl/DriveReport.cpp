@@ -75,6 +75,7 @@ DriveReport reportDrive(const Dictionary& preferences, const std::string& suppor
     report.serial = entry.driveSerial();
     report.watched = entry.smartOnOff();
     report.nextCheck = entry.executionTimeSmart();
+    report.isNextCheckBeyondInterval = isDueBeyondInterval(fields, kSmartKeys, now);
     report.schedule =
         smartChecksAreOn(preferences) && report.watched ? Schedule::at : Schedule::off;
     if (const auto log = readDriveLog(supportFolder, report.model, report.serial);

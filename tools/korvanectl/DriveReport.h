@@ -34,6 +34,7 @@ struct DriveReport {
     CheckState state = CheckState::unknown;
     Schedule schedule = Schedule::never;
     Time nextCheck{};
+    bool isNextCheckBeyondInterval = false;
     std::optional<LoggedDriveCheck> lastCheck;
 };
 

@@ -84,8 +84,7 @@ std::string nextCheckWords(const VolumeReport& volume, DaemonPresence daemon, Ti
     if (daemon == DaemonPresence::absent) {
         return "when it runs";
     }
-    const std::string until = untilWords(volume.nextCheck, now);
-    return until == "now" ? until : fmt::format("{}, {}", timeWords(volume.nextCheck, now), until);
+    return dueWords(volume.nextCheck, volume.isNextCheckBeyondInterval, now);
 }
 
 std::string loggedTimeWords(const LoggedCheck& check, Time now) {
@@ -138,6 +137,9 @@ Dictionary volumeJson(const VolumeReport& volume) {
     }
     if (volume.schedule == Schedule::at) {
         json.set("nextCheck", jsonTime(volume.nextCheck));
+        if (volume.isNextCheckBeyondInterval) {
+            json.set("nextCheckBeyondInterval", true);
+        }
     }
     if (volume.lastCheck) {
         json.set("lastCheck", loggedCheckJson(*volume.lastCheck));
@@ -233,6 +235,32 @@ void printStatusJson(const Program& program, const Findings& findings) {
                                   {"volumes", volumesJson(findings.volumes)}});
 }
 
+std::string setBackWords(const std::string& name, std::string_view why, std::string_view group,
+                         const std::string& named) {
+    return fmt::format("\n{} is {}; set it back with: korvanectl {} {} reset\n", printable(name),
+                       why, group, shellWord(printable(named)));
+}
+
+void printVolumesToSetBack(const Program& program, const std::vector<VolumeReport>& volumes) {
+    for (const VolumeReport& volume : volumes) {
+        if (volume.state == CheckState::stuck) {
+            program.print(setBackWords(volume.name, "stuck", "volume", volume.mountPoint));
+        } else if (volume.schedule == Schedule::at && volume.isNextCheckBeyondInterval) {
+            program.print(
+                setBackWords(volume.name, "due beyond its interval", "volume", volume.mountPoint));
+        }
+    }
+}
+
+void printDrivesToSetBack(const Program& program, const std::vector<DriveReport>& drives) {
+    for (const DriveReport& drive : drives) {
+        if (drive.schedule == Schedule::at && drive.isNextCheckBeyondInterval) {
+            program.print(setBackWords(drive.model, "due beyond its interval", "drive",
+                                       drive.serial.empty() ? drive.model : drive.serial));
+        }
+    }
+}
+
 void printStatus(const Program& program, const Findings& findings) {
     const bool runs = findings.daemon == DaemonPresence::reachable;
     const bool on = protectionIsOn(findings.preferences);
@@ -253,6 +281,7 @@ void printStatus(const Program& program, const Findings& findings) {
         program.print(
             "\n" +
             drivesTable(findings.drives, findings.daemon, findings.now).format(program.paint));
+        printDrivesToSetBack(program, findings.drives);
     }
     if (findings.volumes.empty()) {
         program.print("\nNo volume has been found yet.\n");
@@ -267,13 +296,7 @@ void printStatus(const Program& program, const Findings& findings) {
                       {nextCheckWords(volume, findings.daemon, findings.now)}});
     }
     program.print("\n" + table.format(program.paint));
-    for (const VolumeReport& volume : findings.volumes) {
-        if (volume.state == CheckState::stuck) {
-            program.print(
-                fmt::format("\n{} is stuck; set it back with: korvanectl volume {} reset\n",
-                            printable(volume.name), shellWord(printable(volume.mountPoint))));
-        }
-    }
+    printVolumesToSetBack(program, findings.volumes);
 }
 
 Outcome<ExitStatus> runStatus(Program& program) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/DefaultPreferences.h"
+#include "korvanectl/CheckReset.h"
 #include "korvanectl/Program.h"
 #include "korvanectl/SettingRules.h"
 #include "korvanectl/Table.h"
@@ -28,6 +29,7 @@ struct VolumeCheck {
 };
 constexpr VolumeCheck kVolumeChecks[] = {{CheckKind::usage, kUsageKeys},
                                          {CheckKind::directory, kDirectoryKeys}};
+constexpr CheckKeys kVolumeCheckKeys[] = {kUsageKeys, kDirectoryKeys};
 
 // The entry that findVolume() finds, for changing.
 Outcome<Dictionary*> entryToEdit(Dictionary& preferences, Volumes& volumes,
@@ -62,7 +64,8 @@ std::string meaning(const Dictionary& entry, const std::string& key, Program& pr
                                                program.daemon.presence()));
         }
         if (key == keys.executionTime) {
-            return formatLocalTime(due, "%Y-%m-%d %H:%M:%S");
+            return formatLocalTime(due, "%Y-%m-%d %H:%M:%S") +
+                   (isDueBeyondInterval(entry, keys, program.now()) ? beyondIntervalWords() : "");
         }
     }
     return {};
@@ -128,43 +131,26 @@ Outcome<ExitStatus> runSet(Program& program, const std::string& volume, const st
     });
 }
 
-// Whether a check of the entry is recorded as running since the same due time as in `before`: a
-// check that the daemon has begun anew since then is no longer the stuck one.
-bool stillStuck(const Dictionary& entry, const Dictionary& before) {
-    for (const auto& [kind, keys] : kVolumeChecks) {
-        if (entryStatus(before, keys) == kStatusRunning &&
-            entryStatus(entry, keys) == kStatusRunning &&
-            executionTime(entry, keys) == executionTime(before, keys)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 Outcome<ExitStatus> runReset(Program& program, const std::string& volume) {
     // The entry as it was when the last try began.
     const auto before = std::make_shared<Dictionary>();
     const auto anyReset = std::make_shared<bool>(false);
     Volumes& volumes = program.volumes();
     const Edit edit{
-        .apply = [=, &volumes](Dictionary& preferences) -> Outcome<std::monostate> {
+        .apply = [=, &volumes, &program](Dictionary& preferences) -> Outcome<std::monostate> {
             const Outcome<Dictionary*> entry = entryToEdit(preferences, volumes, volume);
             if (!entry) {
                 return entry.failure();
             }
             *before = **entry;
-            for (const auto& [kind, keys] : kVolumeChecks) {
-                if (entryStatus(*before, keys) == kStatusRunning) {
-                    setEntryStatus(**entry, keys, kStatusNotExamined);
-                    *anyReset = true;
-                }
-            }
+            *anyReset = setBackChecks(**entry, kVolumeCheckKeys, program.now()) || *anyReset;
             return std::monostate{};
         },
         .holds =
-            [=, &volumes](const Dictionary& preferences) {
+            [=, &volumes, &program](const Dictionary& preferences) {
                 const Dictionary* const entry = entryToLookAt(preferences, volumes, volume);
-                return entry == nullptr || !stillStuck(*entry, *before);
+                return entry == nullptr ||
+                       !isToBeSetBack(*entry, *before, kVolumeCheckKeys, program.now());
             }};
     return finishEdit(program, edit, [=] {
         return *anyReset
@@ -226,7 +212,7 @@ void addVolumeCommands(CLI::App& app, Program& program) {
     set->add_option("KEY", *key, "Name of a setting")->required();
     set->add_option("VALUE", *words, "New value")->required()->expected(1);
 
-    addCommand(*group, program, "reset", "Set a stuck check back",
+    addCommand(*group, program, "reset", "Set back a check that is stuck or due too far ahead",
                [&program, volume] { return runReset(program, *volume); });
 }
 

@@ -57,6 +57,7 @@ VolumeReport reportVolume(const ReportSources& sources, const Dictionary& fields
     report.watched = entry.volumeOnOff();
     report.warningLevel = entry.freeSpaceWarningLevel();
     report.nextCheck = entry.executionTimeUsage();
+    report.isNextCheckBeyondInterval = isDueBeyondInterval(fields, kUsageKeys, sources.now);
     report.state = checkState(CheckKind::usage, entry.usageStatus(), report.nextCheck, sources.now,
                               sources.daemon);
     if (report.state == CheckState::ok && !report.watched) {

@@ -40,6 +40,7 @@ struct VolumeReport {
     CheckState state = CheckState::unknown;
     Schedule schedule = Schedule::never;
     Time nextCheck{};
+    bool isNextCheckBeyondInterval = false;
     std::optional<LoggedCheck> lastCheck;
 };
 

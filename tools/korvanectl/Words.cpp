@@ -201,6 +201,15 @@ std::string untilWords(Time time, Time now) {
                             : fmt::format("in {} s", left.seconds);
 }
 
+std::string beyondIntervalWords() { return " (beyond its interval)"; }
+
+std::string dueWords(Time due, bool isBeyondInterval, Time now) {
+    const std::string until = untilWords(due, now);
+    return until == "now" ? until
+                          : fmt::format("{}, {}{}", timeWords(due, now), until,
+                                        isBeyondInterval ? beyondIntervalWords() : "");
+}
+
 std::string sizeWords(double bytes) {
     constexpr std::array<std::string_view, 6> units{"kB", "MB", "GB", "TB", "PB", "EB"};
     if (!(bytes >= 0) || !std::isfinite(bytes)) {

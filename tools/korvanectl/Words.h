@@ -48,6 +48,11 @@ enum class CheckState {
 // "in 4 min", "in 2 h 5 min", "in 30 s"; "now" for what is due.
 [[nodiscard]] std::string untilWords(Time time, Time now);
 
+// When a check comes next: "14:05:12, in 4 min", "now". One that is further ahead than its
+// interval, which the daemon itself never sets, says so: beyondIntervalWords() follows.
+[[nodiscard]] std::string dueWords(Time due, bool isBeyondInterval, Time now);
+[[nodiscard]] std::string beyondIntervalWords();
+
 // "999 bytes", "1.5 kB", "12.3 GB": powers of 1000, as on the drive's label.
 [[nodiscard]] std::string sizeWords(double bytes);
 // "9.6 %", and "100 %" only for what is whole: rounded down, since the daemon warns before

@@ -142,6 +142,28 @@ TEST_F(Commands, StatusShowsAStuckCheckAndTheWayOut) {
                                "reset\n"));
 }
 
+TEST_F(Commands, ATimeFurtherAheadThanItsIntervalIsNamedWithTheWayOut) {
+    changeEntry(1, [](Dictionary& fields) {
+        fields.set("usageStatus", "3");
+        fields.set("executionTimeUsage", 1767225600.0 + 86400);
+    });
+    EXPECT_EQ(run({"status"}), 0);
+    EXPECT_THAT(out, HasSubstr("2026-01-02 00:00:00, in 24 h (beyond its interval)\n"));
+    EXPECT_THAT(out, HasSubstr("Data is due beyond its interval; set it back with: korvanectl "
+                               "volume /mnt/a/Data reset\n"));
+    EXPECT_EQ(run({"volumes"}), 0);
+    EXPECT_THAT(out, HasSubstr("in 24 h (beyond its interval)\n"));
+    EXPECT_EQ(run({"volumes", "--json"}), 0);
+    EXPECT_THAT(out, HasSubstr("\"nextCheckBeyondInterval\": true"));
+    EXPECT_EQ(run({"volume", "/mnt/a/Data", "get"}), 0);
+    EXPECT_THAT(out, HasSubstr("2026-01-02 00:00:00 (beyond its interval)"));
+    EXPECT_EQ(run({"volume", "/mnt/a/Data", "reset"}), 0);
+    for (const char* command : {"status", "volumes"}) {
+        EXPECT_EQ(run({command}), 0);
+        EXPECT_THAT(out, Not(HasSubstr("beyond")));
+    }
+}
+
 TEST_F(Commands, StatusTakesEntriesOfAnyShape) {
     Dictionary preferences = stored();
     preferences.find(kVolumeArray)->array()->emplace_back("no entry");

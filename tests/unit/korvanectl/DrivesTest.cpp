@@ -51,6 +51,37 @@ class Drives : public KorvanectlTest {
     }
 };
 
+TEST_F(Drives, AreNamedAndSetBackWhenTheyAreDueBeyondTheirInterval) {
+    log("CST2", "passed");
+    Dictionary preferences = stored();
+    const auto second = [&preferences]() -> Dictionary& {
+        return *(*preferences.find(kDriveArray)->array())[1].dictionary();
+    };
+    second().set("executionTimeSmart", secondsSince1970(now) + 86400);
+    store(preferences);
+    EXPECT_EQ(run({"drives"}), 0);
+    EXPECT_THAT(lineOf("CST2"), HasSubstr("in 24 h (beyond its interval)"));
+    EXPECT_THAT(lineOf("CST1"), Not(HasSubstr("beyond")));
+    EXPECT_EQ(run({"status"}), 0);
+    EXPECT_THAT(out, HasSubstr("Castor 500 is due beyond its interval; set it back with: "
+                               "korvanectl drive CST2 reset\n"));
+    EXPECT_EQ(run({"drives", "--json"}), 0);
+    EXPECT_THAT(out, HasSubstr("\"nextCheckBeyondInterval\": true"));
+
+    EXPECT_EQ(run({"drive", "CST2", "reset"}), 0);
+    EXPECT_EQ(out, "CST2 is set back and will be examined anew.\n");
+    preferences = stored();
+    EXPECT_EQ(*second().find("executionTimeSmart"), PropertyList(secondsSince1970(now)));
+    EXPECT_EQ(run({"drive", "CST2", "reset"}), 0);
+    EXPECT_EQ(out, "no check of CST2 is stuck.\n");
+    EXPECT_NE(run({"drive", "no such", "reset"}), 0);
+    second().set("smartStatus", "2");
+    store(preferences);
+    EXPECT_EQ(run({"drive", "CST2", "reset"}), 0);
+    preferences = stored();
+    EXPECT_EQ(*second().find("smartStatus"), PropertyList("0"));
+}
+
 TEST_F(Drives, AreShownWithWhatTheLastCheckFound) {
     log("CST1", "passed");
     EXPECT_EQ(run({"drives"}), 0);

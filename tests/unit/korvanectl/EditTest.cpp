@@ -192,6 +192,31 @@ TEST_F(Edits, ResetAStuckCheckAlone) {
     EXPECT_EQ(out, "no check of / is stuck.\n");
 }
 
+TEST_F(Edits, ResetATimeThatIsFurtherAheadThanItsInterval) {
+    // Every 5 minutes and every 4 hours.
+    changeEntry(0, [this](Dictionary& fields) {
+        fields.set("executionTimeUsage", secondsSince1970(now) + 301);
+        fields.set("executionTimeDirectory", secondsSince1970(now) + 4 * 3600);
+    });
+    EXPECT_EQ(run({"volume", "/", "reset"}), 0);
+    EXPECT_EQ(out, "/ is set back and will be examined anew.\n");
+    EXPECT_EQ(*entry(0).find("executionTimeUsage"), PropertyList(secondsSince1970(now)));
+    EXPECT_EQ(*entry(0).find("executionTimeDirectory"),
+              PropertyList(secondsSince1970(now) + 4 * 3600));
+    EXPECT_THAT(daemon.words, SizeIs(1));
+}
+
+TEST_F(Edits, ResetAgainATimeThatTheDaemonsImageBringsBack) {
+    changeEntry(0, [](Dictionary& fields) { fields.set("executionTimeDirectory", 4e9); });
+    const std::string image = storedText();
+    bool first = true;
+    daemon.onWord = [&] {
+        if (std::exchange(first, false)) storeText(image);
+    };
+    EXPECT_EQ(run({"volume", "/", "reset"}), 0);
+    EXPECT_EQ(*entry(0).find("executionTimeDirectory"), PropertyList(secondsSince1970(now)));
+}
+
 TEST_F(Edits, ResetAgainWhatTheDaemonsImageBringsBack) {
     changeEntry(0, [](Dictionary& fields) { fields.set("usageStatus", "2"); });
     const std::string image = storedText();
