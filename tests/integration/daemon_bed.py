@@ -124,13 +124,14 @@ class Daemon:
     """One run of the real daemon."""
 
     def __init__(self, bus_address="unix:path=/nonexistent/bus", boot_seconds=1000, umask=0o022,
-                 user=None):
+                 user=None, environment=None):
         self.log = tempfile.TemporaryFile()
         self.process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "unshare", "--time", "--boottime",
              str(boot_seconds), PROGRAM] if user is None else [PROGRAM],
             env={"PATH": os.environ["PATH"], "DBUS_SYSTEM_BUS_ADDRESS": bus_address,
-                 "DBUS_SESSION_BUS_ADDRESS": bus_address, "ASAN_OPTIONS": "detect_leaks=0"},
+                 "DBUS_SESSION_BUS_ADDRESS": bus_address, "ASAN_OPTIONS": "detect_leaks=0",
+                 **(environment or {})},
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=self.log, umask=umask,
             user=user, group=user, extra_groups=None if user is None else [])
 
