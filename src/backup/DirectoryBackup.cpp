@@ -111,6 +111,23 @@ void KorvaneProDaemon::directoryTaskTerminateNotification(const Task& task) {
     if (!cpTask) directoryActive = false;
 }
 
+// What is marked as running without running would keep the other volumes' backups waiting for ever:
+// the helper could not be launched, or the volume has gone or cannot be written any more. Where the
+// helper is missing nothing is noted; it waits for whoever installs it.
+bool KorvaneProDaemon::isDirectoryBackupStranded() {
+    return !directoryActive && !machine_.bundle.plugIn(kBackupHelper).empty();
+}
+
+bool KorvaneProDaemon::giveUpDirectoryBackup(std::size_t index) {
+    VolumeEntry entry(*volumeArray[index].dictionary());
+    const std::string volume = entry.volumeMountToName();
+    logOnce.write("backup of " + volume, LogMessage::backupNotStarted, {volume});
+    entry.setDirectoryStatus(kStatusNotExamined);
+    entry.setExecutionTimeDirectory(
+        addInterval(machine_.clock.now(), entry.executionIntervalDirectory()));
+    return savePreferences();
+}
+
 void KorvaneProDaemon::noteDirectoryBackup() {
     if (directoryOffset >= volumeArray.size()) return;
     auto entry = VolumeEntry::over(volumeArray[directoryOffset]);
@@ -118,6 +135,11 @@ void KorvaneProDaemon::noteDirectoryBackup() {
     entry->setExecutionTimeDirectory(
         addInterval(machine_.clock.now(), entry->executionIntervalDirectory()));
     entry->setDirectoryStatus(kStatusPassed);
+    const std::string volume = entry->volumeMountToName();
+    logOnce.ended("backup of " + volume);
+    if (const int signal = directoryPipeTask->endingSignal(); signal != 0) {
+        machine_.systemLog.write(LogMessage::backupHelperCrashed, {volume, std::int64_t{signal}});
+    }
 }
 
 void KorvaneProDaemon::copyToLocation(const std::string& location) {
@@ -128,9 +150,10 @@ void KorvaneProDaemon::copyToLocation(const std::string& location) {
     const Result<std::optional<Place>> place = openPlace(
         files, machine_.volumes, location, folderInLocation(volume), MissingFolders::make);
     if (!place) {
-        machine_.systemLog.write(LogMessage::locationPassedOver, {location, place.error().message});
+        logOnce.write(location, LogMessage::locationPassedOver, {location, place.error().message});
         return;
     }
+    logOnce.ended(location);
     if (!*place) return;
     rotateBackups(*(*place)->folder, integerValue(preference(kDirectoryFilesToSave)),
                   machine_.clock.now());

@@ -330,6 +330,10 @@ class KorvaneProDaemon final : public ControlTarget {
     // The helper has ended: its file is copied to the locations and the run is noted.
     void directoryTaskTerminateNotification(const Task& task);
     void noteDirectoryBackup();
+    // Whether an entry that is marked as running is not, and what then becomes of it: false when
+    // the daemon quits over that.
+    [[nodiscard]] bool isDirectoryBackupStranded();
+    [[nodiscard]] bool giveUpDirectoryBackup(std::size_t index);
     void copyToLocation(const std::string& location);
     void launchCopy(const std::string& location, const Place& place);
     // At the top of the location's volume, where it is missing.

@@ -119,7 +119,9 @@ bool KorvaneProDaemon::startDueDirectoryBackup() {
     backupActive = index.has_value();
     if (!index) return true;
     VolumeEntry entry(*volumeArray[*index].dictionary());
-    if (entry.directoryStatus() == kStatusRunning) return true;
+    if (entry.directoryStatus() == kStatusRunning) {
+        return !isDirectoryBackupStranded() || giveUpDirectoryBackup(*index);
+    }
     if (directoryActive) {
         entry.setDirectoryStatus(kStatusWaiting);
         entry.setExecutionTimeDirectory(now + kBackupDeferral);

@@ -37,6 +37,10 @@ constexpr LogMessageForm kForms[] = {
      "Backup location \"%@\" is passed over: %@."},
     {Message::backupFileMissing, "backup-file-missing", warning,
      "Directory Backup file \"%@\" is not there. (Probably was insufficient space to create it.)"},
+    {Message::backupNotStarted, "backup-not-started", warning,
+     "The directory backup of \"%@\" could not be started and waits for its next time."},
+    {Message::backupHelperCrashed, "backup-helper-crashed", warning,
+     "The directory backup of \"%@\" failed: its helper was ended by signal %d."},
 
     {Message::trashNotWatched, "trash-not-watched", warning,
      "Not all trash folders can be watched now: the machine has no more watches for folders. It is "

@@ -36,6 +36,8 @@ enum class LogMessage : std::size_t {
     // Directory backups.
     locationPassedOver,
     backupFileMissing,
+    backupNotStarted,
+    backupHelperCrashed,
     // Trash history.
     trashNotWatched,
     searchNotLaunched,

@@ -180,6 +180,11 @@ class DialogOnScreen(process.DaemonBed):
         process.wait_for(lambda: any(one["body"]["data"].endswith("port 2") for one in shown()))
         self.assertLessEqual(len(shown()), 4)
 
+    def test_a_daemon_that_is_killed_takes_its_dialog_along(self):
+        daemon = self.start_with_a_dialog_shown()
+        daemon.process.kill()
+        process.wait_for(lambda: self.dunstctl("count", "displayed") == "0")
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)

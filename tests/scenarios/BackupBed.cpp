@@ -13,6 +13,7 @@ namespace {
 
 constexpr char kHelper[] = "/PlugIns/KorvaneProDirectoryBackup";
 constexpr char kCopy[] = "/bin/cp";
+constexpr char kCopyOfAccount[] = "/PlugIns/KorvaneProCopy";
 constexpr double kWeekSeconds = 604'800;
 
 std::string folderOfData(const std::string& location) {
@@ -23,6 +24,7 @@ std::string folderOfData(const std::string& location) {
 
 BackupBed::BackupBed(std::vector<std::string> locations) : Scenario("three-volumes") {
     machine().bundle.addPlugIn("KorvaneProDirectoryBackup");
+    machine().bundle.addPlugIn("KorvaneProCopy");
     helperTakes(std::chrono::seconds(1));
     copyTakes(std::chrono::seconds(1));
     putSettings(locations);
@@ -69,14 +71,23 @@ void BackupBed::setHelper(std::optional<std::chrono::microseconds> duration, boo
 }
 
 void BackupBed::copyTakes(std::optional<std::chrono::microseconds> duration) {
+    const auto copy = [this](const std::string& from, const std::string& to) {
+        const auto bytes = machine().fileSystem.bytes(from);
+        if (!bytes || !machine().fileSystem.put(to, *bytes)) return;
+        machine().fileSystem.setModificationDate(
+            to, machine().fileSystem.attributes(from)->modificationDate);
+    };
+    machine().processes.setProgram(kCopy, {duration, [copy](const auto& arguments) {
+                                               copy(arguments.at(1), arguments.at(2));
+                                           }});
+    // An account and its group, a name, and the file and the folder that are handed over open.
     machine().processes.setProgram(
-        kCopy, {duration, [this](const std::vector<std::string>& arguments) {
-                    const auto bytes = machine().fileSystem.bytes(arguments.at(1));
-                    if (!bytes || !machine().fileSystem.put(arguments.at(2), *bytes)) return;
-                    machine().fileSystem.setModificationDate(
-                        arguments.at(2),
-                        machine().fileSystem.attributes(arguments.at(1))->modificationDate);
-                }});
+        kCopyOfAccount, {duration, [this, copy](const auto& arguments) {
+                             const std::string path = arguments.at(4) + '/' + arguments.at(2);
+                             copy(arguments.at(3), path);
+                             machine().fileSystem.setOwner(
+                                 path, static_cast<std::uint32_t>(std::stoul(arguments.at(0))));
+                         }});
 }
 
 std::string BackupBed::putBackup(const std::string& location, std::chrono::seconds age) {
@@ -97,6 +108,12 @@ std::vector<SimulatedProcesses::Launch> BackupBed::helpers() {
 std::vector<SimulatedProcesses::Launch> BackupBed::copies() {
     auto launches = machine().processes.launches();
     std::erase_if(launches, [](const auto& launch) { return launch.path != kCopy; });
+    return launches;
+}
+
+std::vector<SimulatedProcesses::Launch> BackupBed::copiesOfAccounts() {
+    auto launches = machine().processes.launches();
+    std::erase_if(launches, [](const auto& launch) { return launch.path != kCopyOfAccount; });
     return launches;
 }
 

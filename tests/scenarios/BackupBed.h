@@ -36,6 +36,8 @@ class BackupBed : public Scenario {
     // The programs' runs so far.
     [[nodiscard]] std::vector<SimulatedProcesses::Launch> helpers();
     [[nodiscard]] std::vector<SimulatedProcesses::Launch> copies();
+    // Those of the program that copies with the rights of an account.
+    [[nodiscard]] std::vector<SimulatedProcesses::Launch> copiesOfAccounts();
     // The names of the backups of Data, sorted, at a location or in the support folder.
     [[nodiscard]] std::vector<std::string> backups(const std::string& location = "");
     [[nodiscard]] std::string status(const std::string& path = "/Volumes/Data");

@@ -178,9 +178,7 @@ TEST(DirectoryBackup, DoesNothingFurtherWithoutTheHelper) {
 TEST(DirectoryBackup, IsOverWhenTheHelperCannotBeLaunched) {
     BackupBed s;
     s.machine().processes.removeProgram("/PlugIns/KorvaneProDirectoryBackup");
-    const double due = s.secondsNow();
     s.run(seconds(30));
-    EXPECT_EQ(s.dueTime(), due);
     EXPECT_THAT(s.backups(), IsEmpty());
     // Another volume's backup is not kept waiting by a run that never began.
     s.helperTakes(seconds(1));
@@ -207,10 +205,9 @@ TEST(DirectoryBackup, PassesOverTheEmergencyVolumeAndVolumesThatCannotBeWritten)
                 entry.set("volumeMountToName", "/Volumes/Other");
             }
         });
-        const double due = s.secondsNow();
         s.run(seconds(20));
         EXPECT_THAT(s.helpers(), IsEmpty());
-        EXPECT_EQ(s.dueTime("/Volumes/Other"), due);
+        EXPECT_THAT(s.backups(), IsEmpty());
     }
 }
 

@@ -76,7 +76,7 @@ std::optional<std::vector<std::string>> SimulatedFileSystem::list(const std::str
     std::vector<std::string> names;
     names.reserve(place->node->children.size());
     for (const auto& [key, child] : place->node->children) {
-        names.push_back(key.name);
+        if (!child->isUnlisted) names.push_back(key.name);
     }
     return names;
 }
@@ -331,6 +331,11 @@ void SimulatedFileSystem::setFolderImmutable(const std::string& path, bool isImm
     if (SimulatedNode* folder = folderAt(path)) {
         folder->isImmutable = isImmutable;
     }
+}
+
+void SimulatedFileSystem::setUnlisted(const std::string& path) {
+    const std::optional<Place> place = find(path, LastLink::kept);
+    if (place && place->node) place->node->isUnlisted = true;
 }
 
 void SimulatedFileSystem::setFolderUnreadable(const std::string& path, bool isUnreadable) {

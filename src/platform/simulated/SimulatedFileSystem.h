@@ -105,6 +105,8 @@ class SimulatedFileSystem final : public FileSystem {
     void failNextWrites(int count);
     void killAtNextWrite(KillMoment moment);
     void setFolderImmutable(const std::string& path, bool isImmutable);
+    // As on a volume that takes letters of either case for the same name.
+    void setUnlisted(const std::string& path);
     void setFolderUnreadable(const std::string& path, bool isUnreadable);
     // Reading this file's contents fails, as for want of descriptors; "" for none.
     void setUnreadableFile(const std::string& path) { unreadableFile_ = path; }

@@ -53,6 +53,7 @@ struct SimulatedNode {
     SimulatedTree* mounted = nullptr;  // the volume that covers this folder
     bool isImmutable = false;          // nothing can be made, changed or removed in this folder
     bool isUnreadable = false;         // this folder cannot be listed
+    bool isUnlisted = false;           // its folder's listing has it under another spelling
 };
 
 // The files of one volume. They stay when the volume is unmounted.

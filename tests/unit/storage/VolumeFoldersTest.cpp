@@ -78,6 +78,29 @@ TEST_F(TrashRecordCleanUp, PassesOverLocationsThatAreNoTexts) {
     EXPECT_TRUE(isThere(support + "Trash Deletes"));
 }
 
+// Whoever could have put a name there would decide what is removed from the support folder.
+TEST_F(TrashRecordCleanUp, TakesNoNamesFromALocationThatIsNotRootsAlone) {
+    constexpr std::uint32_t kAlice = 1000;
+    SimulatedFileSystem& files = bed.machine.fileSystem;
+    put("/home/alice/Korvane Protection/Data/Other/Trash Deletes 1");
+    files.setOwner("/home/alice", kAlice);
+    put("/Volumes/Shared/Korvane Protection/Data/Other/Trash Deletes 1");
+    files.setPermissions("/Volumes/Shared", 01777);
+    put("/Volumes/Inner/Korvane Protection/Data/Other/Trash Deletes 1");
+    files.setOwner("/Volumes/Inner/Korvane Protection/Data/Other", kAlice);
+    bed.mount("/Volumes/Server", "server:/export", "nfs4");
+    put("/Volumes/Server/Korvane Protection/Data/Other/Trash Deletes 1");
+    put("/Volumes/Link/Korvane Protection/Secret");
+    files.putLink("/Volumes/Link/Korvane Protection/Data", kSupportFolder);
+    put(support + "Other/Trash Deletes 1");
+    put(support + "Trash Deletes 1");
+    locations = PropertyListArray{"/home/alice", "/Volumes/Shared", "/Volumes/Inner",
+                                  "/Volumes/Server", "/Volumes/Link"};
+    (void)refresh();
+    EXPECT_TRUE(isThere(support + "Other/Trash Deletes 1"));
+    EXPECT_TRUE(isThere(support + "Trash Deletes 1"));
+}
+
 // ---- Folders and markers ------------------------------------------------------------------------
 
 TEST_F(VolumeFoldersTest, MakesAFolderWithAMarkerForEachVolume) {
