@@ -240,4 +240,12 @@ TEST(HouseRules, NoFileHoldsANoteToOneselfOrAPathOfThisMachine) {
     EXPECT_THAT(found, IsEmpty());
 }
 
+// Half a copy of a backup would count as a backup, so a stop leaves the copying programs alone; the
+// others end with the daemon by themselves.
+TEST(Service, StopsTheDaemonAlone) {
+    const std::string unit = textOf(kRoot / "packaging/korvane-pro.service");
+    EXPECT_THAT(unit, ::testing::HasSubstr("\nKillMode=process\n"));
+    EXPECT_THAT(unit, ::testing::Not(::testing::HasSubstr("SendSIGKILL")));
+}
+
 }  // namespace
