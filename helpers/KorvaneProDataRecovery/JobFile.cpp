@@ -11,36 +11,21 @@ namespace korvane {
 
 namespace {
 
-// ".NUMBER.dat" of "/tmp/.NUMBER.dat": nothing else may be written to.
-std::optional<std::string> resultName(std::string_view path) {
-    constexpr std::string_view kBegin = "/tmp/.";
-    constexpr std::string_view kEnd = ".dat";
-    constexpr std::size_t kMostDigits = 20;  // of a 64-bit number
-    if (!path.starts_with(kBegin) || !path.ends_with(kEnd) ||
-        path.size() <= kBegin.size() + kEnd.size()) {
-        return std::nullopt;
-    }
-    const std::string_view digits =
-        path.substr(kBegin.size(), path.size() - kBegin.size() - kEnd.size());
-    if (digits.size() > kMostDigits ||
-        !std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; })) {
-        return std::nullopt;
-    }
-    return std::string(path.substr(path.rfind('/') + 1));
-}
-
 // Only a record as the daemon writes them: no rubbish behind its texts.
 std::optional<RecoveryJob> parseJob(std::string_view record) {
     const std::optional<SearchJob> job = decodeSearchJob(record);
     if (!job || job->deviceName.empty()) return std::nullopt;
     const SearchJobBytes written = encodeSearchJob(*job);
     if (record != std::string_view{written.data(), written.size()}) return std::nullopt;
-    auto name = resultName(job->searchResultPath);
-    if (!name) return std::nullopt;
-    return RecoveryJob{.node = job->nodeId,
-                       .parent = job->parentId,
-                       .device = job->deviceName,
-                       .resultName = std::move(*name)};
+    // Nothing else may be written to.
+    const auto node = nodeOfSearchResult(job->searchResultPath);
+    if (!node) return std::nullopt;
+    const bool isOfNode = static_cast<std::uint32_t>(*node) == job->nodeId;
+    return RecoveryJob{
+        .node = isOfNode ? *node : job->nodeId,
+        .parent = job->parentId,
+        .device = job->deviceName,
+        .resultName = job->searchResultPath.substr(job->searchResultPath.rfind('/') + 1)};
 }
 
 }  // namespace

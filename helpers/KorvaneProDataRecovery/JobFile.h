@@ -14,8 +14,9 @@ namespace korvane {
 inline constexpr std::size_t kMostJobs = 100;
 
 struct RecoveryJob {
-    std::uint32_t node = 0;    // the low 32 bits of the item's node number
-    std::uint32_t parent = 0;  // the same of the trash folder's
+    // The item's node number: the name of its result has all of it, the record the low 32 bits.
+    std::uint64_t node = 0;
+    std::uint32_t parent = 0;  // the low 32 bits of the trash folder's
     std::string device;        // a path below /dev, or the name of a source without a device
     std::string resultName;    // in the folder of result files
     friend bool operator==(const RecoveryJob&, const RecoveryJob&) = default;

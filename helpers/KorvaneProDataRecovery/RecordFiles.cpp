@@ -102,7 +102,7 @@ std::uint64_t forEachItemIn(const std::string& path, std::uint64_t most,
     return length;
 }
 
-EarlierRecords::EarlierRecords(const std::string& folder, std::set<std::uint32_t> nodes,
+EarlierRecords::EarlierRecords(const std::string& folder, std::set<std::uint64_t> nodes,
                                Moment now) {
     std::vector<std::string> files = recordFilesIn(folder);
     std::reverse(files.begin(), files.end());
@@ -113,12 +113,12 @@ EarlierRecords::EarlierRecords(const std::string& folder, std::set<std::uint32_t
         std::map<std::uint64_t, Recording> found;
         left -= forEachItemIn(path, left, [&](ItemAssembly::Collected&& collected) {
             RecordedItem& item = collected.item;
-            if (!nodes.contains(static_cast<std::uint32_t>(item.trashNode))) return;
+            if (!nodes.contains(item.trashNode)) return;
             Recording& recording = found[item.trashNode];
             if (item.node == item.trashNode) recording = {.items = {}, .isFresh = isFresh};
             recording.items.push_back(std::move(item));
         });
-        for (const auto& [node, recording] : found) nodes.erase(static_cast<std::uint32_t>(node));
+        for (const auto& [node, recording] : found) nodes.erase(node);
         recordings_.merge(found);
     }
 }

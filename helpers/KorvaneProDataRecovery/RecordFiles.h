@@ -33,9 +33,9 @@ class EarlierRecords {
     };
 
     EarlierRecords() = default;
-    // Reads the newest files in the folder until it has each of the items of the trash whose node
-    // numbers end in these 32 bits, or has read enough.
-    EarlierRecords(const std::string& folder, std::set<std::uint32_t> nodes, Moment now);
+    // Reads the newest files in the folder until it has each of the items of the trash with these
+    // node numbers, or has read enough.
+    EarlierRecords(const std::string& folder, std::set<std::uint64_t> nodes, Moment now);
 
     // The newest recording of that item; null when there is none.
     [[nodiscard]] const Recording* of(std::uint64_t node) const;

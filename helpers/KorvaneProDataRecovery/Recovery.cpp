@@ -24,8 +24,9 @@ namespace {
 constexpr std::chrono::seconds kReadingTime{5};
 constexpr std::uint64_t kReadingOfRun = 256ULL * 1024 * 1024;
 
-std::set<std::uint32_t> numbersOf(const JobFile& file, std::uint32_t RecoveryJob::*number) {
-    std::set<std::uint32_t> numbers;
+template <typename Number>
+std::set<Number> numbersOf(const JobFile& file, Number RecoveryJob::*number) {
+    std::set<Number> numbers;
     for (const RecoveryJob& job : file.jobs) numbers.insert(job.*number);
     return numbers;
 }
@@ -66,7 +67,7 @@ void recordJobs(const JobFile& file, const MachinePlaces& places, const std::str
         auto items = recordItem(place->folder->folder.get(), place->folder->path, place->name,
                                 limit, reading, earlier);
         // Gone since, or another item has taken its name.
-        if (items.empty() || static_cast<std::uint32_t>(items.front().node) != job.node) continue;
+        if (items.empty() || items.front().node != job.node) continue;
         items.front().origin = originOf(*place->folder, place->name);
         const auto* const before = earlier.of(items.front().node);
         if (before != nullptr && before->isFresh && isSameRecording(items, before->items)) continue;

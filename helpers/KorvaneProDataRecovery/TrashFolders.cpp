@@ -241,13 +241,13 @@ void TrashFolders::add(UniqueFd folder, std::string path, std::string top, const
                         .items = std::nullopt});
 }
 
-std::optional<TrashFolders::Place> TrashFolders::find(std::uint32_t node, std::uint32_t parent) {
+std::optional<TrashFolders::Place> TrashFolders::find(std::uint64_t node, std::uint32_t parent) {
     for (TrashFolder& folder : folders_) {
         if (static_cast<std::uint32_t>(folder.node) != parent) continue;
         if (!folder.items) {
             folder.items.emplace();
             forEachEntry(folder.folder.get(), [&](const dirent& entry) {
-                folder.items->emplace(static_cast<std::uint32_t>(entry.d_ino), entry.d_name);
+                folder.items->emplace(entry.d_ino, entry.d_name);
                 return folder.items->size() < kMostItems;
             });
         }
@@ -256,8 +256,7 @@ std::optional<TrashFolders::Place> TrashFolders::find(std::uint32_t node, std::u
             struct stat status {};
             if (::fstatat(folder.folder.get(), item->second.c_str(), &status,
                           AT_SYMLINK_NOFOLLOW) == 0 &&
-                static_cast<std::uint32_t>(status.st_ino) == node &&
-                status.st_dev == folder.device) {
+                status.st_ino == node && status.st_dev == folder.device) {
                 return Place{&folder, item->second};
             }
         }

@@ -35,8 +35,8 @@ struct TrashFolder {
     std::string top;  // what its notes are relative to; empty in a home, where they are not
     dev_t device = 0;
     ino_t node = 0;
-    // The names of its items by the low 32 bits of their node numbers, read when first asked for.
-    std::optional<std::unordered_multimap<std::uint32_t, std::string>> items;
+    // The names of its items by their node numbers, read when first asked for.
+    std::optional<std::unordered_multimap<std::uint64_t, std::string>> items;
 };
 
 // Where the trash's own note says that the item came from, as an absolute path; empty without one.
@@ -57,8 +57,8 @@ class TrashFolders {
         const TrashFolder* folder = nullptr;
         std::string name;
     };
-    // The item with this node number in the folder with that one; both are the low 32 bits.
-    [[nodiscard]] std::optional<Place> find(std::uint32_t node, std::uint32_t parent);
+    // The item with this node number in the folder whose number ends in these 32 bits.
+    [[nodiscard]] std::optional<Place> find(std::uint64_t node, std::uint32_t parent);
 
     // All mount points that can be reached, and whether each is one of the volume's.
     using Mounts = std::map<std::string, bool>;

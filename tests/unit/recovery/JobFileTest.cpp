@@ -39,6 +39,18 @@ TEST(JobFile, ReadsEveryFieldOfAJob) {
     EXPECT_EQ(file.refused, 0U);
 }
 
+TEST(JobFile, TakesTheWholeNumberFromTheNameOfTheResult) {
+    constexpr std::uint64_t kUpper = 7ULL << 32;
+    std::string bytes;
+    for (const std::uint64_t number : {kUpper + 4'000'000'001, std::uint64_t{4'000'000'001}}) {
+        bytes += job("/dev/sda1", "/tmp/." + std::to_string(number) + ".dat");
+    }
+    const JobFile file = parseJobFile(bytes);
+    ASSERT_THAT(file.jobs, SizeIs(2));
+    EXPECT_EQ(file.jobs[0].node, kUpper + 4'000'000'001);
+    EXPECT_EQ(file.jobs[1].node, 4'000'000'001);
+}
+
 TEST(JobFile, KeepsTheOrderAndGoesOnBehindARecordThatIsNoJob) {
     const JobFile file = parseJobFile(job("/dev/a", "/tmp/.1.dat") + std::string(76, 'x') +
                                       job("/dev/b", "/tmp/.2.dat"));
@@ -63,6 +75,8 @@ TEST(JobFile, RefusesWhatIsMalformed) {
         {"unterminated result path", job("/dev/a", "/tmp/.1111111111111111111111.dat")},
         {"rubbish behind the result path", job("/dev/a", "/tmp/.1.dat\0x"sv)},
         {"no number", job("/dev/a", "/tmp/..dat")},
+        {"more than a number can be", job("/dev/a", "/tmp/.18446744073709551616.dat")},
+        {"zeros before the number", job("/dev/a", "/tmp/.01.dat")},
         {"no digits", job("/dev/a", "/tmp/.x.dat")},
         {"sign", job("/dev/a", "/tmp/.-1.dat")},
         {"blank", job("/dev/a", "/tmp/. 1.dat")},

@@ -133,7 +133,7 @@ class RepeatedRun : public RecordFiles {
     std::string runAgain() {
         fs::remove(folder / "results/.1.dat");
         const RecoveryJob job{
-            .node = static_cast<std::uint32_t>(statusOf(".Trash-0/files/letter").st_ino),
+            .node = statusOf(".Trash-0/files/letter").st_ino,
             .parent = static_cast<std::uint32_t>(statusOf(".Trash-0/files").st_ino),
             .device = "/dev/sdx1",
             .resultName = ".1.dat"};

@@ -26,10 +26,10 @@ TEST(SharedFormats, TheProgramTakesEveryJobThatTheDaemonWrites) {
                                      searchResultPathOf(kLargest)});
     const JobFile file = parseJobFile(bytes);
     EXPECT_EQ(file.refused, 0U);
-    EXPECT_THAT(file.jobs, ElementsAre(RecoveryJob{1, 2, "/dev/sda1", ".1.dat"},
-                                       RecoveryJob{0xFFFFFFFF, 0xFFFFFFFE,
-                                                   "/dev/mapper/" + std::string(19, 'x'),
-                                                   ".18446744073709551615.dat"}));
+    EXPECT_THAT(file.jobs,
+                ElementsAre(RecoveryJob{1, 2, "/dev/sda1", ".1.dat"},
+                            RecoveryJob{kLargest, 0xFFFFFFFE, "/dev/mapper/" + std::string(19, 'x'),
+                                        ".18446744073709551615.dat"}));
 }
 
 TEST(SharedFormats, TheProgramsRecordsKeepTheirWorthUnderTheDaemonsStamp) {

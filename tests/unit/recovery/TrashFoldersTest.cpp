@@ -36,8 +36,8 @@ class TrashFoldersTest : public testing::Test {
         EXPECT_EQ(::lstat((folder / path).c_str(), &status), 0) << path;
         return status;
     }
-    [[nodiscard]] std::uint32_t nodeOf(std::string_view path) const {
-        return static_cast<std::uint32_t>(statusOf(path).st_ino);
+    [[nodiscard]] std::uint64_t nodeOf(std::string_view path) const {
+        return statusOf(path).st_ino;
     }
     // The path of the item in its trash folder as found; empty when it is not.
     [[nodiscard]] std::string found(const std::string& device, std::string_view parent,
@@ -46,8 +46,11 @@ class TrashFoldersTest : public testing::Test {
                                    .blockDevices = folder / "block",
                                    .homes = folder / "home",
                                    .homeOfRoot = folder / "root"};
-        TrashFolders folders{places, device, {nodeOf(parent)}};
-        const auto place = folders.find(nodeOf(item), nodeOf(parent));
+        const auto parentNode = static_cast<std::uint32_t>(nodeOf(parent));
+        TrashFolders folders{places, device, {parentNode}};
+        // One that shares the low half of its number is another one.
+        EXPECT_FALSE(folders.find(nodeOf(item) + (1ULL << 32), parentNode));
+        const auto place = folders.find(nodeOf(item), parentNode);
         return place ? place->folder->path + "/" + place->name : "";
     }
     TemporaryFolder folder{"/dev/shm"};  // where thousands of folders are soon made
