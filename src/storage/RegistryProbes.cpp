@@ -158,8 +158,7 @@ DeviceValue GetDeviceValue(DeviceRegistry& registry, std::string_view device,
     if (!medium) return {};
 
     const std::optional<PropertyList> content = registry.property(*medium, "Content");
-    schemeOfPartition = content && content->string() &&
-                        equalIgnoringCase(*content->string(), kHfsPlusPartitionType);
+    schemeOfPartition = content && content->string() && *content->string() == kHfsPlusPartitionType;
 
     const auto identifier = askAncestors(registry, *medium, [&](ServiceId ancestor) {
         const std::optional<Dictionary> properties = registry.properties(ancestor);
