@@ -175,6 +175,32 @@ class TrashProcess(TrashBed):
                  and key == f"Data_{value['nodeID']}"}
         self.assertLessEqual({f"Data_{number}" for number in numbers}, plain)
 
+    def test_korvanectl_recovers_both_of_two_items_of_one_number_and_name(self):
+        data = self.mount_image("/Volumes/Data")
+        files = f"{data}/.Trash-0/files"
+        os.makedirs(files)
+        self.watch(data)
+        wait_for(lambda: volume_entries().get(data, {}).get("usageStatus") == "0")
+        self.wait_for_record("first", data)
+        contents = "the contents of a letter\n" * 500
+        os.rename(put(f"{data}/letter", contents), f"{files}/letter")
+        number = os.stat(f"{files}/letter").st_ino
+        wait_for(lambda: (number, "letter") in (recorded_items("Data") or ()), 60)
+        os.unlink(f"{files}/letter")
+        # An empty one, which takes none of the first one's blocks.
+        path = put(f"{data}/letter", "")
+        self.assertEqual(os.stat(path).st_ino, number)
+        os.rename(path, f"{files}/letter")
+        wait_for(lambda: len([key for key in usage() or () if key.startswith(f"Data_{number}")]) == 2)
+        keys = sorted(key for key in usage() if key.startswith(f"Data_{number}"))
+        listed = json.loads(self.control("trash", "--json").stdout)["items"]
+        self.assertLessEqual(set(keys), {item["key"] for item in listed})
+        for key, expected in zip(keys, ("", contents)):
+            copy = f"/home/ada/copy of {key}"
+            recovered = self.control("trash", "recover", key, copy)
+            self.assertEqual(recovered.returncode, 0, recovered.stderr)
+            self.assertEqual(read_bytes(copy).decode(), expected)
+
     def put_two_of_one_number(self, paths):
         """Makes an item at each of the paths, on volumes of their own where both have one number."""
         for attempt in range(100):

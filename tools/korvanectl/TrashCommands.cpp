@@ -53,6 +53,7 @@ Dictionary itemJson(const HistoryItem& item) {
                     {"node", item.node},         {"trashFolder", item.folder},
                     {"volume", item.volumeName}, {"state", stateToken(item)}};
     if (!item.origin.empty()) json.set("origin", item.origin);
+    if (item.isVolumeAway) json.set("volumeIsAway", true);
     if (item.isAtOrigin) json.set("putBackAs", item.origin);
     if (item.putIn) json.set("putIn", jsonTime(*item.putIn));
     if (item.left) json.set("left", jsonTime(*item.left));

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <set>
 #include <system_error>
@@ -71,8 +72,7 @@ class NewestRecording {
 
   private:
     bool isSameFile(const RecordedItem& item) const {
-        return !wanted_.lastSeen ||
-               (item.born == wanted_.born && item.volumeUuid == wanted_.volumeUuid);
+        return item.born == wanted_.born && item.volumeUuid == wanted_.volumeUuid;
     }
 
     const HistoryItem& wanted_;
@@ -165,13 +165,55 @@ HistoryItem forgottenItem(const std::string& volume, const Recorded& recorded) {
             .volumeUuid = item.volumeUuid};
 }
 
+// The items of a volume's history by their numbers and names, each with those of the same, in the
+// order in which they came into the trash.
+class KnownItems {
+  public:
+    KnownItems(std::vector<HistoryItem>& history, const std::string& volume) {
+        for (HistoryItem& item : history) {
+            if (item.volumeName == volume) items_[{item.node, item.name}].push_back(&item);
+        }
+        for (auto& [number, twins] : items_) {
+            std::ranges::stable_sort(twins, {}, [](const HistoryItem* item) {
+                return item->putIn.value_or(Time::min());
+            });
+            for (HistoryItem* const item : twins) item->isSuperseded = item != twins.back();
+        }
+    }
+
+    // Takes the item that this is a recording of. It had its number from its birth on, so it is the
+    // first one that came into the trash after that; without a birth, the last one that had come
+    // when it was recorded. Null when there is none, or another recording of it was taken.
+    HistoryItem* take(const Recorded& recorded) {
+        const auto place = items_.find({recorded.item.node, textOfBytes(recorded.item.name)});
+        if (place == items_.end() || place->second.empty()) return nullptr;
+        std::vector<HistoryItem*>& twins = place->second;
+        const bool hasBirth = recorded.item.born != 0;
+        const Time moment = hasBirth
+                                ? timeFromSecondsSince1970(static_cast<double>(recorded.item.born))
+                                : recorded.seen;
+        const auto isBefore = [&](const HistoryItem* each) {
+            const Time putIn = each->putIn.value_or(Time::min());
+            return hasBirth ? putIn < moment : putIn <= moment;
+        };
+        // Of those that came before the moment the last one, or the first one behind them.
+        auto item = std::ranges::find_if_not(twins, isBefore);
+        if (!hasBirth && item != twins.begin()) --item;
+        if (item == twins.end()) --item;  // the clock was set meanwhile
+        HistoryItem* const taken = *item;
+        twins.erase(item);
+        return taken;
+    }
+
+  private:
+    std::map<std::pair<std::uint64_t, std::string>, std::vector<HistoryItem*>> items_;
+};
+
 // Gives the history's items their origins, and adds the items that the volume's records alone have.
 void addRecorded(const std::string& supportFolder, const std::string& volume,
                  std::vector<HistoryItem>& history) {
-    std::map<std::pair<std::uint64_t, std::string>, std::size_t> known;
-    for (std::size_t i = 0; i < history.size(); ++i) {
-        if (history[i].volumeName == volume) known[{history[i].node, history[i].name}] = i;
-    }
+    KnownItems known(history, volume);
+    std::vector<HistoryItem> forgotten;
     // Another name within the trash is no other item: a file counts under its newest one.
     std::set<std::tuple<std::uint64_t, std::int64_t, VolumeUuid, std::int64_t, std::uint32_t>>
         files;
@@ -182,15 +224,15 @@ void addRecorded(const std::string& supportFolder, const std::string& volume,
                                   .emplace(item.node, item.born, item.volumeUuid, item.modified,
                                            item.modifiedNanoseconds)
                                   .second;
-        const auto place = known.find({item.node, textOfBytes(item.name)});
-        if (place != known.end()) {
-            history[place->second].origin = textOfBytes(item.origin);
-            history[place->second].born = item.born;
-            known.erase(place);
+        if (HistoryItem* const its = known.take(recorded)) {
+            its->origin = textOfBytes(item.origin);
+            its->born = item.born;
+            its->volumeUuid = item.volumeUuid;
         } else if (isNewFile) {
-            history.push_back(forgottenItem(volume, recorded));
+            forgotten.push_back(forgottenItem(volume, recorded));
         }
     }
+    std::ranges::move(forgotten, std::back_inserter(history));
 }
 
 // Only root makes entries of "/", so the first step may be a link, as "/home" is on some systems.
@@ -219,7 +261,7 @@ bool hasNodeAndBirth(const HistoryItem& item, int folder, const std::string& nam
 bool isItemsBirth(const HistoryItem& item, const ItemInTrash& found) {
     const bool hasLeft = item.lastSeen || item.state != TrashState::inTrash;
     if (!hasLeft) return true;
-    if (item.born == 0) return !item.lastSeen;
+    if (item.born == 0) return !item.lastSeen && !item.isSuperseded;
     return hasNodeAndBirth(item, found.folder.get(), found.name);
 }
 

@@ -32,16 +32,20 @@ struct HistoryItem {
     TrashState state = TrashState::inTrash;
     std::optional<Time> left;  // when it was seen to have left the trash
     std::string origin;        // the path that it came from; empty when it is not recorded
+    // Its volume is not mounted: what became of it is not known.
+    bool isVolumeAway = false;
+    // A later item of the history has its number and its name.
+    bool isSuperseded = false;
     // It left the trash, and stands where it came from. One that had another name in the trash is
     // emptied all the same by the history, which knows an item by its name.
     bool isAtOrigin = false;
 
-    // Of an item that the history has no longer: the next item with its node number took its place
-    // there, its time was over, or the history was begun anew. Whether it was emptied or put back
-    // is not known. Its records are kept for as long as others, and it is as recoverable. When it
-    // was recorded last, and what tells it from others of its node and name.
+    // Of an item that the history has no longer: its time was over, or the history was begun anew.
+    // Whether it was emptied or put back is not known. Its records are kept for as long as others,
+    // and it is as recoverable. When it was recorded last.
     std::optional<Time> lastSeen;
-    std::int64_t born = 0;  // also of others, as far as it was recorded
+    // What tells it from others of its node and name, as far as it was recorded.
+    std::int64_t born = 0;
     VolumeUuid volumeUuid{};
 };
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <set>
 #include <utility>
 
 #include "korvanectl/Words.h"
@@ -28,7 +29,7 @@ std::string stateWords(const HistoryItem& item, Time now) {
     }
     switch (item.state) {
         case TrashState::inTrash:
-            return "in the trash";
+            return item.isVolumeAway ? "on a volume that is away" : "in the trash";
         case TrashState::removed:
             return fmt::format("put back, {}", timeOrNothing(item.left, now));
         case TrashState::deleted:
@@ -54,10 +55,25 @@ Table historyTable(const std::vector<HistoryItem>& items, Time now, bool withKey
     return table;
 }
 
+namespace {
+
+std::set<std::string> mountedVolumeNames(Volumes& volumes) {
+    std::set<std::string> names;
+    for (const MountEntry& mount : volumes.mountTable()) {
+        const bool isVolume = volumes.volumeInfoOfRoot(FSRef{mount.mountOnName}).status == 0;
+        if (isVolume) names.insert(volumes.displayName(mount.mountOnName));
+    }
+    return names;
+}
+
+}  // namespace
+
 Outcome<std::vector<HistoryItem>> trashHistoryOf(Program& program) {
     auto history = readTrashHistory(program.supportFolder);
     if (!history) return history;
+    const std::set<std::string> mounted = mountedVolumeNames(program.volumes());
     for (HistoryItem& item : *history) {
+        item.isVolumeAway = !item.volumeName.empty() && !mounted.contains(item.volumeName);
         // A trash below a dead server's mount is not asked.
         if (item.lastSeen && volumeOfPath(program.volumes(), item.folder) && findInTrash(item)) {
             item.state = TrashState::inTrash;

@@ -180,6 +180,59 @@ TEST_F(Trash, HasItemsThatTheRecordsAloneHave) {
     EXPECT_THAT(err, AllOf(HasSubstr("System_12@100"), HasSubstr("2 items")));
 }
 
+TEST_F(Trash, HasBothItemsOfOneNumberAndNameThatTheHistoryHas) {
+    const auto secondsOf = [](Time time) {
+        return static_cast<std::int64_t>(secondsSince1970(time));
+    };
+    RecordedItem first = recorded("list", 12);
+    first.born = secondsOf(now - hours{6});
+    first.size = 1000;
+    RecordedItem second = recorded("list", 12);
+    second.born = secondsOf(now - hours{3});
+    second.size = 2000;
+    const auto encoded = [](RecordedItem item, Time when) {
+        std::string bytes = encodeItem(std::move(item));
+        const std::uint32_t stamp = secondsSince1904(when);
+        std::memcpy(bytes.data() + kTrashStampOffset, &stamp, sizeof stamp);
+        return bytes;
+    };
+    folder.write("System/Trash Deletes 2025-12-31-23",
+                 encoded(first, now - hours{4}) + encoded(second, now - hours{1}));
+    keepNode("list", 12, now - hours{5}, "Deleted");
+    usage.set("System_12_2025-12-31T19:00:00Z", *usage.find("System_12"));
+    keepNode("list", 12, now - hours{2});
+    EXPECT_EQ(run({"trash"}), 0);
+    EXPECT_THAT(lineOf("System_12_"), HasSubstr("emptied"));
+    EXPECT_THAT(lineOf("System_12 "), HasSubstr("in the trash"));
+    EXPECT_THAT(out, Not(HasSubstr("not in the history")));
+    EXPECT_EQ(run({"trash", "show", "System_12_2025-12-31T19:00:00Z"}), 0);
+    EXPECT_THAT(lineOf("size"), HasSubstr("1.0 kB"));
+    EXPECT_EQ(run({"trash", "show", "System_12"}), 0);
+    EXPECT_THAT(lineOf("size"), HasSubstr("2.0 kB"));
+    EXPECT_EQ(run({"trash", "show", "list"}), 1);
+    EXPECT_THAT(err, HasSubstr("2 items"));
+}
+
+TEST_F(Trash, SaysThatAVolumeIsAway) {
+    keepNode("there", 12, now);
+    usage.set("Stick_13", *usage.find("System_12"));
+    for (const auto& [key, value] : {std::pair{"itemName", "away"}, {"volumeName", "Stick"}}) {
+        usage.find("Stick_13")->dictionary()->set(key, value);
+    }
+    usage.set("Stick_14", *usage.find("Stick_13"));
+    usage.find("Stick_14")->dictionary()->set("itemName", "gone");
+    usage.find("Stick_14")->dictionary()->set("Deleted", PropertyListDate{});
+    folder.write(kTrashUsageFile, formatPropertyList(usage));
+    EXPECT_EQ(run({"trash"}), 0);
+    EXPECT_THAT(lineOf("there"), HasSubstr("in the trash"));
+    EXPECT_THAT(lineOf("away"), HasSubstr("on a volume that is away"));
+    EXPECT_THAT(lineOf("gone"), HasSubstr("emptied"));
+    EXPECT_EQ(run({"trash", "show", "away", "--json"}), 0);
+    EXPECT_THAT(out, HasSubstr(R"("volumeIsAway": true)"));
+    EXPECT_EQ(run({"trash", "show", "there", "--json"}), 0);
+    EXPECT_THAT(out, Not(HasSubstr("volumeIsAway")));
+}
+
 TEST_F(Trash, TellsItemsOfOneNumberAndNameApart) {
     RecordedItem first = recorded("list", 12);
     first.born = 100;
