@@ -370,5 +370,114 @@ TEST_F(TrashFaults, LeavesTheItemsThemselvesAloneWhateverTheirNames) {
     EXPECT_EQ(files().bytes(std::string(kTrash) + "/" + name), std::string(kTrash) + "/" + name);
 }
 
+// Those of the settings come first, whatever the order of the mounts.
+TEST_F(TrashFaults, GivesSlotsInTheOrderOfTheVolumeEntries) {
+    for (int user = 0; user < 120; ++user) {
+        s.put("/Users/u" + std::to_string(user) + "/.Trash/.x", "");
+    }
+    s.editPreferences(
+        [](Dictionary& settings) { std::ranges::reverse(*settings.find("volumeArray")->array()); });
+    s.run(seconds(1));
+    EXPECT_THAT(watched(), SizeIs(100));
+    EXPECT_THAT(watched(), testing::Contains(kDataTrash));
+}
+
+TEST_F(TrashFaults, CountsHiddenItemsAmongTheHundred) {
+    const std::string folder = kDataTrash;
+    for (int item = 0; item < 80; ++item) {
+        s.put(folder + "/.hidden " + std::to_string(item), "");
+        // Of many beginnings: the order of a folder goes by them.
+        s.put(folder + '/' + static_cast<char>('a' + item % 26) + std::to_string(item), "");
+    }
+    const auto names = files().list(folder);
+    ASSERT_TRUE(names && names->size() > 100);
+    const auto shown = std::count_if(names->begin(), names->begin() + 100,
+                                     [](const std::string& name) { return name.front() != '.'; });
+    ASSERT_LT(shown, 80);
+    s.run(seconds(1));
+    s.machine().directoryWatch.changed(folder);
+    s.run(seconds(1));
+    EXPECT_THAT(usage(), SizeIs(static_cast<std::size_t>(shown)));
+}
+
+TEST_F(TrashFaults, CopiesEveryRecordOfAResult) {
+    std::string result;
+    for (const char character : {'a', 'b', 'c'})
+        result += std::string(kTrashRecordBytes, character);
+    setProgram(result + "end");
+    s.run(seconds(1));
+    trash(std::string(kDataTrash) + "/a");
+    s.run(seconds(10));
+    const std::string bytes = files().bytes(volumeFolder("Data") + "/" + kDeletes).value_or("");
+    ASSERT_EQ(bytes.size(), 5 * kTrashRecordBytes);
+    for (std::size_t record = 1; record <= 4; ++record) {
+        const std::string one = bytes.substr(record * kTrashRecordBytes, kTrashRecordBytes);
+        const char expected = "abce"[record - 1];
+        EXPECT_EQ(one.front(), expected);
+        TrashRecord copy{};
+        std::ranges::copy(one, copy.begin());
+        EXPECT_NE(trashRecordStamp(copy), 0u) << record;
+        EXPECT_EQ(one.back(), record == 4 ? '\0' : expected);
+    }
+}
+
+TEST_F(TrashFaults, DropsNoFileThatOnlyMentionsTheNameOfResults) {
+    const std::string folder = volumeFolder("Data");
+    const std::string kept[] = {
+        folder + "/My Trash Deletes 2026-01-01-00", folder + "/trash deletes 2026-01-01-00",
+        folder + "/Trash Delete 2026-01-01-00", folder + "/Trash Deletes of old/notes"};
+    const std::string old = folder + "/Trash Deletes 2026-01-01-00";
+    for (const std::string& path : kept) s.put(path, "");
+    s.put(old, "");
+    s.run(hours(24 * 6));
+    s.machine().directoryWatch.changed(kTrash);
+    s.run(seconds(1));
+    EXPECT_FALSE(files().exists(old));
+    for (const std::string& path : kept) EXPECT_TRUE(files().exists(path)) << path;
+}
+
+TEST_F(TrashFaults, TicksDoNotWatchAnew) {
+    s.run(seconds(10));
+    s.put("/Users/bob/.Trash/x", "").run(hours(3));
+    EXPECT_THAT(watched(), ElementsAre(kTrash, kDataTrash));
+    s.send("daemonPreferencesUpdatedNotification").run(seconds(1));
+    EXPECT_THAT(watched(), SizeIs(3));
+}
+
+// A word may have the trash watched before the start is over.
+class TrashInTheStartWait : public TrashBed {
+  protected:
+    TrashInTheStartWait() : TrashBed(startedJustNow()) {
+        s.run(seconds(1)).send("daemonPreferencesUpdatedNotification").run(seconds(1));
+    }
+    static MachineDescription startedJustNow() {
+        MachineDescription machine = Scenario::describe("two-volumes");
+        machine.uptime = seconds(10);
+        return machine;
+    }
+};
+
+TEST_F(TrashInTheStartWait, MarksWhatASearchHasFoundOut) {
+    trash(std::string(kTrash) + "/a");
+    s.run(seconds(1));
+    s.machine().directoryWatch.setUndecided(true);
+    empty(std::string(kTrash) + "/a");
+    s.run(seconds(1));
+    ASSERT_FALSE(record("a").empty());
+    ASSERT_FALSE(record("a").contains("Deleted"));
+    s.machine().directoryWatch.findOut();
+    s.run(seconds(1));
+    EXPECT_TRUE(record("a").contains("Deleted"));
+}
+
+TEST_F(TrashInTheStartWait, CollectsWhatADaemonBeforeItHadSearchedFor) {
+    trash(std::string(kDataTrash) + "/a");
+    s.run(milliseconds(1500));  // the program has ended, and no poll was made
+    const std::string path = volumeFolder("Data") + "/" + kDeletes;
+    ASSERT_FALSE(files().exists(path));
+    s.restart().run(seconds(5));
+    EXPECT_TRUE(files().exists(path));
+}
+
 }  // namespace
 }  // namespace korvane

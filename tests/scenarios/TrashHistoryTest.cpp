@@ -125,31 +125,6 @@ TEST_F(TrashHistory, IsNotSwampedByAUserWhoKeepsATrashChanging) {
     EXPECT_FALSE(record("last").empty());
 }
 
-// A word may have the trash watched before the start is over.
-TEST(TrashHistoryInTheStartWait, MarksWhatASearchHasFoundOut) {
-    MachineDescription machine = Scenario::describe("two-volumes");
-    machine.uptime = seconds(10);
-    struct Bed : TrashBed {
-        explicit Bed(const MachineDescription& description) : TrashBed(description) {}
-        void TestBody() override {
-            // What a daemon before this one has left.
-            s.put(std::string(kTrash) + "/left", "");
-            s.run(seconds(1)).send("daemonPreferencesUpdatedNotification").run(seconds(1));
-            trash(std::string(kTrash) + "/a");
-            s.run(seconds(1));
-            s.machine().directoryWatch.setUndecided(true);
-            empty(std::string(kTrash) + "/a");
-            s.run(seconds(1));
-            ASSERT_FALSE(record("a").empty());
-            ASSERT_FALSE(record("a").contains("Deleted"));
-            s.machine().directoryWatch.findOut();
-            s.run(seconds(1));
-            EXPECT_TRUE(record("a").contains("Deleted"));
-        }
-    };
-    Bed(machine).TestBody();
-}
-
 TEST_F(TrashHistory, RecordsAnItemAndStampsIt) {
     s.run(seconds(1));
     trash(std::string(kDataTrash) + "/letter");
