@@ -1,5 +1,6 @@
 // The machine's devices as a tree of services with properties: drives, their media (whole disks and
-// partitions), and what they hang on. Reading what has not changed since costs no system call.
+// partitions), and what they hang on. The first question in a turn of the loop is answered with the
+// state at that moment; while nothing has changed the others cost no system call.
 #pragma once
 
 #include <cstdint>

@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -20,10 +22,12 @@ class DeviceRegistrySubject {
   public:
     virtual ~DeviceRegistrySubject() = default;
     virtual DeviceRegistry& registry() = 0;
-    // A device is there that can be pulled: its BSD name; empty where none can be made.
+    // Makes a device that can be pulled: its BSD name; empty where none can be made.
     virtual std::string plug() = 0;
-    // It is pulled, and the tree has changed.
+    // Pulls it again.
     virtual void pull() = 0;
+    // Does the work within one turn of the loop, one that has not begun yet.
+    virtual void inATurn(const std::function<void()>& work) = 0;
 };
 
 class DeviceRegistryConformance
@@ -151,21 +155,45 @@ TEST_P(DeviceRegistryConformance, CannotOpenADriveThatIsNotThere) {
     EXPECT_NE(opened.status, kDriveSuccess);
 }
 
-TEST_P(DeviceRegistryConformance, KnowsNothingOfAServiceThatIsGone) {
-    const std::string name = subject_->plug();
+TEST_P(DeviceRegistryConformance, AnswersWithTheStateAtTheFirstQuestionOfATurn) {
+    std::string name;
+    std::optional<std::vector<ServiceId>> plugged;
+    subject_->inATurn([&] {
+        name = subject_->plug();
+        plugged = registry().servicesNamed("IOMedia", name);
+    });
     if (name.empty()) GTEST_SKIP() << "no device can be made here";
-    const auto found = registry().servicesNamed("IOMedia", name);
-    ASSERT_THAT(found, testing::Optional(testing::SizeIs(1))) << name;
-    const ServiceId media = found->front();
-    EXPECT_EQ(bsdNameOf(media), name);
-    const auto generation = registry().generation();
-    subject_->pull();
-    EXPECT_NE(registry().generation(), generation);
-    EXPECT_FALSE(registry().property(media, "BSD Name"));
-    EXPECT_FALSE(registry().properties(media));
-    EXPECT_FALSE(registry().parent(media));
-    EXPECT_FALSE(registry().firstChild(media));
-    EXPECT_THAT(registry().servicesNamed("IOMedia", name), testing::Optional(testing::IsEmpty()));
+    EXPECT_THAT(plugged, testing::Optional(testing::SizeIs(1))) << name;
+    std::optional<std::vector<ServiceId>> pulled;
+    subject_->inATurn([&] {
+        subject_->pull();
+        pulled = registry().servicesNamed("IOMedia", name);
+    });
+    EXPECT_THAT(pulled, testing::Optional(testing::IsEmpty())) << name;
+}
+
+TEST_P(DeviceRegistryConformance, KnowsNothingOfAServiceThatIsGone) {
+    std::string name;
+    std::optional<std::uint64_t> generation;
+    ServiceId media{};
+    subject_->inATurn([&] {
+        name = subject_->plug();
+        const auto found = registry().servicesNamed("IOMedia", name);
+        if (name.empty()) return;
+        ASSERT_THAT(found, testing::Optional(testing::SizeIs(1))) << name;
+        media = found->front();
+        EXPECT_EQ(bsdNameOf(media), name);
+        generation = registry().generation();
+    });
+    if (name.empty()) GTEST_SKIP() << "no device can be made here";
+    subject_->inATurn([&] {
+        subject_->pull();
+        EXPECT_NE(registry().generation(), generation);
+        EXPECT_FALSE(registry().property(media, "BSD Name"));
+        EXPECT_FALSE(registry().properties(media));
+        EXPECT_FALSE(registry().parent(media));
+        EXPECT_FALSE(registry().firstChild(media));
+    });
 }
 
 }  // namespace korvane

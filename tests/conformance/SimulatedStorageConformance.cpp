@@ -108,6 +108,16 @@ struct SimulatedRegistrySubject final : DeviceRegistrySubject {
     }
     // In the machines that are provided, a media's service is named as its device.
     void pull() override { EXPECT_TRUE(machine.pull(pluggedName)); }
+    void inATurn(const std::function<void()>& work) override {
+        bool isDone = false;
+        machine.runLoop.post([&] {
+            work();
+            isDone = true;
+        });
+        while (!isDone && machine.runLoop.runOnce()) {
+        }
+        EXPECT_TRUE(isDone);
+    }
     SimulatedMachine machine;
     std::string pluggedName;
 };

@@ -120,6 +120,13 @@ void makeEncryptedVolume(const std::string& disk) {
     mountDevice("/dev/mapper/secret", "hfsplus", "/mnt/Secret");
 }
 
+// One that is checked and not encrypted, though cryptsetup's library makes both.
+void makeCheckedVolume(const std::string& disk) {
+    run("integritysetup format -q " + disk + " && integritysetup open " + disk +
+        " checked && mkfs.ext4 -q /dev/mapper/checked");
+    mountDevice("/dev/mapper/checked", "ext4", "/mnt/Checked");
+}
+
 void makeLoopVolume() {
     run("truncate -s 8M /tmp/loop.img && mkfs.ext4 -q /tmp/loop.img");
     const int loop = open("/dev/loop0", O_RDWR | O_CLOEXEC);
@@ -143,10 +150,11 @@ class Drives : public ::testing::Test {
   public:
     static void SetUpTestSuite() {
         // USB devices are found a while after the machine has started.
-        for (const std::string serial : {"UAS-1", "STICK-1", "SCSI-1", "VIRTIO-1"}) {
+        for (const std::string serial : {"UAS-1", "STICK-1", "SCSI-1", "VIRTIO-1", "VIRTIO-2"}) {
             ASSERT_TRUE(becomes([&] { return !diskOf(serial).empty(); })) << serial;
         }
         makeEncryptedVolume(diskOf("SCSI-1"));
+        makeCheckedVolume(diskOf("VIRTIO-2"));
         mountDevice(diskOf("UAS-1"), "hfsplus", "/mnt/HFS");
         mountDevice(diskOf("STICK-1"), "hfsplus", "/mnt/Journaled");
         mountDevice(diskOf("VIRTIO-1"), "ext4", "/mnt/Virtio");
@@ -191,7 +199,8 @@ TEST_F(Drives, ThatHaveSmartHaveAnEntryAndPass) {
 TEST_F(Drives, HoldVolumesOfWhichSomeAreLeftOut) {
     ASSERT_TRUE(becomes([] { return volumeEntry("/mnt/HFS") && volumeEntry("/mnt/Secret"); }));
     // Not the disc, the image and the journaled volume, which the kernel has made read-only.
-    EXPECT_THAT(volumePaths(), UnorderedElementsAre("/", "/mnt/HFS", "/mnt/Secret", "/mnt/Virtio"));
+    EXPECT_THAT(volumePaths(), UnorderedElementsAre("/", "/mnt/HFS", "/mnt/Secret", "/mnt/Virtio",
+                                                    "/mnt/Checked"));
     EXPECT_TRUE(booleanValue(volumeEntry("/mnt/Virtio")->find("volumeOnOff")));
 
     const Dictionary hfs = *volumeEntry("/mnt/HFS");
@@ -206,6 +215,7 @@ TEST_F(Drives, HoldVolumesOfWhichSomeAreLeftOut) {
     EXPECT_FALSE(booleanValue(secret.find("trashOnOff")));
     EXPECT_FALSE(booleanValue(secret.find("directoryOnOff")));
     EXPECT_EQ(stringValue(secret.find("directoryStatus")), "5");
+    EXPECT_FALSE(booleanValue(volumeEntry("/mnt/Checked")->find("isCoreStorageEncrypted")));
     EXPECT_TRUE(fs::exists(kSupportFolder + "/Secret/DirectoryBackup (OFF)"));
     EXPECT_FALSE(fs::exists(kSupportFolder + "/Secret/DirectoryBackup (ON)"));
 }
@@ -319,6 +329,27 @@ TEST_F(Drives, AreTheSameToTheDaemonWhereUdevdRuns) {
         EXPECT_EQ(intervalHours(drive), 9) << drive << " has a new entry";
     }
     EXPECT_THAT(driveNames(), SizeIs(3));
+}
+
+TEST_F(Drives, ThatComeAndGoAreNoticedBeforeUdevdHasSaidSo) {
+    run("udevadm control --stop-exec-queue");
+    // A new loop device with a volume, there before anybody but the kernel has told of it. When the
+    // daemon has seen the mount that comes after it, it has seen this one too.
+    ASSERT_TRUE(becomes([] { return usageStatus("/mnt/Virtio") == "5"; }));
+    run("truncate -s 8M /tmp/late.img && mkfs.ext4 -q /tmp/late.img && mkdir -p /mnt/Late && "
+        "loop=$(losetup -f --show /tmp/late.img) && mount -t ext4 $loop /mnt/Late");
+    mountDevice(diskOf("VIRTIO-1"), "ext4", "/mnt/Virtio");
+    ASSERT_TRUE(becomes([] { return usageStatus("/mnt/Virtio") != "5"; }));
+    EXPECT_FALSE(volumeEntry("/mnt/Late"));
+    unmount("/mnt/Late");
+
+    const std::string ata = "/sys/block/" + fs::path(diskOf("ATA-1")).filename().string();
+    std::ofstream(ata + "/device/delete") << "1\n";
+    ASSERT_TRUE(becomes([&] { return !fs::exists(ata); }));
+    daemon_->wake();
+    EXPECT_TRUE(becomes([] { return driveNames().size() == 2; }));
+    EXPECT_THAT(driveNames(), UnorderedElementsAre(kFailing, kNvme));
+    run("udevadm control --start-exec-queue");
     EXPECT_EQ(daemon_->stop(), 0);
 }
 

@@ -24,6 +24,7 @@
 #include "korvanectl/TrashList.h"
 #include "korvanectl/Words.h"
 #include "platform/linux/MountTable.h"
+#include "platform/linux/Sysfs.h"
 #include "platform/linux/UniqueFd.h"
 
 namespace korvane::ctl {
@@ -127,7 +128,7 @@ std::vector<Volume> mountedVolumes(Program& program) {
         struct stat status {};
         const MountEntry* const mount = volumes.mountAt(path);
         if (!root || ::fstat(root.get(), &status) != 0 || mount == nullptr) continue;
-        mounted.push_back({.device = bytesOfText(mount->mountFromName),
+        mounted.push_back({.device = nodeNameOfKernelName(bytesOfText(mount->mountFromName)),
                            .number = status.st_dev,
                            .identity = volumeIdentityOf(root.get())});
     }

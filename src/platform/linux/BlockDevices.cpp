@@ -11,8 +11,7 @@ std::optional<BlockDevice> BlockDevices::describe(DeviceNumber number) const {
         return std::nullopt;
     }
     BlockDevice device;
-    const std::string kernelName = lastComponent(*path);
-    device.name = nodeNameOfKernelName(kernelName);
+    device.name = lastComponent(*path);
     device.isReadOnly = sysfs_.attribute(*path + "/ro") == "1";
     auto removable = sysfs_.attribute(*path + "/removable");
     if (!removable) {
@@ -27,7 +26,7 @@ std::optional<BlockDevice> BlockDevices::describe(DeviceNumber number) const {
                mapping && !mapping->empty()) {
         device.fileSystemIdentity = "mapping:" + *mapping;
     } else {
-        device.fileSystemIdentity = "device:" + kernelName;
+        device.fileSystemIdentity = "device:" + device.name;
     }
     return device;
 }

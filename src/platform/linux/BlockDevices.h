@@ -12,7 +12,7 @@
 namespace korvane {
 
 struct BlockDevice {
-    std::string name;  // the kernel's, as its node is named below /dev
+    std::string name;  // the kernel's: "sda1", "cciss!c0d0"
     bool isRemovable = false;
     bool isReadOnly = false;
     // What the file system on it is recognised by later: its UUID; where udev tells none the

@@ -14,6 +14,9 @@ constexpr char kAta[] = "ATA";
 constexpr char kInternal[] = "Internal";
 constexpr char kExternal[] = "External";
 
+// Disks in files and in memory, and those that a program of the user's answers for.
+constexpr std::string_view kImageDrivers[] = {"loop", "zram", "ram", "nbd"};
+
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 // "usb2", "ata1", "virtio0": a word and a number.
@@ -100,6 +103,19 @@ AtaIdentity identityOf(const IdentifyData& identify) {
             .isSmartSupported = isSmartSupported(identify)};
 }
 
+// Whether the mapping with this identifier, "CRYPT-TYPE-...", encrypts. cryptsetup gives such ones
+// to the mappings too that only check what they hold (INTEGRITY, VERITY) or lie below one that
+// encrypts (SUBDEV).
+bool isEncryptedMapping(std::string_view uuid) {
+    constexpr std::string_view kMadeByCryptsetup = "CRYPT-";
+    constexpr std::string_view kEncrypting[] = {"PLAIN",  "LUKS1", "LUKS2",  "LOOPAES",
+                                                "TCRYPT", "BITLK", "FVAULT2"};
+    if (!uuid.starts_with(kMadeByCryptsetup)) return false;
+    uuid.remove_prefix(kMadeByCryptsetup.size());
+    const std::string_view type = uuid.substr(0, uuid.find('-'));
+    return std::find(std::begin(kEncrypting), std::end(kEncrypting), type) != std::end(kEncrypting);
+}
+
 // Reads one disk; holds what several of its nodes need.
 class DiskReader {
   public:
@@ -147,7 +163,7 @@ class DiskReader {
 
     static MediaFacts mediaOf(const std::string& kernelName, const UdevProperties& udev) {
         MediaFacts media;
-        media.name = nodeNameOfKernelName(kernelName);
+        media.name = kernelName;
         media.properties.set("BSD Name", textOfBytes(media.name));
         // Types of other partition tables are numbers, which no one compares with.
         std::string type = udevValue(udev, "ID_PART_ENTRY_TYPE");
@@ -163,14 +179,18 @@ class DiskReader {
     void readVirtual() {
         facts_.underlying = sysfs_.list(disk_.path + "/slaves");
         std::sort(facts_.underlying.begin(), facts_.underlying.end(), comesBefore);
-        if (isName("dm-")) {
-            facts_.isEncrypted = attribute("dm/uuid").value_or("").starts_with("CRYPT-");
+        facts_.isEncrypted = isEncryptedMapping(attribute("dm/uuid").value_or(""));
+        if (isDiskImage()) {
+            addAncestor("Virtual Interface", "File").set("Product Name", "Disk Image");
         }
-        if (isName("dm-") || isName("md") || !facts_.underlying.empty()) {
-            return;
-        }
-        Dictionary& image = addAncestor("Virtual Interface", "File");
-        image.set("Product Name", "Disk Image");
+    }
+
+    // Other disks that are made by software keep what is on them where they are: zvols, arrays and
+    // mappings whose parts have gone.
+    [[nodiscard]] bool isDiskImage() const {
+        return std::any_of(
+            std::begin(kImageDrivers), std::end(kImageDrivers),
+            [this](std::string_view driver) { return isNumbered(disk_.kernelName, driver); });
     }
 
     void readHardware() {
@@ -178,8 +198,8 @@ class DiskReader {
             readNvme();
         } else if (isName("mmcblk")) {
             readMmc();
-        } else if (isName("rbd") || isName("nbd")) {
-            addAncestor("Virtual Interface", kExternal).set("Product Name", "Disk Image");
+        } else if (isName("rbd")) {
+            addAncestor("RADOS", kExternal);
         } else if (const auto usb = folderAbove(disk_.path, isUsbDevice);
                    usb && folderNumbered("usb")) {
             readUsb(*usb);

@@ -16,7 +16,7 @@ namespace korvane {
 enum class MediaKind { disk, compactDisc, dvd };
 
 struct MediaFacts {
-    std::string name;  // the kernel's, as its node is named below /dev
+    std::string name;  // the kernel's: "sda1", "cciss!c0d0"
     Dictionary properties;
     friend bool operator==(const MediaFacts&, const MediaFacts&) = default;
 };

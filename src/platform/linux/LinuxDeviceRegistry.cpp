@@ -1,8 +1,5 @@
 #include "platform/linux/LinuxDeviceRegistry.h"
 
-#include <sys/epoll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -20,6 +17,10 @@ constexpr std::uint32_t kGenerationMask = (1U << (32 - kNodeBits)) - 1;
 
 constexpr char kBlockClass[] = "class/block";
 
+// The kernel tells of all kinds of devices, of batteries every half minute, and a daemon that is at
+// rest looks once an hour. Some 800 events fit in.
+constexpr int kEventBufferBytes = 1024 * 1024;
+
 // Several paths to one NVMe namespace show as hidden disks beside it: nvme0c1n1.
 bool isHiddenPath(const std::string& kernelName) {
     return kernelName.starts_with("nvme") && kernelName.find('c') != std::string::npos;
@@ -33,47 +34,35 @@ LinuxDeviceRegistry::LinuxDeviceRegistry(LinuxRunLoop& loop, const LinuxDevicePl
       sysfs_(places.sysfs),
       udevDatabase_(places.udevData),
       deviceFiles_(places.deviceFiles),
-      commands_(commands) {
-    listen(places.udevControl);
-}
+      commands_(commands),
+      udev_(places.takesEvents ? udev_new() : nullptr),
+      kernel_(listenTo("kernel")),
+      udevd_(listenTo("udev")) {}
 
 LinuxDeviceRegistry::~LinuxDeviceRegistry() = default;
 
-void LinuxDeviceRegistry::listen(const std::string& udevControl) {
-    udev_.reset(udev_new());
+// The kernel's events come with a change itself; udevd's some time later, when its database has
+// been written. A machine without udevd has none of those.
+LinuxDeviceRegistry::Monitor LinuxDeviceRegistry::listenTo(const char* sender) {
     if (!udev_) {
-        return;
+        return nullptr;
     }
-    // udevd's own events come after its database has been written; without it the kernel's tell.
-    const bool isUdevRunning = ::access(udevControl.c_str(), F_OK) == 0;
-    std::unique_ptr<udev_monitor, UdevCloser> monitor{
-        udev_monitor_new_from_netlink(udev_.get(), isUdevRunning ? "udev" : "kernel")};
+    Monitor monitor{udev_monitor_new_from_netlink(udev_.get(), sender)};
     if (!monitor ||
         udev_monitor_filter_add_match_subsystem_devtype(monitor.get(), "block", nullptr) < 0 ||
         udev_monitor_enable_receiving(monitor.get()) < 0) {
-        return;
+        return nullptr;
     }
-    sd_event_source* source = nullptr;
-    if (sd_event_add_io(loop_.event(), &source, udev_monitor_get_fd(monitor.get()), EPOLLIN,
-                        onDeviceEvent, this) < 0) {
-        return;
-    }
-    source_.reset(source);
-    monitor_ = std::move(monitor);
+    // When it is full everything is read again, which is no harm: the smaller buffer does too.
+    (void)udev_monitor_set_receive_buffer_size(monitor.get(), kEventBufferBytes);
+    return monitor;
 }
 
-int LinuxDeviceRegistry::onDeviceEvent(sd_event_source* /*source*/, int /*fd*/,
-                                       std::uint32_t /*events*/, void* self) noexcept {
-    auto* const registry = static_cast<LinuxDeviceRegistry*>(self);
-    registry->loop_.callBack("device events", [registry] { registry->takeEvents(); });
-    return 0;
-}
-
-void LinuxDeviceRegistry::takeEvents() {
+void LinuxDeviceRegistry::takeEvents(udev_monitor& monitor) {
     for (;;) {
         errno = 0;
         const std::unique_ptr<udev_device, UdevCloser> device{
-            udev_monitor_receive_device(monitor_.get())};
+            udev_monitor_receive_device(&monitor)};
         if (!device) {
             // The socket overflowed: what was lost is unknown.
             if (errno == ENOBUFS) {
@@ -147,20 +136,24 @@ std::vector<BlockFolder> LinuxDeviceRegistry::findDisks(const std::vector<std::s
     return found;
 }
 
-std::uint64_t LinuxDeviceRegistry::turn() const {
+void LinuxDeviceRegistry::lookForChanges() {
     std::uint64_t turn = 0;
     (void)sd_event_get_iteration(loop_.event(), &turn);  // cannot fail: the loop exists
-    return turn;
-}
-
-// With nobody to tell of changes the list of devices is at least looked at, and once a turn of the
-// loop is enough: a tick over a thousand volumes asks thousands of times.
-bool LinuxDeviceRegistry::isInLine() const {
-    return tree_ && !isStale_ && (monitor_ || turn() == turnOfLastLook_);
+    if (std::exchange(turnOfLastLook_, turn) == turn) {
+        return;
+    }
+    // With nobody to tell of changes the list of devices is at least looked at.
+    isStale_ = isStale_ || !kernel_;
+    for (const Monitor* const monitor : {&kernel_, &udevd_}) {
+        if (*monitor) {
+            takeEvents(**monitor);
+        }
+    }
 }
 
 bool LinuxDeviceRegistry::refresh() {
-    if (isInLine()) {
+    lookForChanges();
+    if (tree_ && !isStale_) {
         return true;
     }
     const std::vector<std::string> names = sysfs_.list(kBlockClass);
@@ -179,7 +172,6 @@ bool LinuxDeviceRegistry::refresh() {
     }
     disksInLine_ = std::move(inLine);
     isStale_ = false;
-    turnOfLastLook_ = turn();
     // Most events change nothing that is told here; then the services stay as they are.
     if (!tree_ || disks != disks_) {
         std::erase_if(knownDrives_,
@@ -198,8 +190,7 @@ DiskFacts LinuxDeviceRegistry::readDiskFacts(const BlockFolder& folder) {
     if (!disk.wantsIdentity) return disk;
     const std::shared_ptr<DriveMemory>& memory = known.memory;
     if (!memory->identified) {
-        const SmartOpening opened =
-            openAtaSmart(commands_, deviceFiles_ + "/" + disk.media.name, memory);
+        const SmartOpening opened = openAtaSmart(commands_, nodeOfDisk(disk.media.name), memory);
         const DriveStatus status = opened.smart ? opened.smart->identify().status : opened.status;
         // What knows no such question is no ATA drive, and need not be asked again; zeros stand for
         // that. What has not answered is asked when the disk is read the next time.
@@ -208,6 +199,10 @@ DiskFacts LinuxDeviceRegistry::readDiskFacts(const BlockFolder& folder) {
     }
     if (memory->identified) addIdentity(disk, *memory->identified);
     return disk;
+}
+
+std::string LinuxDeviceRegistry::nodeOfDisk(const std::string& kernelName) const {
+    return deviceFiles_ + "/" + nodeNameOfKernelName(kernelName);
 }
 
 ServiceId LinuxDeviceRegistry::serviceOf(std::uint32_t node) const {
@@ -294,7 +289,7 @@ SmartOpening LinuxDeviceRegistry::openSmart(ServiceId drive) {
     if (name.empty()) {
         return {.status = ENODEV, .smart = nullptr};
     }
-    const std::string path = deviceFiles_ + "/" + name;
+    const std::string path = nodeOfDisk(name);
     return name.starts_with("nvme") ? openNvmeSmart(commands_, path)
                                     : openAtaSmart(commands_, path, knownDrives_[name].memory);
 }

@@ -1,7 +1,9 @@
-// The device tree of a Linux machine, from sysfs and the udev database, read by hand. The kernel,
-// or udevd where it runs, tells which disks have changed; only those are read again, and only when
-// somebody asks. No device is opened for that, but for a drive whose full name or SMART neither the
-// kernel nor a udevd tells: that is asked once.
+// The device tree of a Linux machine, from sysfs and the udev database, read by hand. The kernel
+// says which disks have changed, and udevd when it has written what it knows of them. Nobody waits
+// for these events: they are taken in at the first question in a turn of the loop, so that no
+// answer is older than that. Only the disks that have changed are read again. No device is opened
+// for that, but for a drive whose full name or SMART neither the kernel nor a udevd tells: that is
+// asked once.
 #pragma once
 
 #include <libudev.h>
@@ -28,9 +30,9 @@ namespace korvane {
 struct LinuxDevicePlaces {
     std::string sysfs = "/sys";
     std::string udevData = "/run/udev/data";
-    // There while udevd runs.
-    std::string udevControl = "/run/udev/control";
     std::string deviceFiles = "/dev";
+    // Not for a machine that is made of files: the events would be those of the real one.
+    bool takesEvents = true;
 };
 
 class LinuxDeviceRegistry final : public DeviceRegistry {
@@ -77,22 +79,21 @@ class LinuxDeviceRegistry final : public DeviceRegistry {
         std::shared_ptr<DriveMemory> memory = std::make_shared<DriveMemory>();
     };
 
-    static int onDeviceEvent(sd_event_source* source, int fd, std::uint32_t events,
-                             void* self) noexcept;
+    using Monitor = std::unique_ptr<udev_monitor, UdevCloser>;
 
-    void listen(const std::string& udevControl);
-    void takeEvents();
+    [[nodiscard]] Monitor listenTo(const char* sender);
+    void takeEvents(udev_monitor& monitor);
     void everythingChanged();
     // Brings the tree up to date. False when there is none to be read.
     [[nodiscard]] bool refresh();
-    // Whether nothing can have changed since the tree was last looked at, as far as can be known.
-    [[nodiscard]] bool isInLine() const;
-    // Counts the turns of the loop.
-    [[nodiscard]] std::uint64_t turn() const;
+    // Learns what has changed since the turn of the loop before, once a turn: a tick over a
+    // thousand volumes asks thousands of times.
+    void lookForChanges();
     [[nodiscard]] std::vector<BlockFolder> findDisks(const std::vector<std::string>& names);
 
     [[nodiscard]] DiskFacts readDiskFacts(const BlockFolder& folder);
 
+    [[nodiscard]] std::string nodeOfDisk(const std::string& kernelName) const;
     [[nodiscard]] ServiceId serviceOf(std::uint32_t node) const;
     [[nodiscard]] const DeviceTree::Node* nodeOf(ServiceId service) const;
 
@@ -111,12 +112,12 @@ class LinuxDeviceRegistry final : public DeviceRegistry {
     std::map<std::string, KnownDrive> knownDrives_;
     std::uint64_t generation_ = 0;  // of the tree; counts the trees
     bool isStale_ = true;
-    std::uint64_t turnOfLastLook_ = 0;
+    std::optional<std::uint64_t> turnOfLastLook_;
     std::size_t disksRead_ = 0;
 
     std::unique_ptr<udev, UdevCloser> udev_;
-    std::unique_ptr<udev_monitor, UdevCloser> monitor_;
-    EventSource source_;
+    Monitor kernel_;
+    Monitor udevd_;
 };
 
 }  // namespace korvane

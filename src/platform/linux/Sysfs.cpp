@@ -109,4 +109,9 @@ std::string nodeNameOfKernelName(std::string kernelName) {
     return kernelName;
 }
 
+std::string kernelNameOfNode(std::string nodeName) {
+    std::replace(nodeName.begin(), nodeName.end(), '/', '!');
+    return nodeName;
+}
+
 }  // namespace korvane

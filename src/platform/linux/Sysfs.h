@@ -38,7 +38,10 @@ class Sysfs {
 // A path without its last component; empty when there is only one.
 [[nodiscard]] std::string parentFolder(const std::string& path);
 
-// Kernel names hold "!" where the device node's path holds "/" (cciss!c0d0).
+// A device goes by its kernel name, which is one component: it has "!" where the path of its node
+// has "/". So "/dev/cciss!c0d0" is the device whose node is "/dev/cciss/c0d0". Both take a name or
+// a whole path below /dev, without its beginning.
 [[nodiscard]] std::string nodeNameOfKernelName(std::string kernelName);
+[[nodiscard]] std::string kernelNameOfNode(std::string nodeName);
 
 }  // namespace korvane

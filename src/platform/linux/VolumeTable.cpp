@@ -31,7 +31,7 @@ std::optional<BlockDevice> blockDeviceBelow(const MountRow& row, const BlockDevi
         return std::nullopt;
     }
     BlockDevice device;
-    device.name = row.source.substr(kNodes.size());
+    device.name = kernelNameOfNode(row.source.substr(kNodes.size()));
     device.fileSystemIdentity = "device:" + device.name;
     return device;
 }

@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <chrono>
 #include <optional>
@@ -68,7 +67,7 @@ struct DeviceTreeTest : testing::Test {
     RecordingLog log;
     LinuxRunLoop loop{log};
     LinuxDeviceRegistry registry{
-        loop, {.sysfs = tree.sysfs(), .udevData = tree.udevData(), .udevControl = "/nowhere"}};
+        loop, {.sysfs = tree.sysfs(), .udevData = tree.udevData(), .takesEvents = false}};
 };
 struct DeviceTreeWithoutUdevTest : DeviceTreeTest {
     DeviceTreeWithoutUdevTest() : DeviceTreeTest("no-udevd.txt") {}
@@ -77,7 +76,7 @@ struct DeviceTreeWithoutUdevTest : DeviceTreeTest {
 TEST_F(DeviceTreeTest, ListsDisksAndPartitionsInTheKernelsOrder) {
     EXPECT_THAT(
         namesOf("IOMedia"),
-        ElementsAre("cciss/c0d0", "dm-0", "dm-1", "dm-10", "dm-11", "loop0", "md127", "mmcblk0",
+        ElementsAre("cciss!c0d0", "dm-0", "dm-1", "dm-10", "dm-11", "loop0", "md127", "mmcblk0",
                     "mmcblk1", "nbd0", "nvme0n1", "nvme0n1p1", "nvme0n2", "nvme1n1", "nvme2n1",
                     "nvme3n1", "ram0", "sda", "sda1", "sda2", "sda3", "sdb", "sdb1", "sdc", "sdd",
                     "sde", "sdf", "sdg", "sdaa", "sr0", "sr1", "vda", "vdb", "zram0"));
@@ -164,7 +163,7 @@ TEST_F(DeviceTreeTest, TellsVirtioAndFlashAndOddDrives) {
     EXPECT_EQ(above("mmcblk0", "Serial Number"), "0x2c1a7b11");
     EXPECT_EQ(location("mmcblk0"), "Internal");
     EXPECT_EQ(location("mmcblk1"), "External");
-    EXPECT_EQ(location("cciss/c0d0"), "Internal");
+    EXPECT_EQ(location("cciss!c0d0"), "Internal");
 }
 
 TEST_F(DeviceTreeTest, TellsVirtualDisks) {
@@ -195,6 +194,50 @@ TEST_F(DeviceTreeTest, KnowsEncryptedMappingsAndThoseOnThem) {
     for (const char* name : {"dm-11", "sda3", "md127"}) {
         EXPECT_FALSE(registry.property(media(name), "CoreStorage Encrypted")) << name;
     }
+}
+
+TEST_F(DeviceTreeTest, TakesMappingsThatEncryptForEncryptedAndNoOthersOfTheirMaker) {
+    const struct {
+        const char* uuid;
+        bool isEncrypted;
+    } rows[] = {{"CRYPT-LUKS1-0123-home", true},
+                {"CRYPT-LUKS2-0123-home", true},
+                {"CRYPT-PLAIN-swap", true},
+                {"CRYPT-TCRYPT-0123-old", true},
+                {"CRYPT-BITLK-0123-windows", true},
+                {"CRYPT-FVAULT2-0123-mac", true},
+                {"CRYPT-LOOPAES-old", true},
+                {"CRYPT-INTEGRITY-0123-data", false},
+                {"CRYPT-VERITY-0123-root", false},
+                {"CRYPT-SUBDEV-0123-home_dif", false},
+                {"CRYPT-TEMP-0123", false},
+                {"CRYPT-", false},
+                {"CRYPT", false},
+                {"LVM-CRYPT-LUKS2-x", false},
+                {"CRYPT-LUKS", false},
+                {"", false}};
+    for (const auto& row : rows) {
+        tree.add(std::string("attr devices/virtual/block/dm-11/dm/uuid ") + row.uuid + "\\n");
+        registry.deviceChanged("dm-11");
+        const auto found = registry.property(media("dm-11"), "CoreStorage Encrypted");
+        EXPECT_EQ(found.has_value(), row.isEncrypted) << row.uuid;
+    }
+}
+
+TEST_F(DeviceTreeTest, TakesNoOtherVirtualDiskForADiskImage) {
+    int minor = 0;
+    for (const char* name : {"zd0", "nullb0", "drbd0", "loopx", "ublkb0", "md0", "dm-30"}) {
+        tree.add(std::string("block devices/virtual/block/") + name +
+                 " 230:" + std::to_string(++minor));
+        registry.deviceChanged(name);
+        EXPECT_EQ(above(name, "Physical Interconnect"), "none") << name;
+        EXPECT_EQ(above(name, "Product Name"), "none") << name;
+        EXPECT_EQ(location(name), "none") << name;
+    }
+    tree.add("block devices/rbd/0/block/rbd0 231:0");
+    registry.deviceChanged("rbd0");
+    EXPECT_EQ(above("rbd0", "Product Name"), "none");
+    EXPECT_EQ(location("rbd0"), "External");
 }
 
 TEST_F(DeviceTreeTest, HasADriveForEachDiskThatIsNotMapped) {
@@ -265,43 +308,22 @@ TEST(LinuxDeviceRegistry, HasNoTreeWithoutSysfs) {
     RecordingLog log;
     LinuxRunLoop loop{log};
     LinuxDeviceRegistry registry{
-        loop, {.sysfs = "/nowhere", .udevData = "/nowhere", .udevControl = "/nowhere"}};
+        loop, {.sysfs = "/nowhere", .udevData = "/nowhere", .takesEvents = false}};
     EXPECT_FALSE(registry.generation());
     EXPECT_FALSE(registry.services("IOMedia"));
     EXPECT_FALSE(registry.servicesNamed("IOMedia", "sda"));
     EXPECT_FALSE(registry.properties(ServiceId{0}));
 }
 
-// While it lives, no file descriptor can be had.
-class NoDescriptors {
-  public:
-    NoDescriptors() {
-        (void)getrlimit(RLIMIT_NOFILE, &before_);
-        const rlimit none{.rlim_cur = 0, .rlim_max = before_.rlim_max};
-        (void)setrlimit(RLIMIT_NOFILE, &none);
-    }
-    ~NoDescriptors() { (void)setrlimit(RLIMIT_NOFILE, &before_); }
-
-  private:
-    rlimit before_{};
-};
-
 TEST(LinuxDeviceRegistry, LooksOnceATurnOfTheLoopWhereNobodyTellsOfChanges) {
     SysfsTree tree{"machine.txt"};
     RecordingLog log;
     LinuxRunLoop loop{log};
     const LinuxDevicePlaces places{
-        .sysfs = tree.sysfs(), .udevData = tree.udevData(), .udevControl = "/nowhere"};
-    std::optional<LinuxDeviceRegistry> registry;
-    // The sanitizer opens a pipe to look at an object of a type that it has not met before.
-    registry.emplace(loop, places);
-    registry.reset();
-    {
-        const NoDescriptors noMonitor;
-        registry.emplace(loop, places);
-    }
+        .sysfs = tree.sysfs(), .udevData = tree.udevData(), .takesEvents = false};
+    LinuxDeviceRegistry registry{loop, places};
     const auto disksNamed = [&](const char* name) {
-        return registry->servicesNamed("IOMedia", name).value().size();
+        return registry.servicesNamed("IOMedia", name).value().size();
     };
     std::size_t inTheSameTurn = 0;
     std::size_t inTheNextTurn = 0;
@@ -364,7 +386,7 @@ TEST_F(DeviceTreeTest, NumbersHardwareDisksInTheKernelsOrder) {
         paths.push_back(*path);
     }
     EXPECT_THAT(paths,
-                ElementsAre("/dev/cciss/c0d0", "/dev/mmcblk0", "/dev/mmcblk1", "/dev/nvme0n1",
+                ElementsAre("/dev/cciss!c0d0", "/dev/mmcblk0", "/dev/mmcblk1", "/dev/nvme0n1",
                             "/dev/nvme0n2", "/dev/nvme1n1", "/dev/nvme2n1", "/dev/nvme3n1",
                             "/dev/sda", "/dev/sdb", "/dev/sdc", "/dev/sdd", "/dev/sde", "/dev/sdf",
                             "/dev/sdg", "/dev/sdaa", "/dev/vda", "/dev/vdb"));
@@ -379,9 +401,7 @@ struct DriveOpeningTest : DeviceTreeTest {
     }
     FakeDrives drives;
     LinuxDeviceRegistry asking{
-        loop,
-        {.sysfs = tree.sysfs(), .udevData = tree.udevData(), .udevControl = "/nowhere"},
-        drives};
+        loop, {.sysfs = tree.sysfs(), .udevData = tree.udevData(), .takesEvents = false}, drives};
 };
 
 TEST_F(DriveOpeningTest, ReachesAtaAndNvmeDrivesByTheirOwnCommands) {
@@ -392,6 +412,14 @@ TEST_F(DriveOpeningTest, ReachesAtaAndNvmeDrivesByTheirOwnCommands) {
         ASSERT_TRUE(opened.smart) << name;
         EXPECT_TRUE(opened.smart->returnStatus().isThresholdExceeded) << name;
     }
+}
+
+TEST_F(DriveOpeningTest, OpensTheNodeOfADiskWhoseNameHasASlashThere) {
+    tree.add("attr devices/pci0000:00/0000:00:0a.0/host13/c0d0/block/cciss!c0d0/device/vendor ATA");
+    drives.drives["/dev/cciss/c0d0"].isFailing = true;
+    const SmartOpening opened = asking.openSmart(drive(asking, "cciss!c0d0"));
+    ASSERT_TRUE(opened.smart);
+    EXPECT_TRUE(opened.smart->returnStatus().isThresholdExceeded);
 }
 
 TEST_F(DriveOpeningTest, RemembersWhatARestingDriveSaidLast) {

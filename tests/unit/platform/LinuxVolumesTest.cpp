@@ -46,12 +46,15 @@ TEST_F(LinuxVolumesTest, NamesDevicesAsTheKernelDoes) {
         "21 20 8:1 / /boot/efi rw - vfat /dev/disk/by-uuid/1234-ABCD rw\n"
         "22 20 254:0 / /srv rw - xfs /dev/root rw\n"
         "23 20 104:0 / /old rw - ext4 /dev/cciss/c0d0 rw\n"
-        "24 20 8:200 / /pulled rw - ext4 /dev/sdx9 rw\n");
+        "24 20 8:200 / /pulled rw - ext4 /dev/sdx9 rw\n"
+        "25 20 253:9 / /gone rw - ext4 /dev/mapper/gone rw\n");
     EXPECT_EQ(deviceAt("/"), "/dev/dm-1");
     EXPECT_EQ(deviceAt("/boot/efi"), "/dev/sda1");
     EXPECT_EQ(deviceAt("/srv"), "/dev/vda");
-    EXPECT_EQ(deviceAt("/old"), "/dev/cciss/c0d0");
+    EXPECT_EQ(deviceAt("/old"), "/dev/cciss!c0d0");
+    EXPECT_EQ(volumes->volumeInfoByDevice("cciss!c0d0").value.root.rootPath, "/old");
     EXPECT_EQ(deviceAt("/pulled"), "/dev/sdx9");
+    EXPECT_EQ(deviceAt("/gone"), "/dev/mapper!gone");
     EXPECT_EQ(infoAt("/boot/efi").bsdName, "sda1");
     EXPECT_EQ(volumes->volumeInfoByDevice("dm-1").value.root.rootPath, "/");
 }
