@@ -302,8 +302,8 @@ class KorvaneProDaemon final : public ControlTarget {
 
     // Asks the drive whose entry has this index in driveArray (SmartCheck.cpp).
     void smartCheck(std::size_t index);
-    // Opens the drive and asks it; sets `failing`. False when it cannot be asked.
-    [[nodiscard]] bool readSmartStatus(const CheckedDrive& drive);
+    // Opens the drive and asks it; sets `failing`. Not kDriveSuccess when there is no answer.
+    [[nodiscard]] DriveStatus readSmartStatus(const CheckedDrive& drive);
     void warnOfFailingDrive(const CheckedDrive& drive);
     void logLackOfRights(const std::string& path);
     // Measures the volume whose entry has this index in volumeArray (VolumeUsageCheck.cpp).

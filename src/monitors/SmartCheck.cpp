@@ -31,10 +31,14 @@ void KorvaneProDaemon::smartCheck(std::size_t index) {
     // number, and only then opened: no other drive is asked anything, and this one is asked once.
     const std::vector<NumberedDrive> drives =
         driveIndex.drivesNamed(entry->driveModel(), entry->driveSerial());
+    bool isResting = false;
     for (unsigned number = 0; number <= kHighestDiskNumber; ++number) {
         failing = false;
         for (const auto& [ownNumber, drive] : drives) {
-            if (ownNumber != number || !readSmartStatus(drive)) continue;
+            if (ownNumber != number) continue;
+            const DriveStatus status = readSmartStatus(drive);
+            isResting = isResting || status == kDriveResting;
+            if (status != kDriveSuccess) continue;
             if (failing) warnOfFailingDrive(drive);
             updateLog(kSmartLog, smartLogEntry(drive, machine_.clock.now(), failing), index);
             break;
@@ -44,15 +48,16 @@ void KorvaneProDaemon::smartCheck(std::size_t index) {
     // number says that all is well whatever the drive said. The warning and the log tell the truth.
     entry->setExecutionTimeSmart(
         addInterval(machine_.clock.now(), entry->executionIntervalSmart()));
+    entry->setSmartResting(isResting);
     entry->setSmartStatus(failing ? kStatusFailing : kStatusPassed);
     savePreferences();
 }
 
-bool KorvaneProDaemon::readSmartStatus(const CheckedDrive& drive) {
+DriveStatus KorvaneProDaemon::readSmartStatus(const CheckedDrive& drive) {
     const SmartStatusAnswer answer = askSmartStatus(machine_.deviceRegistry, drive.service);
     failing = answer.isThresholdExceeded;
     if (answer.status == kDriveNotPermitted) logLackOfRights(drive.path);
-    return answer.status == kDriveSuccess;
+    return answer.status;
 }
 
 void KorvaneProDaemon::warnOfFailingDrive(const CheckedDrive& drive) {

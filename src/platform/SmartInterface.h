@@ -13,6 +13,8 @@ using DriveStatus = int;
 inline constexpr DriveStatus kDriveSuccess = 0;
 // The one failure that means the same everywhere: this process has not the right to ask.
 inline constexpr DriveStatus kDriveNotPermitted = 1;
+// The drive rests and was not asked, so there is no answer: above every platform's own numbers.
+inline constexpr DriveStatus kDriveResting = 1 << 16;
 
 // What an ATA drive says of itself (ATA8-ACS 7.16, IDENTIFY DEVICE): 256 words, lower byte first.
 using IdentifyData = std::array<std::uint8_t, 512>;
@@ -28,7 +30,8 @@ struct SmartStatusAnswer {
 };
 
 // Each call ends after some 10 seconds even when the drive says nothing; that is a failure then. A
-// drive that rests is not woken for a question whose last answer is known: that answer stands.
+// drive that rests is not woken for what it has answered before: what it is and whether SMART is on
+// are known, and returnStatus() says kDriveResting.
 class SmartInterface {
   public:
     virtual ~SmartInterface() = default;

@@ -10,6 +10,7 @@ constexpr char kDriveModel[] = "driveModel";
 constexpr char kDriveSerial[] = "driveSerial";
 constexpr char kDriveChecked[] = "driveChecked";
 constexpr char kSmartOnOff[] = "smartOnOff";
+constexpr char kSmartResting[] = "smartResting";
 
 constexpr CheckInterval kDefaultInterval{.hours = 1};
 
@@ -31,6 +32,8 @@ bool ConstDriveEntry::driveChecked() const { return booleanValue(fields_->find(k
 
 bool ConstDriveEntry::smartOnOff() const { return booleanValue(fields_->find(kSmartOnOff)); }
 
+bool ConstDriveEntry::smartResting() const { return booleanValue(fields_->find(kSmartResting)); }
+
 EntryStatus ConstDriveEntry::smartStatus() const { return entryStatus(*fields_, kSmartKeys); }
 
 Time ConstDriveEntry::executionTimeSmart() const { return executionTime(*fields_, kSmartKeys); }
@@ -46,6 +49,14 @@ std::optional<DriveEntry> DriveEntry::over(PropertyList& element) {
 }
 
 void DriveEntry::setDriveChecked(bool isChecked) { fields_->set(kDriveChecked, isChecked); }
+
+void DriveEntry::setSmartResting(bool isResting) {
+    if (isResting) {
+        fields_->set(kSmartResting, true);
+    } else {
+        (void)fields_->remove(kSmartResting);
+    }
+}
 
 void DriveEntry::setSmartStatus(EntryStatus status) {
     setEntryStatus(*fields_, kSmartKeys, status);

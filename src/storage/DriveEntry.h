@@ -26,6 +26,9 @@ class ConstDriveEntry {
     [[nodiscard]] bool driveChecked() const;
     [[nodiscard]] bool smartOnOff() const;
 
+    // Whether the last check found the drive at rest and did not ask it.
+    [[nodiscard]] bool smartResting() const;
+
     [[nodiscard]] EntryStatus smartStatus() const;
     [[nodiscard]] Time executionTimeSmart() const;
     [[nodiscard]] CheckInterval executionIntervalSmart() const;
@@ -41,6 +44,8 @@ class DriveEntry : public ConstDriveEntry {
     [[nodiscard]] static std::optional<DriveEntry> over(PropertyList& element);
 
     void setDriveChecked(bool isChecked);
+    // There is no such key in the entry of a drive that was asked.
+    void setSmartResting(bool isResting);
     void setSmartStatus(EntryStatus status);
     void setExecutionTimeSmart(Time due);
 

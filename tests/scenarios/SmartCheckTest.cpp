@@ -460,5 +460,64 @@ TEST(DriveEntries, AreDueInTheOutTimer) {
     EXPECT_THAT(s.pendingDelays(), Contains(testing::DoubleNear(3600 - 110, 2)));
 }
 
+TEST(SmartCheck, OfADriveThatRestsAddsNothingAndWarnsOfNothing) {
+    Scenario s(oneDrive());
+    s.age("disk1 drive", DriveCondition::failing).run(seconds(15));
+    ASSERT_THAT(castorResults(s), ElementsAre("failed"));
+    EXPECT_FALSE(s.driveEntry("CST1").contains("smartResting"));
+    const double due = dueOf(s);
+    s.age("disk1 drive", DriveCondition::resting).run(hours(3));
+    EXPECT_THAT(castorResults(s), ElementsAre("failed"));
+    EXPECT_THAT(s.dialogs(), SizeIs(1));
+    EXPECT_THAT(smartLines(s), SizeIs(1));
+    EXPECT_GE(dueOf(s), due + 3 * 3600);
+    EXPECT_EQ(statusOf(s), "3");
+    EXPECT_EQ(*s.driveEntry("CST1").find("smartResting"), PropertyList(true));
+    s.age("disk1 drive", DriveCondition::healthy).run(hours(1));
+    EXPECT_THAT(castorResults(s), ElementsAre("failed", "passed"));
+    EXPECT_FALSE(s.driveEntry("CST1").contains("smartResting"));
+}
+
+TEST(SmartCheck, GoesThroughTheDisksInTheOrderOfTheirNumbers) {
+    MachineDescription machine = oneDrive("disk7");
+    addDrive(machine, "disk2", named("Castor 500", "CST1"));
+    Scenario s(machine);
+    s.run(seconds(15));
+    std::vector<std::string> paths;
+    for (const Dictionary& entry : s.smartLog("Castor 500", "CST1")) {
+        paths.push_back(stringValue(entry.find("bsdName")));
+    }
+    EXPECT_THAT(paths, ElementsAre("/dev/disk2", "/dev/disk7"));
+}
+
+TEST(SmartCheck, WritesItsLogBeforeItSaves) {
+    Scenario s(oneDrive());
+    s.run(seconds(11));
+    const std::string journal = s.machine().journal.text();
+    const auto result = journal.find("write " + std::string(kSupportFolder) +
+                                     "/Castor 500 - CST1/Smart Check.plist");
+    ASSERT_NE(result, std::string::npos) << journal;
+    EXPECT_NE(journal.find("KorvaneProtection.plist", result), std::string::npos);
+    // Since the check began, which was by a timer of 0 seconds.
+    const auto begun = journal.rfind("timer 0.000000 s", result);
+    ASSERT_NE(begun, std::string::npos);
+    EXPECT_EQ(journal.substr(begun, result - begun).find("KorvaneProtection.plist"),
+              std::string::npos);
+}
+
+TEST(SmartCheck, MailsThoughNobodyCanBeShownTheDialog) {
+    Scenario s(oneDrive());
+    s.run(seconds(1)).editPreferences([](Dictionary& settings) {
+        settings.set("emailServer", "mail.example.org");
+        settings.set("emailPort", "25");
+        settings.set("emailAddress", "ada@example.org");
+    });
+    s.send("daemonPreferencesUpdatedNotification");
+    s.machine().alertDialogs.setUnavailable(true);
+    s.age("disk1 drive", DriveCondition::failing).run(seconds(30));
+    EXPECT_THAT(s.dialogs(), IsEmpty());
+    EXPECT_THAT(s.machine().mailServer.messages(), SizeIs(1));
+}
+
 }  // namespace
 }  // namespace korvane

@@ -42,7 +42,8 @@ Cell lastCheckCell(const DriveReport& drive, Time now) {
     if (!drive.lastCheck) {
         return {std::string{kNothing}, Tone::faint};
     }
-    return {fmt::format("{}, {}", loggedTimeWords(*drive.lastCheck, now),
+    return {fmt::format("{}{}, {}", drive.isResting ? "resting, last asked " : "",
+                        loggedTimeWords(*drive.lastCheck, now),
                         drive.lastCheck->failed ? "failed" : "passed")};
 }
 
@@ -152,6 +153,7 @@ PropertyListArray drivesJson(const std::vector<DriveReport>& drives) {
         Dictionary each{{"model", drive.model},
                         {"serial", drive.serial},
                         {"watched", drive.watched},
+                        {"resting", drive.isResting},
                         {"result", stateToken(drive.state)}};
         if (drive.schedule == Schedule::at) {
             each.set("nextCheck", jsonTime(drive.nextCheck));

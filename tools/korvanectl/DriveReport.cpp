@@ -64,7 +64,9 @@ CheckState driveState(const ConstDriveEntry& entry, const std::optional<LoggedDr
     if (stored != CheckState::ok) {
         return stored;
     }
-    return hasLineOfLastRun(entry, last, now) ? CheckState::ok : CheckState::notChecked;
+    return hasLineOfLastRun(entry, last, now) || (last && entry.smartResting())
+               ? CheckState::ok
+               : CheckState::notChecked;
 }
 
 DriveReport reportDrive(const Dictionary& preferences, const std::string& supportFolder,
@@ -74,6 +76,7 @@ DriveReport reportDrive(const Dictionary& preferences, const std::string& suppor
     report.model = entry.driveModel();
     report.serial = entry.driveSerial();
     report.watched = entry.smartOnOff();
+    report.isResting = entry.smartResting();
     report.nextCheck = entry.executionTimeSmart();
     report.isNextCheckBeyondInterval = isDueBeyondInterval(fields, kSmartKeys, now);
     report.schedule =

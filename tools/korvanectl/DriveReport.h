@@ -28,6 +28,7 @@ struct DriveReport {
     std::string model;
     std::string serial;
     bool watched = false;
+    bool isResting = false;  // at the last check, which did not ask it then
     // By the last line of the log: the status in the entry says that all is well whatever a drive
     // said. A drive that a check has passed by without a line, one that does not answer or whose
     // number is too high, is "notChecked".

@@ -130,14 +130,12 @@ class AtaSmart final : public SmartInterface {
     }
 
     SmartStatusAnswer returnStatus() override {
-        if (isResting_ && memory_->isThresholdExceeded) {
-            return {.status = kDriveSuccess, .isThresholdExceeded = *memory_->isThresholdExceeded};
-        }
+        if (isResting_ && memory_->hasToldItsStatus) return {.status = kDriveResting};
         const AtaOutcome outcome = send(kSmartReturnStatus);
         if (outcome.status != kDriveSuccess) return {.status = outcome.status};
         const std::optional<bool> isExceeded = isThresholdExceeded(outcome.registers);
         if (!isExceeded) return {.status = EIO};
-        memory_->isThresholdExceeded = isExceeded;
+        memory_->hasToldItsStatus = true;
         return {.status = kDriveSuccess, .isThresholdExceeded = *isExceeded};
     }
 

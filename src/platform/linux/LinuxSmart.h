@@ -12,12 +12,13 @@
 
 namespace korvane {
 
-// What a drive answered last, for as long as it is attached: what stands while it rests.
+// What a drive has answered for as long as it is attached: what it is not asked again while it
+// rests.
 struct DriveMemory {
     bool isEnabled = false;
     bool keepsAttributes = false;
     std::optional<IdentifyData> identified;
-    std::optional<bool> isThresholdExceeded;
+    bool hasToldItsStatus = false;
 };
 
 // Opens the device file and, of an ATA drive, asks whether it rests: a drive that does not answer

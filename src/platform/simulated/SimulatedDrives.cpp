@@ -39,6 +39,7 @@ class SimulatedSmartInterface final : public SmartInterface {
         return answer;
     }
     SmartStatusAnswer returnStatus() override {
+        if (is(DriveCondition::resting)) return {.status = kDriveResting};
         const DriveStatus status = drives_.command(drive_, "return status");
         if (is(DriveCondition::leaving)) return {.status = kDriveGone};
         return {.status = is(DriveCondition::unanswering) ? kRefused : status,
@@ -85,6 +86,7 @@ SmartOpening SimulatedDrives::open(const std::string& drive) {
 }
 
 DriveStatus SimulatedDrives::command(const std::string& drive, const char* name) {
+    if (condition(drive) == DriveCondition::resting) return kDriveSuccess;
     ++commandCounts_[drive];
     journal_.note("drive command", drive + ": " + name);
     if (condition(drive) != DriveCondition::hanging) return kDriveSuccess;

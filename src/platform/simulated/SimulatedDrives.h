@@ -24,6 +24,7 @@ enum class DriveCondition {
     noAutosave,    // refuses to keep its attributes
     refusing,      // refuses to switch SMART on
     unanswering,   // the status alone fails
+    resting,       // has answered before, and is not asked now
     hanging,       // every command takes its time limit and fails
     notPermitted,  // the process has not the right
     vanishing,     // is gone when it is opened

@@ -117,6 +117,21 @@ TEST_F(Drives, ThatLeaveNoLineAreNotChecked) {
     EXPECT_THAT(lineOf("CST1"), HasSubstr("not checked"));
 }
 
+TEST_F(Drives, ThatRestAreShownWithTheTimeWhenTheyWereAskedLast) {
+    Dictionary preferences = stored();
+    for (PropertyList& drive : *preferences.find(kDriveArray)->array()) {
+        drive.dictionary()->set("smartResting", true);
+    }
+    store(preferences);
+    log("CST1", "passed", 200);
+    log("CST2", "failed", 200);
+    EXPECT_EQ(run({"drives"}), 0);
+    EXPECT_THAT(lineOf("CST1"), AllOf(HasSubstr(" ok "), HasSubstr("resting, last asked ")));
+    EXPECT_THAT(lineOf("CST2"), AllOf(HasSubstr("FAILING"), HasSubstr("resting, last asked ")));
+    EXPECT_EQ(run({"drives", "--json"}), 0);
+    EXPECT_THAT(out, HasSubstr("\"resting\": true"));
+}
+
 // A check that never ended, of a daemon that was killed or a drive that never answers.
 TEST_F(Drives, WhoseCheckDoesNotEndAreSaidToBeStuckAndStillToFail) {
     Dictionary preferences = stored();

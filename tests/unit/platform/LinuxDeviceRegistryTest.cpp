@@ -422,14 +422,14 @@ TEST_F(DriveOpeningTest, OpensTheNodeOfADiskWhoseNameHasASlashThere) {
     EXPECT_TRUE(opened.smart->returnStatus().isThresholdExceeded);
 }
 
-TEST_F(DriveOpeningTest, RemembersWhatARestingDriveSaidLast) {
+TEST_F(DriveOpeningTest, DoesNotAskARestingDriveThatHasAnswered) {
     FakeDrive& sda = drives.drives["/dev/sda"];
     sda.isFailing = true;
     (void)asking.openSmart(drive(asking, "sda")).smart->returnStatus();
     sda.powerMode = 0;
     sda.isFailing = false;
     const SmartOpening opened = asking.openSmart(drive(asking, "sda"));
-    EXPECT_TRUE(opened.smart->returnStatus().isThresholdExceeded);
+    EXPECT_EQ(opened.smart->returnStatus().status, kDriveResting);
     EXPECT_EQ(sda.commands.back(), 0xe5) << "nothing but whether it rests was asked";
 }
 

@@ -65,9 +65,11 @@ TEST_F(AtaSmart, LeavesARestingDriveAloneOnceItHasAnswered) {
     drive().powerMode = 0;
     drive().commands.clear();
     const SmartStatusAnswer answer = check();
-    EXPECT_EQ(answer.status, kDriveSuccess);
-    EXPECT_TRUE(answer.isThresholdExceeded) << "the last answer stands";
+    EXPECT_EQ(answer.status, kDriveResting);
+    EXPECT_FALSE(answer.isThresholdExceeded) << "what it said last is no answer of now";
     EXPECT_THAT(drive().commands, ElementsAre(0xe5));
+    drive().powerMode = 0xff;
+    EXPECT_TRUE(check().isThresholdExceeded);
 }
 
 TEST_F(AtaSmart, AsksARestingDriveThatHasNeverAnswered) {
