@@ -88,9 +88,14 @@ std::optional<std::string> localComputerName(const std::vector<std::string>& nam
     return std::nullopt;
 }
 
+std::optional<std::string> NSFullUserNameForUserName(Host& host, const std::string& name) {
+    return host.fullUserName(name);
+}
+
 std::string QLConsoleUserName(Host& host) {
     const std::optional<std::string> name = host.consoleUserName();
-    const std::optional<std::string> fullName = name ? host.fullUserName(*name) : std::nullopt;
+    const std::optional<std::string> fullName =
+        name ? NSFullUserNameForUserName(host, *name) : std::nullopt;
     return fullName ? *fullName : host.ownFullUserName();
 }
 

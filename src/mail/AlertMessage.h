@@ -37,6 +37,10 @@ struct AlertMessage {
 // The first of the host's names that ends in ".local", without that.
 [[nodiscard]] std::optional<std::string> localComputerName(const std::vector<std::string>& names);
 
+// The full name of a user, the whole field of the user database, by the short name; nothing when
+// there is no such user.
+[[nodiscard]] std::optional<std::string> NSFullUserNameForUserName(Host& host,
+                                                                   const std::string& name);
 // The full name of the user at the console, else of the daemon's own.
 [[nodiscard]] std::string QLConsoleUserName(Host& host);
 

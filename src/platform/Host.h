@@ -33,9 +33,10 @@ class Host {
 
     // The short name of the user at the console; nothing when nobody is.
     [[nodiscard]] virtual std::optional<std::string> consoleUserName() = 0;
-    // The full name of a user, by the short name; nothing when there is no such user.
+    // The full name in the user database, the whole field as it is, by the short name; nothing when
+    // there is no such user.
     [[nodiscard]] virtual std::optional<std::string> fullUserName(const std::string& name) = 0;
-    // That of the user whose process this is.
+    // The full name of the user whose process this is, never empty.
     [[nodiscard]] virtual std::string ownFullUserName() = 0;
 };
 

@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "platform/linux/ConsoleSession.h"
+#include "platform/linux/MountTable.h"
 #include "platform/linux/NetworkAddresses.h"
 #include "platform/linux/SmallFile.h"
 
@@ -66,11 +67,9 @@ std::optional<UserEntry> userOfNumber(uid_t number) {
     });
 }
 
-// passwd(5): the fields of the entry are parted by commas, the full name is the first.
-std::string fullNameOf(const UserEntry& user) {
-    const std::string_view all = user.entry.pw_gecos == nullptr ? "" : user.entry.pw_gecos;
-    const std::string_view name = all.substr(0, all.find(','));
-    return std::string{name.empty() ? std::string_view{user.entry.pw_name} : name};
+// The user database may hold any bytes.
+std::string fullNameField(const UserEntry& user) {
+    return textOfBytes(user.entry.pw_gecos == nullptr ? "" : user.entry.pw_gecos);
 }
 
 }  // namespace
@@ -132,12 +131,16 @@ std::optional<std::string> LinuxHost::fullUserName(const std::string& name) {
             return ::getpwnam_r(name.c_str(), entry, memory, size, found);
         });
     if (!user) return std::nullopt;
-    return fullNameOf(*user);
+    return fullNameField(*user);
 }
 
 std::string LinuxHost::ownFullUserName() {
     const std::optional<UserEntry> user = userOfNumber(::geteuid());
-    return user ? fullNameOf(*user) : std::string{};
+    if (!user) return std::to_string(::geteuid());
+    // passwd(5): commas part the field, and the name is the first part.
+    const std::string field = fullNameField(*user);
+    const std::string name = field.substr(0, field.find(','));
+    return name.empty() ? user->entry.pw_name : name;
 }
 
 }  // namespace korvane

@@ -31,8 +31,8 @@ class LinuxHost final : public Host {
     [[nodiscard]] std::vector<std::string> addresses() override;
     // The owner of the active session of the first seat.
     [[nodiscard]] std::optional<std::string> consoleUserName() override;
-    // The first field of the GECOS entry, or the short name where that is empty.
     [[nodiscard]] std::optional<std::string> fullUserName(const std::string& name) override;
+    // The first part of the field, or the short name where that is empty.
     [[nodiscard]] std::string ownFullUserName() override;
 
   private:

@@ -113,6 +113,12 @@ TEST(LocalComputerName, IsTheFirstNameThatEndsInLocal) {
 TEST(ConsoleUserName, IsTheFullNameOfTheUserAtTheConsole) {
     SimulatedHost host{{}};
     EXPECT_EQ(QLConsoleUserName(host), "Ada Example");
+    EXPECT_EQ(NSFullUserNameForUserName(host, "ada"), "Ada Example");
+    EXPECT_EQ(NSFullUserNameForUserName(host, "nobody-knows"), std::nullopt);
+    host.setUsers({{"ada", "Ada Example,Room 1,555,"}, {"eve", ""}});
+    EXPECT_EQ(QLConsoleUserName(host), "Ada Example,Room 1,555,");
+    host.setConsoleUser("eve");
+    EXPECT_EQ(QLConsoleUserName(host), "") << "a user without a full name is one all the same";
     host.setConsoleUser("nobody-knows");
     EXPECT_EQ(QLConsoleUserName(host), "System Administrator");
     host.setConsoleUser(std::nullopt);
