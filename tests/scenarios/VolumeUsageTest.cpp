@@ -261,5 +261,69 @@ TEST(UsageCheck, GoesOnForDaysWithoutMissingATurn) {
     EXPECT_EQ(s.preferenceWrites(), writes + 48 * 12);
 }
 
+TEST(UsageCheck, MailsAfterItHasLoggedAndSaved) {
+    Scenario s("one-volume");
+    putDataEntry(s, 10);
+    s.editPreferences([](Dictionary& settings) {
+        settings.set("volumeUsageEmail", true);
+        settings.set("emailServer", "mail.example.org");
+        settings.set("emailPort", "25");
+        settings.set("emailAddress", "ada@example.org");
+    });
+    s.fill(kData, 99_percent).run(seconds(1));
+    const std::string journal = s.machine().journal.text();
+    const auto warning = journal.find("log warning WARNING!");
+    const auto result = journal.find("Volume Usage.plist", warning);
+    const auto save = journal.find("KorvaneProtection.plist", result);
+    const auto mail = journal.find("mail connection", warning);
+    ASSERT_NE(mail, std::string::npos) << journal;
+    ASSERT_NE(save, std::string::npos) << journal;
+    EXPECT_LT(result, save);
+    EXPECT_LT(save, mail);
+    EXPECT_EQ(usageStatusIn(s, kData), "4");
+}
+
+TEST(UsageCheck, KeepsItsStatusWhenFreeSpaceIsNoLongerIgnored) {
+    Scenario s("one-volume");
+    putDataEntry(s, 10);
+    s.fill(kData, 99_percent).run(seconds(2));
+    ASSERT_EQ(usageStatusIn(s, kData), "4");
+    s.send("QLDaemonIgnoreFreeSpace_WipeData_Msg");
+    s.send("QLDaemonCheckFreeSpace_WipeData_Msg").run(minutes(6));
+    EXPECT_EQ(usageStatusIn(s, kData), "4");
+    EXPECT_THAT(s.dialogs(), SizeIs(1)) << "the latch holds";
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("failed", "failed"));
+}
+
+TEST(UsageCheck, ThatHasNotEndedIsNotStartedAnewAtEachTick) {
+    Scenario s("one-volume");
+    putDataEntry(s, 10);
+    s.start().send("QLDaemonIgnoreFreeSpace_WipeData_Msg").run(seconds(4));
+    // A check is started by a timer of 0 seconds.
+    const auto starts = [&s] {
+        const std::string journal = s.machine().journal.text();
+        int count = 0;
+        for (auto at = journal.find("timer 0.000000 s"); at != std::string::npos;
+             at = journal.find("timer 0.000000 s", at + 1)) {
+            ++count;
+        }
+        return count;
+    };
+    const int before = starts();
+    ASSERT_GT(before, 0);
+    s.run(seconds(30));
+    EXPECT_EQ(starts(), before);
+    EXPECT_THAT(s.pendingDelays(), testing::Contains(testing::Le(3.0))) << "it is overdue still";
+}
+
+TEST(UsageCheck, ReadsALevelAsAWholeNumber) {
+    Scenario s("one-volume");
+    putDataEntry(s, 10, {{"freeSpaceWarningLevel", 15.9}});
+    s.setSpace(kData, 1'000'000'000, 155'000'000).run(seconds(1));  // 15.5 percent
+    EXPECT_EQ(usageStatusIn(s, kData), "3");
+    s.setSpace(kData, 1'000'000'000, 149'000'000).run(minutes(5));
+    EXPECT_EQ(usageStatusIn(s, kData), "4");
+}
+
 }  // namespace
 }  // namespace korvane

@@ -291,6 +291,19 @@ TEST(ByteSwap, MovesAndSwapsOverlappingBytes) {
     EXPECT_EQ(bytes, (Bytes{3, 4, 5, 6, 5, 6}));
 }
 
+TEST(ByteSwap, MovesARecordOfAnUnknownCodeAsItIs) {
+    const Bytes source{1, 2, 3, 4};
+    Bytes before = source;
+    for (const std::uint32_t code : {0U, 99U, 105U, 106U, 113U, 124U}) {
+        Bytes target(6, 9);
+        testing::internal::CaptureStderr();
+        BlockMoveByteSwap(before.data(), target.data(), before.size(), code);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "DoByteSwap: recordType = UNKNOWN\n");
+        EXPECT_EQ(before, source) << code;
+        EXPECT_EQ(target, (Bytes{1, 2, 3, 4, 9, 9})) << code;
+    }
+}
+
 TEST(ByteSwap, IntelPartitionsAreInHostOrderAlready) {
     Bytes bytes{1, 2, 3, 4};
     DoByteSwapIntelPartition(102, bytes.data());

@@ -9,6 +9,7 @@
 #include "storage/DriveEntry.h"
 #include "storage/DriveInventory.h"
 #include "storage/DriveNaming.h"
+#include "storage/SmartStatus.h"
 #include "unit/storage/StorageBed.h"
 
 namespace korvane {
@@ -297,6 +298,30 @@ TEST_F(DriveInventory, DiffersFromTheCheckInWhereItLooksAndWhatItTrims) {
     EXPECT_EQ(checked.identity.model, "Castor");
     EXPECT_EQ(checked.identity.serial, "own");
     EXPECT_EQ(checked.path, "/dev/disk0");
+}
+
+TEST_F(DriveInventory, LooksForDiskImagesAboveTheDriveAlone) {
+    addDrive({{{"device model", "Castor"}, {"device serial", "C1"}}},
+             {{"SMART Capable", true}, {"Product Name", "Disk Image"}});
+    (void)pass();
+    EXPECT_THAT(serials(), ElementsAre("C1"));
+    addDrive(
+        {{{"device model", "Castor"}, {"device serial", "C2"}, {"Product Name", "Disk Image"}}});
+    (void)pass();
+    EXPECT_THAT(serials(), ElementsAre("C1"));
+}
+
+TEST_F(DriveInventory, AsksNothingMoreOfADriveThatRefuses) {
+    const std::string drive = addDrive("Castor", "C1");
+    bed.machine.drives.setCondition(drive, DriveCondition::refusing);
+    (void)pass(DriveProbe::smart);
+    EXPECT_EQ(bed.machine.drives.commandCount(drive), 1U) << "neither autosave nor what it is";
+    bed.machine.drives.setCondition(drive, DriveCondition::noAutosave);
+    (void)pass(DriveProbe::smart);
+    EXPECT_EQ(bed.machine.drives.commandCount(drive), 3U) << "not what it is";
+    EXPECT_NE(askSmartStatus(registry(), registry().services(kDriveClass)->front()).status,
+              kDriveSuccess);
+    EXPECT_EQ(bed.machine.drives.commandCount(drive), 5U);
 }
 
 }  // namespace

@@ -306,5 +306,26 @@ TEST_F(VolumeInventory, MakesNoFolderForAnEncryptedVolumeThatIsNotAvailable) {
     EXPECT_FALSE(isThere(volumeFolder("Data")));
 }
 
+TEST_F(VolumeInventory, AddsAnEncryptedStartUpVolumeWithBackupsUntilTheNextPass) {
+    bed.add(internalDisk("disk0"));
+    bed.mount("/", "/dev/disk0", "hfs");
+    setEncrypted("disk0", true);
+    EXPECT_TRUE(refresh());
+    EXPECT_TRUE(entryOf("/").isCoreStorageEncrypted());
+    EXPECT_TRUE(entryOf("/").directoryOnOff());
+    EXPECT_FALSE(entryOf("/").trashOnOff());
+    EXPECT_EQ(entryOf("/").directoryStatus(), kStatusNotAvailable);
+    (void)refresh();
+    EXPECT_FALSE(entryOf("/").directoryOnOff());
+}
+
+TEST_F(VolumeInventory, TakesADeviceBelowDevWhereverThatIs) {
+    bed.mount("/Volumes/A", "/mnt/root/dev/disk7", "ext4");
+    bed.mount("/Volumes/B", "pool:/devices/b", "ext4");
+    bed.mount("/Volumes/C", "server:/export", "ext4");
+    EXPECT_TRUE(refresh());
+    EXPECT_THAT(entries(), ElementsAre("/Volumes/A", "/Volumes/B"));
+}
+
 }  // namespace
 }  // namespace korvane
