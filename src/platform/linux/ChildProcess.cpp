@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -48,34 +49,44 @@ void prepareChild(const ChildSettings& settings, int emptyFile, pid_t parent) {
     (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-// The new process, or the errno of what failed in `error`. Between vfork(2) and the program's start
-// stands what posix_spawn(3) cannot do, the bond to the parent's life.
+// The new process, or -1 and the errno of what failed in `error`. Between vfork(2) and the
+// program's start stands what posix_spawn(3) cannot do, the bond to the parent's life.
 pid_t spawn(const char* path, char* const* words, const ChildSettings& settings, int& error) {
     const UniqueFd emptyFile{::open("/dev/null", O_RDWR | O_CLOEXEC)};
-    if (!emptyFile) {
+    // Closed by the program's start; what comes through it is the errno of its failure. Not a
+    // variable: a tool that watches threads makes a fork(2) of it, whose memory is its own.
+    std::array<int, 2> ends{-1, -1};
+    if (!emptyFile || ::pipe2(ends.data(), O_CLOEXEC) != 0) {
         error = errno;
         return -1;
     }
+    const UniqueFd reading{ends[0]};
+    UniqueFd writing{ends[1]};
     // No handler of the parent's may run in the child, in the memory of both.
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     (void)::pthread_sigmask(SIG_SETMASK, &all, &before);
     const pid_t parent = ::getpid();
-    volatile int failure = 0;
     const pid_t id = ::vfork();
     if (id == 0) {
         prepareChild(settings, emptyFile.get(), parent);
         (void)::execve(path, words, environ);
-        failure = errno;
+        const int failure = errno;
+        (void)!::write(writing.get(), &failure, sizeof failure);
         ::_exit(EXIT_FAILURE);
     }
-    if (id < 0) failure = errno;
+    error = id < 0 ? errno : 0;
     (void)::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    // The parent goes on once the program runs or the child has ended.
-    if (id > 0 && failure != 0) (void)::waitpid(id, nullptr, 0);
-    error = failure;
-    return failure == 0 ? id : -1;
+    writing = UniqueFd{};
+    if (id < 0) return -1;
+    ssize_t got = 0;
+    do {
+        got = ::read(reading.get(), &error, sizeof error);
+    } while (got < 0 && errno == EINTR);
+    if (got <= 0) return id;
+    (void)::waitpid(id, nullptr, 0);
+    return -1;
 }
 
 }  // namespace
