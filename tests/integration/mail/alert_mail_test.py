@@ -4,10 +4,13 @@ not the worse for it.
 """
 
 import contextlib
+import datetime
 import os
+import pwd
 import re
 import socket
 import subprocess
+import threading
 import time
 import unittest
 import unittest.mock
@@ -256,18 +259,8 @@ class MailTest(bed.MailBed):
             reached.append(True)
             server.hold()
         self.misbehave(script)
-        original = subprocess.Popen
-
-        def with_watchdog(command, **arguments):
-            if "env" in arguments:
-                arguments["env"] = arguments["env"] | {"NOTIFY_SOCKET": address,
-                                                       "WATCHDOG_USEC": "600000"}
-            return original(command, **arguments)
-        subprocess.Popen = with_watchdog
-        try:
+        with bed.environment_of_daemon(NOTIFY_SOCKET=address, WATCHDOG_USEC="600000"):
             self.start()
-        finally:
-            subprocess.Popen = original
         self.bus.send("daemonTestSendingEmailNotification")
         wait_for(lambda: reached)
         time.sleep(0.5)
@@ -278,6 +271,109 @@ class MailTest(bed.MailBed):
         listener.settimeout(5)
         for _ in range(5):
             self.assertIn(b"WATCHDOG=1", listener.recv(4096))
+
+    def test_a_command_waits_while_a_server_is_silent(self):
+        reached, goes_on = threading.Event(), threading.Event()
+
+        def script(server):
+            self.converse(server, "RCPT")
+            reached.set()
+            goes_on.wait(30)
+            server.say("550 nobody of that name")
+        self.misbehave(script)
+        self.start()
+        self.bus.send("daemonTestSendingEmailNotification")
+        self.assertTrue(reached.wait(20))
+        command = subprocess.Popen(
+            ["busctl", f"--address={self.bus.address}", "--timeout=60", "call",
+             "com.quorlen.KorvaneProDaemon", "/com/quorlen/KorvaneProDaemon",
+             "com.quorlen.KorvaneProDaemon", "messageXmitRcvr", "s", "isSMARTExecuteComplete"],
+            stdout=subprocess.PIPE)
+        self.addCleanup(command.stdout.close)
+        self.addCleanup(command.kill)
+        with self.assertRaises(subprocess.TimeoutExpired):
+            command.wait(0.7)
+        goes_on.set()
+        self.assertEqual(command.communicate(timeout=20)[0], b"b true\n")
+
+    # ---- What it leaves behind ------------------------------------------------------------------
+
+    def test_thirty_mails_leave_no_descriptor_open(self):
+        rounds = []
+
+        def script(server):
+            rounds.append(len(rounds))
+            # Taken, refused, and dropped.
+            self.converse(server, [None, "MAIL", "RCPT"][rounds[-1] % 3])
+            server.say(["221 bye", "550 no", ""][rounds[-1] % 3])
+        self.misbehave(script)
+        self.start()
+
+        def descriptors():
+            return sorted(os.readlink(f"/proc/{self.daemon.process.pid}/fd/{number}")
+                          .split(":")[0]
+                          for number in os.listdir(f"/proc/{self.daemon.process.pid}/fd"))
+        for number in range(33):
+            if number == 3:
+                before = descriptors()  # each kind has been there once
+            self.ask("test-mail")
+        self.assertEqual(len(rounds), 33)
+        self.assertEqual(descriptors(), before)
+
+    def test_a_write_to_a_tls_connection_that_was_closed_is_an_error_and_no_more(self):
+        def script(server):
+            server.start_tls()
+            server.say("220 hello")
+            for reply in ("250 OK", "250 OK"):
+                server.hear()
+                server.say(reply)
+            server.hear()
+            # Two replies and the end in one go: the client writes once more, hears that nobody is
+            # there, and has another reply to answer.
+            server.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_CORK, 1)
+            server.say("334 VXNlcm5hbWU6")
+            server.say("334 UGFzc3dvcmQ6")
+        self.misbehave(script, 465)
+        self.start(port=465, login=True, tls=True)
+        self.assertEqual(self.ask("test-mail")[0], 6)
+        self.assertEqual(self.bus.send("isSMARTExecuteComplete").stdout, "b true\n")
+        self.assertIsNone(self.daemon.process.poll())
+
+    # ---- What the message says ------------------------------------------------------------------
+
+    def test_names_the_user_who_sits_at_the_console(self):
+        # What logind writes down of who sits where; see sd-login(3).
+        for path, text in (("seats/seat0", "ACTIVE=c1\nACTIVE_UID=1\n"),
+                           ("sessions/c1", "UID=1\nCLASS=user\nSEAT=seat0\nACTIVE=1\n")):
+            os.makedirs(os.path.dirname(f"/run/systemd/{path}"), exist_ok=True)
+            with open(f"/run/systemd/{path}", "w", encoding="utf-8") as file:
+                file.write(text)
+            self.addCleanup(os.unlink, f"/run/systemd/{path}")
+        server = self.serve(servers.Aiosmtpd(self, 25, "plain"))
+        self.start()
+        self.assertEqual(self.ask("test-mail")[0], 0)
+        name = pwd.getpwuid(1).pw_gecos or pwd.getpwuid(1).pw_name
+        self.assertNotEqual(name, bed.console_user())
+        self.assertIn(f" {name}\n", self.text(server.messages()[0][2]))
+
+    def test_the_date_in_it_is_written_as_the_users_locale_has_it(self):
+        for name, form in (("de_DE", "%d.%m.%Y %H:%M"), ("en_US", "%m/%d/%Y %I:%M %p")):
+            with self.subTest(name):
+                self.setUp()
+                subprocess.run(["localedef", "-i", name, "-f", "UTF-8",
+                                f"{self.folder}/{name}.UTF-8"], check=True, capture_output=True)
+                server = self.serve(servers.Aiosmtpd(self, 25, "plain"))
+                with bed.environment_of_daemon(LOCPATH=self.folder, LC_ALL=f"{name}.UTF-8"):
+                    self.start()
+                before = datetime.datetime.now()
+                self.assertEqual(self.ask("test-mail")[0], 0)
+                dates = {time.strftime(form) for time in (before, datetime.datetime.now())}
+                text = self.text(server.messages()[0][2])
+                self.assertTrue(any(f" {date}\n" in text for date in dates), text)
+                # The header's stays English.
+                self.assertRegex(text, r"(?m)^Date: (Mon|Tue|Wed|Thu|Fri|Sat|Sun), ")
+                self.doCleanups()
+        self.setUp()
 
     # ---- What it costs to have the possibility --------------------------------------------------
 

@@ -5,6 +5,7 @@ of mail are free and the machine's names and addresses are known.
 """
 
 import base64
+import contextlib
 import datetime
 import email
 import email.policy
@@ -18,6 +19,7 @@ import sys
 import tempfile
 import time
 import unittest
+import unittest.mock
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 CONTROL = os.path.abspath(sys.argv.pop(2))
@@ -57,6 +59,19 @@ def console_user():
     """The full name as the user database has it, where nobody sits at the console."""
     user = pwd.getpwuid(os.geteuid())
     return user.pw_gecos.split(",")[0] or user.pw_name
+
+
+@contextlib.contextmanager
+def environment_of_daemon(**more):
+    """What is started meanwhile as a daemon has these variables, too."""
+    original = subprocess.Popen
+
+    def with_more(command, **arguments):
+        if "env" in arguments:
+            arguments["env"] = arguments["env"] | more
+        return original(command, **arguments)
+    with unittest.mock.patch.object(subprocess, "Popen", with_more):
+        yield
 
 
 class MailBed(unittest.TestCase):
