@@ -8,10 +8,11 @@
 
 namespace korvane {
 
-void lockBriefly(int fd) {
+void lockBriefly(int fd, Sharing sharing) {
     using namespace std::chrono_literals;
-    for (int attempt = 0; attempt < 20; ++attempt) {
-        if (flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return;
+    const int kind = sharing == Sharing::none ? LOCK_EX : LOCK_SH;
+    for (int attempt = 0; attempt < 50; ++attempt) {
+        if (flock(fd, kind | LOCK_NB) == 0 || errno != EWOULDBLOCK) return;
         std::this_thread::sleep_for(5ms);
     }
 }

@@ -1,16 +1,24 @@
 // The outcome of something that may fail in an expected way: a value, or why there is none.
 #pragma once
 
+#include <cerrno>
 #include <string>
 #include <utility>
 #include <variant>
 
 namespace korvane {
 
-// What went wrong, in words fit for a log line, without a final full stop.
+// What went wrong, in words fit for a log line, without a final full stop; and the errno behind it
+// where there is one.
 struct Error {
     std::string message;
+    int number = 0;
 };
+
+// Whether the same call may succeed later, when others have given back descriptors or memory.
+[[nodiscard]] inline bool maySucceedLater(const Error& error) {
+    return error.number == EMFILE || error.number == ENFILE || error.number == ENOMEM;
+}
 
 template <typename T>
 class [[nodiscard]] Result {

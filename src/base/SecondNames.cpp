@@ -38,7 +38,7 @@ bool isOursAlone(int folder) {
 }
 
 bool copyContents(int from, int to) {
-    char bytes[64 * 1024];  // at a time
+    char bytes[4096];  // at a time: a larger buffer on the stack is memory for good
     while (true) {
         const ssize_t count = ::read(from, bytes, sizeof bytes);
         if (count < 0 && errno == EINTR) continue;
@@ -67,7 +67,7 @@ bool leaveSecondNames(int folder, const std::string& name) {
         return false;
     }
     // What is half written would never be whole under the name: its writer goes on in this file.
-    lockBriefly(file.get());
+    lockBriefly(file.get(), Sharing::none);
     struct stat named {};
     if (::fstatat(folder, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
         named.st_ino != status.st_ino) {

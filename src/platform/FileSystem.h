@@ -36,10 +36,10 @@ class FileSystem {
     [[nodiscard]] virtual bool isFolder(const std::string& path) = 0;
 
     // The names in a folder, without "." and "..", in no particular order; nothing when it cannot
-    // be listed.
+    // be listed. Here and below the walk begins where the path leads, through a link too.
     [[nodiscard]] virtual std::optional<std::vector<std::string>> list(const std::string& path) = 0;
     // The paths of everything below a folder, relative to it, a folder before its contents. Folders
-    // that cannot be read are passed over; links are not followed. Empty when there is none.
+    // that cannot be read are passed over; links in it are not followed. Empty when there is none.
     [[nodiscard]] virtual std::vector<std::string> enumerate(const std::string& path) = 0;
 
     [[nodiscard]] virtual std::optional<ItemAttributes> attributes(const std::string& path) = 0;
@@ -71,13 +71,6 @@ class FileSystem {
     // the error says why, when the file cannot be read.
     [[nodiscard]] virtual Result<std::monostate> changePropertyList(
         const std::string& path, const std::function<bool(PropertyList&)>& edit, mode_t permissions,
-        Durability durability) = 0;
-    // Makes so many such changes, one after the other, with the file written after each; what a
-    // kill leaves at any moment has all of them or those before. `edit` may be called several times
-    // for a step and must do the same each time; false from it ends all of this.
-    [[nodiscard]] virtual Result<std::monostate> changePropertyListInSteps(
-        const std::string& path, std::size_t steps,
-        const std::function<bool(PropertyList&, std::size_t step)>& edit, mode_t permissions,
         Durability durability) = 0;
 
     // The bytes of a regular file of the daemon's own user. Never through a link.

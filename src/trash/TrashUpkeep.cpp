@@ -119,8 +119,7 @@ void KorvaneProDaemon::trashSub(const TrashScan& scan) {
 void KorvaneProDaemon::expireTrashFiles() {
     FileSystem& files = machine_.fileSystem;
     const Time now = machine_.clock.now();
-    // With a final full stop: the folder may be a link, which everything else follows.
-    for (const std::string& relative : files.enumerate(std::string(kSupportFolder) + "/.")) {
+    for (const std::string& relative : files.enumerate(kSupportFolder)) {
         if (!nameOf(relative).starts_with(kTrashDeletesPrefix)) continue;
         const std::string file = std::string(kSupportFolder) + '/' + relative;
         const auto attributes = files.attributes(file);

@@ -110,6 +110,19 @@ TEST_P(FileSystemConformance, EnumeratesAllBelowAFolderBeforeItsContents) {
     EXPECT_LT(position("a/b"), position("a/b/deep"));
 }
 
+TEST_P(FileSystemConformance, BeginsAWalkWhereALinkLeads) {
+    makeFolder("top/below");
+    subject_->put(at("top/below/file"), "");
+    subject_->putLink(at("link"), "top");
+    EXPECT_THAT(files().list(at("link")), testing::Optional(testing::ElementsAre("below")));
+    EXPECT_THAT(files().enumerate(at("link")), testing::ElementsAre("below", "below/file"));
+    subject_->putLink(at("nowhere"), "nothing");
+    EXPECT_FALSE(files().list(at("nowhere")));
+    EXPECT_FALSE(files().list("relative"));
+    EXPECT_FALSE(files().list(""));
+    EXPECT_TRUE(files().enumerate("").empty());
+}
+
 TEST_P(FileSystemConformance, EnumeratesNothingWhereThereIsNoFolder) {
     subject_->put(at("file"), "");
     EXPECT_TRUE(files().enumerate(at("nothing")).empty());
@@ -243,7 +256,8 @@ TEST_P(FileSystemConformance, RewritesAPropertyListLongerAndShorter) {
         ASSERT_TRUE(read) << read.error().message;
         EXPECT_TRUE(*read == PropertyList(std::string(length, 'x')));
     }
-    EXPECT_THAT(files().list(folder_), testing::Optional(testing::ElementsAre("list.plist")));
+    EXPECT_THAT(files().list(folder_),
+                testing::Optional(testing::UnorderedElementsAre("list.plist", ".list.plist.kept")));
 }
 
 TEST_P(FileSystemConformance, ReadsWhatAnotherProgramWrote) {
@@ -278,6 +292,42 @@ TEST_P(FileSystemConformance, RestoresATornFileFromItsWholeSibling) {
         EXPECT_TRUE(*read == PropertyList("whole"));
     }
     EXPECT_THAT(files().list(folder_), testing::Optional(testing::ElementsAre("list.plist")));
+}
+
+// The copy is younger than an hour, so only what must be on the disk renews it.
+TEST_P(FileSystemConformance, KeepsACopyOfAPropertyListThatItRewrites) {
+    const auto copy = [this] { return subject_->bytes(keptCopyOf(at("list.plist"))); };
+    ASSERT_TRUE(write("list.plist", "first"));
+    ASSERT_TRUE(write("list.plist", "second"));
+    ASSERT_TRUE(copy());
+    EXPECT_THAT(*copy(), testing::HasSubstr("second"));
+    ASSERT_TRUE(write("list.plist", "third"));
+    EXPECT_THAT(*copy(), testing::HasSubstr("second"));
+    ASSERT_TRUE(files().writePropertyList(at("list.plist"), "fourth", 0666, Durability::powerLoss));
+    EXPECT_THAT(*copy(), testing::HasSubstr("fourth"));
+    const auto attributes = files().attributes(keptCopyOf(at("list.plist")));
+    ASSERT_TRUE(attributes);
+    EXPECT_EQ(attributes->permissions, 0600U);
+}
+
+TEST_P(FileSystemConformance, LeavesAFileThatIsNotTornByAKillToItsWriter) {
+    ASSERT_TRUE(write("list.plist", "first"));
+    ASSERT_TRUE(write("list.plist", "second"));
+    for (const std::string& theirs :
+         {std::string("what a person got wrong"), std::string(), std::string(4096, '\0')}) {
+        subject_->put(at("list.plist"), theirs);
+        EXPECT_FALSE(files().readPropertyList(at("list.plist")));
+        EXPECT_EQ(subject_->bytes(at("list.plist")), theirs);
+    }
+}
+
+TEST_P(FileSystemConformance, RestoresAFileThatAKillLeftTornFromTheCopyItKeeps) {
+    ASSERT_TRUE(write("list.plist", "first"));
+    ASSERT_TRUE(write("list.plist", "second"));
+    subject_->put(at("list.plist"), std::string("\0?xml", 5));
+    const auto read = files().readPropertyList(at("list.plist"));
+    ASSERT_TRUE(read) << read.error().message;
+    EXPECT_TRUE(*read == PropertyList("second"));
 }
 
 TEST_P(FileSystemConformance, KeepsATornFileWhoseSiblingIsTornToo) {

@@ -6,6 +6,7 @@ see a machine that has been up long enough, so that nothing waits for the delaye
 """
 
 import contextlib
+import fcntl
 import os
 import plistlib
 import shutil
@@ -73,7 +74,12 @@ def usage_status(path):
 
 def is_saved():
     """No save is under way: a program that writes in the middle of one loses what it writes."""
-    return not any(".saving" in name for name in os.listdir(SUPPORT))
+    with open(PREFERENCES, "rb") as file:
+        try:
+            fcntl.flock(file, fcntl.LOCK_SH | fcntl.LOCK_NB)
+        except BlockingIOError:
+            return False
+    return True
 
 
 class PrivateBus:

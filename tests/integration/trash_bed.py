@@ -18,6 +18,7 @@ from daemon_bed import PROGRAM, SUPPORT, DaemonBed, mount, read_bytes, volume_en
 KORVANECTL = os.path.abspath(sys.argv.pop(1))
 USAGE = f"{SUPPORT}/Trash Usage.plist"
 USAGE_SAVING = f"{SUPPORT}/.Trash Usage.plist.saving"
+USAGE_KEPT = f"{SUPPORT}/.Trash Usage.plist.kept"
 RECORD_BYTES = 764
 NODE_OFFSET = 8
 TEXT_OFFSET = 148
@@ -152,7 +153,7 @@ class TrashBed(DaemonBed):
         """Kills the daemon, and gives the keys of the records that a user can list then."""
         daemon.process.send_signal(signal.SIGKILL)
         daemon.process.wait()
-        self.assertTrue(usage() or usage(USAGE_SAVING))
+        self.assertTrue(usage() or usage(USAGE_SAVING) or usage(USAGE_KEPT))
         listed = self.control("trash", "--json")
         self.assertEqual(listed.returncode, 0, listed.stderr)
         return {item["key"] for item in json.loads(listed.stdout)["items"]}

@@ -13,6 +13,7 @@
 #include <utility>
 #include <variant>
 
+#include "base/BriefLock.h"
 #include "base/PropertyListCodec.h"
 #include "base/PropertyListFile.h"
 #include "platform/linux/UniqueFd.h"
@@ -23,11 +24,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A rewrite that is synced to a slow disk takes a good part of a second, and shows itself by the
-// safety copy beside the file. What does not parse without one is looked at a few times more: the
-// copy may just have gone.
-constexpr int kTriesBesideWriter = 100;
-constexpr int kTriesAlone = 4;
+// The daemon holds the file's lock while it writes. Programs that do not are given a few looks
+// more.
+constexpr int kTries = 4;
 constexpr auto kSettlePause = 5ms;
 
 // The bytes of a regular file, or an error number.
@@ -41,6 +40,10 @@ std::variant<std::string, int> contentsOf(const std::string& path) {
     if (!S_ISREG(status.st_mode)) {
         return EINVAL;
     }
+    if (status.st_size > kLargestPropertyListBytes) {
+        return EFBIG;  // nor does the daemon use it
+    }
+    lockBriefly(file.get(), Sharing::readers);
     std::string text;
     text.reserve(static_cast<std::size_t>(status.st_size));
     std::array<char, 65536> block;
@@ -80,13 +83,9 @@ Outcome<std::optional<Document>> look(const std::string& path) {
 }  // namespace
 
 Outcome<std::optional<Document>> readDocument(const std::string& path) {
-    for (int attempt = 1; attempt < kTriesBesideWriter; ++attempt) {
+    for (int attempt = 1; attempt < kTries; ++attempt) {
         Outcome<std::optional<Document>> found = look(path);
         if (found) {
-            return found;
-        }
-        const bool isBeingWritten = access(savingSiblingOf(path).c_str(), F_OK) == 0;
-        if (attempt >= kTriesAlone && !isBeingWritten) {
             return found;
         }
         std::this_thread::sleep_for(kSettlePause);

@@ -52,15 +52,6 @@ Result<std::monostate> LinuxFileSystem::changePropertyList(
     return propertyLists_.change(place, edit, permissions, durability);
 }
 
-Result<std::monostate> LinuxFileSystem::changePropertyListInSteps(
-    const std::string& path, std::size_t steps,
-    const std::function<bool(PropertyList&, std::size_t step)>& edit, mode_t permissions,
-    Durability durability) {
-    const std::string place = located(path);
-    if (place.empty()) return errorAt(path, ENOENT);
-    return propertyLists_.changeInSteps(place, steps, edit, permissions, durability);
-}
-
 Result<std::string> LinuxFileSystem::readFile(const std::string& path, Writers writers) {
     const UniqueFd file{::open(located(path).c_str(), O_RDONLY | kCarefully)};
     struct stat status {};

@@ -50,6 +50,11 @@ void giveFolder(const std::string& path, std::optional<uid_t> owner) {
     if (folder) std::ignore = ::fchown(folder.get(), *owner, static_cast<gid_t>(-1));
 }
 
+// A descent does not follow links. With a final full stop the last component is none.
+bool beginAt(FolderDescent& descent, const std::string& place) {
+    return !place.empty() && descent.begin(AT_FDCWD, place + "/.");
+}
+
 }  // namespace
 
 LinuxFileSystem::LinuxFileSystem(std::string rootFolder) : rootFolder_(std::move(rootFolder)) {}
@@ -71,7 +76,7 @@ bool LinuxFileSystem::isFolder(const std::string& path) {
 std::optional<std::vector<std::string>> LinuxFileSystem::list(const std::string& path) {
     FolderDescent descent;
     std::vector<FolderDescent::Name> names;
-    if (!descent.begin(AT_FDCWD, located(path)) || !descent.read(names)) return std::nullopt;
+    if (!beginAt(descent, located(path)) || !descent.read(names)) return std::nullopt;
     std::vector<std::string> texts;
     texts.reserve(names.size());
     for (FolderDescent::Name& name : names) texts.push_back(std::move(name.text));
@@ -81,7 +86,7 @@ std::optional<std::vector<std::string>> LinuxFileSystem::list(const std::string&
 std::vector<std::string> LinuxFileSystem::enumerate(const std::string& path) {
     std::vector<std::string> found;
     FolderDescent descent;
-    if (!descent.begin(AT_FDCWD, located(path))) return found;
+    if (!beginAt(descent, located(path))) return found;
     // Names still to be told, per level, and the path of each level with its slash.
     std::vector<std::vector<FolderDescent::Name>> levels(1);
     std::vector<std::string> prefixes{""};

@@ -34,10 +34,6 @@ class LinuxFileSystem final : public FileSystem {
     [[nodiscard]] Result<std::monostate> changePropertyList(
         const std::string& path, const std::function<bool(PropertyList&)>& edit, mode_t permissions,
         Durability durability) override;
-    [[nodiscard]] Result<std::monostate> changePropertyListInSteps(
-        const std::string& path, std::size_t steps,
-        const std::function<bool(PropertyList&, std::size_t step)>& edit, mode_t permissions,
-        Durability durability) override;
     [[nodiscard]] Result<std::string> readFile(const std::string& path, Writers writers) override;
     [[nodiscard]] Result<std::monostate> writeFile(const std::string& path, std::string_view bytes,
                                                    mode_t permissions) override;

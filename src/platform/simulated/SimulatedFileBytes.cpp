@@ -30,26 +30,6 @@ Result<std::monostate> SimulatedFileSystem::changePropertyList(
     return writePropertyList(path, *value, permissions, durability);
 }
 
-Result<std::monostate> SimulatedFileSystem::changePropertyListInSteps(
-    const std::string& path, std::size_t steps,
-    const std::function<bool(PropertyList&, std::size_t step)>& edit, mode_t permissions,
-    Durability durability) {
-    bool goesOn = true;
-    for (std::size_t step = 0; step < steps && goesOn; ++step) {
-        const auto changed = changePropertyList(
-            path,
-            [&](PropertyList& value) {
-                goesOn = edit(value, step);
-                return goesOn;
-            },
-            permissions, durability);
-        if (!changed) {
-            return changed.error();
-        }
-    }
-    return std::monostate{};
-}
-
 Result<std::string> SimulatedFileSystem::readFile(const std::string& path, Writers writers) {
     const std::optional<Place> place = find(path, LastLink::kept);
     if (!place || !place->node) {

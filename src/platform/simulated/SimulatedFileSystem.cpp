@@ -1,6 +1,7 @@
 #include "platform/simulated/SimulatedFileSystem.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <deque>
 #include <utility>
 
@@ -18,11 +19,13 @@ constexpr mode_t kNewFilePermissions = 0644;
 constexpr char kRootVolume[] = "/";
 // What the name of a sibling ends in while it is being written.
 constexpr char kPartSuffix[] = ".part";
+// How old the copy beside a file may be, and who may use it.
+constexpr std::chrono::hours kLongestUnsynced{1};
+constexpr mode_t kCopyPermissions = 0600;
 
-std::string siblingNameOf(const std::string& path) {
-    const std::string sibling = savingSiblingOf(path);
-    return sibling.substr(sibling.rfind('/') + 1);
-}
+std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+std::string siblingNameOf(const std::string& path) { return nameOf(savingSiblingOf(path)); }
 
 // The components of a path, empty ones left out.
 std::deque<std::string_view> componentsOf(std::string_view path) {
@@ -68,7 +71,7 @@ bool SimulatedFileSystem::exists(const std::string& path) {
 bool SimulatedFileSystem::isFolder(const std::string& path) { return folderAt(path) != nullptr; }
 
 std::optional<std::vector<std::string>> SimulatedFileSystem::list(const std::string& path) {
-    const std::optional<Place> place = find(path, LastLink::kept);
+    const std::optional<Place> place = find(path, LastLink::followed);
     if (!place || !place->node || place->node->kind != ItemKind::folder ||
         place->node->isUnreadable) {
         return std::nullopt;
@@ -83,7 +86,7 @@ std::optional<std::vector<std::string>> SimulatedFileSystem::list(const std::str
 
 std::vector<std::string> SimulatedFileSystem::enumerate(const std::string& path) {
     std::vector<std::string> paths;
-    const std::optional<Place> place = find(path, LastLink::kept);
+    const std::optional<Place> place = find(path, LastLink::followed);
     if (place && place->node && place->node->kind == ItemKind::folder) {
         enumerateInto(*place->node, "", paths);
     }
@@ -169,23 +172,26 @@ Result<PropertyList> SimulatedFileSystem::readPropertyList(const std::string& pa
         return Error{path + ": not a regular file"};
     }
     if (path == unreadableFile_) {
-        return Error{path + ": no more files"};
+        return Error{path + ": no more files", EMFILE};
     }
     Result<PropertyList> value = place->node->contents.value();
     if (value) {
         return value;
     }
     // A write that was cut off left its whole text beside the file.
-    const std::string sibling = savingSiblingOf(path);
-    const std::optional<Place> saved = find(sibling, LastLink::kept);
-    if (saved && saved->node && saved->node->kind == ItemKind::file) {
+    const std::string& torn = place->node->contents.bytes();
+    const bool isTornByKill =
+        torn.starts_with('\0') && !torn.starts_with(std::string_view("\0\0", 2));
+    for (const std::string& copy : {savingSiblingOf(path), keptCopyOf(path)}) {
+        const std::optional<Place> saved = find(copy, LastLink::kept);
+        if (copy == keptCopyOf(path) && !isTornByKill) break;
+        if (!saved || !saved->node || saved->node->kind != ItemKind::file) continue;
         Result<PropertyList> restored = saved->node->contents.value();
-        if (restored) {
-            place->node->contents.setValue(*restored);
-            removeTree(*saved->folder, SimulatedName(seed_, saved->name));
-            journal_.note("restore", path);
-            return restored;
-        }
+        if (!restored) continue;
+        place->node->contents.setValue(*restored);
+        place->folder->children.erase(SimulatedName(seed_, siblingNameOf(path)));
+        journal_.note("restore", path);
+        return restored;
     }
     return Error{path + ": " + value.error().message};
 }
@@ -213,10 +219,11 @@ Result<std::monostate> SimulatedFileSystem::writePropertyList(const std::string&
     if (kill_) {
         killDuring(*place, path, value, permissions);
     }
+    const bool isSynced = keepCopy(*place, path, value, durability);
     store(*place, value, permissions);
     dropSibling(*place, path);
     ++writeCounts_[path];
-    journal_.note(durability == Durability::powerLoss ? "write and sync" : "write", path);
+    journal_.note(isSynced ? "write and sync" : "write", path);
     return std::monostate{};
 }
 
@@ -542,6 +549,25 @@ void SimulatedFileSystem::store(Place& place, const PropertyList& value, mode_t 
     file.contents.setValue(value);
     file.permissions = permissions;
     file.modificationDate = clock_.now();
+}
+
+bool SimulatedFileSystem::keepCopy(const Place& place, const std::string& path,
+                                   const PropertyList& value, Durability durability) {
+    // A file that appears is on the disk by itself.
+    if (!place.node) {
+        place.folder->children.erase(SimulatedName(seed_, nameOf(keptCopyOf(path))));
+        return true;
+    }
+    const std::string name = nameOf(keptCopyOf(path));
+    Place copy{place.folder, place.tree, name, nullptr, false};
+    const auto kept = place.folder->children.find(SimulatedName(seed_, name));
+    if (kept != place.folder->children.end()) copy.node = kept->second.get();
+    if (durability == Durability::process && copy.node) {
+        const auto age = clock_.now() - copy.node->modificationDate;
+        if (age >= age.zero() && age < kLongestUnsynced) return false;
+    }
+    store(copy, value, kCopyPermissions);
+    return true;
 }
 
 void SimulatedFileSystem::dropSibling(const Place& place, const std::string& path) {

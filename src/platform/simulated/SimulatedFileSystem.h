@@ -56,10 +56,6 @@ class SimulatedFileSystem final : public FileSystem {
     [[nodiscard]] Result<std::monostate> changePropertyList(
         const std::string& path, const std::function<bool(PropertyList&)>& edit, mode_t permissions,
         Durability durability) override;
-    [[nodiscard]] Result<std::monostate> changePropertyListInSteps(
-        const std::string& path, std::size_t steps,
-        const std::function<bool(PropertyList&, std::size_t step)>& edit, mode_t permissions,
-        Durability durability) override;
     [[nodiscard]] Result<std::string> readFile(const std::string& path, Writers writers) override;
     [[nodiscard]] Result<std::monostate> writeFile(const std::string& path, std::string_view bytes,
                                                    mode_t permissions) override;
@@ -141,6 +137,9 @@ class SimulatedFileSystem final : public FileSystem {
     bool removeTree(SimulatedNode& folder, const SimulatedName& name);
     [[nodiscard]] std::optional<Error> refusal(const Place& place, bool needsSpace);
     void store(Place& place, const PropertyList& value, mode_t permissions);
+    // The copy that stays beside a property list, where it is due; whether the write is synced.
+    bool keepCopy(const Place& place, const std::string& path, const PropertyList& value,
+                  Durability durability);
     void dropSibling(const Place& place, const std::string& path);
     void killDuring(Place& place, const std::string& path, const PropertyList& value,
                     mode_t permissions);

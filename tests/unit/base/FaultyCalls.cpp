@@ -16,6 +16,7 @@ namespace {
 FaultPlan currentPlan;
 int changing = 0;
 int reading = 0;
+int syncs = 0;
 std::function<void()> interventionBeforeStamp;
 
 // Whether the call that begins now is to fail, with errno set.
@@ -40,11 +41,14 @@ void planFault(const FaultPlan& plan) {
     currentPlan = plan;
     changing = 0;
     reading = 0;
+    syncs = 0;
 }
 
 int changingCalls() { return changing; }
 
 int readingCalls() { return reading; }
+
+int syncCalls() { return syncs; }
 
 void interveneBeforeStamp(std::function<void()> intervention) {
     interventionBeforeStamp = std::move(intervention);
@@ -69,7 +73,16 @@ ssize_t pwrite(int fd, const void* buffer, std::size_t count, off_t offset) {
 }
 
 // No power is lost here: not syncing for real saves most of the tests' time.
-int fsync(int /*fd*/) { return static_cast<int>(korvane::isFaulty() ? korvane::fault() : 0); }
+int fsync(int /*fd*/) {
+    ++korvane::syncs;
+    return static_cast<int>(korvane::isFaulty() ? korvane::fault() : 0);
+}
+
+int fsetxattr(int fd, const char* name, const void* value, std::size_t size, int flags) noexcept {
+    return static_cast<int>(korvane::isFaulty()
+                                ? korvane::fault()
+                                : syscall(SYS_fsetxattr, fd, name, value, size, flags));
+}
 
 int ftruncate(int fd, off_t length) noexcept {
     return static_cast<int>(korvane::isFaulty() ? korvane::fault()

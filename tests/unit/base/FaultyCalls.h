@@ -16,6 +16,7 @@ struct FaultPlan {
 void planFault(const FaultPlan& plan);
 [[nodiscard]] int changingCalls();  // Since the last plan.
 [[nodiscard]] int readingCalls();
+[[nodiscard]] int syncCalls();
 
 // What another program does before the next call that sets the times of a file; once.
 void interveneBeforeStamp(std::function<void()> intervention);

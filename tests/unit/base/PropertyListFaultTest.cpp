@@ -177,6 +177,9 @@ TEST(FullDisk, LeavesTheOldContentsToEveryReader) {
     const TemporaryFolder folder;
     const std::string path = folder / "Settings.plist";
     const Rewrite rewrite = rewrites().front();
+    for (int write = 0; write < 2; ++write) {  // The file and its copy are there.
+        ASSERT_TRUE(writeInPlace(path, rewrite.before, 0666, Durability::process));
+    }
     for (int call = 1; call <= 3; ++call) {
         putContents(path, rewrite.before);
         planFault({.atCall = call, .error = ENOSPC});
@@ -186,6 +189,36 @@ TEST(FullDisk, LeavesTheOldContentsToEveryReader) {
         EXPECT_EQ(contentsOf(path), rewrite.before) << "call " << call;
         EXPECT_FALSE(std::filesystem::exists(savingSiblingOf(path)));
     }
+}
+
+// The kept copy is on the disk, so the file need not be.
+TEST(Flushes, AreNotNeededWhileTheKeptCopyIsYoung) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "Settings.plist";
+    const auto syncsOf = [&](Durability durability, const std::string& text) {
+        planFault({});
+        EXPECT_TRUE(writeInPlace(path, text, 0666, durability));
+        return syncCalls();
+    };
+    EXPECT_EQ(syncsOf(Durability::process, "<1>"), 2);  // the new file and its folder
+    EXPECT_EQ(syncsOf(Durability::process, "<2>"), 2);  // the copy and its folder
+    EXPECT_EQ(syncsOf(Durability::process, "<3>"), 0);
+    EXPECT_EQ(contentsOf(keptCopyOf(path)), "<2>");
+    EXPECT_EQ(syncsOf(Durability::powerLoss, "<4>"), 2);
+    EXPECT_EQ(contentsOf(keptCopyOf(path)), "<4>");
+}
+
+TEST(Flushes, ComeWithEachStepWhereNoMarkCanBeLeft) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "Settings.plist";
+    ASSERT_TRUE(writeInPlace(path, "<1>", 0666, Durability::process));
+    ASSERT_TRUE(writeInPlace(path, "<2>", 0666, Durability::process));
+    // Part, permissions and sibling come before the mark.
+    planFault({.atCall = 4, .error = ENOTSUP});
+    ASSERT_TRUE(writeInPlace(path, "<3>", 0666, Durability::process));
+    EXPECT_EQ(syncCalls(), 5);
+    EXPECT_EQ(contentsOf(keptCopyOf(path)), "<3>");
+    EXPECT_EQ(contentsOf(path), "<3>");
 }
 
 TEST(PropertyListFiles, DoesNotReadAgainWhatItWrote) {
@@ -228,11 +261,12 @@ TEST(PropertyListFiles, FollowsTheFileWhenItsStampFails) {
     const TemporaryFolder folder;
     const std::string path = folder / "Settings.plist";
     PropertyListFiles files;
-    // The last changing call of a write is the stamp.
-    ASSERT_TRUE(files.write(path, records("a", 5), 0666, Durability::process));
-    planFault({});
-    ASSERT_TRUE(files.write(path, records("b", 5), 0666, Durability::process));
-    planFault({.atCall = changingCalls(), .error = EPERM});
+    for (const char* const each : {"a", "a", "b"}) {  // The first two make the file and its copy.
+        planFault({});
+        ASSERT_TRUE(files.write(path, records(each, 5), 0666, Durability::process));
+    }
+    // The last changing calls of a write are the stamp and its mark.
+    planFault({.atCall = changingCalls() - 1, .error = EPERM});
     ASSERT_TRUE(files.write(path, records("c", 5), 0666, Durability::process));
     planFault({});
     EXPECT_EQ(*files.read(path), records("c", 5));
@@ -246,14 +280,17 @@ TEST(PropertyListFiles, SeesWhatAnotherProgramWroteRightAfterAWrite) {
     const std::string theirs = formatPropertyList(records("theirs", 5));
     const auto theyWrite = [&] { putContents(path, theirs); };
     PropertyListFiles files;
-    ASSERT_TRUE(files.write(path, records("before", 5), 0666, Durability::process));
+    for (int write = 0; write < 2;
+         ++write) {  // The second one makes the copy, which is stamped too.
+        ASSERT_TRUE(files.write(path, records("before", 5), 0666, Durability::process));
+    }
     interveneBeforeStamp(theyWrite);
     ASSERT_TRUE(files.write(path, records("ours", 5), 0666, Durability::process));
     EXPECT_EQ(*files.read(path), records("theirs", 5));
     interveneBeforeStamp(theyWrite);
-    ASSERT_TRUE(files.changeInSteps(
-        path, 1,
-        [](PropertyList& value, std::size_t) {
+    ASSERT_TRUE(files.change(
+        path,
+        [](PropertyList& value) {
             value = records("ours", 6);
             return true;
         },

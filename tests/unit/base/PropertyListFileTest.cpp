@@ -68,12 +68,14 @@ class InPlace : public ::testing::Test {
     const TemporaryFolder folder_;
     const std::string path_ = folder_ / "Settings.plist";
     const std::string sibling_ = savingSiblingOf(path_);
+    const std::string kept_ = keptCopyOf(path_);
 };
 
-TEST_F(InPlace, HidesTheSiblingBesideTheFile) {
+TEST_F(InPlace, HidesItsCopiesBesideTheFile) {
     EXPECT_EQ(savingSiblingOf("/a/b/Settings.plist"), "/a/b/.Settings.plist.saving");
     EXPECT_EQ(savingSiblingOf("/Settings.plist"), "/.Settings.plist.saving");
     EXPECT_EQ(savingSiblingOf("Settings.plist"), ".Settings.plist.saving");
+    EXPECT_EQ(keptCopyOf("/a/b/Settings.plist"), "/a/b/.Settings.plist.kept");
 }
 
 TEST_F(InPlace, CreatesAFileWithThePermissionsWhateverTheUmask) {
@@ -96,7 +98,7 @@ TEST_F(InPlace, KeepsTheInodeOfAFileAndSetsItsPermissions) {
     EXPECT_EQ(contentsOf(path_), document(std::string(20'000, 'y')));
     EXPECT_EQ(statusOf(path_).st_ino, inode);
     EXPECT_EQ(statusOf(path_).st_mode & 07777, 0666U);
-    EXPECT_THAT(namesIn(folder_), ElementsAre("Settings.plist"));
+    EXPECT_THAT(namesIn(folder_), ElementsAre(".Settings.plist.kept", "Settings.plist"));
 }
 
 TEST_F(InPlace, ReplacesContentsThatAreNoPropertyList) {
@@ -167,22 +169,30 @@ TEST_F(InPlace, NeverWritesThroughLinksPlantedAtTheSibling) {
     putContents(path_, document("old"));
     ASSERT_EQ(symlink(victim.c_str(), sibling_.c_str()), 0);
     ASSERT_EQ(symlink(victim.c_str(), (sibling_ + ".part").c_str()), 0);
-    EXPECT_TRUE(write("new"));
-    EXPECT_EQ(contentsOf(victim), document("victim"));
-    EXPECT_EQ(contentsOf(path_), document("new"));
-    EXPECT_THAT(namesIn(folder_), ElementsAre("Settings.plist", "victim"));
+    ASSERT_EQ(symlink(victim.c_str(), kept_.c_str()), 0);
+    for (const char* const text : {"new", "newer"}) {
+        EXPECT_TRUE(write(text));
+        EXPECT_EQ(contentsOf(victim), document("victim"));
+        EXPECT_EQ(contentsOf(path_), document(text));
+    }
+    EXPECT_TRUE(S_ISREG(statusOf(kept_).st_mode));
+    EXPECT_THAT(namesIn(folder_), ElementsAre(".Settings.plist.kept", "Settings.plist", "victim"));
 }
 
 TEST_F(InPlace, LeavesTheFileAloneWhenTheSiblingCannotBeMade) {
-    for (const std::string_view suffix : {"", ".part"}) {
+    ASSERT_TRUE(write("first"));
+    for (const std::string& planted : {sibling_, sibling_ + ".part", kept_}) {
         putContents(path_, document("old"));
-        const std::string planted = sibling_ + std::string(suffix);
+        std::filesystem::remove(kept_);
+        if (planted == sibling_) {
+            ASSERT_TRUE(write("older"));  // so that the next one needs a sibling, no kept copy
+            putContents(path_, document("old"));
+        }
         std::filesystem::create_directories(planted + "/inside");
         EXPECT_NE(errorOfWriting(), "");
         EXPECT_EQ(contentsOf(path_), document("old"));
         std::filesystem::remove_all(planted);
     }
-    EXPECT_THAT(namesIn(folder_), ElementsAre("Settings.plist"));
 }
 
 TEST_F(InPlace, RefusesWhatIsNoRegularFileWithoutWaiting) {
@@ -243,7 +253,10 @@ TEST_F(InPlace, LeavesTheOldContentsOnAFullDisk) {
         for (const std::size_t length : {150'000U, 300'000U}) {
             const std::string after = document(std::string(length, 'y'));
             if (writeInPlace(path_, after, 0666, kProcess)) return false;
-            if (contentsOf(path_) != before || namesIn(folder_).size() != 1) return false;
+            if (contentsOf(path_) != before) return false;
+            if (std::filesystem::exists(sibling_) || std::filesystem::exists(sibling_ + ".part")) {
+                return false;
+            }
         }
         return static_cast<bool>(writeInPlace(path_, document("less"), 0666, kProcess));
     });
@@ -295,8 +308,8 @@ class Reading : public InPlace {
 
 TEST_F(Reading, RestoresATornFileFromItsSibling) {
     putContents(path_, std::string("\0", 1) + document("torn").substr(1, 20));
+    ASSERT_EQ(chmod(path_.c_str(), 0666), 0);
     putContents(sibling_, document("new"));
-    ASSERT_EQ(chmod(sibling_.c_str(), 0666), 0);
     const ino_t inode = statusOf(path_).st_ino;
     EXPECT_EQ(read(), PropertyList("new"));
     EXPECT_EQ(contentsOf(path_), document("new"));
@@ -310,11 +323,12 @@ TEST_F(Reading, IgnoresTheSiblingOfAFileThatParses) {
     putContents(sibling_, document("stale"));
     EXPECT_EQ(read(), PropertyList("old"));
     EXPECT_TRUE(write("new"));
-    EXPECT_THAT(namesIn(folder_), ElementsAre("Settings.plist"));
+    EXPECT_THAT(namesIn(folder_), ElementsAre(".Settings.plist.kept", "Settings.plist"));
 }
 
 TEST_F(Reading, DoesNotBringBackADeletedFile) {
     putContents(sibling_, document("stale"));
+    putContents(kept_, document("stale"));
     EXPECT_THAT(errorOfReading(), HasSubstr("No such file or directory"));
     EXPECT_TRUE(write("new"));
     EXPECT_THAT(namesIn(folder_), ElementsAre("Settings.plist"));
@@ -332,6 +346,15 @@ TEST_F(Reading, LeavesATornFileAsItIsWithoutASiblingToTrust) {
         [&] { ASSERT_EQ(mkfifo(sibling_.c_str(), 0666), 0); },
         [&] { std::filesystem::create_directory(sibling_); },
         [&] { putContents(sibling_ + ".part", document("part")); },
+        [&] {
+            putContents(sibling_, document("that anybody may have written"));
+            ASSERT_EQ(chmod(sibling_.c_str(), 0646), 0);
+        },
+        [&] {
+            putContents(sibling_, document("that a group may have written"));
+            ASSERT_EQ(chmod(sibling_.c_str(), 0664), 0);
+        },
+        [&] { putContents(kept_, document("of an hour ago")); },
         [&] {
             putContents(sibling_, document("of another"));
             if (geteuid() != 0 || chown(sibling_.c_str(), kNobody, kNobody) != 0) {

@@ -107,6 +107,15 @@ TEST_F(Edits, LeaveADamagedFileByteForByte) {
     }
 }
 
+TEST_F(Edits, LeaveAFileThatIsTooLargeForTheDaemon) {
+    std::filesystem::resize_file(file, std::uintmax_t{65} * 1024 * 1024);
+    EXPECT_EQ(run({"set", "usageEntryLimit", "20"}), 5);
+    EXPECT_THAT(err, HasSubstr("File too large"));
+    EXPECT_EQ(run({"status"}), 5);
+    EXPECT_THAT(err, HasSubstr("File too large"));
+    EXPECT_EQ(std::filesystem::file_size(file), std::uintmax_t{65} * 1024 * 1024);
+}
+
 TEST_F(Edits, RestoreAFileWhoseWriterDied) {
     const std::string whole = storedText();
     folder.write(".KorvaneProtection.plist.saving", whole);

@@ -85,10 +85,10 @@ TEST_F(LinuxFileSystemTest, ListsNamesOfEveryKind) {
     EXPECT_THAT(files.list("/folder"), testing::Optional(IsEmpty()));
     EXPECT_EQ(files.list("/a"), std::nullopt);
     EXPECT_EQ(files.list("/missing"), std::nullopt);
-    EXPECT_EQ(files.list("/link"), std::nullopt);
+    EXPECT_THAT(files.list("/link"), testing::Optional(IsEmpty()));
 }
 
-TEST_F(LinuxFileSystemTest, EnumeratesAFolderBeforeItsContentsAndFollowsNoLink) {
+TEST_F(LinuxFileSystemTest, EnumeratesAFolderBeforeItsContentsAndFollowsNoLinkInIt) {
     root.write("top/one/two/deep", "");
     root.write("elsewhere/secret", "");
     link("../elsewhere", "top/link");
@@ -100,7 +100,7 @@ TEST_F(LinuxFileSystemTest, EnumeratesAFolderBeforeItsContentsAndFollowsNoLink) 
     EXPECT_LT(at("one"), at("one/two"));
     EXPECT_LT(at("one/two"), at("one/two/deep"));
     EXPECT_THAT(files.enumerate("/missing"), IsEmpty());
-    EXPECT_THAT(files.enumerate("/top/link"), IsEmpty());
+    EXPECT_THAT(files.enumerate("/top/link"), UnorderedElementsAre("secret"));
 }
 
 TEST_F(LinuxFileSystemTest, GivesTheAttributesOfTheItemItself) {

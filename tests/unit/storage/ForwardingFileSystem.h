@@ -54,12 +54,6 @@ class ForwardingFileSystem : public FileSystem {
                                               mode_t permissions, Durability durability) override {
         return counted().changePropertyList(path, edit, permissions, durability);
     }
-    Result<std::monostate> changePropertyListInSteps(
-        const std::string& path, std::size_t steps,
-        const std::function<bool(PropertyList&, std::size_t step)>& edit, mode_t permissions,
-        Durability durability) override {
-        return counted().changePropertyListInSteps(path, steps, edit, permissions, durability);
-    }
     Result<std::string> readFile(const std::string& path, Writers writers) override {
         return counted().readFile(path, writers);
     }
