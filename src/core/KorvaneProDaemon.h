@@ -118,9 +118,16 @@ class KorvaneProDaemon final : public ControlTarget {
     std::unique_ptr<Timer> stepTimer_backup;  // starts the directory backup of one volume
     std::unique_ptr<Timer> stepTimer_smart;   // starts the SMART check of one drive
     std::unique_ptr<Timer> ostrandTimer;      // polls for the emergency volume
+    std::unique_ptr<Timer> loadTimer;         // loads settings that could not be read for a while
+    std::unique_ptr<Timer> saveTimer;         // writes settings that could not be, or not so soon
     // The tick that comes when a part of the work has failed, whatever else was to bring one.
     std::unique_ptr<StandbyTimer> tickAfterFailure{
         machine_.runLoop.makeStandbyTimer([this] { updateClock(); })};
+
+    // The settings as they are known to be on the disk (SettingsDigest.h), and the time since boot
+    // of the last write in microseconds.
+    std::optional<std::uint64_t> syncedSettings;
+    std::uint64_t lastWrite = 0;
 
     // The polls of launched copies that are pending, by number, each with its run.
     struct CopyPoll {
@@ -185,8 +192,12 @@ class KorvaneProDaemon final : public ControlTarget {
     void takePreferences(std::optional<Dictionary> document, EntryArrays arrays);
     // Forces every default over the document, takes it with the entries in memory, and writes.
     void createPreferences(Dictionary document);
-    // Puts the arrays into the dictionary and rewrites the file; failures are ignored.
+    // Has the settings loaded once more, after descriptors or memory were short.
+    void loadAgain();
+    // Puts the arrays into the dictionary and rewrites the file; what fails is tried again in a
+    // while, and nothing is said. A very large document is written every few seconds at most.
     void writePreferences();
+    void writeLater(std::chrono::microseconds delay);
     // The loaded dictionary with the arrays in it, as the file has it. Only while there is one.
     [[nodiscard]] std::string preferencesText();
     // Writes and asks for a tick in a second. False, having quit instead, when the support folder

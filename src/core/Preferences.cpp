@@ -7,14 +7,23 @@
 #include "base/PropertyListCodec.h"
 #include "core/DefaultPreferences.h"
 #include "core/KorvaneProDaemon.h"
+#include "core/SettingsDigest.h"
 #include "storage/DriveInventory.h"
 #include "storage/SupportFolder.h"
 
 namespace korvane {
 
+using std::chrono::microseconds;
 using std::chrono::seconds;
 
 namespace {
+
+// A document that large costs so much to write that its owner waits for the next state of it.
+constexpr std::size_t kLargeDocumentBytes = 1'000'000;
+constexpr seconds kLargeDocumentPause{10};
+// What stood in the way of a write or a load is looked at again after as long.
+constexpr seconds kFailedWriteRetry{60};
+constexpr seconds kLoadRetry{10};
 
 // Moves the array under the key out of the dictionary; one that is absent, or no array, is empty.
 PropertyListArray takeArray(Dictionary& dictionary, std::string_view key) noexcept {
@@ -56,6 +65,9 @@ class WholeDocument {
 }  // namespace
 
 void KorvaneProDaemon::loadPreferences() {
+    loadTimer.reset();
+    // What waited to be written gives way to what the file holds.
+    saveTimer.reset();
     std::optional<Dictionary> document = readPreferences();
     if (document && document->size() < kFewestPreferences) {
         createPreferences(std::move(*document));
@@ -68,11 +80,26 @@ std::optional<Dictionary> KorvaneProDaemon::readPreferences() {
     FileSystem& files = machine_.fileSystem;
     if (!files.exists(kSupportFolder) || !files.exists(kPreferencesFile)) return Dictionary{};
     Result<PropertyList> document = files.readPropertyList(kPreferencesFile);
-    if (document && document->dictionary()) return std::move(*document->dictionary());
+    if (document && document->dictionary()) {
+        logOnce.ended(kPreferencesFile);
+        return std::move(*document->dictionary());
+    }
     const std::string reason = document ? std::string(kPreferencesFile) + ": holds no dictionary"
                                         : document.error().message;
-    machine_.systemLog.write(LogMessage::settingsUnusable, {reason});
+    logOnce.write(kPreferencesFile, LogMessage::settingsUnusable, {reason});
+    if (!document && maySucceedLater(document.error())) {
+        loadTimer = machine_.runLoop.startTimer(kLoadRetry, Repeat::once, [this] { loadAgain(); });
+    }
     return std::nullopt;
+}
+
+void KorvaneProDaemon::loadAgain() {
+    // The start is still to come, and must not be taken for one that a reload replaces.
+    if (startupInProgress) {
+        loadPreferences();
+    } else {
+        preferencesUpdated();
+    }
 }
 
 void KorvaneProDaemon::takePreferences(std::optional<Dictionary> document, EntryArrays arrays) {
@@ -102,16 +129,43 @@ void KorvaneProDaemon::createPreferences(Dictionary document) {
 
 void KorvaneProDaemon::writePreferences() {
     if (!preferenceDictionary) return;
+    const WholeDocument document(*preferenceDictionary, driveArray, volumeArray);
+    const SettingsDigest digest = digestSettings(document.get());
+    const microseconds sinceLastWrite{
+        static_cast<std::int64_t>(machine_.clock.microsecondsSinceBoot() - lastWrite)};
+    if (digest.bytes > kLargeDocumentBytes && syncedSettings &&
+        sinceLastWrite < kLargeDocumentPause) {
+        writeLater(kLargeDocumentPause - sinceLastWrite);
+        return;
+    }
+    saveTimer.reset();
     FileSystem& files = machine_.fileSystem;
     if (!files.exists(kSupportFolder)) {
         // Nothing can be done about a failure here: the write below fails too, and the next save
         // that finds no folder ends the daemon.
         (void)files.createFolders(kSupportFolder, files.userName());
     }
-    // A failed write leaves the last complete state on disk, and the next one tries again.
-    const WholeDocument document(*preferenceDictionary, driveArray, volumeArray);
-    (void)files.writePropertyList(kPreferencesFile, document.get(), kSharedFilePermissions,
-                                  Durability::powerLoss);
+    // What somebody set must outlive a power cut; the checks find statuses and times again.
+    const bool isOnlyProgress = syncedSettings == digest.fingerprint;
+    const auto written =
+        files.writePropertyList(kPreferencesFile, document.get(), kSharedFilePermissions,
+                                isOnlyProgress ? Durability::process : Durability::powerLoss);
+    lastWrite = machine_.clock.microsecondsSinceBoot();
+    if (written) {
+        syncedSettings = digest.fingerprint;
+    } else {
+        // The last complete state stays on the disk.
+        syncedSettings.reset();
+        writeLater(kFailedWriteRetry);
+    }
+}
+
+void KorvaneProDaemon::writeLater(microseconds delay) {
+    if (saveTimer) return;
+    saveTimer = machine_.runLoop.startTimer(delay, Repeat::once, [this] {
+        saveTimer.reset();
+        if (machine_.fileSystem.isFolder(kSupportFolder)) writePreferences();
+    });
 }
 
 std::string KorvaneProDaemon::preferencesText() {

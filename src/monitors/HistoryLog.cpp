@@ -1,7 +1,7 @@
 // The history logs: one property list per drive or volume, a folder each, to which every check adds
 // its result. The main application reads them, and may rewrite them.
 
-#include <optional>
+#include <cerrno>
 #include <string>
 #include <utility>
 
@@ -45,20 +45,29 @@ const HistoryKind* historyKind(std::int16_t kind) {
     return nullptr;
 }
 
-// The document with the entry added: a new one where there is none that can be read, and then with
-// its one entry whatever the limit.
-Dictionary withEntry(std::optional<Dictionary> document, Dictionary entry, std::int64_t limit) {
-    if (!document) {
-        PropertyListArray entries;
-        entries.emplace_back(std::move(entry));
-        return Dictionary{{kLogEntries, std::move(entries)}};
+Dictionary newLog(const Dictionary& entry) {
+    return Dictionary{{kLogEntries, PropertyListArray{PropertyList(entry)}}};
+}
+
+// The document with the entry added; a new one, with its one entry whatever the limit, where there
+// is no dictionary.
+void addEntry(PropertyList& document, const Dictionary& entry, std::int64_t limit) {
+    Dictionary* log = document.dictionary();
+    if (!log) {
+        document = newLog(entry);
+        return;
     }
-    PropertyList* stored = document->find(kLogEntries);
+    PropertyList* stored = log->find(kLogEntries);
     PropertyListArray entries;
     if (stored && stored->array()) entries = std::move(*stored->array());
-    appendHistoryEntry(entries, std::move(entry), limit);
-    document->set(kLogEntries, std::move(entries));
-    return std::move(*document);
+    appendHistoryEntry(entries, entry, limit);
+    log->set(kLogEntries, std::move(entries));
+}
+
+// Whether nothing that could be read as a log can ever lie there, as long as what is there does: a
+// link, say, or a file of an absurd size.
+bool isForeign(const Error& error) {
+    return error.number == 0 || error.number == ELOOP || error.number == ENXIO;
 }
 
 }  // namespace
@@ -78,12 +87,25 @@ void KorvaneProDaemon::updateLog(std::int16_t kind, const Dictionary& logDict,
     if (!files.exists(folder)) (void)files.createFolders(folder, files.userName());
 
     const std::string path = folder + '/' + history->fileName;
-    Result<PropertyList> stored = files.readPropertyList(path);
-    std::optional<Dictionary> document;
-    if (stored && stored->dictionary()) document = std::move(*stored->dictionary());
-    (void)files.writePropertyList(
-        path, withEntry(std::move(document), logDict, integerValue(preference(history->limitKey))),
+    bool isRead = false;
+    const auto added = files.changePropertyList(
+        path,
+        [&](PropertyList& document) {
+            isRead = true;
+            addEntry(document, logDict, integerValue(preference(history->limitKey)));
+            return true;
+        },
         kSharedFilePermissions, Durability::process);
+    // For want of descriptors a good log must not be begun anew.
+    if (isRead || added || maySucceedLater(added.error())) return;
+    const auto begin = [&] {
+        return files.writePropertyList(path, newLog(logDict), kSharedFilePermissions,
+                                       Durability::process);
+    };
+    const auto begun = begin();
+    if (begun || !isForeign(begun.error())) return;
+    const auto attributes = files.attributes(path);
+    if (attributes && attributes->kind != ItemKind::folder && files.remove(path)) (void)begin();
 }
 
 }  // namespace korvane

@@ -138,6 +138,42 @@ TEST(HistoryLog, StartsAgainFromOneEntryWhenItCannotBeRead) {
     }
 }
 
+// What can never be read gives way to a log; what cannot be read now does not.
+TEST(HistoryLog, StartsAgainWhereALinkLies) {
+    Scenario s("one-volume");
+    const PropertyList limit(15);
+    putLimit(s, &limit);
+    const std::string theirs = formatPropertyList(logOf(2));
+    ASSERT_TRUE(s.machine().fileSystem.put("/home/somebody.plist", theirs));
+    ASSERT_TRUE(s.machine().fileSystem.putLink(usageLogPath("Data"), "/home/somebody.plist"));
+    s.run(minutes(6));
+    EXPECT_THAT(s.historyLog("Data"), SizeIs(2));
+    EXPECT_EQ(s.machine().fileSystem.attributes(usageLogPath("Data"))->kind, ItemKind::file);
+    EXPECT_EQ(s.machine().fileSystem.bytes("/home/somebody.plist"), theirs);
+}
+
+TEST(HistoryLog, WaitsForDescriptorsRatherThanStartAgain) {
+    Scenario s("one-volume");
+    const PropertyList limit(15);
+    putLimit(s, &limit);
+    putLog(s, formatPropertyList(logOf(3)));
+    s.machine().fileSystem.setUnreadableFile(usageLogPath("Data"));
+    s.run(minutes(1));
+    EXPECT_THAT(numbersIn(s), ElementsAre(1, 2, 3));
+    s.machine().fileSystem.setUnreadableFile("");
+    s.run(minutes(5));
+    EXPECT_THAT(numbersIn(s), ElementsAre(1, 2, 3, 0));
+}
+
+TEST(HistoryLog, LeavesAFolderInItsPlace) {
+    Scenario s("one-volume");
+    const PropertyList limit(15);
+    putLimit(s, &limit);
+    ASSERT_TRUE(s.machine().fileSystem.put(usageLogPath("Data") + "/inside", "kept"));
+    s.run(minutes(1));
+    EXPECT_EQ(s.machine().fileSystem.bytes(usageLogPath("Data") + "/inside"), "kept");
+}
+
 TEST(HistoryLog, WithoutAListCountsAsEmptyAndKeepsItsOtherKeys) {
     for (const Dictionary& document :
          {Dictionary{{"note", "kept"}}, Dictionary{{"logEntries", "a text"}, {"note", "kept"}}}) {

@@ -58,7 +58,7 @@ TEST_P(UnreadablePreferences, StayUntouchedByteForByte) {
     EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
 }
 
-TEST_P(UnreadablePreferences, AreNamedInTheLogOnceALoad) {
+TEST_P(UnreadablePreferences, AreNamedInTheLogOnce) {
     Scenario s("two-volumes");
     ASSERT_TRUE(s.machine().fileSystem.put(kPreferencesFile, GetParam().second));
     s.start();
@@ -71,8 +71,14 @@ TEST_P(UnreadablePreferences, AreNamedInTheLogOnceALoad) {
                                        std::string(kPreferencesFile) + ": "));
     EXPECT_EQ(line->text.find(kPreferencesFile), line->text.rfind(kPreferencesFile));
     EXPECT_THAT(line->text, EndsWith("."));
-    s.run(hours(1));
-    EXPECT_EQ(countOf(s, LogLevel::error), 2u);  // the second stage loads once more
+    s.run(hours(1)).send("daemonPreferencesUpdatedNotification").run(hours(1));
+    EXPECT_EQ(countOf(s, LogLevel::error), 1u);
+    // Once more when they have been good in between.
+    putPreferences(s, completePreferences());
+    s.send("daemonPreferencesUpdatedNotification").run(seconds(1));
+    ASSERT_TRUE(s.machine().fileSystem.put(kPreferencesFile, GetParam().second));
+    s.send("daemonPreferencesUpdatedNotification").run(seconds(1));
+    EXPECT_EQ(countOf(s, LogLevel::error), 2u);
 }
 
 TEST_P(UnreadablePreferences, GiveWayToTheNextGoodOnes) {
@@ -176,13 +182,27 @@ TEST(FailingWrites, LeaveTheChecksAtWorkAndAreMadeUpForLater) {
     Scenario s("two-volumes");
     s.run(minutes(1));
     const Dictionary before = s.preferences();
-    s.failNextWrites(8);
-    s.run(minutes(5));
+    const std::size_t lines = s.log().size();
+    s.failNextWrites(1000);
+    s.run(minutes(12));
     EXPECT_EQ(textOf(s.preferences()), textOf(before));  // the last good state stands
     EXPECT_FALSE(s.hasEnded());
-    s.run(minutes(15));
+    EXPECT_EQ(s.log().size(), lines);  // and not a word
+    s.failNextWrites(0);
+    s.run(minutes(1));  // sooner than any check
     EXPECT_NE(textOf(s.preferences()), textOf(before));
+    s.run(minutes(15));
     EXPECT_GE(usageResultsIn(s, "Data").size(), 3u);
+}
+
+// In every place that writes settings or a history: the start, the checks, the inventories.
+TEST(FailingWrites, AreNotLogged) {
+    Scenario good("two-volumes");
+    good.run(hours(1));
+    Scenario failing("two-volumes");
+    failing.run(seconds(0)).failNextWrites(100'000);
+    failing.run(hours(1));
+    EXPECT_EQ(failing.log(), good.log());
 }
 
 TEST(FailingWrites, OnAFullDiskCostNothingButTheSaves) {
@@ -222,6 +242,103 @@ TEST(FailingWrites, OfTheFirstDefaultsAreNoReasonToEnd) {
     // The first tick finds no folder: then it is time.
     s.run(seconds(1));
     EXPECT_TRUE(s.hasEnded());
+}
+
+TEST(SettingsThatCannotBeReadNow, AreLoadedWhenTheyCan) {
+    Scenario s("two-volumes");
+    putPreferences(s, completePreferences());
+    s.machine().fileSystem.setUnreadableFile(kPreferencesFile);
+    s.run(minutes(10));
+    EXPECT_EQ(countOf(s, LogLevel::error), 1u);
+    EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
+    EXPECT_EQ(s.preferenceWrites(), 0u);
+    s.machine().fileSystem.setUnreadableFile("");
+    s.run(seconds(30));
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed"));
+}
+
+// The start that is pending stays so, and no check comes before it.
+TEST(SettingsThatCannotBeReadNow, DoNotReplaceTheStart) {
+    MachineDescription description = Scenario::describe("two-volumes");
+    description.uptime = seconds(30);
+    Scenario s(description);
+    putPreferences(s, completePreferences());
+    s.machine().fileSystem.setUnreadableFile(kPreferencesFile);
+    s.run(seconds(15));
+    s.machine().fileSystem.setUnreadableFile("");
+    s.run(seconds(74));
+    EXPECT_THAT(usageResultsIn(s, "Data"), IsEmpty());
+    s.run(seconds(30));
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed"));
+}
+
+// Nothing is known of the settings then, but what was derived from the last good ones.
+TEST(FailedReload, KeepsWhatWasDerivedFromTheSettingsBefore) {
+    Scenario s("two-volumes");
+    Dictionary preferences = completePreferences();
+    preferences.set("directoryBackupLocations", PropertyListArray{"/Volumes/Data"});
+    putPreferences(s, preferences);
+    s.run(seconds(1));
+    const std::string off = volumeFolder("System") + "/DirectoryBackup (OFF)";
+    ASSERT_TRUE(s.machine().fileSystem.exists(off));
+    ASSERT_TRUE(s.machine().fileSystem.put(kPreferencesFile, "no property list"));
+    s.send("daemonPreferencesUpdatedNotification").run(seconds(1));
+    EXPECT_TRUE(s.machine().fileSystem.exists(off));
+}
+
+// The machine finds statuses and due times again, but nobody a setting.
+TEST(Saves, AreSyncedWhenASettingOrAnInventoryChanged) {
+    Scenario s("two-volumes");
+    putPreferences(s, completePreferences());
+    s.run(minutes(1));
+    const auto syncs = [&s] {
+        const std::string text = s.machine().journal.text();
+        const std::string line = "write and sync " + std::string(kPreferencesFile);
+        std::size_t count = 0;
+        for (auto at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) {
+            ++count;
+        }
+        return count;
+    };
+    const std::size_t atStart = syncs();
+    const std::uint64_t writes = s.preferenceWrites();
+    ASSERT_GT(atStart, 0u);
+    s.run(minutes(20));  // checks alone
+    EXPECT_GT(s.preferenceWrites(), writes);
+    EXPECT_EQ(syncs(), atStart);
+    s.mount("/Volumes/New").run(seconds(10));
+    EXPECT_GT(syncs(), atStart);
+    const std::size_t afterMount = syncs();
+    s.editPreferences([](Dictionary& settings) { settings.set("trashSaveDays", 9); });
+    s.send("daemonPreferencesUpdatedNotification").run(minutes(6));
+    EXPECT_GT(syncs(), afterMount);
+}
+
+TEST(LargeSettings, AreWrittenEveryTenSecondsAtMost) {
+    const auto writesIn20Minutes = [](std::size_t noteBytes) {
+        Scenario s("two-volumes");
+        Dictionary preferences = completePreferences();
+        preferences.set("note", std::string(noteBytes, 'n'));
+        PropertyListArray volumes;
+        for (const char* const path : {"/", "/Volumes/Data"}) {
+            volumes.emplace_back(
+                Dictionary{{"volumeMountToName", path}, {"executionIntervalUsage_seconds", 2}});
+        }
+        preferences.set("volumeArray", std::move(volumes));
+        putPreferences(s, preferences);
+        s.run(minutes(1));
+        const std::uint64_t before = s.preferenceWrites();
+        s.run(minutes(20));
+        // The last state is written all the same.
+        s.editVolumeEntry("/", [](Dictionary&) {});
+        EXPECT_GT(executionTimeUsageIn(s, "/"), s.secondsNow() - 15);
+        return s.preferenceWrites() - before;
+    };
+    const std::uint64_t small = writesIn20Minutes(10);
+    const std::uint64_t large = writesIn20Minutes(2'000'000);
+    EXPECT_GT(small, 300u);
+    EXPECT_LE(large, 121u);
+    EXPECT_GT(large, 100u);
 }
 
 // However far a write had come, the next start reads the old contents or the new.
