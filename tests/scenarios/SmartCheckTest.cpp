@@ -494,7 +494,7 @@ TEST(SmartCheck, WritesItsLogBeforeItSaves) {
     Scenario s(oneDrive());
     s.run(seconds(11));
     const std::string journal = s.machine().journal.text();
-    const auto result = journal.find("write " + std::string(kSupportFolder) +
+    const auto result = journal.find("write and sync " + std::string(kSupportFolder) +
                                      "/Castor 500 - CST1/Smart Check.plist");
     ASSERT_NE(result, std::string::npos) << journal;
     EXPECT_NE(journal.find("KorvaneProtection.plist", result), std::string::npos);
