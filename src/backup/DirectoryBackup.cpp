@@ -80,16 +80,31 @@ void KorvaneProDaemon::launchDirectoryBackup(std::size_t index, const std::strin
     const std::string helper = machine_.bundle.plugIn(kBackupHelper);
     if (helper.empty()) return;
     directoryOffset = index;
-    directoryActive = true;
-    ++directoryRun;
-    machine_.processes.setTaskDidTerminate(
-        [this](const Task& task) { directoryTaskTerminateNotification(task); });
     dirBackupFilePath = volumeFolder(displayName) + '/' + backupFileName(machine_.clock.now());
     directoryPipeTask = machine_.processes.launch(
         helper, {kHelperWord, dirBackupFilePath, machine_.volumes.pathBytes(path)});
-    if (directoryPipeTask) return;
-    machine_.processes.setTaskDidTerminate(nullptr);
-    dirBackupFilePath.clear();
+    if (!directoryPipeTask) {
+        dirBackupFilePath.clear();
+        return;
+    }
+    // After all that may fail: a run that is noted and does not run would keep all others waiting.
+    directoryActive = true;
+    ++directoryRun;
+    machine_.processes.setTaskDidTerminate([this](const Task& task) {
+        const bool hasEnded = carryOut("the end of a directory backup",
+                                       [&] { directoryTaskTerminateNotification(task); });
+        if (!hasEnded) endFailedBackup();
+    });
+}
+
+// Its copies go on. While one of them is polled, the poll ends the run.
+void KorvaneProDaemon::endFailedBackup() {
+    directoryPipeTask.reset();
+    const bool isPolled = std::any_of(copyPolls.begin(), copyPolls.end(), [this](const auto& poll) {
+        return poll.second.run == directoryRun;
+    });
+    if (isPolled) return;
+    cpTask.reset();
     directoryActive = false;
 }
 
@@ -200,9 +215,15 @@ void KorvaneProDaemon::writeSettingsCopy(const std::string& location, const Plac
 }
 
 void KorvaneProDaemon::scheduleCopyPoll(std::uint64_t number, std::uint64_t run) {
-    copyPolls[number] = CopyPoll{
-        run, machine_.runLoop.startTimer(kCopyPollInterval, Repeat::once,
-                                         [this, number] { checkCopyTaskComplete(number); })};
+    copyPolls[number] =
+        CopyPoll{run, machine_.runLoop.startTimer(kCopyPollInterval, Repeat::once,
+                                                  [this, number] { pollCopy(number); })};
+}
+
+void KorvaneProDaemon::pollCopy(std::uint64_t number) {
+    if (carryOut("waiting for a copy", [&] { checkCopyTaskComplete(number); })) return;
+    copyPolls.erase(number);
+    endFailedBackup();
 }
 
 void KorvaneProDaemon::checkCopyTaskComplete(std::uint64_t number) {

@@ -122,7 +122,7 @@ class KorvaneProDaemon final : public ControlTarget {
     std::unique_ptr<Timer> saveTimer;         // writes settings that could not be, or not so soon
     // The tick that comes when a part of the work has failed, whatever else was to bring one.
     std::unique_ptr<StandbyTimer> tickAfterFailure{
-        machine_.runLoop.makeStandbyTimer([this] { updateClock(); })};
+        machine_.runLoop.makeStandbyTimer([this] { tickAfterFailureIsDue(); })};
 
     // The settings as they are known to be on the disk (SettingsDigest.h), and the time since boot
     // of the last write in microseconds.
@@ -239,6 +239,7 @@ class KorvaneProDaemon final : public ControlTarget {
     }
     void goOnAfterFailure(std::string_view part, std::string_view reason) noexcept;
     void armTickAfterFailure() noexcept;
+    void tickAfterFailureIsDue();
     // The wall clock has been set.
     void clockDidStep(std::chrono::microseconds step);
     [[nodiscard]] bool runningOnBattery();
@@ -350,6 +351,9 @@ class KorvaneProDaemon final : public ControlTarget {
     // At the top of the location's volume, where it is missing.
     void writeSettingsCopy(const std::string& location, const Place& place);
     void scheduleCopyPoll(std::uint64_t number, std::uint64_t run);
+    void pollCopy(std::uint64_t number);
+    // What failed at the end of a run leaves no run behind that never ends.
+    void endFailedBackup();
     // One poll: when the copy has ended, or there is none, the copying of its run is over.
     void checkCopyTaskComplete(std::uint64_t number);
     // Ends the helper and removes what it has written.

@@ -61,7 +61,7 @@ void KorvaneProDaemon::awakeFromNib() {
     loadPreferences();
     // Before any word can have the trash watched.
     machine_.directoryWatch.setDidFindOut([this] { didFindOut(); });
-    takeUpSearches();
+    carryOut("taking up searches", [this] { takeUpSearches(); });
 
     armOstrandTimer(seconds(2));
 

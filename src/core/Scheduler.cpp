@@ -83,6 +83,16 @@ void KorvaneProDaemon::goOnAfterFailure(std::string_view part, std::string_view 
 
 void KorvaneProDaemon::armTickAfterFailure() noexcept { tickAfterFailure->arm(kDelayAfterFailure); }
 
+// A tick before the delayed start would take its timer away.
+void KorvaneProDaemon::tickAfterFailureIsDue() {
+    const microseconds sinceBoot(machine_.clock.microsecondsSinceBoot());
+    if (startupInProgress && startUpDelay(sinceBoot) > seconds(0)) {
+        armTickAfterFailure();
+    } else {
+        updateClock();
+    }
+}
+
 void KorvaneProDaemon::endFailedCheck(PropertyListArray& entries, std::size_t index,
                                       const CheckKeys& keys) {
     carryOut("ending a failed check", [&] {

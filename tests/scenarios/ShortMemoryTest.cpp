@@ -2,6 +2,7 @@
 // are never destroyed by it, in memory or in the file. There the files are real ones, so that the
 // daemon's own way to write them is what runs out. Nor does it end the schedule, or a start.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -15,6 +16,7 @@
 #include "core/KorvaneProDaemon.h"
 #include "platform/linux/LinuxFileSystem.h"
 #include "platform/simulated/SimulatedMachine.h"
+#include "scenarios/BackupBed.h"
 #include "scenarios/DaemonFiles.h"
 #include "storage/SupportFolder.h"
 #include "support/FailingAllocations.h"
@@ -158,6 +160,19 @@ void expectToBeAtWork(Scenario& s, int allocation) {
         << "after allocation " << allocation;
 }
 
+// As the loop of a real machine does, goes on with the next callback after one that failed.
+void runOnShortMemory(Scenario& s, seconds duration) {
+    for (const double until = s.secondsNow() + static_cast<double>(duration.count());
+         s.secondsNow() < until;) {
+        try {
+            s.machine().runLoop.runFor(seconds(1));
+        } catch (const std::bad_alloc&) {
+            // What could not be begun is tried again, as a loop does; time goes by.
+            s.machine().clock.advance(std::chrono::milliseconds(100));
+        }
+    }
+}
+
 // The same for a whole simulated machine, from a moment of its life on.
 void failEachAllocationFrom(Shortage shortage, seconds begin, seconds end) {
     int allocation = 0;
@@ -169,16 +184,7 @@ void failEachAllocationFrom(Shortage shortage, seconds begin, seconds end) {
         if (begin > seconds(0)) s.run(begin);
         {
             const FailingAllocations failing(++allocation, shortage);
-            // As the loop of a real machine does, go on with the next callback.
-            for (const double until = s.secondsNow() + static_cast<double>((end - begin).count());
-                 s.secondsNow() < until;) {
-                try {
-                    s.machine().runLoop.runFor(seconds(1));
-                } catch (const std::bad_alloc&) {
-                    // What could not be begun is tried again, as a loop does; time goes by.
-                    s.machine().clock.advance(std::chrono::milliseconds(100));
-                }
-            }
+            runOnShortMemory(s, end - begin);
             isThrough = FailingAllocations::count() < allocation;
         }
         expectToBeAtWork(s, allocation);
@@ -193,6 +199,56 @@ TEST_P(ShortMemory, InTheStartLeavesADaemonAtWork) {
 // Second 10 brings the first checks of the volumes and of the drive.
 TEST_P(ShortMemory, InTicksAndChecksLeavesADaemonAtWork) {
     failEachAllocationFrom(GetParam(), seconds(9), seconds(14));
+}
+
+void endAllPrograms(Scenario& s) {
+    const auto launches = s.machine().processes.launches();
+    for (std::size_t launch = 0; launch < launches.size(); ++launch) {
+        if (launches[launch].isRunning) s.machine().processes.kill(launch);
+    }
+}
+
+// A backup is due every minute. Memory runs out from the launch of its helper on, or from the end
+// of the helper on; the programs end when memory is there again.
+enum class BackupPhase { launch, end };
+
+void failEachAllocationOfABackup(Shortage shortage, BackupPhase phase) {
+    int allocation = 0;
+    for (bool isThrough = false; !isThrough && !testing::Test::HasFailure();) {
+        BackupBed s;
+        s.putSettings({BackupBed::kSystem, BackupBed::kBackup}, [](Dictionary& data) {
+            data.set("executionIntervalDirectory_hours", 0);
+            data.set("executionIntervalDirectory_minutes", 1);
+        });
+        s.helperTakes(std::nullopt);
+        s.copyTakes(std::nullopt);
+        s.start().run(seconds(0));
+        if (phase == BackupPhase::end) {
+            s.run(seconds(2));
+            s.put(s.helpers().at(0).arguments.at(1), "the folders");
+            endAllPrograms(s);
+        }
+        {
+            const FailingAllocations failing(++allocation, shortage);
+            runOnShortMemory(s, seconds(8));
+            isThrough = FailingAllocations::count() < allocation;
+        }
+        endAllPrograms(s);
+        s.helperTakes(seconds(1));
+        s.copyTakes(seconds(1));
+        const std::size_t soFar = s.helpers().size();
+        s.run(minutes(4));
+        ASSERT_GT(s.helpers().size(), soFar) << "after allocation " << allocation;
+    }
+    ASSERT_GT(allocation, 100);
+}
+
+TEST_P(ShortMemory, AtTheLaunchOfABackupKeepsNoOtherWaiting) {
+    failEachAllocationOfABackup(GetParam(), BackupPhase::launch);
+}
+
+TEST_P(ShortMemory, AtTheEndOfABackupKeepsNoOtherWaiting) {
+    failEachAllocationOfABackup(GetParam(), BackupPhase::end);
 }
 
 INSTANTIATE_TEST_SUITE_P(Allocations, ShortMemory,
