@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -49,7 +50,10 @@ class NoLog final : public SystemLog {
 };
 class NoDialogs final : public AlertDialogs {
   public:
-    std::unique_ptr<AlertDialog> show(const Alert& /*alert*/) override { return nullptr; }
+    std::unique_ptr<AlertDialog> show(const Alert& /*alert*/,
+                                      std::unique_ptr<AlertDialog> /*replaced*/) override {
+        return nullptr;
+    }
 };
 class NoProcesses final : public Processes {
   public:
@@ -61,6 +65,11 @@ class NoProcesses final : public Processes {
     void watchApplication(std::string_view /*beginning*/, const std::string& /*told*/) override {}
     std::unique_ptr<Task> launch(const std::string& /*path*/,
                                  const std::vector<std::string>& /*arguments*/) override {
+        return nullptr;
+    }
+    std::unique_ptr<Task> launchCopy(const std::string& /*path*/,
+                                     const std::vector<std::string>& /*arguments*/,
+                                     const std::optional<CopyPlaces>& /*places*/) override {
         return nullptr;
     }
     void setTaskDidTerminate(std::function<void(const Task&)> /*told*/) override {}
