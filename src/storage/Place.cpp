@@ -87,12 +87,15 @@ class PlaceWalk {
             if (!isOwn_ || isShared_)
                 return refuse("its path leads back through folders of others");
             if (passed_.size() > 1) passed_.pop_back();
-            return {};
+            return judge(ahead_.empty());  // what is known is of the folder that was left
         }
         const std::string path = (passed_.size() == 1 ? "" : current().path()) + '/' + name;
-        const MountEntry* const mount = isOwn_ ? volumes_.mountAt(path) : nullptr;
+        const MountEntry* const mount = volumes_.mountAt(path);
         if (mount && !isOfThisMachine(*mount)) {
             return refuse(fmt::format("\"{}\" is not on a disk of this machine", path));
+        }
+        if (mount && !isOwn_) {
+            return refuse(fmt::format("\"{}\" is mounted below a folder of somebody else", path));
         }
         // What the table does not show may have been mounted since: then it is not asked.
         auto folder = current().open(name, mount ? Mounts::crossed : Mounts::refused);
@@ -136,6 +139,11 @@ class PlaceWalk {
     }
 
     Step goInto(const std::string& name, MissingFolders missing) {
+        // Before it is entered: a dead server would hang the loop.
+        const std::string path = (passed_.size() == 1 ? "" : current().path()) + '/' + name;
+        if (volumes_.mountAt(path)) {
+            return refuse(fmt::format("something is mounted at its folder \"{}\"", name));
+        }
         std::unique_ptr<Folder> folder = current().open(name, Mounts::refused);
         if (!folder && missing == MissingFolders::make && current().make(name)) {
             folder = current().open(name, Mounts::refused);

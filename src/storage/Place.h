@@ -31,6 +31,7 @@ enum class MissingFolders { leave, make };
 // is no such folder or `inner` cannot be made; an error, in words for the log, when the place is
 // not to be used:
 // - a mount on the way is not of this machine's disks or memory: a dead server would hang the loop;
+// - a mount is below a folder of somebody else, or at a folder of `inner`;
 // - a link on the way could be another one the next moment;
 // - others may write in a folder on the way, so that it is anybody's;
 // - a folder of `inner` belongs to another account than the one whose rights are used.
