@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 
+#include "base/PropertyListFile.h"
 #include "storage/Place.h"
 #include "storage/SupportFolder.h"
 
@@ -15,6 +16,8 @@ constexpr std::uint32_t kRootAccount = 0;
 void repairBelow(Folder& item) {
     bool isOver = false;
     walk(item, [&](Folder& parent, const std::string& name, const std::string&) {
+        // A copy that everybody may write would be of no use.
+        if (isCopyOfPropertyList(name)) return Into::no;
         const std::optional<ItemAttributes> found =
             isOver ? std::nullopt : parent.attributesOf(name);
         if (!found) return Into::no;

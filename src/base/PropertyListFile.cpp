@@ -127,7 +127,9 @@ bool isCopyDue(const PropertyListTarget& target) {
     timespec now{};
     (void)clock_gettime(CLOCK_REALTIME, &now);  // Cannot fail for this clock.
     const time_t age = now.tv_sec - status.st_mtim.tv_sec;
-    return !S_ISREG(status.st_mode) || age < 0 || age >= kLongestUnsyncedSeconds;
+    // What others may write is not restored from.
+    return !S_ISREG(status.st_mode) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 || age < 0 ||
+           age >= kLongestUnsyncedSeconds;
 }
 
 // The space first: on a full disk the old contents then stand for every reader. Where space cannot
@@ -200,6 +202,10 @@ std::string savingSiblingOf(const std::string& path) {
 
 std::string keptCopyOf(const std::string& path) {
     return path.substr(0, path.rfind('/') + 1) + PropertyListPlace(path).kept;
+}
+
+bool isCopyOfPropertyList(std::string_view name) {
+    return name.starts_with('.') && (name.ends_with(kSavingEnd) || name.ends_with(kKeptEnd));
 }
 
 Result<PropertyListTarget> openTarget(const std::string& path) {

@@ -27,6 +27,8 @@ enum class Durability {
 // that stays: a copy of earlier contents, an hour old at most, that is on the disk.
 [[nodiscard]] std::string savingSiblingOf(const std::string& path);
 [[nodiscard]] std::string keptCopyOf(const std::string& path);
+// Whether the name is that of such a file. Nobody but the daemon's user may write one.
+[[nodiscard]] bool isCopyOfPropertyList(std::string_view name);
 
 // Rewrites the regular file at `path` in place (or creates it) and gives it the permissions `mode`
 // whatever the umask. On an error the old contents stand, or the next read restores the new ones.

@@ -18,8 +18,8 @@ PropertyListPlace::PropertyListPlace(const std::string& wholePath) : path(wholeP
     const std::size_t slash = path.rfind('/');
     folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
     name = slash == std::string::npos ? path : path.substr(slash + 1);
-    sibling = "." + name + ".saving";
-    kept = "." + name + ".kept";
+    sibling = "." + name + std::string(kSavingEnd);
+    kept = "." + name + std::string(kKeptEnd);
     part = sibling + ".part";
 }
 

@@ -33,6 +33,10 @@ class OpenFile {
     int fd_;
 };
 
+// What the names of the hidden files beside a document end with.
+inline constexpr std::string_view kSavingEnd = ".saving";
+inline constexpr std::string_view kKeptEnd = ".kept";
+
 // The path cut into its folder and the names used in it. All names are looked up in one folder that
 // is opened once, so that nobody can exchange the folder between two steps.
 struct PropertyListPlace {

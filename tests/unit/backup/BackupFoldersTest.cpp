@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "backup/BackupFolders.h"
+#include "base/PropertyListFile.h"
 #include "platform/simulated/SimulatedMachine.h"
 
 namespace korvane {
@@ -36,6 +37,18 @@ TEST_F(BackupFolders, AreOpenedToEverybodyBelowEachItem) {
     // The items at the top are nobody's descendants but the folder's own.
     EXPECT_EQ(permissions("/S/top file"), 0600U);
     EXPECT_NE(permissions("/S/Data"), 0666U);
+}
+
+TEST_F(BackupFolders, KeepTheCopiesOfDocumentsClosed) {
+    put("/S/Data/Volume Usage.plist");
+    const std::string kept = keptCopyOf("/S/Data/Volume Usage.plist");
+    const std::string saving = savingSiblingOf("/S/Data/Volume Usage.plist");
+    put(kept);
+    put(saving);
+    repairPermissions(files_, machine_.volumes, "/S");
+    EXPECT_EQ(permissions("/S/Data/Volume Usage.plist"), 0666U);
+    EXPECT_EQ(permissions(kept), 0600U);
+    EXPECT_EQ(permissions(saving), 0600U);
 }
 
 TEST_F(BackupFolders, AreOpenedUpToTheFirstThatIsNotRoots) {
