@@ -249,7 +249,9 @@ ResolvedNode LinuxDirectoryWatch::resolveOne(const SeenItem& item, Folders& fold
     if (const auto known = foundOut_.find(number); known != foundOut_.end()) {
         const ResolvedNode& node = known->second;
         const bool stillStands = node.state != NodeState::found || isAt(bytesOfText(node.path));
-        if (stillStands) return node;
+        // Where it was found another item is by now. It is not sought again by the question that
+        // follows a search, which would go on for ever; the next scan asks again.
+        return stillStands ? node : ResolvedNode{};
     }
     // The way that led to the folder first; what another mount of the volume shows, too.
     for (const std::string& root : {place.volume->mountPoint, place.volume->info.root.rootPath}) {
