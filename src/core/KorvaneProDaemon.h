@@ -56,6 +56,9 @@ class KorvaneProDaemon final : public ControlTarget {
 
     // Life cycle. From awakeFromNib() to the end of doStartup().
     bool startupInProgress = false;
+    // The statuses of before this start are reset. Not so where the settings could not be read
+    // then.
+    bool areEntriesMarked = false;
 
     // Flags of the running checks, told to the main application.
     bool smartActive = false;   // a SMART check is due or runs
@@ -167,6 +170,7 @@ class KorvaneProDaemon final : public ControlTarget {
 
     // Second stage, two minutes after boot at the earliest.
     void doStartup();
+    void markNotYetExamined();
     void applicationWillBecomeActive();
     void applicationWillTerminate();
     void removeObservers();

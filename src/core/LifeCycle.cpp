@@ -24,19 +24,6 @@ constexpr std::string_view kMainApplication = "com.quorlen.korvanepro";
 // The beginning of the main application's process name; its version follows the blank.
 constexpr std::string_view kMainProcess = "Korvane Pro ";
 
-// What the last run of the daemon found is not known to be so any more.
-void markNotYetExamined(PropertyListArray& driveArray, PropertyListArray& volumeArray) {
-    for (PropertyList& element : driveArray) {
-        if (auto drive = DriveEntry::over(element)) drive->setSmartStatus(kStatusNotExamined);
-    }
-    for (PropertyList& element : volumeArray) {
-        if (auto volume = VolumeEntry::over(element)) {
-            volume->setDirectoryStatus(kStatusNotExamined);
-            volume->setUsageStatus(kStatusNotExamined);
-        }
-    }
-}
-
 }  // namespace
 
 KorvaneProDaemon::KorvaneProDaemon(const Machine& machine) : machine_(machine) {}
@@ -79,7 +66,7 @@ void KorvaneProDaemon::doStartup() {
     carryOut("loading the settings", [this] { loadPreferences(); });
     refreshInventories(DriveProbe::smart);
     carryOut("watching the trash", [this] { setupTrashRetainer(false); });
-    carryOut("marking entries", [this] { markNotYetExamined(driveArray, volumeArray); });
+    carryOut("marking entries", [this] { markNotYetExamined(); });
     carryOut("saving the settings", [this] { writePreferences(); });
 
     machine_.processes.setDidTerminateApplication([this](const std::string& identifier) {
@@ -92,6 +79,20 @@ void KorvaneProDaemon::doStartup() {
 
     carryOut("arming a tick", [this] { armClockTimer(seconds(1)); });
     startupInProgress = false;
+}
+
+// What the last run of the daemon found is not known to be so any more.
+void KorvaneProDaemon::markNotYetExamined() {
+    for (PropertyList& element : driveArray) {
+        if (auto drive = DriveEntry::over(element)) drive->setSmartStatus(kStatusNotExamined);
+    }
+    for (PropertyList& element : volumeArray) {
+        if (auto volume = VolumeEntry::over(element)) {
+            volume->setDirectoryStatus(kStatusNotExamined);
+            volume->setUsageStatus(kStatusNotExamined);
+        }
+    }
+    areEntriesMarked = preferenceDictionary.has_value();
 }
 
 void KorvaneProDaemon::applicationWillBecomeActive() {

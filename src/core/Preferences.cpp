@@ -65,7 +65,6 @@ class WholeDocument {
 }  // namespace
 
 void KorvaneProDaemon::loadPreferences() {
-    loadTimer.reset();
     // What waited to be written gives way to what the file holds.
     saveTimer.reset();
     std::optional<Dictionary> document = readPreferences();
@@ -78,17 +77,25 @@ void KorvaneProDaemon::loadPreferences() {
 
 std::optional<Dictionary> KorvaneProDaemon::readPreferences() {
     FileSystem& files = machine_.fileSystem;
-    if (!files.exists(kSupportFolder) || !files.exists(kPreferencesFile)) return Dictionary{};
+    if (!files.exists(kSupportFolder) || !files.exists(kPreferencesFile)) {
+        loadTimer.reset();
+        return Dictionary{};
+    }
     Result<PropertyList> document = files.readPropertyList(kPreferencesFile);
     if (document && document->dictionary()) {
         logOnce.ended(kPreferencesFile);
+        loadTimer.reset();
         return std::move(*document->dictionary());
     }
     const std::string reason = document ? std::string(kPreferencesFile) + ": holds no dictionary"
                                         : document.error().message;
     logOnce.write(kPreferencesFile, LogMessage::settingsUnusable, {reason});
-    if (!document && maySucceedLater(document.error())) {
-        loadTimer = machine_.runLoop.startTimer(kLoadRetry, Repeat::once, [this] { loadAgain(); });
+    if (document || !maySucceedLater(document.error())) {
+        loadTimer.reset();
+    } else if (!loadTimer) {
+        loadTimer = machine_.runLoop.startTimer(kLoadRetry, Repeat::every, [this] {
+            carryOut("loading the settings again", [this] { loadAgain(); });
+        });
     }
     return std::nullopt;
 }
@@ -97,8 +104,12 @@ void KorvaneProDaemon::loadAgain() {
     // The start is still to come, and must not be taken for one that a reload replaces.
     if (startupInProgress) {
         loadPreferences();
-    } else {
-        preferencesUpdated();
+        return;
+    }
+    preferencesUpdated();
+    if (preferenceDictionary && !areEntriesMarked) {
+        markNotYetExamined();
+        writePreferences();
     }
 }
 
@@ -164,7 +175,9 @@ void KorvaneProDaemon::writeLater(microseconds delay) {
     if (saveTimer) return;
     saveTimer = machine_.runLoop.startTimer(delay, Repeat::once, [this] {
         saveTimer.reset();
-        if (machine_.fileSystem.isFolder(kSupportFolder)) writePreferences();
+        carryOut("saving the settings later", [this] {
+            if (machine_.fileSystem.isFolder(kSupportFolder)) writePreferences();
+        });
     });
 }
 

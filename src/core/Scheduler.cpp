@@ -184,7 +184,8 @@ void KorvaneProDaemon::setOutTimer() {
 // At once, so that a daemon that ends now leaves nothing that is due years ahead.
 void KorvaneProDaemon::clockDidStep(microseconds step) {
     moveDueTimes(volumeArray, driveArray, machine_.clock.now(), step);
-    writePreferences();
+    // Its removal ends the daemon at the next tick.
+    if (machine_.fileSystem.isFolder(kSupportFolder)) writePreferences();
     // What was not moved is nearer now, or further away.
     applicationWillBecomeActive();
 }

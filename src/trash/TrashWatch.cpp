@@ -108,7 +108,7 @@ void KorvaneProDaemon::scanChangedTrashes() {
         const auto slot = trashSlots.find(due->folder);
         if (slot == trashSlots.end()) continue;  // it is watched no longer
         const ScanPace::Moment began = sinceBoot();
-        MyFNSubscriptionProc(slot->second, due->folder);
+        carryOut("scanning a trash", [&] { MyFNSubscriptionProc(slot->second, due->folder); });
         scanPace.didScan(due->user, began, sinceBoot());
     }
     scanTimer.reset();

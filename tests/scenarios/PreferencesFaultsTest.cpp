@@ -257,6 +257,25 @@ TEST(SettingsThatCannotBeReadNow, AreLoadedWhenTheyCan) {
     EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed"));
 }
 
+// The last daemon was killed in a check. The start could not know that.
+TEST(SettingsThatCannotBeReadNow, LeaveNoCheckAsRunning) {
+    Scenario s("two-volumes");
+    Dictionary preferences = completePreferences();
+    preferences.set(kVolumeArray,
+                    PropertyListArray{Dictionary{{"volumeMountToName", "/"},
+                                                 {"freeSpaceWarningLevel", 15},
+                                                 {"usageStatus", "2"},
+                                                 {"executionIntervalUsage_minutes", 5},
+                                                 {"executionTimeUsage", s.secondsNow() - 60}}});
+    putPreferences(s, preferences);
+    s.machine().fileSystem.setUnreadableFile(kPreferencesFile);
+    s.run(minutes(1));
+    s.machine().fileSystem.setUnreadableFile("");
+    s.run(minutes(1));
+    EXPECT_THAT(usageResultsIn(s, "System"), ElementsAre("passed"));
+    EXPECT_THAT(usageResultsIn(s, "Data"), ElementsAre("passed"));
+}
+
 // The start that is pending stays so, and no check comes before it.
 TEST(SettingsThatCannotBeReadNow, DoNotReplaceTheStart) {
     MachineDescription description = Scenario::describe("two-volumes");

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "scenarios/DaemonFiles.h"
+#include "storage/SupportFolder.h"
 #include "support/Scenario.h"
 
 namespace korvane {
@@ -477,6 +478,16 @@ TEST(SettingTheClock, LeavesTheDateThatTheMainApplicationHasChosen) {
     }
     s.run(seconds(2));
     EXPECT_THAT(usageResultsIn(s, "Data"), SizeIs(1)) << "its date has come";
+}
+
+TEST(SettingTheClock, MakesNoRemovedSupportFolderAnew) {
+    Scenario s("two-volumes");
+    settle(s);
+    ASSERT_TRUE(s.machine().fileSystem.remove(kSupportFolder));
+    s.stepClock(hours(1)).run(seconds(0));
+    EXPECT_FALSE(s.machine().fileSystem.exists(kSupportFolder));
+    s.run(seconds(2));
+    EXPECT_TRUE(s.hasEnded());
 }
 
 TEST(SettingTheClock, MovesWhatIsOverdueAndWhatIsNew) {
