@@ -177,6 +177,7 @@ struct MissingHelper {
 std::vector<MissingHelper> missingHelpers(const std::string& folder) {
     const MissingHelper all[] = {
         {"KorvaneProDirectoryBackup", "no directory backup can be made"},
+        {"KorvaneProCopy", "no directory backup can be copied to the location of a user"},
         {"KorvaneProDataRecovery", "what goes through the trash cannot be recovered"},
         {"KorvaneProNotice", "warnings show no dialog"}};
     std::vector<MissingHelper> missing;

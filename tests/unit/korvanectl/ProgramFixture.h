@@ -143,8 +143,8 @@ class KorvanectlTest : public testing::Test {
         }
         preferences.set(kVolumeArray, std::move(entries));
         store(preferences);
-        for (const char* const name :
-             {"KorvaneProDirectoryBackup", "KorvaneProDataRecovery", "KorvaneProNotice"}) {
+        for (const char* const name : {"KorvaneProDirectoryBackup", "KorvaneProCopy",
+                                       "KorvaneProDataRecovery", "KorvaneProNotice"}) {
             plugIns.write(name, "");
             std::filesystem::permissions(plugIns / name, std::filesystem::perms::owner_all);
         }
