@@ -116,11 +116,12 @@ def strike(name, other, until):
     return count
 
 
-# One for each backup that comes; the FIFO, which holds up whoever opens it, last.
-ATTACKS = [(strike, folder_with_links)] * 4 + [
-    (strike, folder_that_leads_to_the_target), (flicker, link_to_the_target),
-    (flicker, folder_that_leads_to_the_target), (strike, link_to_the_target),
-    (flicker, folder_with_links), (flicker, folder_with_pipes)]
+# One for each backup that comes, of which there are some nine in 45 seconds; the FIFO, which holds
+# up whoever opens it, last.
+ATTACKS = [(strike, folder_with_links), (flicker, folder_with_links), (strike, folder_with_links),
+           (flicker, link_to_the_target), (strike, folder_that_leads_to_the_target),
+           (flicker, folder_that_leads_to_the_target), (strike, folder_with_links),
+           (strike, link_to_the_target), (flicker, folder_with_pipes)]
 
 
 def main():

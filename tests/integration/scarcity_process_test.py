@@ -1,5 +1,5 @@
 """The real daemon while its machine is short of something: descriptors, memory, threads, room in
-/tmp and /run, a bus that answers, the processor itself. What lacks is named once, the rest goes on,
+/tmp and /run, a bus that answers, the processor itself. What lacks is named once at most, the rest goes on,
 and all of it is taken up again when there is enough.
 
     scarcity_process_test.py DAEMON [TEST]
