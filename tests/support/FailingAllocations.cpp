@@ -39,6 +39,11 @@ void* operator new(std::size_t size) {
     throw std::bad_alloc();
 }
 
+// Of the same family as the operators below, for the sanitizers' bookkeeping.
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return isRefused() ? nullptr : std::malloc(size != 0 ? size : 1);
+}
+
 void operator delete(void* memory) noexcept { std::free(memory); }
 
 void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
