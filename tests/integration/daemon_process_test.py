@@ -7,7 +7,6 @@ import fcntl
 import os
 import plistlib
 import re
-import resource
 import shutil
 import signal
 import subprocess
@@ -200,28 +199,6 @@ class DaemonProcess(DaemonBed):
         self.assertEqual(os.stat(path).st_mode & 0o7777, 0o666)
         os.truncate(path, 65 * 1024 * 1024)  # more than a log of anybody's
         wait_for(lambda: os.stat(path).st_size < 1024 * 1024 and entries() >= 1)
-
-    def test_loads_settings_again_that_it_had_no_descriptor_for(self):
-        self.needs_root_volume()
-        bus = self.start_bus()
-        self.write_preferences(DAEMON_ON=False)
-        daemon = self.start(bus_address=bus.address)
-        wait_for(lambda: usage_status("/") == "0" and is_saved())
-        preferences = read_preferences()
-        preferences["DAEMON_ON"] = True
-        preferences["volumeArray"][0]["executionTimeUsage"] = 1.0
-        pid = daemon.process.pid
-        soft, hard = resource.prlimit(pid, resource.RLIMIT_NOFILE)
-        with open(PREFERENCES, "wb") as file:
-            file.write(plistlib.dumps(preferences))
-        taken = {int(number) for number in os.listdir(f"/proc/{pid}/fd")}
-        first_free = next(number for number in range(len(taken) + 1) if number not in taken)
-        resource.prlimit(pid, resource.RLIMIT_NOFILE, (first_free, hard))
-        self.assertEqual(bus.send("daemonStartYourEngines").stdout, "b true\n")
-        daemon.wait_for_line("Too many open files")
-        resource.prlimit(pid, resource.RLIMIT_NOFILE, (soft, hard))
-        wait_for(lambda: os.path.exists(f"{SUPPORT}/System/Volume Usage.plist"), seconds=20)
-        self.assertEqual(sum("cannot be used" in line for line in daemon.lines()), 1)
 
     def test_a_second_daemon_goes_on_without_the_channel_and_says_nothing(self):
         bus = self.start_bus()

@@ -1,6 +1,6 @@
 """The real daemon while its machine is short of something: descriptors, memory, threads, room in
-/tmp and /run, a bus that answers, the processor itself. What lacks is named once at most, the rest goes on,
-and all of it is taken up again when there is enough.
+/tmp and /run, a bus that answers, the processor itself. What lacks is named once at most, the rest
+goes on, and all of it is taken up again when there is enough.
 
     scarcity_process_test.py DAEMON [TEST]
 """
@@ -14,7 +14,7 @@ import tempfile
 import time
 import unittest
 
-from daemon_bed import (PREFERENCES, DaemonBed, is_saved, mount, read_bytes,
+from daemon_bed import (PREFERENCES, SUPPORT, DaemonBed, is_saved, mount, read_bytes,
                         read_preferences, unmount, usage_status, volume_entries, wait_for)
 
 
@@ -69,6 +69,28 @@ class Scarcity(DaemonBed):
         lift()
         self.wait_for_checks(daemon)
         self.assertEqual(read_preferences()["ofAnotherVersion"], {"kept": ["as", "it", "is"]})
+
+    def test_loads_settings_again_that_it_had_no_descriptor_for(self):
+        self.needs_root_volume()
+        bus = self.start_bus()
+        self.write_preferences(DAEMON_ON=False)
+        daemon = self.start(bus_address=bus.address)
+        wait_for(lambda: usage_status("/") == "0" and is_saved())
+        preferences = read_preferences()
+        preferences["DAEMON_ON"] = True
+        preferences["volumeArray"][0]["executionTimeUsage"] = 1.0
+        pid = daemon.process.pid
+        soft, hard = resource.prlimit(pid, resource.RLIMIT_NOFILE)
+        with open(PREFERENCES, "wb") as file:
+            file.write(plistlib.dumps(preferences))
+        taken = {int(number) for number in os.listdir(f"/proc/{pid}/fd")}
+        first_free = next(number for number in range(len(taken) + 1) if number not in taken)
+        resource.prlimit(pid, resource.RLIMIT_NOFILE, (first_free, hard))
+        self.assertEqual(bus.send("daemonStartYourEngines").stdout, "b true\n")
+        daemon.wait_for_line("Too many open files")
+        resource.prlimit(pid, resource.RLIMIT_NOFILE, (soft, hard))
+        wait_for(lambda: os.path.exists(f"{SUPPORT}/System/Volume Usage.plist"), seconds=20)
+        self.assertEqual(sum("cannot be used" in line for line in daemon.lines()), 1)
 
     def test_loses_neither_the_schedule_nor_settings_when_memory_runs_out(self):
         bus = self.start_bus()

@@ -199,7 +199,9 @@ class TrashFaults(TrashBed):
             crowd.join()
         # The client's start is among it, and the machine may be busy.
         self.assertLess(longest, 2)
-        self.assertLess(cost, 5 << 20)
+        # Without a share it is hundreds of megabytes a second. A sanitized daemon writes twice what
+        # an ordinary one does.
+        self.assertLess(cost, 20 << 20)
 
     def test_drops_old_files_of_results_and_no_folders(self):
         self.watch()
