@@ -11,17 +11,6 @@ namespace {
 
 constexpr char kVolumesFolder[] = "/Volumes";
 
-// The components of an absolute path after "/"; empty ones do not count.
-std::vector<std::string_view> componentsOf(std::string_view path) {
-    std::vector<std::string_view> components;
-    while (!path.empty()) {
-        const std::size_t slash = path.find('/');
-        if (slash != 0) components.push_back(path.substr(0, slash));
-        path.remove_prefix(slash == std::string_view::npos ? path.size() : slash + 1);
-    }
-    return components;
-}
-
 }  // namespace
 
 std::string backupFileName(Time now) {
@@ -41,7 +30,7 @@ std::string volumeFolderAt(std::string_view location, std::string_view volume) {
 }
 
 std::string volumeTopOf(std::string_view location) {
-    const std::vector<std::string_view> components = componentsOf(location);
+    const std::vector<std::string_view> components = pathComponents(location);
     if (components.size() < 2) return {};
     return std::string(kVolumesFolder) + '/' + std::string(components[1]);
 }

@@ -16,4 +16,14 @@ std::optional<std::string_view> fromLastSlash(std::string_view path) {
     return path.substr(slash);
 }
 
+std::vector<std::string_view> pathComponents(std::string_view path) {
+    std::vector<std::string_view> components;
+    while (!path.empty()) {
+        const std::size_t slash = path.find('/');
+        if (slash != 0) components.push_back(path.substr(0, slash));
+        path.remove_prefix(slash == std::string_view::npos ? path.size() : slash + 1);
+    }
+    return components;
+}
+
 }  // namespace korvane

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string_view>
+#include <vector>
 
 namespace korvane {
 
@@ -11,5 +12,8 @@ namespace korvane {
 
 // From the last "/" to the end, that "/" included; nothing where there is none.
 [[nodiscard]] std::optional<std::string_view> fromLastSlash(std::string_view path);
+
+// What is between the slashes, in order, as views of the path. Empty components do not count.
+[[nodiscard]] std::vector<std::string_view> pathComponents(std::string_view path);
 
 }  // namespace korvane

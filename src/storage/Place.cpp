@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "storage/PathText.h"
+
 namespace korvane {
 
 namespace {
@@ -27,13 +29,8 @@ constexpr std::size_t kDeepestWalk = 64;
 constexpr std::size_t kLongestWalk = 100'000;
 
 std::deque<std::string> componentsOf(std::string_view path) {
-    std::deque<std::string> components;
-    while (!path.empty()) {
-        const std::size_t slash = path.find('/');
-        if (slash != 0) components.emplace_back(path.substr(0, slash));
-        path.remove_prefix(slash == std::string_view::npos ? path.size() : slash + 1);
-    }
-    return components;
+    const std::vector<std::string_view> components = pathComponents(path);
+    return {components.begin(), components.end()};
 }
 
 // A user can give a program's file system any device's name; its type cannot be chosen.
