@@ -101,7 +101,8 @@ void KorvaneProDaemon::applicationWillBecomeActive() {
     outTimer.reset();
 }
 
-// Saves nothing: the preferences are written in the course of the work alone.
+// Saves nothing: the preferences are written in the course of the work alone, and a save that was
+// put off is dropped.
 void KorvaneProDaemon::applicationWillTerminate() {
     for (auto& slot : trashRetainerFNSubscriptionRefArray) slot.reset();
     if (directoryPipeTask && directoryPipeTask->isRunning()) abandonDirectoryBackup();
